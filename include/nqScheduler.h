@@ -1,0 +1,148 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace nq {
+
+class nqSchedulerPrivate;
+
+/// Spreads jobs over a pool of worker processes on this machine. A job is an opaque buffer of
+/// bytes; it comes back as a result, or as a failure that carries the job's bytes, a reason and a
+/// message. A worker that crashes, hangs or eats memory costs the one job it holds and is replaced.
+///
+/// There is no thread and no lock: everything happens inside processScheduler(), which the host
+/// calls again and again, and inside the three operations that pump by themselves (waitForFinished,
+/// stopScheduler, the destructor). Time-outs and memory caps act only while the host pumps. All
+/// operations of one object belong to one thread; different objects may live on different threads.
+///
+/// Failures of jobs and workers are never exceptions. Only allocation and stream exceptions pass
+/// through, and none leaves the destructor.
+class [[gnu::visibility("default")]] nqScheduler
+{
+public:
+    /// Why a job failed.
+    enum FailReason : std::int32_t {
+        NoFailure = 0,       ///< there was no failure to pop
+        UnexpectedCrash = 1, ///< the worker died, or its pipe closed, before the result was whole
+        TooMuchRam = 2,      ///< the worker passed the cap of setMaxCapMemory and was killed
+        Timeout = 3          ///< the job passed the limit of setJobProcessTimeout; worker killed
+    };
+
+    /// No executable, no arguments, all limits off. Starts nothing.
+    nqScheduler();
+
+    /// The worker's executable and its arguments, in UTF-8. With `startProcessFlag` the workers'
+    /// standard output and error go to the null device, without it to the host's; their standard
+    /// input is the null device either way. The pipe's name is one more argument: the first with
+    /// `prependChannelId`, else the last. Starts nothing and checks nothing.
+    nqScheduler(
+        const std::string& exePathUtf8,
+        bool startProcessFlag,
+        const std::vector<std::string>& argumentsUtf8,
+        bool prependChannelId);
+
+    /// Stops as stopScheduler() does, which may take long: every pending job is processed first.
+    /// Results and failures that were not popped are dropped.
+    virtual ~nqScheduler();
+
+    nqScheduler(const nqScheduler&) = delete;
+    nqScheduler& operator=(const nqScheduler&) = delete;
+
+    /// @name Configuration
+    /// Frozen while the scheduler is started: a limit is then refused with false, the path and the
+    /// arguments are left alone in silence. A limit of 0 is off. No range is checked.
+    /// @{
+
+    /// Bytes of resident memory; a worker seen above it at any pump pass is killed, idle or not.
+    bool setMaxCapMemory(unsigned long bytes);
+
+    /// Whole seconds a job may take; its worker is killed once a full second more has passed.
+    bool setJobProcessTimeout(unsigned long seconds);
+
+    /// Bytes of resident memory; a worker above it right after a job is replaced. No job is lost.
+    bool setMaxCapMemoryAfterProcessingAJob(unsigned long bytes);
+
+    /// Bytes of private writable memory that a worker may allocate (its soft RLIMIT_DATA, set once
+    /// it has connected). Beyond it the worker's own allocations fail; a worker that ends over this
+    /// loses its job to UnexpectedCrash. Stacks, shared memory and mapped files are not limited.
+    bool setMaxPhysicalMemory(unsigned long bytes);
+
+    /// A relative path counts from the host's current directory at each launch; PATH is not
+    /// searched. Workers run in the executable's folder.
+    void setExePathUtf8(const std::string& exePathUtf8);
+
+    void setArgumentsUtf8(const std::vector<std::string>& argumentsUtf8, bool prependChannelId);
+
+    const std::string& exeUtf8Path() const;
+    const std::vector<std::string>& argumentsUtf8() const;
+    bool prependChannelId() const;
+
+    /// @}
+    /// @name Start, stop, pump
+    /// @{
+
+    /// Listens, then launches `nbWorkers` workers one after the other, giving each
+    /// `workerConnectionTimeout` milliseconds to connect (negative: no wait at all).
+    ///
+    /// False when already started, when the pipe cannot be listened on, when `nbWorkers` is above
+    /// the limit (twice the hardware threads, at least 4; nothing is launched then), or when a
+    /// launch failed. In the last case the workers that did launch stay alive until this object is
+    /// destroyed, and a further start launches `nbWorkers` more. Each refusal is logged.
+    bool startScheduler(unsigned long nbWorkers, int workerConnectionTimeout);
+
+    /// Pumps until every job is resolved, then ends the workers one after the other: each has 30
+    /// seconds to leave before it is killed. False when not started. Results and failures stay for
+    /// pop and popFail, and the scheduler may be started again.
+    bool stopScheduler();
+
+    /// Pumps until no job is pending or in progress. There is no time limit: without a job time-out
+    /// one hanging job, or one empty job ever pushed, keeps it waiting for ever. Returns at once
+    /// when not started.
+    void waitForFinished();
+
+    /// One pass over all workers, then a wait of at most `timeoutMs` milliseconds (0 or less: none)
+    /// for a worker to say something. Does not wait when work is known to be ready: bytes to write,
+    /// a result to pop, or a pending job and a worker to take it. Ended workers are replaced before
+    /// it returns; a replacement blocks until its predecessor has ended and it has connected
+    /// itself.
+    void processScheduler(int timeoutMs);
+
+    /// Launches one more worker. For the library's own use.
+    bool startWorker();
+
+    /// @}
+    /// @name Queues, first in, first out, open at any time
+    /// @{
+
+    /// Appends a copy. Never push an empty job: it is accepted and counted, but never sent, and
+    /// waitForFinished and stopScheduler then wait for it for ever. Jobs of 2^31 bytes or more are
+    /// not supported.
+    void push(const std::vector<char>& job);
+
+    /// Moves the oldest result into `result`. False, and `result` untouched, when there is none.
+    /// Results come in the order of their completion, and nothing ties them to their jobs but what
+    /// the host put into the bytes.
+    bool pop(std::vector<char> & result);
+
+    /// Copies the oldest failure out and removes it. False when there is none; the three arguments
+    /// are then empty, NoFailure and empty.
+    bool popFail(std::vector<char> & job, FailReason & reason, std::string & message);
+
+    /// Jobs that are neither a result nor a failure yet, pending or in a worker's hands.
+    unsigned long jobCount() const;
+    unsigned long resultCount() const;
+    unsigned long failCount() const;
+
+    /// Drops the jobs that no worker has taken yet. They are reported nowhere.
+    void clearPendingJobs();
+
+    /// @}
+
+private:
+    std::unique_ptr<nqSchedulerPrivate> mPrivate;
+};
+
+} // namespace nq

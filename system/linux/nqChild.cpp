@@ -1,0 +1,88 @@
+#include "system/linux/nqChild.h"
+
+#include "system/linux/nqDeadline.h"
+#include "system/linux/nqSystemCall.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <sys/wait.h>
+
+// The C library's header forgets to say so itself.
+extern "C" {
+#include <sys/pidfd.h>
+}
+
+namespace nq {
+
+namespace {
+
+constexpr std::int64_t firstPauseMs = 1; // a process that was killed is gone within that time
+constexpr std::int64_t maxPauseMs = 16;  // late by no more than that, and hardly any load
+
+} // namespace
+
+nqChild::nqChild(pid_t pid)
+    : mPid(pid),
+      mPidfd(::pidfd_open(pid, 0))
+{
+}
+
+bool nqChild::hasEnded()
+{
+    return reap(WNOHANG);
+}
+
+void nqChild::waitForEnd()
+{
+    reap(0);
+}
+
+bool nqChild::waitForEnd(std::int64_t timeoutMs)
+{
+    const nqDeadline deadline(timeoutMs);
+    bool watch = mPidfd.isOpen();
+    std::int64_t pauseMs = firstPauseMs;
+    while (!hasEnded()) {
+        if (deadline.hasPassed())
+            return false;
+        if (watch) {
+            // Reported once, the end stays reported, also while a debugger keeps the child from
+            // being reaped: watching on would spin.
+            pollfd end{mPidfd.get(), POLLIN, 0};
+            watch = deadline.poll(&end, 1) == 0;
+            continue;
+        }
+        // Without a pidfd no event reports the end of one child short of a SIGCHLD handler, and
+        // that signal belongs to the host.
+        nqDeadline(pauseMs).poll(nullptr, 0);
+        pauseMs = std::min(pauseMs * 2, maxPauseMs);
+    }
+    return true;
+}
+
+void nqChild::kill()
+{
+    if (mPidfd.isOpen()) {
+        ::pidfd_send_signal(mPidfd.get(), SIGKILL, nullptr, 0);
+        return;
+    }
+    // Only a child that is running this moment is known to own its number.
+    siginfo_t ended{};
+    if (::waitid(P_PID, static_cast<id_t>(mPid), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+        ended.si_pid == 0)
+        ::kill(mPid, SIGKILL);
+}
+
+bool nqChild::reap(int options)
+{
+    const idtype_t kind = mPidfd.isOpen() ? P_PIDFD : P_PID;
+    const id_t id = static_cast<id_t>(mPidfd.isOpen() ? mPidfd.get() : mPid);
+    siginfo_t ended{};
+    if (retryOnSignal([&] { return ::waitid(kind, id, &ended, WEXITED | options); }) != 0)
+        return errno == ECHILD;
+    return ended.si_pid != 0;
+}
+
+} // namespace nq

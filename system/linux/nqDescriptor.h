@@ -1,0 +1,54 @@
+#pragma once
+
+#include <utility>
+
+namespace nq {
+
+/// Owns one file descriptor and closes it once. Closing preserves errno.
+class nqDescriptor {
+public:
+    nqDescriptor() = default;
+
+    /// Takes over a descriptor fresh from the kernel, or -1 for none. One that landed on 0, 1 or 2,
+    /// because the host runs with a standard stream closed, moves above them: a line that somebody
+    /// prints must never end up in a socket.
+    explicit nqDescriptor(int fresh);
+
+    nqDescriptor(nqDescriptor&& other) noexcept
+        : mFd(std::exchange(other.mFd, -1))
+    {
+    }
+
+    nqDescriptor& operator=(nqDescriptor&& other) noexcept
+    {
+        if (this != &other) {
+            close();
+            mFd = std::exchange(other.mFd, -1);
+        }
+        return *this;
+    }
+
+    ~nqDescriptor()
+    {
+        close();
+    }
+
+    int get() const
+    {
+        return mFd;
+    }
+    bool isOpen() const
+    {
+        return mFd >= 0;
+    }
+    void close() noexcept;
+
+    /// Moves the descriptor to the lowest free number above the standard streams; keeps it where it
+    /// is when no number is free.
+    void moveToLowNumber();
+
+private:
+    int mFd = -1;
+};
+
+} // namespace nq

@@ -1,0 +1,110 @@
+#include "system/linux/nqLeash.h"
+
+#include <algorithm>
+#include <csignal>
+#include <fcntl.h>
+#include <mutex>
+#include <new>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+namespace nq {
+
+namespace {
+
+bool armForOwnGroup(int end) noexcept
+{
+    return ::fcntl(end, F_SETOWN, -::getpid()) == 0 && ::fcntl(end, F_SETSIG, SIGKILL) == 0 &&
+           ::fcntl(end, F_SETFL, O_ASYNC | O_NONBLOCK) == 0;
+}
+
+} // namespace
+
+/// The leashes of this process, for the fork handler. Their sockets are opened and closed under the
+/// lock, so that a fork sees either both ends and the entry or none of them.
+struct nqLeash::Registry {
+    std::mutex mMutex;
+    std::vector<nqLeash*> mLeashes;
+
+    Registry()
+    {
+        if (::pthread_atfork(lock, unlock, closeCopies) != 0)
+            throw std::bad_alloc();
+    }
+
+    /// Never destroyed: static objects of the host may own processes until the very end.
+    static Registry& instance()
+    {
+        static auto* const registry = new Registry;
+        return *registry;
+    }
+
+    static void lock()
+    {
+        instance().mMutex.lock();
+    }
+    static void unlock()
+    {
+        instance().mMutex.unlock();
+    }
+
+    static void closeCopies()
+    {
+        // Closed and not shut down: a shutdown would reach the sockets of the parent.
+        for (nqLeash* leash : instance().mLeashes) {
+            leash->mOneEnd.close();
+            leash->mOtherEnd.close();
+        }
+        instance().mLeashes.clear();
+        unlock();
+    }
+};
+
+nqLeash::nqLeash()
+{
+    Registry& registry = Registry::instance();
+    const std::lock_guard guard(registry.mMutex);
+    registry.mLeashes.reserve(registry.mLeashes.size() + 1);
+
+    int ends[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) != 0)
+        return;
+    mOneEnd = nqDescriptor(ends[0]);
+    mOtherEnd = nqDescriptor(ends[1]);
+    registry.mLeashes.push_back(this);
+}
+
+nqLeash::~nqLeash()
+{
+    release();
+}
+
+bool nqLeash::armForOwnGroup() const noexcept
+{
+    return nq::armForOwnGroup(mOneEnd.get()) && nq::armForOwnGroup(mOtherEnd.get());
+}
+
+void nqLeash::killGroup() noexcept
+{
+    // Closing would do as well, but too late when a child that another thread has just forked holds
+    // copies until its exec. A shutdown hangs up whoever else holds the socket.
+    if (isMade())
+        ::shutdown(mOneEnd.get(), SHUT_RDWR);
+}
+
+void nqLeash::release() noexcept
+{
+    if (!mOneEnd.isOpen() && !mOtherEnd.isOpen())
+        return;
+    Registry& registry = Registry::instance();
+    const std::lock_guard guard(registry.mMutex);
+    killGroup();
+    mOneEnd.close();
+    mOtherEnd.close();
+    std::vector<nqLeash*>& leashes = registry.mLeashes;
+    leashes.erase(std::remove(leashes.begin(), leashes.end(), this), leashes.end());
+}
+
+} // namespace nq

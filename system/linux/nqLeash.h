@@ -1,0 +1,57 @@
+#pragma once
+
+#include "system/linux/nqDescriptor.h"
+
+namespace nq {
+
+/// Ties the process group of one child to the life of the host.
+///
+/// A pair of connected stream sockets, both ends held by the host alone. Before its exec the child
+/// names its own process group as the owner of both ends, and SIGKILL as the signal that reports
+/// activity on them. Owner and signal belong to the open sockets and not to the process that set
+/// them, so they hold in the host, and the child keeps nothing.
+///
+/// When the host ends, by whatever means, the kernel closes its descriptors one after the other.
+/// Whichever end goes first hangs up on the other, which still stands for that moment, and the
+/// kernel reports the hang-up by sending SIGKILL to every member of the group. No thread of the
+/// host matters and no worker can prevent it. A host that dies between vfork and exec leaves the
+/// last references to the child, whose own exec closes them and thereby kills it. The owner is a
+/// reference to the group inside the kernel and not a number, so a reused number is never hit.
+///
+/// A child that the host forks without an exec would hold copies and keep the group alive after the
+/// host's end; a fork handler closes them there. Not copied and not moved, because that handler
+/// knows its address. Any thread may make and destroy leashes.
+class nqLeash {
+public:
+    /// Makes the pair. isMade() is false when the host has no descriptors left.
+    nqLeash();
+
+    /// Kills what is left of an armed group.
+    ~nqLeash();
+
+    nqLeash(const nqLeash&) = delete;
+    nqLeash& operator=(const nqLeash&) = delete;
+
+    bool isMade() const
+    {
+        return mOneEnd.isOpen() && mOtherEnd.isOpen();
+    }
+
+    /// Called by the child, which leads its process group, between vfork and exec: nothing but
+    /// system calls. False when the kernel refuses.
+    bool armForOwnGroup() const noexcept;
+
+    /// Kills every member of the group. Does nothing on a leash that nobody armed.
+    void killGroup() noexcept;
+
+    /// Kills what is left of the group and closes both ends.
+    void release() noexcept;
+
+private:
+    struct Registry;
+
+    nqDescriptor mOneEnd;
+    nqDescriptor mOtherEnd;
+};
+
+} // namespace nq

@@ -1,0 +1,61 @@
+#include "system/linux/nqPeer.h"
+
+#include <cerrno>
+#include <poll.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace nq {
+
+namespace {
+
+// SO_PEERPIDFD of Linux 6.5; the headers of the C library may be older than the kernel.
+constexpr int socketOptionPeerPidfd = 77;
+
+// The kernel hands out the very process that connected, even if its pid is in use again.
+int pidfdOfPeer(int socket)
+{
+    int pidfd = -1;
+    socklen_t size = sizeof pidfd;
+    if (::getsockopt(socket, SOL_SOCKET, socketOptionPeerPidfd, &pidfd, &size) != 0)
+        return -1;
+    return pidfd;
+}
+
+} // namespace
+
+nqPeer::nqPeer(int socket)
+{
+    ucred credentials{};
+    socklen_t size = sizeof credentials;
+    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0)
+        return;
+    mCredentials = credentials;
+    if (mCredentials.pid <= 0 || mCredentials.pid == ::getpid())
+        return;
+
+    mWatch = nqDescriptor(pidfdOfPeer(socket));
+    if (mWatch.isOpen())
+        return;
+    const auto pidfd = static_cast<int>(::syscall(SYS_pidfd_open, mCredentials.pid, 0));
+    mDead = pidfd < 0 && errno == ESRCH;
+    mWatch = nqDescriptor(pidfd);
+}
+
+bool nqPeer::belongsToThisUser() const
+{
+    return mCredentials.uid == ::geteuid();
+}
+
+bool nqPeer::hasDied()
+{
+    if (mDead || !mWatch.isOpen())
+        return mDead;
+    pollfd watch{mWatch.get(), POLLIN, 0};
+    mDead = ::poll(&watch, 1, 0) > 0;
+    if (mDead)
+        mWatch.close();
+    return mDead;
+}
+
+} // namespace nq

@@ -1,0 +1,56 @@
+#pragma once
+
+#include "system/linux/nqDescriptor.h"
+#include "system/linux/nqPeer.h"
+#include "system/nqNamedPipe.h"
+
+#include <chrono>
+#include <cstddef>
+#include <vector>
+
+namespace nq {
+
+/// What a pipe consists of. Shared by the pipe itself and the server, which makes pipes of the
+/// connections that it accepts.
+struct nqNamedPipe::State {
+    enum class Phase {
+        closed, // no socket, nothing moves
+        open,   // bytes may arrive
+        ended,  // no more bytes arrive, but some in the incoming buffer may still be taken
+    };
+
+    Phase mPhase = Phase::closed;
+    nqDescriptor mSocket;      // open unless the phase is closed
+    nqPeer mPeer;              // who is at the other end of it
+    bool mWriteFailed = false; // the peer takes nothing any more; it may still have sent something
+    std::vector<char> mIncoming;
+    std::vector<char> mOutgoing;
+    std::size_t mLeftByLastCall = 0;          // bytes in mIncoming when the last call returned
+    std::chrono::milliseconds mLastLookAt{0}; // when the peer's life was last looked at
+
+    /// Makes a closed pipe an open one.
+    void adopt(nqDescriptor socket, nqPeer peer);
+
+    /// Gives up the socket and what both buffers hold.
+    void close();
+
+    bool isConnected() const;
+    bool isWriteChannelClosed() const;
+    bool hasPendingWrite() const;
+    bool isIncomingFull() const;
+
+    /// One call of processNamedPipeEvents on a pipe that is not closed.
+    void processEvents(int timeoutMs, bool wait);
+
+private:
+    bool isForsaken();
+    bool exchange();
+    bool writePending();
+    bool readAvailable();
+    bool isPeerFoundDead();
+    bool hasPeerLeft();
+    void waitForActivity(int timeoutMs);
+    void moveIntoRangeOfSelect();
+};
+
+} // namespace nq

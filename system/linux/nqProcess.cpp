@@ -1,0 +1,221 @@
+#include "system/nqProcess.h"
+
+#include "system/linux/nqChild.h"
+#include "system/linux/nqDescriptor.h"
+#include "system/linux/nqKilledGroups.h"
+#include "system/linux/nqLeash.h"
+#include "system/linux/nqReaper.h"
+#include "system/linux/nqSpawn.h"
+#include "system/linux/nqSystemCall.h"
+#include "system/nqDirUtils.h"
+
+#include <algorithm>
+#include <charconv>
+#include <fcntl.h>
+#include <limits>
+#include <optional>
+#include <sys/resource.h>
+#include <unistd.h>
+#include <utility>
+
+namespace nq {
+
+namespace {
+
+constexpr unsigned int noTimeLimit = std::numeric_limits<unsigned int>::max();
+
+// A killed process normally ends within a millisecond, later when it has gigabytes to give back.
+constexpr std::int64_t maxWaitOfDestructorMs = 1'000;
+
+constexpr int lowPriorityNiceness = 10; // half of the way down: runs at a tenth of the usual share
+constexpr int idlePriorityNiceness = 19;
+
+int nicenessOf(nqProcess::ProcessPriority priority)
+{
+    switch (priority) {
+    case nqProcess::InheritedPriority:
+        return 0;
+    case nqProcess::LowPriority:
+        return lowPriorityNiceness;
+    case nqProcess::IdlePriority:
+        return idlePriorityNiceness;
+    }
+    return 0;
+}
+
+bool holdsNul(const std::string& text)
+{
+    return text.find('\0') != std::string::npos;
+}
+
+// The second number of a statm line; 0 when there is none.
+std::uint64_t residentPages(const char* position, const char* end)
+{
+    position = std::find(position, end, ' ');
+    if (position == end)
+        return 0;
+    std::uint64_t pages = 0;
+    std::from_chars(position + 1, end, pages);
+    return pages;
+}
+
+nqDescriptor openMemoryStatistics(pid_t pid)
+{
+    const std::string path = "/proc/" + std::to_string(pid) + "/statm";
+    return nqDescriptor(retryOnSignal([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
+}
+
+} // namespace
+
+struct nqProcess::State {
+    std::string mWorkingDirectory;      // empty: the host's
+    bool mStartWasCalled = false;       // whatever came of it
+    ProcessState mProcess = NotStarted; // changed by start() and enterEnded() only
+    pid_t mPid = 0;                     // kept after the end, for messages
+    std::optional<nqChild> mChild;      // set while mProcess is Running
+    std::optional<nqLeash> mLeash;      // armed while mProcess is Running, else none
+    nqDescriptor mMemoryStatistics;     // kept open, so that it never means another process
+
+    bool start(const nqSpawnRequest& request);
+    void enterEnded();
+    bool isRunning();
+};
+
+bool nqProcess::State::start(const nqSpawnRequest& request)
+{
+    mPid = nqSpawn(request);
+    if (mPid == 0)
+        return false;
+    nqKilledGroups::remove(mPid);
+    mChild.emplace(mPid);
+    mProcess = Running;
+    mMemoryStatistics = openMemoryStatistics(mPid);
+    return true;
+}
+
+// The leader is gone. What it forked into its group goes with it, and a connection from there is
+// nobody's any more.
+void nqProcess::State::enterEnded()
+{
+    mProcess = Ended;
+    nqKilledGroups::add(mPid);
+    mLeash.reset();
+    mMemoryStatistics.close();
+    mChild.reset();
+}
+
+bool nqProcess::State::isRunning()
+{
+    if (mProcess == Running && mChild->hasEnded())
+        enterEnded();
+    return mProcess == Running;
+}
+
+nqProcess::nqProcess()
+    : mState(std::make_unique<State>())
+{
+}
+
+nqProcess::~nqProcess()
+{
+    killProcess();
+    if (mState->mProcess == Running && !mState->mChild->waitForEnd(maxWaitOfDestructorMs))
+        nqReaper::takeOver(std::move(*mState->mChild));
+    nqReaper::reapEnded();
+}
+
+void nqProcess::setWorkingDirectory(const std::string& directoryUtf8)
+{
+    mState->mWorkingDirectory = directoryUtf8;
+}
+
+bool nqProcess::startProcess(
+    const std::string& exePathUtf8,
+    const std::vector<std::string>& arguments,
+    bool silenceOutput,
+    ProcessPriority priority)
+{
+    nqReaper::reapEnded();
+    if (std::exchange(mState->mStartWasCalled, true))
+        return false;
+    // The kernel would silently cut such a text short.
+    if (holdsNul(exePathUtf8) || holdsNul(mState->mWorkingDirectory) ||
+        std::any_of(arguments.begin(), arguments.end(), holdsNul))
+        return false;
+
+    const std::string executable = nqDirUtils::GetAbsolutePathUtf8(exePathUtf8);
+    // execve takes its texts as not const for historical reasons and leaves them alone.
+    std::vector<char*> texts{const_cast<char*>(exePathUtf8.c_str())};
+    for (const std::string& argument : arguments)
+        texts.push_back(const_cast<char*>(argument.c_str()));
+    texts.push_back(nullptr);
+
+    mState->mLeash.emplace();
+    nqSpawnRequest request;
+    request.mExecutable = executable.c_str();
+    request.mArguments = texts.data();
+    if (!mState->mWorkingDirectory.empty())
+        request.mWorkingDirectory = mState->mWorkingDirectory.c_str();
+    request.mSilenceOutput = silenceOutput;
+    request.mNiceness = nicenessOf(priority);
+    request.mLeash = &*mState->mLeash;
+    if (mState->mLeash->isMade() && mState->start(request))
+        return true;
+    mState->mLeash.reset();
+    return false;
+}
+
+nqProcess::ProcessState nqProcess::getState() const
+{
+    mState->isRunning();
+    return mState->mProcess;
+}
+
+std::int64_t nqProcess::getPid() const
+{
+    return mState->mPid;
+}
+
+std::uint64_t nqProcess::getCurrentRamInUse() const
+{
+    static const auto pageBytes = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
+    if (!mState->mMemoryStatistics.isOpen())
+        return 0;
+    char line[128]; // seven numbers of at most twenty digits in theory; the second stands well
+                    // inside
+    const ssize_t count = retryOnSignal(
+        [&] { return ::pread(mState->mMemoryStatistics.get(), line, sizeof(line), 0); });
+    return count > 0 ? residentPages(line, line + count) * pageBytes : 0;
+}
+
+bool nqProcess::setWorkingSetMaxSize(std::uint64_t bytes)
+{
+    rlimit limit{};
+    if (!mState->isRunning() || ::prlimit(mState->mPid, RLIMIT_DATA, nullptr, &limit) != 0)
+        return false;
+    limit.rlim_cur = std::min<rlim_t>(bytes, limit.rlim_max);
+    return ::prlimit(mState->mPid, RLIMIT_DATA, &limit, nullptr) == 0;
+}
+
+void nqProcess::killProcess()
+{
+    if (!mState->isRunning())
+        return;
+    nqKilledGroups::add(mState->mPid);
+    mState->mLeash->killGroup();
+    mState->mChild->kill(); // it may have moved itself to another group
+}
+
+bool nqProcess::waitForFinished(unsigned int timeoutMs)
+{
+    if (mState->mProcess != Running)
+        return true;
+    if (timeoutMs == noTimeLimit)
+        mState->mChild->waitForEnd();
+    else if (!mState->mChild->waitForEnd(timeoutMs))
+        return false;
+    mState->enterEnded();
+    return true;
+}
+
+} // namespace nq

@@ -1,0 +1,27 @@
+#pragma once
+
+#include "system/linux/nqLeash.h"
+
+#include <sys/types.h>
+
+namespace nq {
+
+/// What nqSpawn starts and how. Everything pointed to is borrowed for the call.
+struct nqSpawnRequest {
+    const char* mExecutable = nullptr;       // absolute path; execve looks nowhere else
+    char* const* mArguments = nullptr;       // with the program's name first and null last
+    const char* mWorkingDirectory = nullptr; // null: the host's
+    bool mSilenceOutput = false;             // 1 and 2 go to the null device
+    int mNiceness = 0;                       // 0: the host's, which is also the least
+    const nqLeash* mLeash = nullptr;         // armed for the group that the child leads
+};
+
+/// Starts a child that leads its own process group, with an empty signal mask, default
+/// dispositions, a null standard input, the host's environment and no descriptor above 2.
+///
+/// Returns its process id once the program is executing; 0 when it could not be started, and then
+/// no child is left behind. Copies no memory of the host, whatever its size, and is safe in a host
+/// with many threads: between vfork and exec there are only system calls.
+pid_t nqSpawn(const nqSpawnRequest& request);
+
+} // namespace nq

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <chrono>
+
+namespace nq {
+
+/// A stopwatch on the monotonic clock. Not locked: one thread at a time.
+class [[gnu::visibility("default")]] nqHighResTimer
+{
+public:
+    /// Starts, or starts again from zero.
+    void start();
+
+    /// Seconds since the last start(); 0 when never started.
+    double getElapsedTimeInSec() const;
+
+private:
+    std::chrono::steady_clock::time_point mStart{};
+    bool mIsStarted = false;
+};
+
+} // namespace nq

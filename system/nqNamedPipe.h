@@ -1,0 +1,84 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace nq {
+
+/// One end of a connected byte stream between two processes of the same user, with a buffer in each
+/// direction. Bytes move between the buffers and the kernel only inside processNamedPipeEvents.
+///
+/// A lost peer is a state, never an exception or a signal: writing to it raises no SIGPIPE.
+///
+/// | state                      | isReadChannelClosed | isConnected | isWriteChannelClosed |
+/// | -------------------------- | ------------------- | ----------- | -------------------- |
+/// | never connected, or closed | true                | false       | true                 |
+/// | open                       | false               | true        | false                |
+/// | end seen, bytes untaken    | false               | true        | as it was            |
+/// | end seen, bytes taken      | true                | false       | true                 |
+///
+/// The peer's end becomes visible only when the bytes sent before it have been taken out of the
+/// incoming buffer, so that a last message is never lost. When a call finds that nobody has taken a
+/// byte since the call before saw the end, the pipe is closed for good and the bytes are dropped.
+///
+/// Not locked: one thread per object.
+class [[gnu::visibility("default")]] nqNamedPipe
+{
+public:
+    /// Not connected.
+    nqNamedPipe();
+
+    /// Closes as closeNamedPipe does.
+    virtual ~nqNamedPipe();
+
+    nqNamedPipe(const nqNamedPipe&) = delete;
+    nqNamedPipe& operator=(const nqNamedPipe&) = delete;
+
+    /// Connects to the server that listens under `name` (1 to 107 bytes); closes a previous
+    /// connection first. False, and not connected, when the name is refused, nobody listens, or the
+    /// server belongs to another user. Does not block.
+    bool connectToNamedPipeServerUtf8(const std::string& name);
+
+    /// Writes what is pending and reads what is there, both without blocking. Only if nothing
+    /// moved, `wait` is set and `timeoutMs` is above 0, waits up to `timeoutMs` milliseconds for
+    /// activity, then writes and reads once more. Returns after the first activity. One call reads
+    /// a bounded number of bytes, and reads nothing while the incoming buffer is full.
+    void processNamedPipeEvents(int timeoutMs, bool wait);
+
+    bool isConnected() const;
+    bool isReadChannelClosed() const;
+    bool isWriteChannelClosed() const;
+
+    /// True while bytes wait in the outgoing buffer of an open pipe.
+    bool hasPendingWrite() const;
+
+    /// Received and not yet consumed. The consumer takes bytes from the front and erases them.
+    std::vector<char>& incomingBuffer();
+    const std::vector<char>& incomingBuffer() const;
+
+    /// Waiting to be sent. The producer appends at the end and keeps the size within
+    /// outgoingBufferLimit().
+    std::vector<char>& outgoingBuffer();
+    const std::vector<char>& outgoingBuffer() const;
+
+    /// How many bytes the outgoing buffer may hold.
+    std::uint64_t outgoingBufferLimit() const;
+
+    /// The descriptor to wait on for incoming bytes; -1 when there is no connection, when the
+    /// number cannot go into a select() set, or when nothing could be read because the incoming
+    /// buffer is full. Borrowed: never close it.
+    int getSocket() const;
+
+    /// Ends the connection and empties both buffers. What is still in the outgoing buffer is
+    /// offered to the kernel once, without blocking.
+    void closeNamedPipe();
+
+private:
+    friend class nqNamedPipeServer;
+    struct State;
+    std::unique_ptr<State> mState;
+};
+
+} // namespace nq

@@ -1,0 +1,60 @@
+#pragma once
+
+#include "nqNamedPipe.h"
+
+#include <memory>
+#include <string>
+
+namespace nq {
+
+/// The listening end of a named pipe. The name lives in the kernel's abstract socket namespace, so
+/// nothing is ever on disk and nothing is left when the host is killed. Only processes of the same
+/// effective user get in.
+///
+/// Not locked: one thread per object.
+class [[gnu::visibility("default")]] nqNamedPipeServer
+{
+public:
+    /// Idle: not listening.
+    nqNamedPipeServer();
+
+    /// Closes as closeNamedPipeServer does.
+    virtual ~nqNamedPipeServer();
+
+    nqNamedPipeServer(const nqNamedPipeServer&) = delete;
+    nqNamedPipeServer& operator=(const nqNamedPipeServer&) = delete;
+
+    /// Listens under `name`, 1 to 107 bytes. True when listening; when it already listens under
+    /// that very name, true and nothing changes; under another name, the old one is closed first.
+    /// False, and not listening, when the name is refused or taken. A name that this object gave up
+    /// a moment ago may still be held by a child of another thread on its way to exec; that is
+    /// waited for, up to a second.
+    bool listenUtf8(const std::string& name);
+
+    /// Handles what a server may have to do between connections; never blocks when `timeoutMs` is
+    /// 0. Connections are taken in only by waitForNewConnection, so this costs nothing.
+    void processPipeServerEvents(int timeoutMs);
+
+    /// Waits up to `timeoutMs` milliseconds for a connection, 0 or less meaning one look, and puts
+    /// it at the end of the pending list. False when none came, when not listening, or when the
+    /// process has no descriptor left. `*timedOut`, if given, says whether the time ran out.
+    ///
+    /// Never accepted: a process of another user, a peer that has hung up without sending
+    /// anything, and a member of a process group that nqProcess has killed.
+    bool waitForNewConnection(int timeoutMs, bool* timedOut);
+
+    /// Whether accepted connections wait to be taken.
+    bool hasPendingConnections() const;
+
+    /// Takes the oldest pending connection; null when there is none. The caller owns it.
+    std::unique_ptr<nqNamedPipe> takePendingConnection();
+
+    /// Stops listening and closes the connections that were not taken.
+    void closeNamedPipeServer();
+
+private:
+    struct State;
+    std::unique_ptr<State> mState;
+};
+
+} // namespace nq

@@ -1,0 +1,91 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace nq {
+
+/// One child process and, with it, the process group that it leads.
+///
+/// The child lives at most as long as its host: when the host ends by any means, SIGKILL included,
+/// the kernel kills the child's whole group. The same happens when this object is destroyed. What
+/// moves itself into another process group escapes both.
+///
+/// Installs no signal handler and never waits for children that it did not start, so the host's
+/// other children stay the host's. A host that ignores SIGCHLD or reaps every child itself is
+/// served too. Not locked: one thread per object; different objects may be used on different
+/// threads. After fork() the child of a host must not touch objects made by its parent.
+class [[gnu::visibility("default")]] nqProcess
+{
+public:
+    enum ProcessState : int {
+        NotStarted = 0, ///< startProcess was not called or failed
+        Running = 1,    ///< started, and not known to have ended
+        Ended = 2       ///< ended and reaped; its pid is never used again
+    };
+
+    /// 0 leaves the niceness of the host alone; the others set it.
+    enum ProcessPriority : int { InheritedPriority = 0, LowPriority = 1, IdlePriority = 2 };
+
+    nqProcess();
+
+    /// Kills whatever is left of the process's group and leaves no zombie behind. Returns as soon
+    /// as the process has ended, and after a short wait in any case: a process that the kernel
+    /// cannot end yet is reaped by a later operation on any nqProcess.
+    virtual ~nqProcess();
+
+    nqProcess(const nqProcess&) = delete;
+    nqProcess& operator=(const nqProcess&) = delete;
+
+    /// Directory that the child is started in; an empty text means the host's current one. UTF-8.
+    void setWorkingDirectory(const std::string& directoryUtf8);
+
+    /// Starts `exePathUtf8` with `arguments` (the path itself is not among them). True when the
+    /// program is running; false when it could not be executed, and then getState() is not Running
+    /// and nothing is left behind. Can be called once per object; a further call returns false.
+    ///
+    /// A relative path counts from the host's current directory; PATH is not searched. The child
+    /// gets the host's environment, an empty signal mask, default signal dispositions, a null
+    /// standard input, and no descriptor above 2. With `silenceOutput` its standard output and
+    /// error go to the null device, else they are the host's. Costs the same in a host with many
+    /// threads and much memory as in a small one.
+    bool startProcess(
+        const std::string& exePathUtf8,
+        const std::vector<std::string>& arguments,
+        bool silenceOutput,
+        ProcessPriority priority);
+
+    /// Looks without waiting, and reaps a process that has ended.
+    ProcessState getState() const;
+
+    /// The process id; 0 when none was started. Kept after the end, for messages.
+    std::int64_t getPid() const;
+
+    /// Resident memory in bytes; 0 when the process has ended or was never started. Shared pages
+    /// count in full. One read of an open descriptor, cheap enough for every pass.
+    std::uint64_t getCurrentRamInUse() const;
+
+    /// Limits the private writable memory (heap, anonymous and private writable mappings) of the
+    /// running child to `bytes`: its soft RLIMIT_DATA, which the kernel enforces at allocation, so
+    /// that the child's allocations fail beyond it. What the child already has is not taken back.
+    /// Not limited: stacks, shared memory, mappings of files that are only read. A child may raise
+    /// the limit again up to its hard limit. False when the child is not running or the kernel
+    /// refuses.
+    bool setWorkingSetMaxSize(std::uint64_t bytes);
+
+    /// Kills the whole process group and returns at once, without waiting for the end. Does nothing
+    /// when no process was started or it has already been reaped.
+    void killProcess();
+
+    /// Waits at most `timeoutMs` milliseconds for the end and reaps; 0 looks once, 0xFFFFFFFF waits
+    /// without limit. True when the process has ended, or none was started.
+    bool waitForFinished(unsigned int timeoutMs);
+
+private:
+    struct State;
+    std::unique_ptr<State> mState;
+};
+
+} // namespace nq

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace nq {
+
+/// Small facts about the machine and the process. Every operation is static and may be called from
+/// any thread.
+class [[gnu::visibility("default")]] nqSystemUtils
+{
+public:
+    /// A fresh random UUID (version 4) in lower-case hexadecimal, from the kernel's random source:
+    /// 36 characters with hyphens, 32 without. Throws std::system_error when the kernel gives no
+    /// random bytes, because a predictable pipe name is worse than no scheduler.
+    static std::string CreateUuid(bool withHyphens);
+
+    /// The number of hardware threads that are online, at least 1.
+    static int GetIdealThreadCount();
+
+    /// Milliseconds of wall time since 1970-01-01T00:00:00Z. Meant for stamps, never for deadlines.
+    static std::uint64_t GetMSecElapsedSinceEpoch();
+};
+
+} // namespace nq
