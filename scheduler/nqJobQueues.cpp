@@ -1,0 +1,98 @@
+#include "scheduler/nqJobQueues.h"
+
+#include <utility>
+
+namespace nq {
+
+namespace {
+
+bool moveFrontInto(std::deque<std::vector<char>>& queue, std::vector<char>& data)
+{
+    if (queue.empty())
+        return false;
+    data = std::move(queue.front());
+    queue.pop_front();
+    return true;
+}
+
+} // namespace
+
+void nqJobQueues::push(const std::vector<char>& job)
+{
+    mPendingJobs.push_back(job);
+}
+
+bool nqJobQueues::pop(std::vector<char>& result)
+{
+    return moveFrontInto(mResults, result);
+}
+
+bool nqJobQueues::popFail(
+    std::vector<char>& job, nqScheduler::FailReason& reason, std::string& message)
+{
+    job.clear();
+    message.clear();
+    reason = nqScheduler::NoFailure;
+    if (mFailedJobs.empty())
+        return false;
+
+    const nqFailedJob& oldest = mFailedJobs.front();
+    job = oldest.mJob;
+    reason = oldest.mReason;
+    message = oldest.mMessage;
+    mFailedJobs.pop_front();
+    return true;
+}
+
+void nqJobQueues::clearPendingJobs()
+{
+    mPendingJobs.clear();
+}
+
+unsigned long nqJobQueues::jobCount() const
+{
+    return mPendingJobs.size() + static_cast<unsigned long>(mJobsInProgress);
+}
+
+unsigned long nqJobQueues::resultCount() const
+{
+    return mResults.size();
+}
+
+unsigned long nqJobQueues::failCount() const
+{
+    return mFailedJobs.size();
+}
+
+unsigned long nqJobQueues::pendingJobCount() const
+{
+    return mPendingJobs.size();
+}
+
+bool nqJobQueues::allJobsDone() const
+{
+    return jobCount() == 0;
+}
+
+bool nqJobQueues::takeNextJob(std::vector<char>& job)
+{
+    if (!moveFrontInto(mPendingJobs, job))
+        return false;
+    ++mJobsInProgress;
+    return true;
+}
+
+void nqJobQueues::pushResult(const std::vector<char>& result)
+{
+    --mJobsInProgress;
+    mResults.push_back(result);
+}
+
+void nqJobQueues::pushFailedJob(
+    const std::vector<char>& job, nqScheduler::FailReason reason, const std::string& message)
+{
+    --mJobsInProgress;
+    mFailedJobs.push_back(nqFailedJob{job, reason, message});
+}
+
+} // namespace nq

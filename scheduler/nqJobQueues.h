@@ -1,0 +1,49 @@
+#pragma once
+
+#include "include/nqScheduler.h"
+#include "scheduler/nqFailedJob.h"
+
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <vector>
+
+namespace nq {
+
+/// The three queues through which job data enters and leaves a scheduler, all first in, first out,
+/// and the count of jobs that are in the hands of a worker.
+///
+/// A job counts from push until it is a result or a failure. takeNextJob moves it from the pending
+/// queue to the counter, pushResult and pushFailedJob take it off the counter; nothing else may
+/// touch the queues, or the count goes wrong. The counter is not clamped: a result that no
+/// takeNextJob stands behind drives it below zero.
+class nqJobQueues {
+public:
+    void push(const std::vector<char>& job);
+    bool pop(std::vector<char>& result);
+    bool popFail(std::vector<char>& job, nqScheduler::FailReason& reason, std::string& message);
+    void clearPendingJobs();
+
+    unsigned long jobCount() const;
+    unsigned long resultCount() const;
+    unsigned long failCount() const;
+    unsigned long pendingJobCount() const;
+    bool allJobsDone() const;
+
+    /// Moves the oldest pending job into `job` and counts it as in progress; false, and nothing
+    /// changes, when there is none.
+    bool takeNextJob(std::vector<char>& job);
+
+    /// Both lower the counter first, so it stays lowered when the copy fails to find memory.
+    void pushResult(const std::vector<char>& result);
+    void pushFailedJob(
+        const std::vector<char>& job, nqScheduler::FailReason reason, const std::string& message);
+
+private:
+    std::deque<nqFailedJob> mFailedJobs;
+    std::deque<std::vector<char>> mPendingJobs;
+    std::deque<std::vector<char>> mResults;
+    std::int32_t mJobsInProgress = 0;
+};
+
+} // namespace nq

@@ -1,0 +1,138 @@
+#include "include/nqScheduler.h"
+
+#include "scheduler/nqSchedulerPrivate.h"
+#include "system/nqSystemUtils.h"
+
+namespace nq {
+
+nqSchedulerPrivate::nqSchedulerPrivate()
+    : mPipeName(nqSystemUtils::CreateUuid(true)),
+      mQueues(std::make_unique<nqJobQueues>())
+{
+}
+
+// The workers that a failed start left behind go first, while the queues they refer to still exist.
+nqSchedulerPrivate::~nqSchedulerPrivate()
+{
+    mExeUtf8Path.clear();
+    mArgumentsUtf8.clear();
+    mWorkers.clear();
+}
+
+nqScheduler::nqScheduler()
+    : mPrivate(std::make_unique<nqSchedulerPrivate>())
+{
+}
+
+nqScheduler::nqScheduler(
+    const std::string& exePathUtf8,
+    bool startProcessFlag,
+    const std::vector<std::string>& argumentsUtf8,
+    bool prependChannelId)
+    : nqScheduler()
+{
+    mPrivate->mStartProcessFlag = startProcessFlag;
+    mPrivate->mExeUtf8Path = exePathUtf8;
+    mPrivate->mArgumentsUtf8 = argumentsUtf8;
+    mPrivate->mPrependChannelId = prependChannelId;
+}
+
+bool nqScheduler::setMaxCapMemory(unsigned long bytes)
+{
+    if (mPrivate->mStarted)
+        return false;
+    mPrivate->mMaxCapMemory = bytes;
+    return true;
+}
+
+bool nqScheduler::setJobProcessTimeout(unsigned long seconds)
+{
+    if (mPrivate->mStarted)
+        return false;
+    mPrivate->mJobProcessTimeout = seconds;
+    return true;
+}
+
+bool nqScheduler::setMaxCapMemoryAfterProcessingAJob(unsigned long bytes)
+{
+    if (mPrivate->mStarted)
+        return false;
+    mPrivate->mMaxCapMemoryAfterProcessingAJob = bytes;
+    return true;
+}
+
+bool nqScheduler::setMaxPhysicalMemory(unsigned long bytes)
+{
+    if (mPrivate->mStarted)
+        return false;
+    mPrivate->mMaxPhysicalMemory = bytes;
+    return true;
+}
+
+void nqScheduler::setExePathUtf8(const std::string& exePathUtf8)
+{
+    if (mPrivate->mStarted)
+        return;
+    mPrivate->mExeUtf8Path = exePathUtf8;
+}
+
+void nqScheduler::setArgumentsUtf8(
+    const std::vector<std::string>& argumentsUtf8, bool prependChannelId)
+{
+    if (mPrivate->mStarted)
+        return;
+    mPrivate->mArgumentsUtf8 = argumentsUtf8;
+    mPrivate->mPrependChannelId = prependChannelId;
+}
+
+const std::string& nqScheduler::exeUtf8Path() const
+{
+    return mPrivate->mExeUtf8Path;
+}
+
+const std::vector<std::string>& nqScheduler::argumentsUtf8() const
+{
+    return mPrivate->mArgumentsUtf8;
+}
+
+bool nqScheduler::prependChannelId() const
+{
+    return mPrivate->mPrependChannelId;
+}
+
+void nqScheduler::push(const std::vector<char>& job)
+{
+    mPrivate->mQueues->push(job);
+}
+
+bool nqScheduler::pop(std::vector<char>& result)
+{
+    return mPrivate->mQueues->pop(result);
+}
+
+bool nqScheduler::popFail(std::vector<char>& job, FailReason& reason, std::string& message)
+{
+    return mPrivate->mQueues->popFail(job, reason, message);
+}
+
+unsigned long nqScheduler::jobCount() const
+{
+    return mPrivate->mQueues->jobCount();
+}
+
+unsigned long nqScheduler::resultCount() const
+{
+    return mPrivate->mQueues->resultCount();
+}
+
+unsigned long nqScheduler::failCount() const
+{
+    return mPrivate->mQueues->failCount();
+}
+
+void nqScheduler::clearPendingJobs()
+{
+    mPrivate->mQueues->clearPendingJobs();
+}
+
+} // namespace nq

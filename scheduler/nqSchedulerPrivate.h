@@ -1,0 +1,42 @@
+#pragma once
+
+#include "scheduler/nqJobQueues.h"
+#include "supervision/nqSchedulerWorker.h"
+#include "system/nqNamedPipeServer.h"
+
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace nq {
+
+/// Everything a scheduler knows. The configuration is frozen while mStarted is set.
+class nqSchedulerPrivate {
+public:
+    nqSchedulerPrivate();
+    ~nqSchedulerPrivate();
+
+    nqSchedulerPrivate(const nqSchedulerPrivate&) = delete;
+    nqSchedulerPrivate& operator=(const nqSchedulerPrivate&) = delete;
+
+    std::uint64_t mMaxCapMemory = 0;                    // bytes; 0 = off
+    std::uint64_t mJobProcessTimeout = 0;               // whole seconds; 0 = off
+    std::uint64_t mMaxCapMemoryAfterProcessingAJob = 0; // bytes; 0 = off
+    std::uint64_t mMaxPhysicalMemory = 0;               // bytes; 0 = off
+    const std::string mPipeName;                        // a UUID, the same for every start
+    std::string mExeUtf8Path;
+    nqNamedPipeServer mPipeServer;
+    std::vector<std::string> mArgumentsUtf8;
+    std::list<std::unique_ptr<nqSchedulerWorker>> mWorkers;
+    std::unique_ptr<nqJobQueues> mQueues; // the workers refer to it
+    std::uint64_t mNbWorkers = 0;         // asked for by the last start that got past listening
+    std::int32_t mWorkerConnectionTimeout = 0; // milliseconds
+    bool mStarted = false;
+    bool mWaitingForFinished = false; // against re-entry on the same thread
+    bool mStartProcessFlag = false;   // true silences the workers
+    bool mPrependChannelId = true;    // the pipe's name is the first argument, else the last
+};
+
+} // namespace nq

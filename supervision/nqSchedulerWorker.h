@@ -1,0 +1,60 @@
+#pragma once
+
+#include "system/nqNamedPipe.h"
+#include "system/nqProcess.h"
+
+#include <cstdint>
+#include <memory>
+
+namespace nq {
+
+class nqJobQueues;
+class nqSchedulerWorkerPrivate;
+
+/// The scheduler's record of one worker process: it owns the process and the scheduler's end of its
+/// pipe, and holds the one job that the worker may be doing.
+///
+/// Destroying a record closes the pipe, which tells the worker to leave, and waits for the process
+/// without limit. It never kills.
+class nqSchedulerWorker {
+public:
+    /// Takes over the connected pipe and the running process, which must not be null; borrows the
+    /// queues, which must outlive the record or its closePipe().
+    nqSchedulerWorker(
+        std::unique_ptr<nqNamedPipe> pipe, std::unique_ptr<nqProcess> process, nqJobQueues* queues);
+    virtual ~nqSchedulerWorker();
+
+    nqSchedulerWorker(const nqSchedulerWorker&) = delete;
+    nqSchedulerWorker& operator=(const nqSchedulerWorker&) = delete;
+
+    /// Copies of the scheduler's limits; 0 is off.
+    void setMaxCapMemory(std::uint64_t bytes);
+    void setJobProcessTimeout(std::uint64_t seconds);
+    void setMaxCapMemoryAfterProcessingAJob(std::uint64_t bytes);
+
+    /// One pass: moves the pipe's bytes, holds memory and age against the limits, receives, notices
+    /// a lost worker, dispatches. Never blocks.
+    void superviseStep();
+
+    /// Detaches from the queues, so that nothing more is delivered, and closes the pipe.
+    void closePipe();
+
+    bool isReadyForJob() const;
+    bool hasFinished() const;
+    nqProcess* process() const;
+    nqNamedPipe* pipe() const;
+
+private:
+    // The steps of superviseStep; each lives in a file of its own.
+    bool receiveStep();
+    void failCurrentJob();
+    void sendStep(bool jobJustCompleted);
+
+    bool exceedsLimit();
+    bool restartIfTooMuchRam();
+    bool startNextJob();
+
+    std::unique_ptr<nqSchedulerWorkerPrivate> mPrivate;
+};
+
+} // namespace nq

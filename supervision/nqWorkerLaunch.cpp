@@ -1,0 +1,92 @@
+#include "supervision/nqWorkerLaunch.h"
+
+#include "support/nqLogObject.h"
+#include "system/nqDirUtils.h"
+
+#include <utility>
+
+namespace nq {
+
+namespace {
+
+std::vector<std::string> buildArguments(const nqWorkerLaunch& launch)
+{
+    std::vector<std::string> arguments;
+    arguments.reserve(launch.mArgumentsUtf8.size() + 1);
+    if (launch.mPrependChannelId)
+        arguments.push_back(launch.mPipeName);
+    arguments.insert(arguments.end(), launch.mArgumentsUtf8.begin(), launch.mArgumentsUtf8.end());
+    if (!launch.mPrependChannelId)
+        arguments.push_back(launch.mPipeName);
+    return arguments;
+}
+
+/// Why the launch has failed, or null when the process runs and its connection is pending.
+const char* startAndConnect(
+    nqProcess& process,
+    const nqWorkerLaunch& launch,
+    const std::vector<std::string>& arguments,
+    nqNamedPipeServer& server)
+{
+    process.setWorkingDirectory(
+        nqDirUtils::ExtractFolder(nqDirUtils::GetAbsolutePathUtf8(launch.mExeUtf8Path)));
+    process.startProcess(
+        launch.mExeUtf8Path, arguments, launch.mStartProcessFlag, nqProcess::InheritedPriority);
+    if (process.getState() != nqProcess::Running)
+        return "Process state is not 'running'";
+    if (!server.waitForNewConnection(launch.mWorkerConnectionTimeout, nullptr))
+        return "Timeout while waiting for worker connection";
+    if (!server.hasPendingConnections())
+        return "No pending connection";
+    return nullptr;
+}
+
+/// An empty first argument is followed by no separator; hosts search for the text as it is.
+std::string commandLineText(const std::string& exePath, const std::vector<std::string>& arguments)
+{
+    std::string joined;
+    for (const std::string& argument : arguments) {
+        if (!joined.empty())
+            joined += "\" \"";
+        joined += argument;
+    }
+    return exePath + " \"" + joined + "\"";
+}
+
+void reportFailure(const char* reason, const nqProcess& process, const std::string& commandLine)
+{
+    const std::int64_t pid = process.getPid();
+    const std::string currentDirectory = nqDirUtils::GetCurrentWorkingDirUtf8();
+    nqLogObject(nqLog::Error, true)
+        << "Fail to startWorker, " << reason << " (pid " << std::to_string(pid)
+        << ") - command line was: " << commandLine << " current working directory was "
+        << currentDirectory;
+}
+
+} // namespace
+
+std::unique_ptr<nqSchedulerWorker>
+launchWorker(const nqWorkerLaunch& launch, nqNamedPipeServer& server, nqJobQueues* queues)
+{
+    auto process = std::make_unique<nqProcess>();
+    const std::vector<std::string> arguments = buildArguments(launch);
+    if (const char* failure = startAndConnect(*process, launch, arguments, server)) {
+        reportFailure(failure, *process, commandLineText(launch.mExeUtf8Path, arguments));
+        process->killProcess();
+        return nullptr;
+    }
+
+    // Only now: a limit set before the start would hit the loading of the program itself.
+    if (launch.mMaxPhysicalMemory != 0)
+        process->setWorkingSetMaxSize(launch.mMaxPhysicalMemory);
+
+    // Nothing says that this connection comes from the process just started; the oldest is taken.
+    auto worker = std::make_unique<nqSchedulerWorker>(
+        server.takePendingConnection(), std::move(process), queues);
+    worker->setMaxCapMemory(launch.mMaxCapMemory);
+    worker->setJobProcessTimeout(launch.mJobProcessTimeout);
+    worker->setMaxCapMemoryAfterProcessingAJob(launch.mMaxCapMemoryAfterProcessingAJob);
+    return worker;
+}
+
+} // namespace nq

@@ -1,0 +1,35 @@
+#pragma once
+
+#include "supervision/nqSchedulerWorker.h"
+#include "system/nqNamedPipeServer.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace nq {
+
+class nqJobQueues;
+
+/// What a launch needs to know of the scheduler's configuration. Borrowed for the call.
+struct nqWorkerLaunch {
+    const std::string& mExeUtf8Path;
+    const std::vector<std::string>& mArgumentsUtf8;
+    bool mPrependChannelId; // the pipe's name is the first argument, else the last
+    const std::string& mPipeName;
+    bool mStartProcessFlag;
+    std::int32_t mWorkerConnectionTimeout; // milliseconds
+    std::uint64_t mMaxPhysicalMemory;      // bytes; 0 = off, and so for the other limits
+    std::uint64_t mMaxCapMemory;
+    std::uint64_t mJobProcessTimeout; // whole seconds
+    std::uint64_t mMaxCapMemoryAfterProcessingAJob;
+};
+
+/// Starts one worker process and waits for its connection to `server`, which must be listening.
+/// Null when that fails; the failure is then logged and the process killed, not waited for. The
+/// record borrows `queues`.
+std::unique_ptr<nqSchedulerWorker>
+launchWorker(const nqWorkerLaunch& launch, nqNamedPipeServer& server, nqJobQueues* queues);
+
+} // namespace nq

@@ -1,0 +1,37 @@
+#include "support/nqLogObject.h"
+
+#include <iostream>
+
+namespace nq {
+
+nqLogObject::~nqLogObject()
+{
+    if (mStream == nullptr)
+        return;
+    const std::string message = mStream->str();
+    if (!message.empty())
+        emit(message);
+}
+
+void nqLogObject::emit(const std::string& message)
+{
+    nqLog::LogEntry entry;
+    entry.mTimestampMs = mTimestampMs;
+    entry.mMessage = message;
+    if (mSecondText != nullptr)
+        entry.mSecondText.swap(*mSecondText);
+    if (mSystemLogText != nullptr)
+        entry.mSystemLogText.swap(*mSystemLogText);
+    entry.mThreadId = mThreadId;
+    entry.mLevel = mLevel;
+    entry.computeLogPrefix(true);
+
+    if (mSystemLogText != nullptr)
+        nqLog::WriteToSystemLog(entry);
+    if (mLogger != nullptr)
+        mLogger->Write(entry, mWriteOption);
+    if (mSystemLogText == nullptr && mLogger == nullptr)
+        std::cout << entry.mPrefix << entry.mMessage << '\n' << std::flush;
+}
+
+} // namespace nq

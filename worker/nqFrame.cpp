@@ -1,0 +1,96 @@
+#include "worker/nqFrame.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+
+namespace nq {
+
+namespace {
+
+using Header = std::uint32_t;
+
+std::int32_t signedSize(const std::vector<char>& bytes)
+{
+    return static_cast<std::int32_t>(bytes.size());
+}
+
+/// Appends at most the room that the outgoing buffer has, and returns how many bytes went in.
+std::size_t append(nqNamedPipe& pipe, const char* bytes, std::size_t count)
+{
+    if (!pipe.isConnected() || pipe.isWriteChannelClosed())
+        return 0;
+    std::vector<char>& outgoing = pipe.outgoingBuffer();
+    const std::uint64_t limit = pipe.outgoingBufferLimit();
+    const std::uint64_t room = limit > outgoing.size() ? limit - outgoing.size() : 0;
+    const std::size_t appended = std::min<std::uint64_t>(count, room);
+    outgoing.insert(outgoing.end(), bytes, bytes + appended);
+    return appended;
+}
+
+void eraseFront(std::vector<char>& bytes, std::size_t count)
+{
+    bytes.erase(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count));
+}
+
+/// Reads a header, if it is whole, and gives `payload` its size. False when no payload follows now.
+/// The bytes are erased last, so that a size nobody has memory for leaves the stream in step.
+bool startFrame(nqNamedPipe& pipe, std::vector<char>& payload)
+{
+    std::vector<char>& incoming = pipe.incomingBuffer();
+    Header length = 0;
+    if (incoming.size() < sizeof length || !pipe.isConnected())
+        return false;
+    std::memcpy(&length, incoming.data(), sizeof length);
+    payload.resize(length);
+    eraseFront(incoming, sizeof length);
+    return length != 0;
+}
+
+void accumulate(nqNamedPipe& pipe, std::vector<char>& payload, std::int32_t& received)
+{
+    std::vector<char>& incoming = pipe.incomingBuffer();
+    const std::int32_t count = std::min(signedSize(incoming), signedSize(payload) - received);
+    if (count <= 0 || !pipe.isConnected())
+        return;
+    std::memcpy(payload.data() + received, incoming.data(), static_cast<std::size_t>(count));
+    eraseFront(incoming, static_cast<std::size_t>(count));
+    received += count;
+}
+
+} // namespace
+
+void nqFrame::sendHeader(nqNamedPipe& pipe, const std::vector<char>& payload)
+{
+    const Header length = static_cast<Header>(payload.size());
+    char bytes[sizeof length];
+    std::memcpy(bytes, &length, sizeof length);
+    append(pipe, bytes, sizeof bytes);
+}
+
+void nqFrame::sendPayload(nqNamedPipe& pipe, const std::vector<char>& payload, std::int32_t& sent)
+{
+    if (!isSendPending(payload, sent))
+        return;
+    const auto left = static_cast<std::size_t>(signedSize(payload) - sent);
+    sent += static_cast<std::int32_t>(append(pipe, payload.data() + sent, left));
+}
+
+bool nqFrame::isSendPending(const std::vector<char>& payload, std::int32_t sent)
+{
+    return sent < signedSize(payload);
+}
+
+bool nqFrame::receive(
+    nqNamedPipe& pipe, std::vector<char>& payload, std::int32_t& received, bool mayStart)
+{
+    if (payload.empty() && mayStart) {
+        received = 0;
+        if (!startFrame(pipe, payload))
+            return false;
+    }
+    accumulate(pipe, payload, received);
+    return received >= signedSize(payload);
+}
+
+} // namespace nq

@@ -1,0 +1,101 @@
+#include "include/nqWorker.h"
+
+#include "system/nqNamedPipe.h"
+#include "worker/nqFrame.h"
+
+#include <cstdint>
+
+namespace nq {
+
+struct nqWorker::Private {
+    explicit Private(const std::string& schedulerUtf8)
+        : mSchedulerUtf8(schedulerUtf8)
+    {
+    }
+
+    const std::string mSchedulerUtf8;
+    nqNamedPipe mNamedPipe;
+    std::vector<char> mJob;     // being received, then processed
+    std::vector<char> mResult;  // being sent; while it holds bytes no further job is started
+    std::int32_t mReceived = 0; // bytes of mJob
+    std::int32_t mSent = 0;     // bytes of mResult handed to the pipe
+    bool mFinished = false;
+};
+
+nqWorker::nqWorker(const std::string& schedulerUtf8)
+    : mPrivate(std::make_unique<Private>(schedulerUtf8))
+{
+    mPrivate->mNamedPipe.connectToNamedPipeServerUtf8(mPrivate->mSchedulerUtf8);
+}
+
+nqWorker::~nqWorker() = default;
+
+const std::string& nqWorker::schedulerUtf8() const
+{
+    return mPrivate->mSchedulerUtf8;
+}
+
+bool nqWorker::hasFinished() const
+{
+    return mPrivate->mFinished;
+}
+
+void nqWorker::setFinished(bool finished)
+{
+    mPrivate->mFinished = finished;
+}
+
+void nqWorker::processWorker(int timeoutMs)
+{
+    if (mPrivate == nullptr)
+        return;
+    nqNamedPipe& pipe = mPrivate->mNamedPipe;
+    pipe.processNamedPipeEvents(timeoutMs, true);
+    if (!pipe.incomingBuffer().empty())
+        onReadyRead();
+    onSendData();
+    if (!pipe.isReadChannelClosed() && pipe.isConnected())
+        return;
+    endOfWork();
+}
+
+void nqWorker::onReadyRead()
+{
+    Private& state = *mPrivate;
+    const bool mayStart = state.mResult.empty();
+    if (!nqFrame::receive(state.mNamedPipe, state.mJob, state.mReceived, mayStart))
+        return;
+    // A whole job waits for the result before it to leave the buffer.
+    if (state.mNamedPipe.outgoingBuffer().empty())
+        onProcess();
+}
+
+void nqWorker::onProcess()
+{
+    Private& state = *mPrivate;
+    state.mResult.clear();
+    processJob(state.mJob, state.mResult);
+    state.mSent = 0;
+    state.mJob.clear();
+    state.mReceived = 0;
+    nqFrame::sendHeader(state.mNamedPipe, state.mResult);
+}
+
+void nqWorker::onSendData()
+{
+    Private& state = *mPrivate;
+    if (!nqFrame::isSendPending(state.mResult, state.mSent))
+        return;
+    nqFrame::sendPayload(state.mNamedPipe, state.mResult, state.mSent);
+    if (static_cast<std::uint32_t>(state.mSent) != static_cast<std::uint32_t>(state.mResult.size()))
+        return;
+    state.mSent = 0;
+    state.mResult.clear();
+}
+
+void nqWorker::endOfWork()
+{
+    setFinished(true);
+}
+
+} // namespace nq
