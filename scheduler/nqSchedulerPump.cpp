@@ -3,7 +3,6 @@
 #include "scheduler/nqSchedulerPrivate.h"
 
 #include <algorithm>
-#include <vector>
 
 #include <sys/select.h>
 
@@ -11,9 +10,48 @@ namespace nq {
 
 namespace {
 
+/// The sockets of one pass, gathered in place: a pass allocates nothing.
+class WorkerSockets {
+public:
+    WorkerSockets()
+    {
+        FD_ZERO(&mSet);
+    }
+
+    /// The platform reports no descriptor that is too large for a set, and -1 for none.
+    void add(int descriptor)
+    {
+        if (descriptor == -1)
+            return;
+        FD_SET(descriptor, &mSet);
+        mLargest = std::max(mLargest, descriptor);
+    }
+
+    bool isEmpty() const
+    {
+        return mLargest == -1;
+    }
+
+    /// Sleeps until a worker says something. Why it woke up does not matter: the next pass looks at
+    /// every worker anyway.
+    void wait(int timeoutMs) const
+    {
+        fd_set readable = mSet;
+        fd_set exceptional = mSet;
+        timeval timeout{};
+        timeout.tv_sec = timeoutMs / 1000;
+        timeout.tv_usec = (timeoutMs % 1000) * 1000;
+        ::select(mLargest + 1, &readable, nullptr, &exceptional, &timeout);
+    }
+
+private:
+    fd_set mSet;
+    int mLargest = -1;
+};
+
 /// What one pass over the workers found out.
 struct Pass {
-    std::vector<int> mDescriptors;
+    WorkerSockets mSockets;
     bool mAnyPendingWrite = false;
     bool mAnyIdleOrReplaced = false;
     std::uint32_t mReplacedCount = 0;
@@ -24,7 +62,6 @@ struct Pass {
 Pass stepWorkers(std::list<std::unique_ptr<nqSchedulerWorker>>& workers)
 {
     Pass pass;
-    pass.mDescriptors.reserve(workers.size());
     for (auto it = workers.begin(); it != workers.end();) {
         nqSchedulerWorker& worker = **it;
         worker.superviseStep();
@@ -35,35 +72,12 @@ Pass stepWorkers(std::list<std::unique_ptr<nqSchedulerWorker>>& workers)
             pass.mAnyIdleOrReplaced = true;
             continue;
         }
-        if (!pass.mAnyPendingWrite)
-            pass.mAnyPendingWrite = worker.pipe()->hasPendingWrite();
-        const int descriptor = worker.pipe()->getSocket();
-        if (descriptor != -1)
-            pass.mDescriptors.push_back(descriptor);
-        if (!pass.mAnyIdleOrReplaced)
-            pass.mAnyIdleOrReplaced = worker.isReadyForJob();
+        pass.mAnyPendingWrite = pass.mAnyPendingWrite || worker.pipe()->hasPendingWrite();
+        pass.mSockets.add(worker.pipe()->getSocket());
+        pass.mAnyIdleOrReplaced = pass.mAnyIdleOrReplaced || worker.isReadyForJob();
         ++it;
     }
     return pass;
-}
-
-/// Sleeps until a worker says something. Why it woke up does not matter: the next pass looks at
-/// every worker anyway. The platform reports no descriptor that is too large for a set.
-void waitForWorkers(const std::vector<int>& descriptors, int timeoutMs)
-{
-    fd_set readable;
-    fd_set exceptional;
-    FD_ZERO(&readable);
-    FD_ZERO(&exceptional);
-    for (const int descriptor : descriptors) {
-        FD_SET(descriptor, &readable);
-        FD_SET(descriptor, &exceptional);
-    }
-    timeval timeout{};
-    timeout.tv_sec = timeoutMs / 1000;
-    timeout.tv_usec = (timeoutMs % 1000) * 1000;
-    const int largest = *std::max_element(descriptors.begin(), descriptors.end());
-    ::select(largest + 1, &readable, nullptr, &exceptional, &timeout);
 }
 
 } // namespace
@@ -78,8 +92,8 @@ void nqScheduler::processScheduler(int timeoutMs)
     const bool resultWaits = mPrivate->mQueues->resultCount() != 0;
     const bool jobCanStart = mPrivate->mQueues->pendingJobCount() != 0 && pass.mAnyIdleOrReplaced;
     const bool workIsReady = pass.mAnyPendingWrite || resultWaits || jobCanStart;
-    if (timeoutMs > 0 && !workIsReady && !pass.mDescriptors.empty())
-        waitForWorkers(pass.mDescriptors, timeoutMs);
+    if (timeoutMs > 0 && !workIsReady && !pass.mSockets.isEmpty())
+        pass.mSockets.wait(timeoutMs);
 
     // After the wait, so that the replacements get their first step in the next call. One that
     // cannot be launched is logged and not tried again: the pool is one worker smaller.
