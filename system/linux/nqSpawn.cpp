@@ -152,11 +152,13 @@ void execute(const Launch& launch)
 // parent still needs may live in a frame that the compiler rearranges around the call.
 [[gnu::noinline]] pid_t vforkAndRun(Launch& launch)
 {
-    // NOLINTNEXTLINE(clang-analyzer-security.insecureAPI.vfork): fork copies the host's page
-    // tables.
+    // fork would copy the page tables of the host, and posix_spawn cannot arm the leash. The child
+    // makes system calls only.
+    // NOLINTBEGIN(clang-analyzer-security.insecureAPI.vfork,clang-analyzer-unix.Vfork)
     const pid_t pid = ::vfork();
     if (pid == 0)
-        runChild(launch); // NOLINT(clang-analyzer-unix.Vfork): makes system calls only
+        runChild(launch);
+    // NOLINTEND(clang-analyzer-security.insecureAPI.vfork,clang-analyzer-unix.Vfork)
     return pid;
 }
 
