@@ -1,0 +1,198 @@
+#pragma once
+
+#include "system/nqProcess.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <map>
+#include <poll.h>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace nq::test {
+
+constexpr unsigned int withoutLimit = 0xFFFFFFFF;
+constexpr int hangLimitMs = 60'000; // reached by a hang only, however loaded the machine is
+
+inline const std::string workerProgram = NQ_PROCESS_WORKER_PROGRAM;
+
+/// The descriptors of a process, by number, and what each refers to.
+inline std::map<int, std::string> descriptorsOf(pid_t pid)
+{
+    std::map<int, std::string> descriptors;
+    const std::string folder = "/proc/" + std::to_string(pid) + "/fd";
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        std::error_code goneMeanwhile;
+        const std::string target = std::filesystem::read_symlink(entry.path(), goneMeanwhile);
+        if (target != folder && !goneMeanwhile) // not the descriptor of this very listing
+            descriptors[std::stoi(entry.path().filename())] = target;
+    }
+    return descriptors;
+}
+
+inline std::string contentOf(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+inline std::string procFile(pid_t pid, const std::string& name)
+{
+    return contentOf("/proc/" + std::to_string(pid) + "/" + name);
+}
+
+inline std::string procLink(pid_t pid, const std::string& name)
+{
+    return std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/" + name);
+}
+
+/// The value of one line of /proc/<pid>/status.
+inline std::string statusLine(pid_t pid, const std::string& key)
+{
+    const std::string status = procFile(pid, "status");
+    const std::size_t start = status.find("\n" + key + ":\t") + key.size() + 3;
+    return status.substr(start, status.find('\n', start) - start);
+}
+
+/// True on a simulated processor, where vfork is a fork.
+inline bool runsUnderValgrind()
+{
+    const char* preloaded = std::getenv("LD_PRELOAD");
+    return preloaded != nullptr && std::strstr(preloaded, "vgpreload") != nullptr;
+}
+
+/// True when this test run goes without pidfds.
+inline bool pidfdsAreRefused()
+{
+    const char* preloaded = std::getenv("LD_PRELOAD");
+    return preloaded != nullptr && std::strstr(preloaded, "no_pidfd_shim") != nullptr;
+}
+
+/// A pipe that children get as standard output. Its end tells that none of them is left, whoever
+/// forked them.
+class OutputPipe {
+public:
+    OutputPipe()
+    {
+        if (::pipe2(mEnds, O_CLOEXEC) != 0)
+            std::abort();
+    }
+    ~OutputPipe()
+    {
+        closeWriter();
+        ::close(mEnds[0]);
+    }
+    OutputPipe(const OutputPipe&) = delete;
+    OutputPipe& operator=(const OutputPipe&) = delete;
+
+    int writer() const
+    {
+        return mEnds[1];
+    }
+
+    void closeWriter()
+    {
+        if (mEnds[1] >= 0)
+            ::close(std::exchange(mEnds[1], -1));
+    }
+
+    /// Runs `start` while this pipe stands in for one of this process's output streams.
+    template <typename Start>
+    bool during(Start start, int stream = STDOUT_FILENO)
+    {
+        const int saved = ::fcntl(stream, F_DUPFD_CLOEXEC, 3);
+        ::dup2(mEnds[1], stream);
+        const bool started = start();
+        ::dup2(saved, stream);
+        ::close(saved);
+        return started;
+    }
+
+    /// The next line, without its end; what came before the end of the pipe, if that comes first.
+    std::string readLine()
+    {
+        std::string line;
+        char letter = 0;
+        while (readableWithin(hangLimitMs) && ::read(mEnds[0], &letter, 1) == 1 && letter != '\n')
+            line += letter;
+        return line;
+    }
+
+    /// True when the last holder disappears within the time; what they wrote is dropped.
+    bool endsWithin(int milliseconds)
+    {
+        closeWriter();
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+        for (;;) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                end - std::chrono::steady_clock::now());
+            if (left.count() < 0 || !readableWithin(static_cast<int>(left.count())))
+                return false;
+            char dropped[256];
+            if (::read(mEnds[0], dropped, sizeof(dropped)) == 0)
+                return true;
+        }
+    }
+
+private:
+    bool readableWithin(int milliseconds)
+    {
+        pollfd reader{mEnds[0], POLLIN, 0};
+        int reported = -1;
+        do
+            reported = ::poll(&reader, 1, milliseconds);
+        while (reported < 0 && errno == EINTR);
+        return reported == 1;
+    }
+
+    int mEnds[2] = {-1, -1};
+};
+
+/// Starts the worker program in one of its ways to behave, with its output in `output`.
+inline bool startWorker(nqProcess& process, OutputPipe& output, const std::string& behaviour)
+{
+    return output.during([&] {
+        return process.startProcess(
+            workerProgram, {behaviour}, false, nqProcess::InheritedPriority);
+    });
+}
+
+/// Waits until a child has ended, and leaves it to be reaped by others.
+inline void waitWithoutReaping(std::int64_t pid)
+{
+    siginfo_t ended{};
+    while (::waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOWAIT) != 0 &&
+           errno == EINTR) {
+    }
+}
+
+/// Every test leaves neither a child nor a descriptor behind. Looked at in constructor and
+/// destructor, so that what a derived fixture owns comes and goes in between.
+class ProcessTest : public ::testing::Test {
+protected:
+    ProcessTest()
+        : mDescriptorsBefore(descriptorsOf(::getpid()))
+    {
+    }
+
+    ~ProcessTest() override
+    {
+        EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
+        EXPECT_EQ(descriptorsOf(::getpid()), mDescriptorsBefore);
+    }
+
+private:
+    std::map<int, std::string> mDescriptorsBefore;
+};
+
+} // namespace nq::test
