@@ -1,0 +1,132 @@
+#include "tests/scripted/scriptedMachine.h"
+
+#include "system/nqNamedPipe.h"
+
+#include <algorithm>
+#include <string>
+
+namespace nq {
+
+namespace {
+
+void passOn(scripted::Pipe& pipe)
+{
+    if (!pipe.isConnected || pipe.isWriteChannelClosed)
+        return;
+    const auto count = std::min<std::uint64_t>(pipe.outgoing.size(), pipe.passedOnPerCall);
+    const auto end = pipe.outgoing.begin() + static_cast<std::ptrdiff_t>(count);
+    pipe.passedOn.insert(pipe.passedOn.end(), pipe.outgoing.begin(), end);
+    pipe.outgoing.erase(pipe.outgoing.begin(), end);
+}
+
+void takeIn(scripted::Pipe& pipe)
+{
+    if (pipe.arrivals.empty())
+        return;
+    const auto& bytes = pipe.arrivals.front();
+    pipe.incoming.insert(pipe.incoming.end(), bytes.begin(), bytes.end());
+    pipe.arrivals.pop_front();
+}
+
+} // namespace
+
+/// Binds a pipe object to its record.
+struct nqNamedPipe::State {
+    std::shared_ptr<scripted::Pipe> pipe;
+};
+
+nqNamedPipe::nqNamedPipe()
+    : mState(std::make_unique<State>(State{scripted::machine().pipeForNewObject()}))
+{
+}
+
+nqNamedPipe::~nqNamedPipe()
+{
+    mState->pipe->isDestroyed = true;
+    scripted::machine().call(mState->pipe->name + ": destroyed");
+}
+
+bool nqNamedPipe::connectToNamedPipeServerUtf8(const std::string& name)
+{
+    scripted::Pipe& pipe = *mState->pipe;
+    scripted::machine().call(pipe.name + ": connectToNamedPipeServerUtf8(" + name + ")");
+    pipe.isConnected = pipe.connects;
+    pipe.isReadChannelClosed = !pipe.connects;
+    pipe.isWriteChannelClosed = !pipe.connects;
+    return pipe.connects;
+}
+
+void nqNamedPipe::processNamedPipeEvents(int timeoutMs, bool wait)
+{
+    scripted::Pipe& pipe = *mState->pipe;
+    scripted::machine().call(
+        pipe.name + ": processNamedPipeEvents(" + std::to_string(timeoutMs) + ", " +
+        (wait ? "true" : "false") + ")");
+    passOn(pipe);
+    takeIn(pipe);
+    if (pipe.onEvents)
+        pipe.onEvents(pipe);
+}
+
+bool nqNamedPipe::isConnected() const
+{
+    scripted::machine().query(mState->pipe->name + ": isConnected()");
+    return mState->pipe->isConnected && !mState->pipe->isAtItsEnd();
+}
+
+bool nqNamedPipe::isReadChannelClosed() const
+{
+    scripted::machine().query(mState->pipe->name + ": isReadChannelClosed()");
+    return mState->pipe->isReadChannelClosed || mState->pipe->isAtItsEnd();
+}
+
+bool nqNamedPipe::isWriteChannelClosed() const
+{
+    scripted::machine().query(mState->pipe->name + ": isWriteChannelClosed()");
+    return mState->pipe->isWriteChannelClosed;
+}
+
+bool nqNamedPipe::hasPendingWrite() const
+{
+    scripted::machine().query(mState->pipe->name + ": hasPendingWrite()");
+    return mState->pipe->isConnected && !mState->pipe->outgoing.empty();
+}
+
+std::vector<char>& nqNamedPipe::incomingBuffer()
+{
+    return mState->pipe->incoming;
+}
+
+const std::vector<char>& nqNamedPipe::incomingBuffer() const
+{
+    return mState->pipe->incoming;
+}
+
+std::vector<char>& nqNamedPipe::outgoingBuffer()
+{
+    return mState->pipe->outgoing;
+}
+
+const std::vector<char>& nqNamedPipe::outgoingBuffer() const
+{
+    return mState->pipe->outgoing;
+}
+
+std::uint64_t nqNamedPipe::outgoingBufferLimit() const
+{
+    return mState->pipe->outgoingLimit;
+}
+
+int nqNamedPipe::getSocket() const
+{
+    scripted::machine().query(mState->pipe->name + ": getSocket()");
+    return mState->pipe->socket;
+}
+
+void nqNamedPipe::closeNamedPipe()
+{
+    scripted::machine().call(mState->pipe->name + ": closeNamedPipe()");
+    mState->pipe->lose();
+}
+
+} // namespace nq

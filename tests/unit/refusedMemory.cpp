@@ -1,0 +1,56 @@
+#include "tests/unit/refusedMemory.h"
+
+#include <cstdlib>
+#include <limits>
+#include <new>
+
+namespace {
+
+constexpr std::size_t nothing = std::numeric_limits<std::size_t>::max();
+std::size_t smallestRefused = nothing;
+
+} // namespace
+
+namespace support {
+
+RefusedMemory::RefusedMemory(std::size_t bytes)
+{
+    smallestRefused = bytes;
+}
+
+RefusedMemory::~RefusedMemory()
+{
+    smallestRefused = nothing;
+}
+
+bool RefusedMemory::isPossible()
+{
+    const RefusedMemory refused(1);
+    try {
+        ::operator delete(::operator new(1));
+        return false;
+    } catch (const std::bad_alloc&) {
+        return true;
+    }
+}
+
+} // namespace support
+
+void* operator new(std::size_t size)
+{
+    if (size < smallestRefused) {
+        if (void* memory = std::malloc(size == 0 ? 1 : size))
+            return memory;
+    }
+    throw std::bad_alloc();
+}
+
+void operator delete(void* memory) noexcept
+{
+    std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t /*size*/) noexcept
+{
+    std::free(memory);
+}
