@@ -1,0 +1,134 @@
+#include "fixture.h"
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+namespace {
+
+using end_to_end::ChildProgram;
+using end_to_end::EndToEnd;
+using end_to_end::hostProgramPath;
+
+constexpr std::chrono::seconds atMost{1}; // how long anything of a dead host may live on
+
+// Workers and what they fork hold the host's standard output, so its end shows that all are gone.
+class HostEnd : public EndToEnd {};
+
+TEST_F(HostEnd, byKillInTheMiddleOfAJobEndsTheWorkersAndWhatTheyForked)
+{
+    ChildProgram host(
+        hostProgramPath(),
+        {"serve", "2", "fork-helper", "fork-helper", "print-and-hang busy", "print-and-hang busy"});
+    for (int busy = 0; busy < 2;)
+        if (const std::string line = host.readLine(); line == "out: busy")
+            ++busy;
+        else
+            ASSERT_EQ(line.rfind("answer: ", 0), 0U) << line;
+    ASSERT_EQ(kill(host.pid(), SIGKILL), 0);
+    EXPECT_TRUE(host.outputEndsWithin(atMost));
+}
+
+TEST_F(HostEnd, byKillWhileItsWorkersAreIdleEndsThem)
+{
+    ChildProgram host(hostProgramPath(), {"serve", "3", "echo ready"});
+    ASSERT_EQ(host.readLine(), "answer: ready");
+    ASSERT_EQ(kill(host.pid(), SIGKILL), 0);
+    EXPECT_TRUE(host.outputEndsWithin(atMost));
+}
+
+TEST_F(HostEnd, byKillEndsAWorkerThatIgnoresItsClosedPipe)
+{
+    ChildProgram host(hostProgramPath(), {"serve", "1", "ignore-end"});
+    ASSERT_EQ(host.readLine(), "answer: ignoring");
+    ASSERT_EQ(kill(host.pid(), SIGKILL), 0);
+    EXPECT_TRUE(host.outputEndsWithin(atMost));
+}
+
+struct Leaving {
+    const char* how;
+    int status;
+};
+
+class HostThatLeaves : public EndToEnd, public testing::WithParamInterface<Leaving> {};
+
+TEST_P(HostThatLeaves, takesItsWorkersAndWhatTheyForkedAlong)
+{
+    ChildProgram host(hostProgramPath(), {"leave", GetParam().how});
+    EXPECT_EQ(host.waitForEnd(), GetParam().status);
+    EXPECT_TRUE(host.outputEndsWithin(atMost));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    By,
+    HostThatLeaves,
+    testing::Values(
+        Leaving{"return", 0},
+        Leaving{"_exit", 0},
+        Leaving{"abort", 128 + SIGABRT},
+        Leaving{"crash", 128 + SIGSEGV}),
+    [](const auto& tested) {
+        const std::string how = tested.param.how;
+        return how == "_exit" ? std::string("immediateExit") : how;
+    });
+
+class HostProgram : public EndToEnd {};
+
+TEST_F(HostProgram, doesNotShowWhatSilencedWorkersPrint)
+{
+    ChildProgram host(hostProgramPath(), {"print", "silent", "hello"});
+    EXPECT_EQ(host.readAllOutput(), "");
+    EXPECT_EQ(host.readAllErrors(), "");
+    EXPECT_EQ(host.waitForEnd(), 0);
+}
+
+TEST_F(HostProgram, showsWhatItsWorkersPrintWhenTheyAreNotSilenced)
+{
+    ChildProgram host(hostProgramPath(), {"print", "loud", "hello"});
+    EXPECT_EQ(host.readAllOutput(), "out: hello\n");
+    EXPECT_EQ(host.readAllErrors(), "err: hello\n");
+    EXPECT_EQ(host.waitForEnd(), 0);
+}
+
+TEST_F(HostProgram, printsItsMessagesWhenItHasNoLogger)
+{
+    ChildProgram host(hostProgramPath(), {"no-logger", "/nowhere/worker"});
+    const std::string line = host.readLine();
+    const std::size_t message =
+        line.find("Fail to startWorker, Process state is not 'running' (pid 0)");
+    ASSERT_NE(message, std::string::npos) << line;
+    EXPECT_GT(message, 0U); // a prefix stands before it
+    EXPECT_EQ(host.readAllOutput(), "");
+    EXPECT_EQ(host.waitForEnd(), 0);
+}
+
+TEST_F(HostProgram, countsAnEmptyJobForEver)
+{
+    // Intended: an empty job is accepted and counted, and neither sent nor resolved.
+    ChildProgram host(hostProgramPath(), {"empty-job"});
+    EXPECT_EQ(host.waitForEnd(), 0);
+    EXPECT_EQ(host.readAllErrors(), "");
+}
+
+TEST_F(HostProgram, keepsItsWorkersWhenTheThreadThatLaunchedThemEnds)
+{
+    ChildProgram host(hostProgramPath(), {"ended-thread"});
+    EXPECT_EQ(host.waitForEnd(), 0);
+    EXPECT_EQ(host.readAllErrors(), "");
+}
+
+class HostWithClosedStreams : public EndToEnd, public testing::WithParamInterface<const char*> {};
+
+TEST_P(HostWithClosedStreams, isServedAndNothingPrintedReachesAPipe)
+{
+    ChildProgram host(hostProgramPath(), {"closed-streams", GetParam()});
+    EXPECT_EQ(host.waitForEnd(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Every,
+    HostWithClosedStreams,
+    testing::Values("0", "1", "2", "01", "02", "12", "012"),
+    [](const auto& tested) { return std::string("without") + tested.param; });
+
+} // namespace

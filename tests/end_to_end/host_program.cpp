@@ -1,0 +1,226 @@
+// A host of its own process, for what a test cannot do to itself: to be killed, to run without
+// standard streams, to leave a scheduler behind. Its first argument names the scenario.
+
+#include "machine.h"
+#include "pool.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using end_to_end::Pool;
+using end_to_end::workerPath;
+using Arguments = std::vector<std::string>;
+
+constexpr int connectionLimitMs = 30'000;
+
+/// Unlike Pool, with the workers' output let through, and never destroyed: how a host leaves
+/// without a word is what the scenarios are about.
+class TalkingPool {
+public:
+    explicit TalkingPool(bool silent)
+        : mScheduler(*new nq::nqScheduler(workerPath(), silent, {}, true))
+    {
+    }
+
+    bool start(unsigned long nbWorkers)
+    {
+        return mScheduler.startScheduler(nbWorkers, connectionLimitMs);
+    }
+
+    nq::nqScheduler& scheduler()
+    {
+        return mScheduler;
+    }
+
+    void push(const std::string& job)
+    {
+        mScheduler.push(std::vector<char>(job.begin(), job.end()));
+    }
+
+    /// The next answer or failure, whenever it comes.
+    std::string next()
+    {
+        std::vector<char> bytes;
+        nq::nqScheduler::FailReason reason{};
+        std::string message;
+        for (;;) {
+            if (mScheduler.pop(bytes))
+                return {bytes.begin(), bytes.end()};
+            if (mScheduler.popFail(bytes, reason, message))
+                return '(' + message + ')';
+            mScheduler.processScheduler(50);
+        }
+    }
+
+    std::string ask(const std::string& job)
+    {
+        push(job);
+        return next();
+    }
+
+private:
+    nq::nqScheduler& mScheduler;
+};
+
+void say(const std::string& line)
+{
+    std::cout << line << std::endl;
+}
+
+int failed(const std::string& what)
+{
+    std::cerr << what << std::endl;
+    return EXIT_FAILURE;
+}
+
+/// serve WORKERS JOB...: tells every answer until somebody ends it.
+int serve(const Arguments& arguments)
+{
+    TalkingPool pool(false);
+    if (!pool.start(std::stoul(arguments.at(0))))
+        return failed("no start");
+    for (auto job = arguments.begin() + 1; job != arguments.end(); ++job)
+        pool.push(*job);
+    for (;;)
+        say("answer: " + pool.next());
+}
+
+/// print loud|silent TEXT: lets one worker print.
+int print(const Arguments& arguments)
+{
+    nq::nqScheduler scheduler(workerPath(), arguments.at(0) == "silent", {}, true);
+    const std::string job = "print " + arguments.at(1);
+    if (!scheduler.startScheduler(1, connectionLimitMs))
+        return failed("no start");
+    scheduler.push({job.begin(), job.end()});
+    scheduler.waitForFinished();
+    std::vector<char> answer;
+    const bool isAnswered =
+        scheduler.pop(answer) && std::string(answer.begin(), answer.end()) == "printed";
+    return isAnswered ? EXIT_SUCCESS : failed("no answer");
+}
+
+/// closed-streams DIGITS: works without those standard streams.
+int closedStreams(const Arguments& arguments)
+{
+    for (const char digit : arguments.at(0))
+        close(digit - '0');
+
+    TalkingPool pool(false);
+    if (!pool.start(2))
+        return 2;
+    // What the workers and, in the report of a crash, this host print must not reach any pipe.
+    for (int round = 0; round < 5; ++round) {
+        if (pool.ask("print hello") != "printed" || pool.ask("crash") != "(Unexpected crash)")
+            return 3;
+        const std::string text = "round " + std::to_string(round);
+        if (pool.ask("echo " + text) != text)
+            return 4;
+    }
+    for (const char digit : arguments.at(0))
+        if (fcntl(digit - '0', F_GETFD) != -1)
+            return 5;
+    return pool.scheduler().stopScheduler() ? EXIT_SUCCESS : 6;
+}
+
+/// empty-job: an empty job is dropped without a word and counted for ever, on purpose.
+int emptyJob(const Arguments&)
+{
+    TalkingPool pool(true);
+    if (!pool.start(1))
+        return failed("no start");
+    pool.push("");
+    if (pool.ask("echo after") != "after")
+        return failed("the next job was not answered");
+    for (int pass = 0; pass < 100; ++pass)
+        pool.scheduler().processScheduler(0);
+    if (pool.scheduler().jobCount() != 1)
+        return failed("the empty job is not counted");
+    if (pool.scheduler().resultCount() != 0 || pool.scheduler().failCount() != 0)
+        return failed("the empty job was resolved");
+    return EXIT_SUCCESS;
+}
+
+/// no-logger: a message without a logger goes to standard output.
+int noLogger(const Arguments& arguments)
+{
+    nq::nqScheduler scheduler(arguments.at(0), true, {}, true);
+    return scheduler.startScheduler(1, 0) ? failed("started") : EXIT_SUCCESS;
+}
+
+/// ended-thread: the thread that launched the workers ends before they are used.
+int endedThread(const Arguments&)
+{
+    TalkingPool pool(true);
+    bool isStarted = false;
+    std::string before;
+    std::thread([&] {
+        isStarted = pool.start(1);
+        before = pool.ask("pid");
+    }).join();
+    if (!isStarted)
+        return failed("no start");
+    for (int round = 0; round < 100; ++round)
+        if (pool.ask("pid") != before)
+            return failed("the worker was replaced");
+    return EXIT_SUCCESS;
+}
+
+/// leave HOW: ends with a scheduler that nobody has stopped.
+int leave(const Arguments& arguments)
+{
+    TalkingPool pool(false);
+    if (!pool.start(2))
+        return failed("no start");
+    pool.ask("fork-helper");
+    pool.push("print-and-hang busy");
+    pool.scheduler().processScheduler(0); // the job is on its way
+    const std::string& how = arguments.at(0);
+    if (how == "_exit")
+        _exit(EXIT_SUCCESS);
+    if (how == "abort")
+        std::abort();
+    if (how == "crash") {
+        std::signal(SIGSEGV, SIG_DFL);
+        std::raise(SIGSEGV);
+    }
+    return EXIT_SUCCESS;
+}
+
+struct Scenario {
+    const char* name;
+    int (*run)(const Arguments& arguments);
+};
+
+constexpr Scenario scenarios[] = {
+    {"serve", serve},
+    {"print", print},
+    {"closed-streams", closedStreams},
+    {"empty-job", emptyJob},
+    {"no-logger", noLogger},
+    {"ended-thread", endedThread},
+    {"leave", leave},
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const Arguments arguments(argv + 1, argv + argc);
+    for (const Scenario& scenario : scenarios)
+        if (!arguments.empty() && arguments.front() == scenario.name)
+            return scenario.run({arguments.begin() + 1, arguments.end()});
+    return failed("usage: host_program SCENARIO [ARGUMENT]...");
+}

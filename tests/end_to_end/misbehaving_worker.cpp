@@ -1,0 +1,466 @@
+// A worker whose jobs name what it does wrong. The bytes of a job are a command and, after one
+// blank, its argument; a command line option names what goes wrong before the first job.
+
+#include "nqWorker.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+constexpr int stepMs =
+    1000; // only how often the loop looks at hasFinished; the pipe wakes it earlier
+constexpr std::size_t mebibyte = std::size_t{1} << 20;
+
+[[noreturn]] void hangForEver()
+{
+    for (;;)
+        pause();
+}
+
+/// The numbers of the open descriptors, without the one that is needed to look.
+std::vector<int> openDescriptors()
+{
+    std::vector<int> open;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        open.push_back(std::stoi(entry.path().filename().string()));
+    const auto closedByNow = [](int fd) { return fcntl(fd, F_GETFD) == -1; };
+    open.erase(std::remove_if(open.begin(), open.end(), closedByNow), open.end());
+    std::sort(open.begin(), open.end());
+    return open;
+}
+
+/// The library keeps its socket to itself, so the worker finds it the way a stray library would.
+int socketOfPipe()
+{
+    for (const int fd : openDescriptors()) {
+        struct stat status {};
+        if (fd > STDERR_FILENO && fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode))
+            return fd;
+    }
+    std::fputs("no socket found\n", stderr);
+    std::abort();
+}
+
+/// Writes all of `bytes` past the library. False when the host has gone.
+bool sendRaw(std::string_view bytes)
+{
+    const int fd = socketOfPipe();
+    while (!bytes.empty()) {
+        const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (sent >= 0) {
+            bytes.remove_prefix(static_cast<std::size_t>(sent));
+        } else if (errno == EAGAIN) {
+            pollfd writable{fd, POLLOUT, 0};
+            poll(&writable, 1, -1);
+        } else if (errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::string frameHeader(std::size_t length)
+{
+    const auto value = static_cast<std::uint32_t>(length);
+    std::string header(sizeof value, '\0');
+    std::memcpy(header.data(), &value, sizeof value);
+    return header;
+}
+
+std::string frame(std::string_view payload)
+{
+    return frameHeader(payload.size()).append(payload);
+}
+
+/// The value behind `name` in /proc/self/status.
+std::string statusField(const std::string& name)
+{
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.compare(0, name.size() + 1, name + ':') == 0)
+            return line.substr(line.find_first_not_of(" \t", name.size() + 1));
+    return "";
+}
+
+std::string joined(const std::vector<std::string>& texts)
+{
+    std::string all;
+    for (const std::string& text : texts)
+        all += (all.empty() ? "" : "\n") + text;
+    return all;
+}
+
+class MisbehavingWorker : public nq::nqWorker {
+public:
+    MisbehavingWorker(
+        const std::string& pipeName,
+        std::vector<std::string> arguments,
+        std::string inheritedDescriptors)
+        : nqWorker(pipeName),
+          mArguments(std::move(arguments)),
+          mInheritedDescriptors(std::move(inheritedDescriptors))
+    {
+    }
+
+    void processJob(std::vector<char>& job, std::vector<char>& result) override
+    {
+        const std::string_view text(job.data(), job.size());
+        const std::size_t blank = std::min(text.find(' '), text.size());
+        const std::string_view argument = text.substr(std::min(blank + 1, text.size()));
+        const std::string answer = perform(text.substr(0, blank), argument);
+        result.assign(answer.begin(), answer.end());
+    }
+
+    void endOfWork() override
+    {
+        if (mIgnoresTheEnd)
+            hangForEver();
+        nqWorker::endOfWork();
+    }
+
+private:
+    using Behaviour = std::string (MisbehavingWorker::*)(std::string_view argument);
+    struct Command {
+        const char* name;
+        Behaviour behaviour;
+    };
+
+    std::string perform(std::string_view name, std::string_view argument)
+    {
+        static constexpr Command commands[] = {
+            {"abort", &MisbehavingWorker::abortNow},
+            {"allocate-until-fail", &MisbehavingWorker::allocateUntilFail},
+            {"answer-and-die", &MisbehavingWorker::answerAndDie},
+            {"answer-and-hang", &MisbehavingWorker::answerAndHang},
+            {"answer-then-grow", &MisbehavingWorker::answerThenGrow},
+            {"arguments", &MisbehavingWorker::tellArguments},
+            {"close-pipe-and-linger", &MisbehavingWorker::closePipeAndLinger},
+            {"crash", &MisbehavingWorker::crash},
+            {"descriptors", &MisbehavingWorker::tellDescriptors},
+            {"dribble", &MisbehavingWorker::dribble},
+            {"echo", &MisbehavingWorker::echo},
+            {"empty-result", &MisbehavingWorker::answerNothing},
+            {"environment", &MisbehavingWorker::tellEnvironment},
+            {"exit", &MisbehavingWorker::exitNow},
+            {"finish-after-this", &MisbehavingWorker::finishAfterThis},
+            {"flood", &MisbehavingWorker::flood},
+            {"folder", &MisbehavingWorker::tellFolder},
+            {"fork-helper", &MisbehavingWorker::forkHelper},
+            {"grow", &MisbehavingWorker::grow},
+            {"grow-and-hang", &MisbehavingWorker::growAndHang},
+            {"half-frame", &MisbehavingWorker::sendHalfFrame},
+            {"half-header", &MisbehavingWorker::sendHalfHeader},
+            {"hang", &MisbehavingWorker::hang},
+            {"ignore-end", &MisbehavingWorker::ignoreEnd},
+            {"junk-and-die", &MisbehavingWorker::junkAndDie},
+            {"pid", &MisbehavingWorker::tellPid},
+            {"print", &MisbehavingWorker::print},
+            {"print-and-hang", &MisbehavingWorker::printAndHang},
+            {"process-group", &MisbehavingWorker::tellProcessGroup},
+            {"signals", &MisbehavingWorker::tellSignals},
+            {"standard-input", &MisbehavingWorker::tellStandardInput},
+            {"throw", &MisbehavingWorker::throwException},
+        };
+        const auto* command =
+            std::find_if(std::begin(commands), std::end(commands), [name](const Command& known) {
+                return name == known.name;
+            });
+        if (command == std::end(commands))
+            return "unknown command " + std::string(name);
+        return (this->*command->behaviour)(argument);
+    }
+
+    // What a well-behaved worker does, and what the tests ask it about its surroundings.
+
+    std::string echo(std::string_view argument)
+    {
+        return std::string(argument);
+    }
+
+    std::string tellPid(std::string_view)
+    {
+        return std::to_string(getpid());
+    }
+
+    std::string tellProcessGroup(std::string_view)
+    {
+        return std::to_string(getpgrp());
+    }
+
+    std::string tellArguments(std::string_view)
+    {
+        return joined(mArguments);
+    }
+
+    std::string tellFolder(std::string_view)
+    {
+        return std::filesystem::current_path().string();
+    }
+
+    std::string tellEnvironment(std::string_view name)
+    {
+        const char* value = std::getenv(std::string(name).c_str());
+        return value ? value : "unset";
+    }
+
+    std::string tellDescriptors(std::string_view)
+    {
+        return mInheritedDescriptors;
+    }
+
+    std::string tellSignals(std::string_view)
+    {
+        return "blocked " + statusField("SigBlk") + " ignored " + statusField("SigIgn");
+    }
+
+    std::string tellStandardInput(std::string_view)
+    {
+        return std::filesystem::read_symlink("/proc/self/fd/0").string();
+    }
+
+    std::string print(std::string_view text)
+    {
+        std::printf("out: %.*s\n", static_cast<int>(text.size()), text.data());
+        std::fflush(stdout);
+        std::fprintf(stderr, "err: %.*s\n", static_cast<int>(text.size()), text.data());
+        return "printed";
+    }
+
+    std::string finishAfterThis(std::string_view)
+    {
+        setFinished(true);
+        return "finished";
+    }
+
+    // Ends without an answer.
+
+    std::string crash(std::string_view)
+    {
+        std::signal(SIGSEGV, SIG_DFL);
+        std::raise(SIGSEGV);
+        return "survived";
+    }
+
+    std::string abortNow(std::string_view)
+    {
+        std::abort();
+    }
+
+    std::string exitNow(std::string_view status)
+    {
+        _exit(std::stoi(std::string(status)));
+    }
+
+    std::string throwException(std::string_view)
+    {
+        throw std::runtime_error("left the hook");
+    }
+
+    std::string sendHalfFrame(std::string_view)
+    {
+        sendRaw(frameHeader(1000) + std::string(500, 'h'));
+        _exit(0);
+    }
+
+    std::string sendHalfHeader(std::string_view)
+    {
+        sendRaw(frameHeader(1000).substr(0, 2));
+        _exit(0);
+    }
+
+    std::string closePipeAndLinger(std::string_view milliseconds)
+    {
+        shutdown(socketOfPipe(), SHUT_RDWR);
+        poll(nullptr, 0, std::stoi(std::string(milliseconds)));
+        _exit(0);
+    }
+
+    // Does not end.
+
+    std::string hang(std::string_view)
+    {
+        hangForEver();
+    }
+
+    std::string printAndHang(std::string_view text)
+    {
+        print(text);
+        hangForEver();
+    }
+
+    std::string growAndHang(std::string_view bytes)
+    {
+        grow(bytes);
+        hangForEver();
+    }
+
+    std::string answerNothing(std::string_view)
+    {
+        return "";
+    }
+
+    // Answers past the library, so that the answer is out before the misbehaviour begins.
+
+    /// Answers with its pid when it is given nothing to say.
+    std::string answerAndDie(std::string_view payload)
+    {
+        sendRaw(frame(payload.empty() ? tellPid(payload) : payload));
+        _exit(0);
+    }
+
+    std::string junkAndDie(std::string_view payload)
+    {
+        sendRaw(frame(payload) + "nobody asked for these bytes");
+        _exit(0);
+    }
+
+    std::string answerAndHang(std::string_view payload)
+    {
+        sendRaw(frame(payload));
+        hangForEver();
+    }
+
+    std::string answerThenGrow(std::string_view bytes)
+    {
+        sendRaw(frame("growing"));
+        growAndHang(bytes);
+        return "";
+    }
+
+    std::string flood(std::string_view payload)
+    {
+        sendRaw(frame(payload));
+        std::string unasked;
+        while (unasked.size() < mebibyte)
+            unasked += frame(std::string(64, 'f'));
+        while (sendRaw(unasked)) {
+        }
+        _exit(0);
+    }
+
+    std::string dribble(std::string_view payload)
+    {
+        const std::string bytes = frame(payload);
+        for (const char& byte : bytes)
+            sendRaw(std::string_view(&byte, 1));
+        hangForEver();
+    }
+
+    // Answers, and keeps something.
+
+    std::string grow(std::string_view bytes)
+    {
+        mHoard.emplace_back(std::stoull(std::string(bytes)), 'x'); // written to, thus resident
+        return "grown";
+    }
+
+    std::string allocateUntilFail(std::string_view)
+    {
+        for (;;)
+            mHoard.emplace_back(mebibyte, 'x');
+    }
+
+    std::string forkHelper(std::string_view)
+    {
+        const pid_t helper = fork();
+        if (helper == 0)
+            hangForEver(); // holds a copy of the socket and of the standard streams
+        return std::to_string(helper);
+    }
+
+    std::string ignoreEnd(std::string_view)
+    {
+        std::signal(SIGTERM, SIG_IGN);
+        mIgnoresTheEnd = true;
+        return "ignoring";
+    }
+
+    std::vector<std::string> mArguments; // as the process got them
+    std::string mInheritedDescriptors;
+    std::vector<std::vector<char>> mHoard;
+    bool mIgnoresTheEnd = false;
+};
+
+/// Leaves the process group in a child, connects once the test opens `fifo`, and hangs up at once.
+/// The test sees from the end of the FIFO's reader that the connection has been made and left.
+void connectAndHangUpWhenTold(const std::string& pipeName, const std::string& fifo)
+{
+    if (fork() != 0)
+        hangForEver();
+    setsid();
+    std::ifstream told(fifo);
+    told.get();
+    const MisbehavingWorker late(pipeName, {}, "");
+}
+
+/// Stays in the process group and connects once the test opens `fifo`, which a killed one never
+/// does.
+void waitToBeTold(const std::string& fifo)
+{
+    std::ifstream told(fifo);
+    told.get();
+}
+
+std::string optionValue(const std::vector<std::string>& arguments, const std::string& option)
+{
+    for (const std::string& argument : arguments)
+        if (argument.compare(0, option.size(), option) == 0)
+            return argument.substr(option.size());
+    return "";
+}
+
+bool isOption(const std::string& argument)
+{
+    return argument.empty() || argument.front() == '-';
+}
+
+bool has(const std::vector<std::string>& arguments, const std::string& wanted)
+{
+    return std::find(arguments.begin(), arguments.end(), wanted) != arguments.end();
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    std::string descriptors;
+    for (const int fd : openDescriptors())
+        descriptors += (descriptors.empty() ? "" : " ") + std::to_string(fd);
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    const auto pipeName = std::find_if_not(arguments.begin(), arguments.end(), isOption);
+    if (pipeName == arguments.end() || has(arguments, "--exit-at-once"))
+        return EXIT_FAILURE;
+    if (has(arguments, "--never-connect"))
+        hangForEver();
+    if (const std::string fifo = optionValue(arguments, "--hang-up-when-told="); !fifo.empty()) {
+        connectAndHangUpWhenTold(*pipeName, fifo);
+        return EXIT_SUCCESS;
+    }
+    if (const std::string fifo = optionValue(arguments, "--connect-when-told="); !fifo.empty())
+        waitToBeTold(fifo);
+
+    MisbehavingWorker worker(*pipeName, arguments, descriptors);
+    while (!worker.hasFinished())
+        worker.processWorker(stepMs);
+    return EXIT_SUCCESS;
+}

@@ -1,0 +1,74 @@
+#!/usr/bin/env bash
+# Checks who includes whom.
+#
+# usage: check_includes.sh ROOT
+#
+# include/ and system/*.h: the standard library and their own folder. scheduler/, supervision/,
+# worker/, support/: the standard library, include/, system/*.h, their own folder and those after
+# it; of the operating system only select(), and only in the pump. One look upwards is allowed: the
+# record of a worker takes jobs from the queues and hands its results to them.
+set -euo pipefail
+cd "$1"
+
+standard='<(algorithm|any|array|atomic|bitset|cassert|cctype|chrono|climits|cmath|cstddef|cstdint'
+standard+='|cstdio|cstdlib|cstring|deque|exception|filesystem|functional|initializer_list|iomanip|iosfwd|iostream'
+standard+='|istream|iterator|limits|list|locale|map|memory|mutex|new|numeric|optional|ostream|queue'
+standard+='|random|ratio|set|sstream|stdexcept|streambuf|string|string_view|system_error|tuple'
+standard+='|type_traits|typeinfo|unordered_map|unordered_set|utility|variant|vector)>'
+
+public='"(include/)?nq(Scheduler|SchedulerAPIVersion|Worker)\.h"'
+system='"system/nq[A-Za-z]+\.h"'
+
+failures=0
+
+# check WHAT ALLOWED FILES...: every include line of the files matches the pattern ALLOWED.
+check() {
+    local what=$1 allowed=$2 foreign
+    shift 2
+    [[ -e ${1:-} ]] || {
+        echo "FAILED: $what has no files to check" >&2
+        failures=$((failures + 1))
+        return
+    }
+    foreign=$(grep -EHn '^[[:space:]]*#[[:space:]]*include' "$@" |
+        grep -Ev "#[[:space:]]*include[[:space:]]+($allowed)[[:space:]]*(//.*)?\$" || true)
+    [[ -z $foreign ]] || {
+        printf 'FAILED: %s includes what it may not see:\n%s\n' "$what" "$foreign" >&2
+        failures=$((failures + 1))
+    }
+}
+
+files_of() {
+    find "$1" -maxdepth 1 -type f \( -name '*.h' -o -name '*.cpp' \) | LC_ALL=C sort
+}
+
+pump=scheduler/nqSchedulerPump.cpp
+mapfile -t scheduler < <(files_of scheduler | grep -Fxv "$pump")
+mapfile -t supervision < <(files_of supervision)
+mapfile -t worker < <(files_of worker)
+mapfile -t support < <(files_of support)
+
+below_support="$standard|$public|$system|\"support/[A-Za-z]+\.h\""
+below_worker="$below_support|\"worker/[A-Za-z]+\.h\""
+below_supervision="$below_worker|\"supervision/[A-Za-z]+\.h\""
+below_scheduler="$below_supervision|\"scheduler/[A-Za-z]+\.h\""
+
+check "include/" "$standard|$public" include/*.h
+check "system/" "$standard|\"nq[A-Za-z]+\.h\"" system/*.h
+check "scheduler/" "$below_scheduler" "${scheduler[@]}"
+check "the pump" "$below_scheduler|<sys/select\.h>" "$pump"
+check "supervision/" "$below_supervision|\"scheduler/nqJobQueues\.h\"" "${supervision[@]}"
+check "worker/" "$below_worker" "${worker[@]}"
+check "support/" "$below_support" "${support[@]}"
+
+# Platform #ifdefs are an include rule in disguise.
+platform_ifdefs=$(grep -EHn '^[[:space:]]*#[[:space:]]*(if|ifdef|ifndef|elif)\b.*(linux|unix|WIN32|APPLE)' \
+    include/*.h system/*.h "${scheduler[@]}" "$pump" "${supervision[@]}" "${worker[@]}" \
+    "${support[@]}" || true)
+[[ -z $platform_ifdefs ]] || {
+    printf 'FAILED: a platform #ifdef outside system/linux/:\n%s\n' "$platform_ifdefs" >&2
+    failures=$((failures + 1))
+}
+
+((failures == 0)) || exit 1
+echo "Every include keeps to the rule."
