@@ -57,11 +57,11 @@ public:
     /// False for every level outside 0 to 3.
     bool isLevelEnabled(int level) const;
 
-    /// Records one entry as one line: prefix, message, and the second text in brackets if there is
-    /// one. Line breaks in the texts become blanks. With `flush` the entry must have left the
-    /// process on return, which this class's version always does; an override that buffers must
-    /// look at it.
-    virtual void Write(const LogEntry& entry, bool flush);
+    /// Records one entry, whose texts an override may change or take, as one line: prefix, message,
+    /// and the second text in brackets if there is one. Line breaks in the texts become blanks.
+    /// With `flush` the entry must have left the process on return, which this class's version
+    /// always does; an override that buffers must look at it.
+    virtual void Write(LogEntry & entry, bool flush);
 
     /// Hands the entry's system-log text to syslog under the matching severity.
     static void WriteToSystemLog(const LogEntry& entry);

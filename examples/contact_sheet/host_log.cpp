@@ -10,7 +10,7 @@ HostLog::HostLog(Progress& progress, bool verbose)
     msInstance = this;
 }
 
-void HostLog::Write(const LogEntry& entry, bool flush)
+void HostLog::Write(LogEntry& entry, bool flush)
 {
     mProgress.clear();
     nqLog::Write(entry, flush);

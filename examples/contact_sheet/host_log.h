@@ -14,7 +14,7 @@ public:
     /// job failed is no news, since it stands in the report. Borrows `progress`.
     HostLog(Progress& progress, bool verbose);
 
-    void Write(const LogEntry& entry, bool flush) override;
+    void Write(LogEntry& entry, bool flush) override;
 
 private:
     Progress& mProgress;

@@ -217,7 +217,7 @@ bool nqLog::isLevelEnabled(int level) const
     return isLevel(level) && mState->mEnabled[static_cast<std::size_t>(level)];
 }
 
-void nqLog::Write(const LogEntry& entry, bool /*flush*/)
+void nqLog::Write(LogEntry& entry, bool /*flush*/)
 {
     const int fd = mState->mFile.isOpen() ? mState->mFile.get() : STDERR_FILENO;
     writeLine(fd, formatLine(entry));

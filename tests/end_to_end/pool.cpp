@@ -24,7 +24,7 @@ CapturingLog::~CapturingLog()
     msInstance = nullptr;
 }
 
-void CapturingLog::Write(const LogEntry& entry, bool flush)
+void CapturingLog::Write(LogEntry& entry, bool flush)
 {
     const std::lock_guard<std::mutex> lock(mMutex);
     mLines.push_back({entry.mLevel, entry.mMessage, flush});

@@ -23,7 +23,7 @@ public:
     CapturingLog();
     ~CapturingLog() override;
 
-    void Write(const LogEntry& entry, bool flush) override;
+    void Write(LogEntry& entry, bool flush) override;
 
     /// Called, on the logging thread, with each message before the library goes on.
     std::function<void(const std::string& message)> onMessage;

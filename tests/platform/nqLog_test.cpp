@@ -167,13 +167,18 @@ private:
     std::array<int, 2> mEnds{-1, -1};
 };
 
+void write(nqLog& log, nqLog::LogEntry entry, bool flush)
+{
+    log.Write(entry, flush);
+}
+
 /// What `log` writes to standard error for `entry`.
 std::string standardErrorOf(nqLog& log, const nqLog::LogEntry& entry)
 {
     Pipe pipe;
     {
         const ReplacedStream standardError(STDERR_FILENO, pipe.writeEnd());
-        log.Write(entry, true);
+        write(log, entry, true);
     }
     pipe.closeWriteEnd();
     return pipe.drain();
@@ -388,11 +393,11 @@ TEST_F(Log, aFileIsCreatedAndAppendedTo)
 {
     {
         nqLog log(mPath);
-        log.Write(entryWithMessage("first"), false);
+        write(log, entryWithMessage("first"), false);
     }
     {
         nqLog log(mPath);
-        log.Write(entryWithMessage("second"), true);
+        write(log, entryWithMessage("second"), true);
     }
     EXPECT_EQ(fileContent(), "first\nsecond\n");
 }
@@ -400,7 +405,7 @@ TEST_F(Log, aFileIsCreatedAndAppendedTo)
 TEST_F(Log, aLineIsInTheFileWhenWriteReturns)
 {
     nqLog log(mPath);
-    log.Write(entryWithMessage("there"), false);
+    write(log, entryWithMessage("there"), false);
     EXPECT_EQ(fileContent(), "there\n");
 }
 
@@ -442,7 +447,7 @@ TEST_F(Log, everyEntryIsOneWrite)
     entry.mSecondText = "more";
     {
         const ReplacedStream standardError(STDERR_FILENO, ends[1]);
-        log.Write(entry, true);
+        write(log, entry, true);
     }
     std::array<char, 256> received{};
     const ssize_t length = ::recv(ends[0], received.data(), received.size(), 0);
@@ -462,7 +467,7 @@ TEST_F(Log, linesOfSeveralThreadsStayWhole)
         threads.emplace_back([&log, thread] {
             const std::string message(1'000, static_cast<char>('a' + thread));
             for (int line = 0; line < linesPerThread; ++line)
-                log.Write(entryWithMessage(message), false);
+                write(log, entryWithMessage(message), false);
         });
     for (std::thread& thread : threads)
         thread.join();
@@ -488,7 +493,7 @@ TEST_F(Log, aLineLargerThanANonBlockingStreamHasRoomForIsCompleted)
     std::thread reader([&] { received = pipe.drain(); });
     {
         const ReplacedStream standardError(STDERR_FILENO, pipe.writeEnd());
-        log.Write(entryWithMessage(message), true);
+        write(log, entryWithMessage(message), true);
     }
     pipe.closeWriteEnd();
     reader.join();
@@ -505,7 +510,7 @@ TEST_F(Log, aFullStreamThatNobodyReadsDoesNotHoldTheHostForEver)
     nqLog log;
     {
         const ReplacedStream standardError(STDERR_FILENO, pipe.writeEnd());
-        log.Write(entryWithMessage(message), true);
+        write(log, entryWithMessage(message), true);
     }
     pipe.closeWriteEnd();
 
@@ -526,7 +531,7 @@ TEST_F(Log, aClosedPipeOnStandardErrorIsSurvived)
     nqLog log;
     {
         const ReplacedStream standardError(STDERR_FILENO, pipe.writeEnd());
-        log.Write(entryWithMessage("nobody listens"), true);
+        write(log, entryWithMessage("nobody listens"), true);
     }
 
     sigset_t pending;
@@ -552,7 +557,7 @@ TEST_F(Log, aBrokenPipeSignalThatTheHostWaitsForItselfIsLeftPending)
     nqLog log;
     {
         const ReplacedStream standardError(STDERR_FILENO, pipe.writeEnd());
-        log.Write(entryWithMessage("nobody listens"), true);
+        write(log, entryWithMessage("nobody listens"), true);
     }
 
     const timespec noWait{};
@@ -566,7 +571,7 @@ TEST_F(Log, aClosedStandardErrorIsSurvivedAndStaysClosed)
     bool isOpenAfterwards = true;
     {
         const ReplacedStream closed(STDERR_FILENO);
-        log.Write(entryWithMessage("nobody listens"), true);
+        write(log, entryWithMessage("nobody listens"), true);
         isOpenAfterwards = ::fcntl(STDERR_FILENO, F_GETFD) != -1;
     }
     EXPECT_FALSE(isOpenAfterwards);
@@ -595,7 +600,7 @@ TEST_F(Log, aDestroyedLoggerLeavesAnotherInstalled)
 TEST_F(Log, aHostCanFeedItsOwnLogging)
 {
     struct HostLog : nqLog {
-        void Write(const LogEntry& entry, bool flush) override
+        void Write(LogEntry& entry, bool flush) override
         {
             mReceived = entry.mMessage;
             mFlushed = flush;
@@ -605,7 +610,7 @@ TEST_F(Log, aHostCanFeedItsOwnLogging)
     };
     HostLog hostLog;
     nqLog::msInstance = &hostLog;
-    nqLog::msInstance->Write(entryWithMessage("message"), true);
+    write(*nqLog::msInstance, entryWithMessage("message"), true);
     nqLog::msInstance = nullptr;
 
     EXPECT_EQ(hostLog.mReceived, "message");

@@ -57,7 +57,7 @@ bool nqLog::isLevelEnabled(int level) const
     return isFlagged(level) && mState->isEnabled[static_cast<std::size_t>(level)];
 }
 
-void nqLog::Write(const LogEntry& entry, bool flush)
+void nqLog::Write(LogEntry& entry, bool flush)
 {
     scripted::machine().call("log: " + entry.mMessage);
     scripted::machine().logged.push_back({entry, flush});

@@ -86,7 +86,7 @@ public:
 
     std::function<void()> onWrite;
 
-    void Write(const LogEntry& entry, bool flush) override
+    void Write(LogEntry& entry, bool flush) override
     {
         nqLog::Write(entry, flush);
         if (onWrite)

@@ -6,7 +6,7 @@
 /// Feeds the library's messages to the program's own output.
 class HostLog : public nq::nqLog {
 public:
-    void Write(const LogEntry& entry, bool /*flush*/) override
+    void Write(LogEntry& entry, bool /*flush*/) override
     {
         std::printf("host log, level %d: %s\n", entry.mLevel, entry.mMessage.c_str());
     }
