@@ -70,9 +70,9 @@ public:
     /// Limits the private writable memory (heap, anonymous and private writable mappings) of the
     /// running child to `bytes`: its soft RLIMIT_DATA, which the kernel enforces at allocation, so
     /// that the child's allocations fail beyond it. What the child already has is not taken back.
-    /// Not limited: stacks, shared memory, mappings of files that are only read. A child may raise
-    /// the limit again up to its hard limit. False when the child is not running or the kernel
-    /// refuses.
+    /// Thread stacks count; the main thread's stack, shared memory and mappings that are only read
+    /// do not. A child may raise the limit again up to its hard limit. False when the child is not
+    /// running or the kernel refuses.
     bool setWorkingSetMaxSize(std::uint64_t bytes);
 
     /// Kills the whole process group and returns at once, without waiting for the end. Does nothing

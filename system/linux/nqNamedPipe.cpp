@@ -23,28 +23,27 @@ using std::chrono::milliseconds;
 
 constexpr std::size_t mebibyte = std::size_t{1} << 20;
 
-// Large enough that a big payload takes few passes, small enough for hundreds of workers.
-constexpr std::size_t outgoingLimitBytes = mebibyte;
+// Large enough that a big payload takes few passes, small enough for hundreds of workers. The page
+// on top lets a payload of one mebibyte leave together with what frames it.
+constexpr std::size_t outgoingLimitBytes = mebibyte + 4096;
 
-// One flooding worker neither grows the host beyond this nor holds up the others for longer than
-// it takes to copy it.
-constexpr std::size_t incomingLimitBytes = mebibyte;
+// One flooding worker does not grow the host beyond this. Some calls' worth, and no more: a
+// consumer that takes little at a time moves the rest to the front each time.
+constexpr std::size_t incomingLimitBytes = std::size_t{256} << 10;
 
-// One read empties most of what a kernel buffer holds, and the area stays in the processor's cache.
-constexpr std::size_t stagingBytes = std::size_t{256} << 10;
+// A message of this size is received aside and appended. More than that is received in place, into
+// room that the buffer fills with zeros first, which is less work than copying.
+constexpr std::size_t smallReadBytes = std::size_t{4} << 10;
+
+// What one call takes in. Small enough that these bytes are still in the processor's cache when the
+// consumer takes them, and that the other end fills the socket again meanwhile.
+constexpr std::size_t bytesPerCall = std::size_t{64} << 10;
 
 // The kernel takes a whole outgoing buffer at once.
 constexpr int kernelSendBufferBytes = static_cast<int>(outgoingLimitBytes);
 
 // Soon enough to notice a dead worker, seldom enough to cost a busy pump nothing.
-constexpr milliseconds peerLookInterval{20};
-
-// Filling a vector in place would write zeros over every byte before it is received.
-char* stagingArea()
-{
-    thread_local const std::unique_ptr<char[]> area(new char[stagingBytes]);
-    return area.get();
-}
+constexpr milliseconds peerLookInterval{250};
 
 milliseconds coarseNow()
 {
@@ -85,6 +84,8 @@ void nqNamedPipe::State::adopt(nqDescriptor socket, nqPeer peer)
     mSocket = std::move(socket);
     mPeer = std::move(peer);
     mLastLookAt = coarseNow();
+    mLeftDry = false;
+    mShortLook = nqShortLook();
     mPhase = Phase::open;
     enlargeKernelBuffer(mSocket.get());
     moveIntoRangeOfSelect();
@@ -137,9 +138,17 @@ void nqNamedPipe::State::processEvents(int timeoutMs, bool wait)
     }
     // Polling before writing would delay whatever is pending by a whole time-out. The end of the
     // stream is news for the caller, so it is not waited behind.
-    if (!exchange() && wait && timeoutMs > 0 && mPhase == Phase::open) {
+    const bool mayWait = wait && timeoutMs > 0 && mPhase == Phase::open;
+    bool moved = writePending();
+    // A read that can hardly find anything is saved: right after a write, because the last call
+    // left the socket dry and the peer has yet to see what was written, and before a wait, which
+    // looks by itself. What has come in spite of that is found by the next call.
+    if (!mLeftDry || !(moved || mayWait))
+        moved = readAvailable(mayWait) || moved;
+    if (!moved && mayWait) {
         waitForActivity(timeoutMs);
-        exchange();
+        writePending();
+        readAvailable(mayWait);
     }
     if (!isConnected())
         close();
@@ -156,14 +165,7 @@ bool nqNamedPipe::State::isForsaken()
     return mPhase == Phase::ended || (isIncomingFull() && hasPeerLeft());
 }
 
-// Returns whether there is anything new for the caller.
-bool nqNamedPipe::State::exchange()
-{
-    const bool wrote = writePending();
-    const bool read = readAvailable();
-    return wrote || read;
-}
-
+// Returns whether there is anything new for the caller, and so does readAvailable.
 bool nqNamedPipe::State::writePending()
 {
     if (mWriteFailed)
@@ -188,38 +190,65 @@ bool nqNamedPipe::State::writePending()
 }
 
 // Reads on until the kernel says that it has nothing more, not only until a short count: a worker
-// that answered and left is then known to have left, and is not given another job.
+// that answered and left is then known to have left, and is not given another job. A caller that
+// waits comes back for the end anyway.
 //
 // A peer that has died has sent everything that it will ever send. Its stream ends where the kernel
 // has nothing more, also when a process that it forked holds the socket open.
-bool nqNamedPipe::State::readAvailable()
+bool nqNamedPipe::State::readAvailable(bool mayStopAtShortCount)
 {
     bool anythingNew = false;
-    while (mPhase == Phase::open && !isIncomingFull()) {
-        const std::size_t wanted = std::min(stagingBytes, incomingLimitBytes - mIncoming.size());
-        mIncoming.reserve(mIncoming.size() + wanted); // no byte is lost when this throws
+    bool isSmall = true;
+    const std::size_t enough = std::min(mIncoming.size() + bytesPerCall, incomingLimitBytes);
+    mLeftDry = false;
+    while (mPhase == Phase::open && mIncoming.size() < enough) {
         const bool peerWasDead = mPeer.isKnownDead();
-        char* const staging = stagingArea();
-        const nqTransfer received = receiveOnce(mSocket.get(), staging, wanted);
+        const std::size_t room = enough - mIncoming.size();
+        const std::size_t wanted = isSmall ? std::min(smallReadBytes, room) : room;
+        const nqTransfer received = isSmall ? readAside(wanted) : readInPlace(wanted);
         switch (received.mOutcome) {
         case nqTransferOutcome::moved:
-            mIncoming.insert(mIncoming.end(), staging, staging + received.mCount);
             anythingNew = true;
+            mLeftDry = received.mCount < wanted && mayStopAtShortCount && !peerWasDead;
+            if (mLeftDry)
+                return true;
+            isSmall = received.mCount < wanted;
             break;
         case nqTransferOutcome::closed:
             mPhase = Phase::ended;
             anythingNew = true;
             break;
         case nqTransferOutcome::wouldBlock:
+            if (!peerWasDead && !isPeerFoundDead()) {
+                mLeftDry = true;
+                return anythingNew;
+            }
             if (peerWasDead)
                 mPhase = Phase::ended;
-            else if (!isPeerFoundDead())
-                return anythingNew;
             anythingNew = true;
             break;
         }
     }
     return anythingNew;
+}
+
+// In both, room is made first: no byte is lost when that throws.
+nqTransfer nqNamedPipe::State::readAside(std::size_t wanted)
+{
+    mIncoming.reserve(mIncoming.size() + wanted);
+    char aside[smallReadBytes];
+    const nqTransfer received = receiveOnce(mSocket.get(), aside, wanted);
+    mIncoming.insert(mIncoming.end(), aside, aside + received.mCount);
+    return received;
+}
+
+nqTransfer nqNamedPipe::State::readInPlace(std::size_t wanted)
+{
+    const std::size_t before = mIncoming.size();
+    mIncoming.resize(before + wanted);
+    const nqTransfer received = receiveOnce(mSocket.get(), mIncoming.data() + before, wanted);
+    mIncoming.resize(before + received.mCount);
+    return received;
 }
 
 // Looks now and then only, since a look costs a system call and most passes find nothing.
@@ -247,7 +276,8 @@ void nqNamedPipe::State::waitForActivity(int timeoutMs)
     };
     if (hasPendingWrite())
         watched[0].events = static_cast<short>(watched[0].events | POLLOUT);
-    nqDeadline(timeoutMs).poll(watched, std::size(watched));
+    if (!mShortLook.findsActivity(watched, std::size(watched)))
+        nqDeadline(timeoutMs).poll(watched, std::size(watched));
     if (watched[1].revents != 0)
         mPeer.hasDied();
 }

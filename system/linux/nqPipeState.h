@@ -2,6 +2,8 @@
 
 #include "system/linux/nqDescriptor.h"
 #include "system/linux/nqPeer.h"
+#include "system/linux/nqPipeSocket.h"
+#include "system/linux/nqShortLook.h"
 #include "system/nqNamedPipe.h"
 
 #include <chrono>
@@ -25,6 +27,8 @@ struct nqNamedPipe::State {
     bool mWriteFailed = false; // the peer takes nothing any more; it may still have sent something
     std::vector<char> mIncoming;
     std::vector<char> mOutgoing;
+    bool mLeftDry = false;                    // the last read took all that the socket held
+    nqShortLook mShortLook;                   // before a wait sleeps
     std::size_t mLeftByLastCall = 0;          // bytes in mIncoming when the last call returned
     std::chrono::milliseconds mLastLookAt{0}; // when the peer's life was last looked at
 
@@ -44,9 +48,10 @@ struct nqNamedPipe::State {
 
 private:
     bool isForsaken();
-    bool exchange();
     bool writePending();
-    bool readAvailable();
+    bool readAvailable(bool mayStopAtShortCount);
+    nqTransfer readAside(std::size_t wanted);
+    nqTransfer readInPlace(std::size_t wanted);
     bool isPeerFoundDead();
     bool hasPeerLeft();
     void waitForActivity(int timeoutMs);

@@ -40,7 +40,7 @@ struct FloodedByADeadPeer {
         const int bytes = 4 << 20;
         ::setsockopt(mLink.mPeer.get(), SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes);
         ::setsockopt(mLink.mPeer.get(), SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
-        while (mLink.mPipe->incomingBuffer().size() < mebibyte) {
+        while (mLink.mPipe->incomingBuffer().size() < incomingLimit) {
             mSent += sendMoreThanABufferHolds(mLink.mPeer);
             mLink.mPipe->processNamedPipeEvents(0, false);
         }
@@ -223,7 +223,7 @@ TEST_F(NamedPipeEnd, leavesTheWriteChannelOpenWhenThePeerOnlyStopsSending)
 TEST_F(NamedPipeEnd, closesForGoodWhenADeadPeerLeftMoreJunkThanTheBufferHolds)
 {
     FloodedByADeadPeer flood;
-    ASSERT_GT(flood.mSent, mebibyte);
+    ASSERT_GT(flood.mSent, incomingLimit);
     flood.mLink.mPipe->processNamedPipeEvents(0, false);
     expectClosed(*flood.mLink.mPipe);
 }
@@ -253,7 +253,7 @@ TEST_F(NamedPipeEnd, isNotAssumedBehindAFullBufferWhileThePeerLives)
 {
     PipeToRawSocket link;
     ASSERT_TRUE(link.mPipe);
-    while (link.mPipe->incomingBuffer().size() < mebibyte) {
+    while (link.mPipe->incomingBuffer().size() < incomingLimit) {
         sendMoreThanABufferHolds(link.mPeer);
         link.mPipe->processNamedPipeEvents(0, false);
     }
@@ -383,7 +383,7 @@ TEST_F(NamedPipeEnd, wakesACallThatWaitsForAPeerWhoseSocketSomebodyHolds)
 TEST_F(NamedPipeEnd, ofAPeerWhoseSocketSomebodyHoldsIsSeenBehindAFullBuffer)
 {
     DeadPeerWithLivingSocket peer;
-    while (peer.pipe().incomingBuffer().size() < mebibyte) {
+    while (peer.pipe().incomingBuffer().size() < incomingLimit) {
         sendMoreThanABufferHolds(peer.socket());
         peer.pipe().processNamedPipeEvents(0, false);
     }

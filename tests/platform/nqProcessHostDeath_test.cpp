@@ -3,6 +3,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <spawn.h>
+#include <sstream>
 #include <sys/prctl.h>
 
 namespace {
@@ -26,9 +27,18 @@ protected:
     {
         ::close(mControl[0]);
         ::close(mControl[1]); // ends what lives on
-        while (::waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
-        }
+        endWhatIsLeft();
         ::prctl(PR_SET_CHILD_SUBREAPER, 0);
+    }
+
+    // Usually there are only the dead to reap. Where a test has failed, its worker would live on.
+    static void endWhatIsLeft()
+    {
+        do {
+            std::istringstream children(contentOf("/proc/thread-self/children"));
+            for (pid_t child = 0; children >> child;)
+                ::kill(child, SIGKILL);
+        } while (::waitpid(-1, nullptr, 0) > 0 || errno == EINTR);
     }
 
     void startHost(const std::string& end)

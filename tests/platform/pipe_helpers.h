@@ -36,6 +36,9 @@ using std::chrono::steady_clock;
 constexpr int ampleMs = 60'000; // only a test that fails waits for so long
 constexpr std::size_t mebibyte = std::size_t{1} << 20;
 
+// What a pipe holds of bytes that nobody takes.
+constexpr std::size_t incomingLimit = std::size_t{256} << 10;
+
 inline milliseconds elapsedSince(steady_clock::time_point start)
 {
     return std::chrono::duration_cast<milliseconds>(steady_clock::now() - start);
