@@ -88,6 +88,12 @@ void nqJobQueues::pushResult(const std::vector<char>& result)
     mResults.push_back(result);
 }
 
+void nqJobQueues::pushResult(std::vector<char>&& result)
+{
+    --mJobsInProgress;
+    mResults.push_back(std::move(result));
+}
+
 void nqJobQueues::pushFailedJob(
     const std::vector<char>& job, nqScheduler::FailReason reason, const std::string& message)
 {

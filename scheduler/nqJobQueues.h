@@ -34,8 +34,10 @@ public:
     /// changes, when there is none.
     bool takeNextJob(std::vector<char>& job);
 
-    /// Both lower the counter first, so it stays lowered when the copy fails to find memory.
+    /// These lower the counter first, so it stays lowered when there is no memory for the entry.
+    /// The second saves a worker's record, which is done with the result, a copy of it.
     void pushResult(const std::vector<char>& result);
+    void pushResult(std::vector<char>&& result);
     void pushFailedJob(
         const std::vector<char>& job, nqScheduler::FailReason reason, const std::string& message);
 

@@ -5,6 +5,8 @@
 #include "support/nqLogObject.h"
 #include "worker/nqFrame.h"
 
+#include <utility>
+
 namespace nq {
 
 /// True when a whole result was taken in now. What a worker sends without a job stays unread.
@@ -16,7 +18,7 @@ bool nqSchedulerWorker::receiveStep()
     if (!nqFrame::receive(*state.mPipe, state.mResult, state.mReceived, true))
         return false;
     if (state.mQueues != nullptr)
-        state.mQueues->pushResult(state.mResult);
+        state.mQueues->pushResult(std::move(state.mResult));
     state.mResult.clear();
     state.mJob.clear();
     state.mReadyForJob = true;

@@ -33,8 +33,7 @@ void eraseFront(std::vector<char>& bytes, std::size_t count)
     bytes.erase(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count));
 }
 
-/// Reads a header, if it is whole, and gives `payload` its size. False when no payload follows now.
-/// The bytes are erased last, so that a size nobody has memory for leaves the stream in step.
+/// Takes a header, if it is whole, and gives `payload` its size. False when no payload follows now.
 bool startFrame(nqNamedPipe& pipe, std::vector<char>& payload)
 {
     std::vector<char>& incoming = pipe.incomingBuffer();
@@ -42,8 +41,10 @@ bool startFrame(nqNamedPipe& pipe, std::vector<char>& payload)
     if (incoming.size() < sizeof length || !pipe.isConnected())
         return false;
     std::memcpy(&length, incoming.data(), sizeof length);
-    payload.resize(length);
+    // Erased before the payload finds its memory: a size that nobody has memory for costs one
+    // exception and not one at every pass.
     eraseFront(incoming, sizeof length);
+    payload.resize(length);
     return length != 0;
 }
 

@@ -16,7 +16,7 @@ using support::bytes;
 using support::frame;
 using support::header;
 
-using support::operator+;
+using support::operator+; // NOLINT(misc-unused-using-decls): the check overlooks operators
 
 /// One open pipe and one frame in each direction.
 class Frame : public testing::Test {
@@ -204,7 +204,7 @@ TEST_F(Frame, isWholeAtOnceWhenItMayNotStartAndNothingIsAwaitedOnPurpose)
     EXPECT_EQ(script.incoming, frame("x"));
 }
 
-TEST_F(Frame, staysUntakenWhenThereIsNoMemoryForIt)
+TEST_F(Frame, losesItsHeaderWhenThereIsNoMemoryForItSoThatOneExceptionIsAll)
 {
     if (!support::RefusedMemory::isPossible())
         GTEST_SKIP();
@@ -214,9 +214,9 @@ TEST_F(Frame, staysUntakenWhenThereIsNoMemoryForIt)
         const support::RefusedMemory refused(large);
         EXPECT_THROW(receive(), std::bad_alloc);
     }
-    EXPECT_EQ(script.incoming, header(large));
+    EXPECT_TRUE(script.incoming.empty());
+    EXPECT_TRUE(payload.empty());
     EXPECT_FALSE(receive());
-    EXPECT_EQ(payload.size(), large);
 }
 
 TEST_F(Frame, goesOnThoughANewOneMayNotStart)
