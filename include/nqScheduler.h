@@ -31,7 +31,8 @@ public:
         Timeout = 3          ///< the job passed the limit of setJobProcessTimeout; worker killed
     };
 
-    /// No executable, no arguments, all limits off. Starts nothing.
+    /// No executable, no arguments, all limits off. Starts nothing. Like the other constructor,
+    /// throws std::system_error when the kernel has no random bytes for the pipe's name.
     nqScheduler();
 
     /// The worker's executable and its arguments, in UTF-8. With `startProcessFlag` the workers'
@@ -45,7 +46,9 @@ public:
         bool prependChannelId);
 
     /// Stops as stopScheduler() does, which may take long: every pending job is processed first.
-    /// Results and failures that were not popped are dropped.
+    /// Results and failures that were not popped are dropped. Workers left over from a start that
+    /// failed see their pipes close and are waited for without limit. An exception in here ends the
+    /// process.
     virtual ~nqScheduler();
 
     nqScheduler(const nqScheduler&) = delete;
@@ -67,7 +70,8 @@ public:
 
     /// Bytes of private writable memory that a worker may allocate (its soft RLIMIT_DATA, set once
     /// it has connected). Beyond it the worker's own allocations fail; a worker that ends over this
-    /// loses its job to UnexpectedCrash. Stacks, shared memory and mapped files are not limited.
+    /// loses its job to UnexpectedCrash. Thread stacks and private writable mappings of files
+    /// count; the main thread's stack, shared memory and mappings that are only read do not.
     bool setMaxPhysicalMemory(unsigned long bytes);
 
     /// A relative path counts from the host's current directory at each launch; PATH is not
@@ -89,8 +93,10 @@ public:
     ///
     /// False when already started, when the pipe cannot be listened on, when `nbWorkers` is above
     /// the limit (twice the hardware threads, at least 4; nothing is launched then), or when a
-    /// launch failed. In the last case the workers that did launch stay alive until this object is
-    /// destroyed, and a further start launches `nbWorkers` more. Each refusal is logged.
+    /// launch failed. In the last two cases it goes on listening without being started: the
+    /// configuration is open, and pump and stop do nothing. Workers that did launch stay alive
+    /// until this object is destroyed, or until a later start, which launches `nbWorkers` more
+    /// beside them, succeeds and is stopped. Each refusal is logged.
     bool startScheduler(unsigned long nbWorkers, int workerConnectionTimeout);
 
     /// Pumps until every job is resolved, then ends the workers one after the other: each has 30
@@ -98,9 +104,10 @@ public:
     /// pop and popFail, and the scheduler may be started again.
     bool stopScheduler();
 
-    /// Pumps until no job is pending or in progress. There is no time limit: without a job time-out
-    /// one hanging job, or one empty job ever pushed, keeps it waiting for ever. Returns at once
-    /// when not started.
+    /// Pumps until no job is pending or in progress. There is no time limit: one hanging job
+    /// without a job time-out, one empty job ever pushed, or one pending job when no worker is left
+    /// keeps it waiting for ever. It does not sleep while a result waits to be popped or no worker
+    /// is left. Returns at once when not started.
     void waitForFinished();
 
     /// One pass over all workers, then a wait of at most `timeoutMs` milliseconds (0 or less: none)

@@ -54,8 +54,8 @@ public:
     /// leaves processWorker too. Results of 2^31 bytes or more are not supported.
     virtual void processJob(std::vector<char> & job, std::vector<char> & result) = 0;
 
-    /// Called at every step after the pipe has closed. An override must see to it that the loop
-    /// ends, by setFinished(true) or otherwise.
+    /// Called by the step that finds the pipe closed and by every step after it. This version calls
+    /// setFinished(true); an override must do so too, or end the loop otherwise.
     virtual void endOfWork();
 
     /// @}
