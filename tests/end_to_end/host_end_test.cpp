@@ -1,6 +1,7 @@
 #include "fixture.h"
 
 #include <csignal>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -49,6 +50,11 @@ struct Leaving {
     const char* how;
     int status;
 };
+
+void PrintTo(const Leaving& leaving, std::ostream* out)
+{
+    *out << leaving.how;
+}
 
 class HostThatLeaves : public EndToEnd, public testing::WithParamInterface<Leaving> {};
 

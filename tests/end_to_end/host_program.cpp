@@ -25,13 +25,17 @@ using Arguments = std::vector<std::string>;
 
 constexpr int connectionLimitMs = 30'000;
 
+// Reachable to the end; volatile, since nobody reads it and it must be written all the same.
+nq::nqScheduler* volatile leftBehind = nullptr;
+
 /// Unlike Pool, with the workers' output let through, and never destroyed: how a host leaves
-/// without a word is what the scenarios are about.
+/// without a word is what the scenarios are about. At most one for each run.
 class TalkingPool {
 public:
     explicit TalkingPool(bool silent)
         : mScheduler(*new nq::nqScheduler(workerPath(), silent, {}, true))
     {
+        leftBehind = &mScheduler;
     }
 
     bool start(unsigned long nbWorkers)

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,11 @@ constexpr Ending endings[] = {
     {"halfAHeader", "half-header"},
     {"closedPipeOfALivingWorker", "close-pipe-and-linger 100"},
 };
+
+void PrintTo(const Ending& ending, std::ostream* out)
+{
+    *out << ending.job;
+}
 
 class WorkerThatEndsInAJob : public EndToEnd, public testing::WithParamInterface<Ending> {};
 

@@ -79,10 +79,10 @@ TEST(HumanizeNumber, takesTheStepWhoseFactorItEqualsExactly)
 
 TEST(HumanizeNumber, roundsExactHalvesDownOnPurpose)
 {
-    EXPECT_EQ(memoryText(2304), "2.2k");               // 2.25 k
-    EXPECT_EQ(memoryText(1024 + 256), "1.2k");         // 1.25 k
-    EXPECT_EQ(text(1025024, 4, 0), "1001k");           // exactly 1001 k
-    EXPECT_EQ(text(1024 * 1000 + 512, 4, 0), "1000k"); // 1000.5 k
+    EXPECT_EQ(memoryText(2304), "2.2k");                 // 2.25 k
+    EXPECT_EQ(memoryText(1024 + 256), "1.2k");           // 1.25 k
+    EXPECT_EQ(text(1025024, 4, 0), "1001k");             // exactly 1001 k
+    EXPECT_EQ(text(1024UL * 1000 + 512, 4, 0), "1000k"); // 1000.5 k
 }
 
 TEST(HumanizeNumber, keepsTheLowerPrefixWhenItRoundsUpToTheNextStepOnPurpose)
@@ -118,7 +118,7 @@ TEST(HumanizeNumber, doesNotScaleWithoutMultiplePrefixes)
 TEST(HumanizeNumber, keepsTheZerosOfAnInteger)
 {
     EXPECT_EQ(memoryText(100), "100");
-    EXPECT_EQ(memoryText(100 * 1024), "100k");
+    EXPECT_EQ(memoryText(100UL * 1024), "100k");
     EXPECT_EQ(text(10, 2, 1, false), "10");
 }
 

@@ -5,8 +5,6 @@
 
 namespace {
 
-using nq::nqProcess;
-using nq::nqScheduler;
 using scripted::Connection;
 using scripted::Select;
 using support::bytes;

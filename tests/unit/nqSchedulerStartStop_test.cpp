@@ -15,7 +15,7 @@ using support::Entry;
 using support::Failure;
 using support::Lines;
 
-using support::operator+;
+using support::operator+; // NOLINT(misc-unused-using-decls): the check overlooks operators
 
 class SchedulerStart : public support::SchedulerFixture {
 protected:

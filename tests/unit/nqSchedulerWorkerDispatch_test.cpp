@@ -4,7 +4,6 @@
 
 namespace {
 
-using nq::nqProcess;
 using support::Bytes;
 using support::bytes;
 using support::Entry;
@@ -12,7 +11,7 @@ using support::frame;
 using support::header;
 using support::Lines;
 
-using support::operator+;
+using support::operator+; // NOLINT(misc-unused-using-decls): the check overlooks operators
 
 class WorkerDispatch : public support::WorkerRecordFixture {
 protected:
@@ -305,6 +304,8 @@ TEST_F(WorkerDispatch, restartsAWorkerThatIsOneByteAboveTheCapAfterAJob)
 
 TEST_F(WorkerDispatch, neitherKillsNorAwaitsTheWorkerThatItRestarts)
 {
+    const std::string report = "restarting scheduler worker : using too much RAM after job "
+                               "processing (1.5GB) (no job lost) (PID 4242)";
     worker->setMaxCapMemoryAfterProcessingAJob(100);
     process->ramInUse = 1610612736;
     dispatch();
@@ -318,8 +319,7 @@ TEST_F(WorkerDispatch, neitherKillsNorAwaitsTheWorkerThatItRestarts)
             "pipe 1: closeNamedPipe()",
             "pipe 1: destroyed",
             "entry: computeLogPrefix(true)",
-            "log: restarting scheduler worker : using too much RAM after job processing (1.5GB) "
-            "(no job lost) (PID 4242)"}));
+            "log: " + report}));
 }
 
 TEST_F(WorkerDispatch, reportsARestartAtLevelZeroWithPlainNumbers)

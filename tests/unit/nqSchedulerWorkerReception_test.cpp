@@ -13,7 +13,7 @@ using support::frame;
 using support::header;
 using support::Lines;
 
-using support::operator+;
+using support::operator+; // NOLINT(misc-unused-using-decls): the check overlooks operators
 
 class WorkerReception : public support::WorkerRecordFixture {
 protected:

@@ -152,6 +152,9 @@ TEST_F(WorkerLaunch, waitsForItsOwnConnectionThoughOneIsPendingAlready)
 
 TEST_F(WorkerLaunch, givesUpOnAProcessThatIsNotRunningWithoutAWait)
 {
+    const std::string report =
+        "Fail to startWorker, Process state is not 'running' (pid 4242) - command line was: "
+        "/opt/w/worker \"uuid-1\" current working directory was /home/user";
     machine.planProcess().stateAfterStart = nqProcess::NotStarted;
     forgetCalls();
     EXPECT_FALSE(scheduler->startWorker());
@@ -167,8 +170,7 @@ TEST_F(WorkerLaunch, givesUpOnAProcessThatIsNotRunningWithoutAWait)
             "process 4242: getPid()",
             "dirs: GetCurrentWorkingDirUtf8()",
             "entry: computeLogPrefix(true)",
-            "log: Fail to startWorker, Process state is not 'running' (pid 4242) - command line "
-            "was: /opt/w/worker \"uuid-1\" current working directory was /home/user",
+            "log: " + report,
             "process 4242: killProcess()",
             "process 4242: destroyed"}));
 }

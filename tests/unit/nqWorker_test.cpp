@@ -17,7 +17,7 @@ using support::frame;
 using support::header;
 using support::Lines;
 
-using support::operator+;
+using support::operator+; // NOLINT(misc-unused-using-decls): the check overlooks operators
 
 static_assert(!std::is_copy_constructible_v<nq::nqWorker>);
 static_assert(!std::is_copy_assignable_v<nq::nqWorker>);

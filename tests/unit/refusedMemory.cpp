@@ -36,7 +36,8 @@ bool RefusedMemory::isPossible()
 
 } // namespace support
 
-void* operator new(std::size_t size)
+// Not inlined: the compiler would see the library's memory handed to free, and say so.
+[[gnu::noinline]] void* operator new(std::size_t size)
 {
     if (size < smallestRefused) {
         if (void* memory = std::malloc(size == 0 ? 1 : size))
@@ -45,12 +46,12 @@ void* operator new(std::size_t size)
     throw std::bad_alloc();
 }
 
-void operator delete(void* memory) noexcept
+[[gnu::noinline]] void operator delete(void* memory) noexcept
 {
     std::free(memory);
 }
 
-void operator delete(void* memory, std::size_t /*size*/) noexcept
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept
 {
     std::free(memory);
 }
