@@ -3,6 +3,7 @@
 #include "scheduler/nqSchedulerPrivate.h"
 
 #include <algorithm>
+#include <exception>
 
 #include <sys/select.h>
 
@@ -55,7 +56,21 @@ struct Pass {
     bool mAnyPendingWrite = false;
     bool mAnyIdleOrReplaced = false;
     std::uint32_t mReplacedCount = 0;
+    std::exception_ptr mFirstException;
 };
+
+/// Runs `action` and keeps the first exception for later: one worker that finds no memory must cost
+/// neither the other workers their turn nor the pool a replacement.
+template <typename Action>
+void keepException(std::exception_ptr& first, Action action)
+{
+    try {
+        action();
+    } catch (...) {
+        if (first == nullptr)
+            first = std::current_exception();
+    }
+}
 
 /// Steps every worker and drops the ones that are over. A replacement counts as idle, since it can
 /// take a pending job in the next pass.
@@ -64,7 +79,7 @@ Pass stepWorkers(std::list<std::unique_ptr<nqSchedulerWorker>>& workers)
     Pass pass;
     for (auto it = workers.begin(); it != workers.end();) {
         nqSchedulerWorker& worker = **it;
-        worker.superviseStep();
+        keepException(pass.mFirstException, [&] { worker.superviseStep(); });
         if (worker.hasFinished()) {
             it->reset();
             it = workers.erase(it);
@@ -87,18 +102,21 @@ void nqScheduler::processScheduler(int timeoutMs)
     if (!mPrivate->mStarted)
         return;
     mPrivate->mPipeServer.processPipeServerEvents(0);
-    const Pass pass = stepWorkers(mPrivate->mWorkers);
+    Pass pass = stepWorkers(mPrivate->mWorkers);
 
     const bool resultWaits = mPrivate->mQueues->resultCount() != 0;
     const bool jobCanStart = mPrivate->mQueues->pendingJobCount() != 0 && pass.mAnyIdleOrReplaced;
-    const bool workIsReady = pass.mAnyPendingWrite || resultWaits || jobCanStart;
-    if (timeoutMs > 0 && !workIsReady && !pass.mSockets.isEmpty())
+    const bool somethingIsNew =
+        pass.mAnyPendingWrite || resultWaits || jobCanStart || pass.mFirstException != nullptr;
+    if (timeoutMs > 0 && !somethingIsNew && !pass.mSockets.isEmpty())
         pass.mSockets.wait(timeoutMs);
 
     // After the wait, so that the replacements get their first step in the next call. One that
     // cannot be launched is logged and not tried again: the pool is one worker smaller.
     for (std::uint32_t i = 0; i < pass.mReplacedCount; ++i)
-        startWorker();
+        keepException(pass.mFirstException, [&] { startWorker(); });
+    if (pass.mFirstException != nullptr)
+        std::rethrow_exception(pass.mFirstException);
 }
 
 } // namespace nq

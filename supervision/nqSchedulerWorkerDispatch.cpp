@@ -5,7 +5,15 @@
 #include "support/nqLogObject.h"
 #include "worker/nqFrame.h"
 
+#include <string_view>
+
 namespace nq {
+
+namespace {
+
+constexpr std::string_view unexpectedCrash = "Unexpected crash";
+
+} // namespace
 
 void nqSchedulerWorker::sendStep(bool jobJustCompleted)
 {
@@ -47,11 +55,15 @@ bool nqSchedulerWorker::restartIfTooMuchRam()
 bool nqSchedulerWorker::startNextJob()
 {
     nqSchedulerWorkerPrivate& state = *mPrivate;
+    // What can run out of memory comes first: once taken, the job must have its failure armed and
+    // its header sent.
+    state.mFailMessage.reserve(unexpectedCrash.size());
+    state.mPipe->outgoingBuffer().reserve(nqFrame::headerBytes);
     if (state.mKilled || !state.mQueues->takeNextJob(state.mJob) || state.mJob.empty())
         return false;
     state.mReadyForJob = false;
     state.mFailReason = nqScheduler::UnexpectedCrash;
-    state.mFailMessage = "Unexpected crash";
+    state.mFailMessage = unexpectedCrash;
     state.mJobTimer.start();
     nqFrame::sendHeader(*state.mPipe, state.mJob);
     return true;

@@ -17,30 +17,35 @@ bool nqSchedulerWorker::receiveStep()
         return false;
     if (!nqFrame::receive(*state.mPipe, state.mResult, state.mReceived, true))
         return false;
-    if (state.mQueues != nullptr)
-        state.mQueues->pushResult(std::move(state.mResult));
-    state.mResult.clear();
+
+    // The record lets go of the job before the queue, which may find no memory, takes the result: a
+    // job that is over must not be failed and counted down once more when the worker ends.
+    std::vector<char> result;
+    result.swap(state.mResult);
     state.mJob.clear();
     state.mReadyForJob = true;
     state.mReceived = 0;
+    if (state.mQueues != nullptr)
+        state.mQueues->pushResult(std::move(result));
     return true;
 }
 
-/// Ends the record, and hands the job in flight, if there is one, back as failed.
+/// Ends the record, and hands the job in flight, if there is one, back as failed. The record is
+/// over before anything can find no memory, for the same reason as above.
 void nqSchedulerWorker::failCurrentJob()
 {
     nqSchedulerWorkerPrivate& state = *mPrivate;
-    if (!state.mReadyForJob) {
-        if (state.mQueues != nullptr) {
-            nqLogObject(nqLog::Info, false)
-                << "Job failed error (" << std::to_string(state.mFailReason) << ") "
-                << state.mFailMessage << " (PID " << std::to_string(state.mPid) << ")";
-            state.mQueues->pushFailedJob(state.mJob, state.mFailReason, state.mFailMessage);
-        }
-        state.mReadyForJob = true;
-        state.mJob.clear();
-    }
+    const bool hadJob = !state.mReadyForJob;
+    std::vector<char> job;
+    job.swap(state.mJob);
+    state.mReadyForJob = true;
     state.mFinished = true;
+    if (!hadJob || state.mQueues == nullptr)
+        return;
+    nqLogObject(nqLog::Info, false)
+        << "Job failed error (" << std::to_string(state.mFailReason) << ") " << state.mFailMessage
+        << " (PID " << std::to_string(state.mPid) << ")";
+    state.mQueues->pushFailedJob(job, state.mFailReason, state.mFailMessage);
 }
 
 } // namespace nq

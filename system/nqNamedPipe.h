@@ -66,9 +66,9 @@ public:
     /// How many bytes the outgoing buffer may hold.
     std::uint64_t outgoingBufferLimit() const;
 
-    /// The descriptor to wait on for incoming bytes; -1 when there is no connection, when the
-    /// number cannot go into a select() set, or when nothing could be read because the incoming
-    /// buffer is full. Borrowed: never close it.
+    /// The descriptor to wait on for incoming bytes; -1 when there is no connection or when the
+    /// number cannot go into a select() set. While nothing is read because nobody empties the
+    /// incoming buffer, one that reports the peer's death, or -1. Borrowed: never close it.
     int getSocket() const;
 
     /// Ends the connection and empties both buffers. What is still in the outgoing buffer is

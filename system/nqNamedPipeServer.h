@@ -40,7 +40,8 @@ public:
     /// process has no descriptor left. `*timedOut`, if given, says whether the time ran out.
     ///
     /// Never accepted: a process of another user, a peer that has hung up without sending
-    /// anything, and a member of a process group that nqProcess has killed.
+    /// anything, a member of a process group that nqProcess has killed, and a second member of a
+    /// group that nqProcess has started: a worker connects once.
     bool waitForNewConnection(int timeoutMs, bool* timedOut);
 
     /// Whether accepted connections wait to be taken.

@@ -9,6 +9,7 @@ namespace nq {
 namespace {
 
 using Header = std::uint32_t;
+static_assert(sizeof(Header) == nqFrame::headerBytes);
 
 std::int32_t signedSize(const std::vector<char>& bytes)
 {

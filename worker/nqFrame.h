@@ -2,6 +2,7 @@
 
 #include "system/nqNamedPipe.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -15,6 +16,8 @@ namespace nq {
 /// again and again until its frame is through.
 class nqFrame {
 public:
+    static constexpr std::size_t headerBytes = 4;
+
     /// Appends the header for `payload` to the outgoing buffer, as much of it as there is room for.
     /// What is cut is never made up for, so a frame starts only on an empty outgoing buffer.
     static void sendHeader(nqNamedPipe& pipe, const std::vector<char>& payload);

@@ -366,10 +366,12 @@ std::uint64_t nqNamedPipe::outgoingBufferLimit() const
 
 int nqNamedPipe::getSocket() const
 {
-    const int socket = mState->mSocket.get();
-    const bool selectable =
-        mState->isConnected() && !mState->isIncomingFull() && socket < FD_SETSIZE;
-    return selectable ? socket : -1;
+    if (!mState->isConnected())
+        return -1;
+    // Nothing is read while the buffer is full, so the socket would keep a select from sleeping.
+    // What is worth waking up for is then the peer's death.
+    const int watched = mState->isIncomingFull() ? mState->mPeer.watch() : mState->mSocket.get();
+    return watched < FD_SETSIZE ? watched : -1;
 }
 
 void nqNamedPipe::closeNamedPipe()

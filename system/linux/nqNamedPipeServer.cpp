@@ -2,11 +2,11 @@
 
 #include "system/linux/nqDeadline.h"
 #include "system/linux/nqDescriptor.h"
-#include "system/linux/nqKilledGroups.h"
 #include "system/linux/nqPeer.h"
 #include "system/linux/nqPipeSocket.h"
 #include "system/linux/nqPipeState.h"
 #include "system/linux/nqSystemCall.h"
+#include "system/linux/nqWorkerGroups.h"
 
 #include <cerrno>
 #include <chrono>
@@ -46,18 +46,19 @@ bool hasHungUpInSilence(const nqDescriptor& socket, nqPeer& peer)
     return died || !mayStillSend;
 }
 
-bool wasKilledWithItsGroup(const nqPeer& peer)
+bool isOneTooManyOfItsGroup(const nqPeer& peer)
 {
     if (peer.pid() <= 0)
         return false;
+    // A process that is gone has no group any more; it may have led one.
     const pid_t group = ::getpgid(peer.pid());
-    return group > 0 && nqKilledGroups::contains(group);
+    return !nqWorkerGroups::admits(group > 0 ? group : peer.pid());
 }
 
 bool isWelcome(const nqDescriptor& socket, nqPeer& peer)
 {
     return peer.belongsToThisUser() && !hasHungUpInSilence(socket, peer) &&
-           !wasKilledWithItsGroup(peer);
+           !isOneTooManyOfItsGroup(peer);
 }
 
 enum class Acceptance {

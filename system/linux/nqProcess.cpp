@@ -2,11 +2,11 @@
 
 #include "system/linux/nqChild.h"
 #include "system/linux/nqDescriptor.h"
-#include "system/linux/nqKilledGroups.h"
 #include "system/linux/nqLeash.h"
 #include "system/linux/nqReaper.h"
 #include "system/linux/nqSpawn.h"
 #include "system/linux/nqSystemCall.h"
+#include "system/linux/nqWorkerGroups.h"
 #include "system/nqDirUtils.h"
 
 #include <algorithm>
@@ -86,7 +86,7 @@ bool nqProcess::State::start(const nqSpawnRequest& request)
     mPid = nqSpawn(request);
     if (mPid == 0)
         return false;
-    nqKilledGroups::remove(mPid);
+    nqWorkerGroups::started(mPid);
     mChild.emplace(mPid);
     mProcess = Running;
     mMemoryStatistics = openMemoryStatistics(mPid);
@@ -98,7 +98,7 @@ bool nqProcess::State::start(const nqSpawnRequest& request)
 void nqProcess::State::enterEnded()
 {
     mProcess = Ended;
-    nqKilledGroups::add(mPid);
+    nqWorkerGroups::ended(mPid);
     mLeash.reset();
     mMemoryStatistics.close();
     mChild.reset();
@@ -201,7 +201,7 @@ void nqProcess::killProcess()
 {
     if (!mState->isRunning())
         return;
-    nqKilledGroups::add(mState->mPid);
+    nqWorkerGroups::ended(mState->mPid);
     mState->mLeash->killGroup();
     mState->mChild->kill(); // it may have moved itself to another group
 }

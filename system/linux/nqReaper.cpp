@@ -2,36 +2,66 @@
 
 #include <algorithm>
 #include <mutex>
+#include <new>
+#include <pthread.h>
 #include <vector>
 
 namespace nq {
 
 namespace {
 
+/// Never destroyed: static objects of the host may own processes until the very end. A forked child
+/// starts without any: what it copied are no children of its own, and another thread of the host
+/// may have held the lock.
 struct Leftovers {
     std::mutex mMutex;
     std::vector<nqChild> mChildren;
-};
 
-// Never destroyed: static objects of the host may own processes until the very end.
-Leftovers& leftovers()
-{
-    static auto* const instance = new Leftovers;
-    return *instance;
-}
+    Leftovers()
+    {
+        if (::pthread_atfork(lock, unlock, startAnew) != 0)
+            throw std::bad_alloc();
+    }
+
+    static Leftovers& instance()
+    {
+        static auto* const leftovers = new Leftovers;
+        return *leftovers;
+    }
+
+    static void lock()
+    {
+        instance().mMutex.lock();
+    }
+    static void unlock()
+    {
+        instance().mMutex.unlock();
+    }
+    static void startAnew()
+    {
+        instance().mChildren.clear();
+        unlock();
+    }
+};
 
 } // namespace
 
-void nqReaper::takeOver(nqChild&& child)
+void nqReaper::takeOver(nqChild&& child) noexcept
 {
-    const std::lock_guard lock(leftovers().mMutex);
-    leftovers().mChildren.push_back(std::move(child));
+    try {
+        Leftovers& leftovers = Leftovers::instance();
+        const std::lock_guard guard(leftovers.mMutex);
+        leftovers.mChildren.push_back(std::move(child));
+    } catch (const std::bad_alloc&) {
+        // One zombie until the host ends, rather than the end of the host.
+    }
 }
 
 void nqReaper::reapEnded()
 {
-    const std::lock_guard lock(leftovers().mMutex);
-    std::vector<nqChild>& children = leftovers().mChildren;
+    Leftovers& leftovers = Leftovers::instance();
+    const std::lock_guard guard(leftovers.mMutex);
+    std::vector<nqChild>& children = leftovers.mChildren;
     const auto ended = std::remove_if(
         children.begin(), children.end(), [](nqChild& child) { return child.hasEnded(); });
     children.erase(ended, children.end());

@@ -8,7 +8,7 @@ namespace nq {
 /// process in uninterruptible sleep dies only when its device answers. Any thread may call.
 class nqReaper {
 public:
-    static void takeOver(nqChild&& child);
+    static void takeOver(nqChild&& child) noexcept;
 
     /// Reaps, without waiting, those that have ended since.
     static void reapEnded();

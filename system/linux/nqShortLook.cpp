@@ -23,7 +23,10 @@ bool nqShortLook::findsActivity(pollfd* descriptors, nfds_t count)
     const steady_clock::time_point end = steady_clock::now() + patience;
     do {
         if (::poll(descriptors, count, 0) > 0) {
-            mPenalty = 0;
+            // Not forgotten at once: where everybody shares one processor, a look succeeds now and
+            // then because the answerer happened to be let in.
+            mPenalty /= 2;
+            mWaitsToSkip = mPenalty;
             return true;
         }
         // Not a yield: that would let the answerer run on this very processor and so be rewarded

@@ -1,12 +1,12 @@
 #include "nqNamedPipeServer.h"
 
 #include "pipe_helpers.h"
-#include "system/linux/nqKilledGroups.h"
+#include "system/linux/nqWorkerGroups.h"
 
 using namespace pipe_test;
-using nq::nqKilledGroups;
 using nq::nqNamedPipe;
 using nq::nqNamedPipeServer;
+using nq::nqWorkerGroups;
 
 namespace {
 
@@ -128,21 +128,41 @@ TEST_F(NamedPipeServerRefuses, noDeadPeerThatHasSentSomething)
 TEST_F(NamedPipeServerRefuses, aLivingMemberOfAKilledGroup)
 {
     GroupLeader late(mName);
-    nqKilledGroups::add(late.mChild.pid());
+    nqWorkerGroups::ended(late.mChild.pid());
     EXPECT_FALSE(mServer.waitForNewConnection(0, nullptr));
     EXPECT_FALSE(mServer.hasPendingConnections());
     EXPECT_EQ(late.mChild.wait(), 0) << "its connection has been ended";
-    nqKilledGroups::remove(late.mChild.pid());
 }
 
 TEST_F(NamedPipeServerRefuses, noLeaderOfAGroupWhoseNumberIsInUseAgain)
 {
     GroupLeader next(mName);
-    nqKilledGroups::add(next.mChild.pid());
-    nqKilledGroups::remove(next.mChild.pid());
+    nqWorkerGroups::ended(next.mChild.pid());
+    nqWorkerGroups::started(next.mChild.pid());
     EXPECT_TRUE(mServer.waitForNewConnection(ampleMs, nullptr));
     mServer.closeNamedPipeServer();
     EXPECT_EQ(next.mChild.wait(), 0);
+}
+
+TEST_F(NamedPipeServerRefuses, aDeadLeaderOfAKilledGroupThoughItHasSentSomething)
+{
+    const Descriptor held = rawSocket();
+    Child late([&] { return rawConnect(held, mName) && rawSend(held, "junk") ? 0 : 1; });
+    const pid_t group = late.pid();
+    ASSERT_EQ(late.wait(), 0);
+    nqWorkerGroups::ended(group);
+    EXPECT_FALSE(mServer.waitForNewConnection(0, nullptr));
+}
+
+TEST_F(NamedPipeServerRefuses, aSecondConnectionFromTheGroupOfOneWorker)
+{
+    GroupLeader worker(mName);
+    nqWorkerGroups::started(worker.mChild.pid());
+    EXPECT_TRUE(mServer.waitForNewConnection(ampleMs, nullptr));
+    EXPECT_FALSE(nqWorkerGroups::admits(worker.mChild.pid()));
+    mServer.closeNamedPipeServer();
+    EXPECT_EQ(worker.mChild.wait(), 0);
+    nqWorkerGroups::ended(worker.mChild.pid());
 }
 
 // What a launch that was given up leaves behind must not be taken for the next launch's worker.
@@ -150,7 +170,7 @@ TEST_F(NamedPipeServerRefuses, everyLateConnectionOfALaunchThatWasGivenUp)
 {
     EXPECT_FALSE(mServer.waitForNewConnection(0, nullptr)); // the launch gives up here
     GroupLeader late(mName);
-    nqKilledGroups::add(late.mChild.pid());
+    nqWorkerGroups::ended(late.mChild.pid());
     connectAndHangUp(mName);
     nqNamedPipe next;
     ASSERT_TRUE(next.connectToNamedPipeServerUtf8(mName));
@@ -162,7 +182,6 @@ TEST_F(NamedPipeServerRefuses, everyLateConnectionOfALaunchThatWasGivenUp)
     next.processNamedPipeEvents(ampleMs, true);
     EXPECT_EQ(text(next.incomingBuffer()), "job");
     EXPECT_EQ(late.mChild.wait(), 0);
-    nqKilledGroups::remove(late.mChild.pid());
 }
 
 TEST_F(NamedPipeServerRefuses, aProcessOfAnotherUser)

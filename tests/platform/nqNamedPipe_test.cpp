@@ -278,6 +278,63 @@ TEST_F(NamedPipe, readsWhatArrivesWhileItWaits)
     EXPECT_EQ(sender.wait(), 0);
 }
 
+TEST_F(NamedPipe, findsWhatArrivesAfterACallThatOnlyWrote)
+{
+    PipeToRawSocket link;
+    ASSERT_TRUE(link.mPipe);
+    link.mPipe->processNamedPipeEvents(0, false); // finds nothing
+    append(link.mPipe->outgoingBuffer(), "question");
+    link.mPipe->processNamedPipeEvents(0, false);
+    ASSERT_EQ(rawReceive(link.mPeer), "question");
+    ASSERT_TRUE(rawSend(link.mPeer, "x"));
+    link.mPipe->processNamedPipeEvents(0, false);
+    EXPECT_EQ(text(link.mPipe->incomingBuffer()), "x");
+}
+
+TEST_F(NamedPipe, findsWhatCrossedTheBytesThatItWrote)
+{
+    PipeToRawSocket link;
+    ASSERT_TRUE(link.mPipe);
+    link.mPipe->processNamedPipeEvents(0, false); // finds nothing
+    ASSERT_TRUE(rawSend(link.mPeer, "x"));
+    append(link.mPipe->outgoingBuffer(), "question");
+    link.mPipe->processNamedPipeEvents(0, false);
+    link.mPipe->processNamedPipeEvents(0, false);
+    EXPECT_EQ(text(link.mPipe->incomingBuffer()), "x");
+    EXPECT_EQ(rawReceive(link.mPeer), "question");
+}
+
+TEST_F(NamedPipe, doesNotWaitForWhatArrivedSinceItFoundNothing)
+{
+    PipeToRawSocket link;
+    ASSERT_TRUE(link.mPipe);
+    const auto start = steady_clock::now();
+    // Waits in vain first, a few more each time, so that a wait may do without looking.
+    for (int inVain = 0; inVain < 6; ++inVain) {
+        for (int i = 0; i < inVain; ++i)
+            link.mPipe->processNamedPipeEvents(1, true);
+        ASSERT_TRUE(rawSend(link.mPeer, "x"));
+        link.mPipe->processNamedPipeEvents(ampleMs, true);
+        EXPECT_EQ(takeAll(*link.mPipe), "x");
+    }
+    EXPECT_LT(elapsedSince(start), milliseconds(ampleMs / 2));
+}
+
+TEST_F(NamedPipe, doesNotWaitForTheAnswerThatArrivedSinceItWrote)
+{
+    PipeToRawSocket link;
+    ASSERT_TRUE(link.mPipe);
+    link.mPipe->processNamedPipeEvents(0, false); // finds nothing
+    const auto start = steady_clock::now();
+    append(link.mPipe->outgoingBuffer(), "question");
+    link.mPipe->processNamedPipeEvents(ampleMs, true);
+    ASSERT_EQ(rawReceive(link.mPeer), "question");
+    ASSERT_TRUE(rawSend(link.mPeer, "answer"));
+    link.mPipe->processNamedPipeEvents(ampleMs, true);
+    EXPECT_EQ(text(link.mPipe->incomingBuffer()), "answer");
+    EXPECT_LT(elapsedSince(start), milliseconds(ampleMs / 2));
+}
+
 TEST_F(NamedPipe, waitsForRoomWhenBytesArePending)
 {
     PipeToRawSocket link;

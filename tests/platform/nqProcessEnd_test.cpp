@@ -1,6 +1,6 @@
 #include "tests/platform/process_helpers.h"
 
-#include "system/linux/nqKilledGroups.h"
+#include "system/linux/nqWorkerGroups.h"
 
 #include <atomic>
 #include <csignal>
@@ -509,16 +509,22 @@ TEST_F(ProcessEnd, leavesOtherChildrenToTheHost)
 TEST_F(ProcessEnd, isRememberedSoThatServersRefuseTheGroup)
 {
     launch("answer");
-    EXPECT_FALSE(nq::nqKilledGroups::contains(pid()));
     mProcess.killProcess();
-    EXPECT_TRUE(nq::nqKilledGroups::contains(pid()));
+    EXPECT_FALSE(nq::nqWorkerGroups::admits(pid()));
 }
 
 TEST_F(ProcessEnd, ofALeaderIsRememberedSoThatServersRefuseItsHelpers)
 {
     ASSERT_TRUE(startWorker(mProcess, mOutput, "end-without-helper"));
     EXPECT_TRUE(mProcess.waitForFinished(withoutLimit));
-    EXPECT_TRUE(nq::nqKilledGroups::contains(pid()));
+    EXPECT_FALSE(nq::nqWorkerGroups::admits(pid()));
+}
+
+TEST_F(ProcessEnd, isNotAssumedBeforeItsTimeSoThatServersAdmitTheGroupOnce)
+{
+    launch("answer");
+    EXPECT_TRUE(nq::nqWorkerGroups::admits(pid()));
+    EXPECT_FALSE(nq::nqWorkerGroups::admits(pid()));
 }
 
 } // namespace

@@ -157,8 +157,8 @@ TEST_F(ProcessLaunch, isRefusedWhenTheHostHasNoDescriptorsLeft)
     for (rlim_t allowed = 3; allowed < 20; ++allowed) {
         rlimit few = before;
         few.rlim_cur = allowed;
+        nqProcess process; // made before: a sanitizer that meets a class needs descriptors itself
         ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
-        nqProcess process;
         const bool started = start(process, workerProgram);
         ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
         EXPECT_EQ(process.getState() != nqProcess::NotStarted, started);
