@@ -123,6 +123,13 @@ TEST_F(HostProgram, keepsItsWorkersWhenTheThreadThatLaunchedThemEnds)
     EXPECT_EQ(host.readAllErrors(), "");
 }
 
+TEST_F(HostProgram, drainsASchedulerOfStaticLifeAtItsExit)
+{
+    ChildProgram host(hostProgramPath(), {"static-scheduler"});
+    EXPECT_EQ(host.readAllOutput(), "") << "no job is reported as failed";
+    EXPECT_EQ(host.waitForEnd(), 0);
+}
+
 class HostWithClosedStreams : public EndToEnd, public testing::WithParamInterface<const char*> {};
 
 TEST_P(HostWithClosedStreams, isServedAndNothingPrintedReachesAPipe)

@@ -182,6 +182,19 @@ int endedThread(const Arguments&)
     return EXIT_SUCCESS;
 }
 
+/// static-scheduler: ends while a scheduler of static life still has jobs, which it drains at exit.
+/// Without a logger, a job that fails there is reported on standard output.
+int staticScheduler(const Arguments&)
+{
+    static nq::nqScheduler scheduler(workerPath(), true, {}, true);
+    if (!scheduler.startScheduler(2, connectionLimitMs))
+        return failed("no start");
+    const std::string job = "echo drained at exit";
+    for (int count = 0; count < 200; ++count)
+        scheduler.push(std::vector<char>(job.begin(), job.end()));
+    return EXIT_SUCCESS;
+}
+
 /// leave HOW: ends with a scheduler that nobody has stopped.
 int leave(const Arguments& arguments)
 {
@@ -215,6 +228,7 @@ constexpr Scenario scenarios[] = {
     {"empty-job", emptyJob},
     {"no-logger", noLogger},
     {"ended-thread", endedThread},
+    {"static-scheduler", staticScheduler},
     {"leave", leave},
 };
 

@@ -20,6 +20,12 @@ std::string crashLine(const std::string& pid)
     return "Job failed error (1) Unexpected crash (PID " + pid + ")";
 }
 
+#ifdef __SANITIZE_ADDRESS__
+constexpr std::size_t keptBySanitizer = std::size_t{256} << 20; // freed memory, for a while
+#else
+constexpr std::size_t keptBySanitizer = 0;
+#endif
+
 // Every way to end in the middle of a job.
 
 struct Ending {
@@ -242,7 +248,7 @@ TEST_F(Misbehaviour, aFloodingWorkerNeitherGrowsTheHostNorHoldsUpThePool)
         const auto& answers = pool.answers();
         return answers.size() > 5000 && std::count(answers.begin(), answers.end(), answer) > 100;
     }));
-    EXPECT_LT(largest - before, tolerated);
+    EXPECT_LT(largest - before, tolerated + keptBySanitizer);
     ASSERT_TRUE(pool.collect(pushed));
     EXPECT_TRUE(pool.failures().empty());
 }

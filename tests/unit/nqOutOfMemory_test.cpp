@@ -1,0 +1,86 @@
+#include "tests/unit/refusedMemory.h"
+#include "tests/unit/schedulerFixture.h"
+#include "tests/unit/workerRecordFixture.h"
+
+#include <new>
+#include <stdexcept>
+
+using namespace support;
+
+namespace {
+
+// What fails in these tests is the platform, which may run out of memory inside any call.
+void throwOnce(scripted::Pipe& pipe)
+{
+    pipe.onEvents = nullptr;
+    throw std::bad_alloc();
+}
+
+struct PumpWithoutMemory : SchedulerFixture {};
+
+TEST_F(PumpWithoutMemory, givesTheOtherWorkersTheirTurnAndPassesTheExceptionOn)
+{
+    start(2);
+    scheduler->push(bytes("first"));
+    scheduler->push(bytes("second"));
+    scheduler->processScheduler(0);
+    pipe(0).onEvents = throwOnce;
+    answer(1, "result");
+    EXPECT_THROW(scheduler->processScheduler(0), std::bad_alloc);
+    EXPECT_EQ(results(), Lines{"result"});
+}
+
+TEST_F(PumpWithoutMemory, replacesTheWorkersThatEndedInTheSamePass)
+{
+    start(2);
+    die(0);
+    pipe(1).onEvents = throwOnce;
+    EXPECT_THROW(scheduler->processScheduler(0), std::bad_alloc);
+    EXPECT_EQ(machine.processes.size(), 3U) << "two at the start and one replacement";
+}
+
+TEST_F(PumpWithoutMemory, doesNotSleepBeforeItPassesTheExceptionOn)
+{
+    start(2);
+    pipe(0).onEvents = throwOnce;
+    EXPECT_THROW(scheduler->processScheduler(1000), std::bad_alloc);
+    EXPECT_TRUE(machine.selects.empty());
+}
+
+struct RecordWithoutMemory : WorkerRecordFixture {
+    static constexpr std::size_t large = 1U << 16;
+};
+
+TEST_F(RecordWithoutMemory, countsAFailedJobDownOnceAndIsOver)
+{
+    if (!RefusedMemory::isPossible())
+        GTEST_SKIP() << "this tool has its own allocator";
+    dispatch(std::string(large, 'x'));
+    die();
+    {
+        const RefusedMemory refused(large);
+        EXPECT_THROW(step(), std::bad_alloc);
+    }
+    EXPECT_TRUE(worker->hasFinished());
+    step();
+    EXPECT_EQ(queues.jobCount(), 0U);
+}
+
+TEST_F(RecordWithoutMemory, leavesTheJobInTheQueueWhenItsHeaderHasNoRoom)
+{
+    if (!RefusedMemory::isPossible())
+        GTEST_SKIP() << "this tool has its own allocator";
+    queues.push(bytes("job"));
+    pipe->outgoing.shrink_to_fit();
+    {
+        const RefusedMemory refused(1);
+        EXPECT_THROW(step(), std::bad_alloc);
+    }
+    EXPECT_TRUE(worker->isReadyForJob());
+    EXPECT_EQ(queues.pendingJobCount(), 1U);
+    step();
+    step();
+    EXPECT_EQ(pipe->passedOn, frame("job"));
+}
+
+} // namespace
