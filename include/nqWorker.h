@@ -35,7 +35,8 @@ public:
 
     /// One step: waits up to `timeoutMs` milliseconds for the pipe, takes in what came, runs the
     /// hook when a job is whole, and hands over the next slice of its result. The result leaves the
-    /// process in the steps that follow, so keep stepping.
+    /// process in the steps that follow, so keep stepping. The memory of a large job and its result
+    /// is kept for the next one, and given back by a step that waits in vain.
     void processWorker(int timeoutMs);
 
     /// @name Steps of processWorker, rarely called by themselves

@@ -1,10 +1,15 @@
 #include "scheduler/nqJobQueues.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace nq {
 
 namespace {
+
+// Smaller ones are what the C library's allocator keeps by itself.
+constexpr std::size_t smallestSpareBytes = std::size_t{32} << 20;
+constexpr std::size_t maxSpares = 4;
 
 bool moveFrontInto(std::deque<std::vector<char>>& queue, std::vector<char>& data)
 {
@@ -19,12 +24,20 @@ bool moveFrontInto(std::deque<std::vector<char>>& queue, std::vector<char>& data
 
 void nqJobQueues::push(const std::vector<char>& job)
 {
-    mPendingJobs.push_back(job);
+    std::vector<char> copy = takeSpare(job.size());
+    copy.assign(job.begin(), job.end());
+    mPendingJobs.push_back(std::move(copy));
 }
 
 bool nqJobQueues::pop(std::vector<char>& result)
 {
-    return moveFrontInto(mResults, result);
+    dropSparesAtRest();
+    if (mResults.empty())
+        return false;
+    result.swap(mResults.front());
+    recycle(std::move(mResults.front()));
+    mResults.pop_front();
+    return true;
 }
 
 bool nqJobQueues::popFail(
@@ -72,6 +85,34 @@ unsigned long nqJobQueues::pendingJobCount() const
 bool nqJobQueues::allJobsDone() const
 {
     return jobCount() == 0;
+}
+
+void nqJobQueues::recycle(std::vector<char>&& buffer)
+{
+    if (buffer.capacity() < smallestSpareBytes || mSpares.size() == maxSpares)
+        return;
+    mSpares.push_back(std::move(buffer));
+    mSpares.back().clear();
+}
+
+// A spare much larger than its new payload would make a small result hold on to it.
+std::vector<char> nqJobQueues::takeSpare(std::size_t bytes)
+{
+    const auto fits = [bytes](const std::vector<char>& spare) {
+        return spare.capacity() >= bytes && spare.capacity() / 2 <= bytes;
+    };
+    const auto spare = std::find_if(mSpares.begin(), mSpares.end(), fits);
+    if (spare == mSpares.end())
+        return {};
+    std::vector<char> taken = std::move(*spare);
+    mSpares.erase(spare);
+    return taken;
+}
+
+void nqJobQueues::dropSparesAtRest()
+{
+    if (!mSpares.empty() && allJobsDone() && mResults.empty())
+        mSpares.clear();
 }
 
 bool nqJobQueues::takeNextJob(std::vector<char>& job)

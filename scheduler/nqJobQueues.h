@@ -3,6 +3,7 @@
 #include "include/nqScheduler.h"
 #include "scheduler/nqFailedJob.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <string>
@@ -41,11 +42,21 @@ public:
     void pushFailedJob(
         const std::vector<char>& job, nqScheduler::FailReason reason, const std::string& message);
 
+    /// Large payloads that are over leave their memory to those that follow: fresh memory costs
+    /// more than copying into it. takeSpare gives an empty buffer, with room for `bytes` if a spare
+    /// one of about that size is there. The spares are few, and go when pop finds that no job
+    /// and no result is left.
+    void recycle(std::vector<char>&& buffer);
+    std::vector<char> takeSpare(std::size_t bytes);
+
 private:
+    void dropSparesAtRest();
+
     std::deque<nqFailedJob> mFailedJobs;
     std::deque<std::vector<char>> mPendingJobs;
     std::deque<std::vector<char>> mResults;
     std::int32_t mJobsInProgress = 0;
+    std::vector<std::vector<char>> mSpares; // empty buffers with large capacities
 };
 
 } // namespace nq

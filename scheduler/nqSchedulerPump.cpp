@@ -41,7 +41,7 @@ public:
         fd_set exceptional = mSet;
         timeval timeout{};
         timeout.tv_sec = timeoutMs / 1000;
-        timeout.tv_usec = (timeoutMs % 1000) * 1000;
+        timeout.tv_usec = timeoutMs % 1000 * 1000L;
         ::select(mLargest + 1, &readable, nullptr, &exceptional, &timeout);
     }
 

@@ -15,6 +15,8 @@ bool nqSchedulerWorker::receiveStep()
     nqSchedulerWorkerPrivate& state = *mPrivate;
     if (state.mReadyForJob)
         return false;
+    if (state.mResult.capacity() == 0 && state.mQueues != nullptr)
+        state.mResult = state.mQueues->takeSpare(nqFrame::announcedBytes(*state.mPipe));
     if (!nqFrame::receive(*state.mPipe, state.mResult, state.mReceived, true))
         return false;
 
@@ -22,11 +24,14 @@ bool nqSchedulerWorker::receiveStep()
     // job that is over must not be failed and counted down once more when the worker ends.
     std::vector<char> result;
     result.swap(state.mResult);
-    state.mJob.clear();
+    std::vector<char> job;
+    job.swap(state.mJob);
     state.mReadyForJob = true;
     state.mReceived = 0;
-    if (state.mQueues != nullptr)
+    if (state.mQueues != nullptr) {
+        state.mQueues->recycle(std::move(job));
         state.mQueues->pushResult(std::move(result));
+    }
     return true;
 }
 

@@ -38,13 +38,12 @@ void eraseFront(std::vector<char>& bytes, std::size_t count)
 bool startFrame(nqNamedPipe& pipe, std::vector<char>& payload)
 {
     std::vector<char>& incoming = pipe.incomingBuffer();
-    Header length = 0;
-    if (incoming.size() < sizeof length || !pipe.isConnected())
+    if (incoming.size() < nqFrame::headerBytes || !pipe.isConnected())
         return false;
-    std::memcpy(&length, incoming.data(), sizeof length);
+    const Header length = nqFrame::announcedBytes(pipe);
     // Erased before the payload finds its memory: a size that nobody has memory for costs one
     // exception and not one at every pass.
-    eraseFront(incoming, sizeof length);
+    eraseFront(incoming, nqFrame::headerBytes);
     payload.resize(length);
     return length != 0;
 }
@@ -65,7 +64,7 @@ void accumulate(nqNamedPipe& pipe, std::vector<char>& payload, std::int32_t& rec
 void nqFrame::sendHeader(nqNamedPipe& pipe, const std::vector<char>& payload)
 {
     const Header length = static_cast<Header>(payload.size());
-    char bytes[sizeof length];
+    char bytes[headerBytes];
     std::memcpy(bytes, &length, sizeof length);
     append(pipe, bytes, sizeof bytes);
 }
@@ -81,6 +80,15 @@ void nqFrame::sendPayload(nqNamedPipe& pipe, const std::vector<char>& payload, s
 bool nqFrame::isSendPending(const std::vector<char>& payload, std::int32_t sent)
 {
     return sent < signedSize(payload);
+}
+
+std::uint32_t nqFrame::announcedBytes(const nqNamedPipe& pipe)
+{
+    const std::vector<char>& incoming = pipe.incomingBuffer();
+    Header length = 0;
+    if (incoming.size() >= sizeof length)
+        std::memcpy(&length, incoming.data(), sizeof length);
+    return length;
 }
 
 bool nqFrame::receive(

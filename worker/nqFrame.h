@@ -30,6 +30,10 @@ public:
     /// Whether bytes of `payload` remain to be sent.
     static bool isSendPending(const std::vector<char>& payload, std::int32_t sent);
 
+    /// The payload bytes that the header at the front of the incoming buffer announces; 0 while it
+    /// is not whole.
+    static std::uint32_t announcedBytes(const nqNamedPipe& pipe);
+
     /// Takes bytes of one frame out of the incoming buffer. A header is looked for only while
     /// `payload` is empty and `mayStart` is set; it gives `payload` its final size. True when
     /// `received` has reached that size. A frame of length 0 is consumed and gives false.

@@ -3,15 +3,24 @@
 #include "system/nqNamedPipe.h"
 #include "worker/nqFrame.h"
 
+#include <cstddef>
 #include <cstdint>
 
 namespace nq {
+
+namespace {
+
+constexpr std::size_t keptBytesAtRest = std::size_t{1} << 20; // not worth the trouble
+
+} // namespace
 
 struct nqWorker::Private {
     explicit Private(const std::string& schedulerUtf8)
         : mSchedulerUtf8(schedulerUtf8)
     {
     }
+
+    void releaseMemoryAtRest();
 
     const std::string mSchedulerUtf8;
     nqNamedPipe mNamedPipe;
@@ -21,6 +30,18 @@ struct nqWorker::Private {
     std::int32_t mSent = 0;     // bytes of mResult handed to the pipe
     bool mFinished = false;
 };
+
+// A busy worker keeps the memory of a large payload for the next one, since fresh memory costs more
+// than what is done with it. One that has waited in vain gives it back, so as not to look fat to
+// the scheduler's memory caps for the size of a job long done.
+void nqWorker::Private::releaseMemoryAtRest()
+{
+    if (!mJob.empty() || !mResult.empty())
+        return;
+    for (std::vector<char>* payload : {&mJob, &mResult})
+        if (payload->capacity() > keptBytesAtRest)
+            std::vector<char>().swap(*payload);
+}
 
 nqWorker::nqWorker(const std::string& schedulerUtf8)
     : mPrivate(std::make_unique<Private>(schedulerUtf8))
@@ -50,9 +71,12 @@ void nqWorker::processWorker(int timeoutMs)
     if (mPrivate == nullptr)
         return;
     nqNamedPipe& pipe = mPrivate->mNamedPipe;
+    const bool mayWait = !pipe.hasPendingWrite();
     pipe.processNamedPipeEvents(timeoutMs, true);
     if (!pipe.incomingBuffer().empty())
         onReadyRead();
+    else if (mayWait)
+        mPrivate->releaseMemoryAtRest();
     onSendData();
     if (!pipe.isReadChannelClosed() && pipe.isConnected())
         return;

@@ -13,6 +13,7 @@
 #include <poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <thread>
 #include <utility>
 
 namespace nq {
@@ -37,7 +38,7 @@ constexpr std::size_t smallReadBytes = std::size_t{4} << 10;
 
 // What one call takes in. Small enough that these bytes are still in the processor's cache when the
 // consumer takes them, and that the other end fills the socket again meanwhile.
-constexpr std::size_t bytesPerCall = std::size_t{64} << 10;
+constexpr std::size_t bytesPerCall = std::size_t{128} << 10;
 
 // The kernel takes a whole outgoing buffer at once.
 constexpr int kernelSendBufferBytes = static_cast<int>(outgoingLimitBytes);
@@ -85,6 +86,8 @@ void nqNamedPipe::State::adopt(nqDescriptor socket, nqPeer peer)
     mPeer = std::move(peer);
     mLastLookAt = coarseNow();
     mLeftDry = false;
+    mCongested = false;
+    mExpectsMuch = false;
     mShortLook = nqShortLook();
     mPhase = Phase::open;
     enlargeKernelBuffer(mSocket.get());
@@ -150,6 +153,10 @@ void nqNamedPipe::State::processEvents(int timeoutMs, bool wait)
         writePending();
         readAvailable(mayWait);
     }
+    // A caller that must not wait comes straight back while the peer has no room for more. It may
+    // need this very processor to make some.
+    if (!moved && !mayWait && hasPendingWrite())
+        std::this_thread::yield();
     if (!isConnected())
         close();
     mLeftByLastCall = mIncoming.size();
@@ -170,11 +177,12 @@ bool nqNamedPipe::State::writePending()
 {
     if (mWriteFailed)
         mOutgoing.clear();
-    if (mOutgoing.empty())
+    if (mOutgoing.empty() || (mCongested && !hasRoomForMore()))
         return false;
     const nqTransfer sent = sendOnce(mSocket.get(), mOutgoing.data(), mOutgoing.size());
     switch (sent.mOutcome) {
     case nqTransferOutcome::wouldBlock:
+        mCongested = true;
         return false;
     case nqTransferOutcome::closed:
         mWriteFailed = true;
@@ -183,10 +191,18 @@ bool nqNamedPipe::State::writePending()
     case nqTransferOutcome::moved:
         break;
     }
-    // Moves at most the buffer's limit, once for each call, however large the payload is.
+    mCongested = sent.mCount < mOutgoing.size();
     const auto begin = mOutgoing.begin();
     mOutgoing.erase(begin, std::next(begin, static_cast<std::ptrdiff_t>(sent.mCount)));
     return true;
+}
+
+// The kernel reports room only when most of its buffer is free. Sending into every little gap would
+// move the rest of a large payload to the front of the outgoing buffer again and again.
+bool nqNamedPipe::State::hasRoomForMore() const
+{
+    pollfd socket{mSocket.get(), POLLOUT, 0};
+    return nqDeadline(0).poll(&socket, 1) > 0;
 }
 
 // Reads on until the kernel says that it has nothing more, not only until a short count: a worker
@@ -198,21 +214,20 @@ bool nqNamedPipe::State::writePending()
 bool nqNamedPipe::State::readAvailable(bool mayStopAtShortCount)
 {
     bool anythingNew = false;
-    bool isSmall = true;
     const std::size_t enough = std::min(mIncoming.size() + bytesPerCall, incomingLimitBytes);
     mLeftDry = false;
     while (mPhase == Phase::open && mIncoming.size() < enough) {
         const bool peerWasDead = mPeer.isKnownDead();
         const std::size_t room = enough - mIncoming.size();
-        const std::size_t wanted = isSmall ? std::min(smallReadBytes, room) : room;
-        const nqTransfer received = isSmall ? readAside(wanted) : readInPlace(wanted);
+        const std::size_t wanted = mExpectsMuch ? room : std::min(smallReadBytes, room);
+        const nqTransfer received = mExpectsMuch ? readInPlace(wanted) : readAside(wanted);
         switch (received.mOutcome) {
         case nqTransferOutcome::moved:
             anythingNew = true;
-            mLeftDry = received.mCount < wanted && mayStopAtShortCount && !peerWasDead;
+            mExpectsMuch = received.mCount == wanted;
+            mLeftDry = !mExpectsMuch && mayStopAtShortCount && !peerWasDead;
             if (mLeftDry)
                 return true;
-            isSmall = received.mCount < wanted;
             break;
         case nqTransferOutcome::closed:
             mPhase = Phase::ended;

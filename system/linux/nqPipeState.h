@@ -27,6 +27,8 @@ struct nqNamedPipe::State {
     bool mWriteFailed = false; // the peer takes nothing any more; it may still have sent something
     std::vector<char> mIncoming;
     std::vector<char> mOutgoing;
+    bool mExpectsMuch = false;                // the last read filled the room it was given
+    bool mCongested = false;                  // the last write found too little room
     bool mLeftDry = false;                    // the last read took all that the socket held
     nqShortLook mShortLook;                   // before a wait sleeps
     std::size_t mLeftByLastCall = 0;          // bytes in mIncoming when the last call returned
@@ -49,6 +51,7 @@ struct nqNamedPipe::State {
 private:
     bool isForsaken();
     bool writePending();
+    bool hasRoomForMore() const;
     bool readAvailable(bool mayStopAtShortCount);
     nqTransfer readAside(std::size_t wanted);
     nqTransfer readInPlace(std::size_t wanted);
