@@ -2,7 +2,9 @@
 #include "text_pattern.h"
 
 #include <chrono>
+#include <fstream>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -20,6 +22,28 @@ class TimeLimit : public EndToEnd {};
 class MemoryCap : public EndToEnd {};
 class MemoryCapAfterAJob : public EndToEnd {};
 class AllocationLimit : public EndToEnd {};
+class MemoryAtRest : public EndToEnd {};
+
+/// Resident bytes of a process, as the library's caps see them.
+std::size_t residentBytes(const std::string& pid)
+{
+    std::size_t all = 0;
+    std::size_t resident = 0;
+    std::ifstream("/proc/" + pid + "/statm") >> all >> resident;
+    return resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+}
+
+TEST_F(MemoryAtRest, ofAWorkerIsSmallAgainAfterALargeJob)
+{
+    constexpr std::size_t payload = std::size_t{64} << 20;
+    constexpr std::size_t small = std::size_t{32} << 20;
+    Pool pool;
+    ASSERT_TRUE(pool.start(1));
+    const std::string pid = pool.ask("pid");
+    ASSERT_EQ(pool.ask("echo " + std::string(payload, 'x')).size(), payload);
+    EXPECT_TRUE(pool.pumpUntil([&] { return residentBytes(pid) < small; })) << residentBytes(pid);
+    EXPECT_EQ(pool.ask("pid"), pid) << "it is still the same worker";
+}
 
 TEST_F(TimeLimit, aJobIsKilledOnceAWholeSecondMoreHasPassed)
 {

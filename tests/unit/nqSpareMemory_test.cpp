@@ -1,0 +1,106 @@
+#include "tests/unit/refusedMemory.h"
+#include "tests/unit/workerRecordFixture.h"
+
+using namespace support;
+
+namespace {
+
+constexpr std::size_t large = std::size_t{32} << 20;
+
+struct SpareMemory : testing::Test {
+    nq::nqJobQueues queues;
+
+    SpareMemory()
+    {
+        queues.push(bytes("keeps the queues from being at rest"));
+    }
+};
+
+TEST_F(SpareMemory, ofALargePayloadServesTheNextOfAboutItsSize)
+{
+    Bytes payload(large);
+    const char* const memory = payload.data();
+    queues.recycle(std::move(payload));
+    const Bytes spare = queues.takeSpare(large - large / 4);
+    EXPECT_EQ(spare.data(), memory);
+    EXPECT_TRUE(spare.empty());
+}
+
+TEST_F(SpareMemory, isNotWastedOnAMuchSmallerPayload)
+{
+    queues.recycle(Bytes(large));
+    EXPECT_EQ(queues.takeSpare(large / 2 - 1).capacity(), 0U);
+    EXPECT_EQ(queues.takeSpare(large + 1).capacity(), 0U);
+    EXPECT_GE(queues.takeSpare(large).capacity(), large);
+}
+
+TEST_F(SpareMemory, ofASmallPayloadIsLeftToTheAllocator)
+{
+    queues.recycle(Bytes(large - 1));
+    EXPECT_EQ(queues.takeSpare(large - 1).capacity(), 0U);
+}
+
+TEST_F(SpareMemory, isKeptForAFewPayloadsOnly)
+{
+    for (int i = 0; i < 5; ++i)
+        queues.recycle(Bytes(large));
+    for (int i = 0; i < 4; ++i)
+        EXPECT_GE(queues.takeSpare(large).capacity(), large);
+    EXPECT_EQ(queues.takeSpare(large).capacity(), 0U);
+}
+
+TEST_F(SpareMemory, isGivenBackWhenNoJobAndNoResultIsLeft)
+{
+    queues.recycle(Bytes(large));
+    queues.clearPendingJobs();
+    queues.push(bytes("job"));
+    Bytes job;
+    ASSERT_TRUE(queues.takeNextJob(job));
+    queues.pushResult(bytes("result"));
+    Bytes result;
+    ASSERT_TRUE(queues.pop(result));
+    EXPECT_FALSE(queues.pop(result));
+    EXPECT_EQ(queues.takeSpare(large).capacity(), 0U);
+}
+
+TEST_F(SpareMemory, takesAPushedJobWithoutFreshMemory)
+{
+    if (!RefusedMemory::isPossible())
+        GTEST_SKIP() << "this tool has its own allocator";
+    const Bytes job(large, 'x');
+    queues.recycle(Bytes(large));
+    const RefusedMemory refused(large);
+    queues.push(job);
+    EXPECT_EQ(queues.pendingJobCount(), 2U);
+}
+
+struct SpareMemoryOfARecord : WorkerRecordFixture {};
+
+TEST_F(SpareMemoryOfARecord, isWhatItsJobsLeave)
+{
+    queues.push(Bytes(large));
+    queues.push(bytes("next"));
+    step();
+    answer("result");
+    step();
+    EXPECT_GE(queues.takeSpare(large).capacity(), large);
+}
+
+TEST_F(SpareMemoryOfARecord, takesALargeResult)
+{
+    if (!RefusedMemory::isPossible())
+        GTEST_SKIP() << "this tool has its own allocator";
+    const std::string result(large, 'y');
+    answer(result);
+    dispatch();
+    queues.recycle(Bytes(large));
+    {
+        const RefusedMemory refused(large);
+        step();
+    }
+    Bytes received;
+    ASSERT_TRUE(queues.pop(received));
+    EXPECT_EQ(received.size(), large);
+}
+
+} // namespace
