@@ -1,0 +1,107 @@
+#include "tests/model/world.h"
+
+#include <algorithm>
+
+namespace model {
+
+void World::say(const std::string& line)
+{
+    trace.push_back(line);
+}
+
+void World::log(int level, bool flush, const std::string& text)
+{
+    if (!levelIsEnabled.at(static_cast<std::size_t>(level)))
+        return;
+    say("entry: computeLogPrefix(true)");
+    say("log: " + text);
+    logged.push_back({level, flush, text});
+}
+
+void World::advance(std::chrono::nanoseconds time)
+{
+    steadyTime += time;
+}
+
+std::shared_ptr<scripted::Process> World::takeProcess()
+{
+    processes.push_back(plannedProcesses.at(0));
+    plannedProcesses.pop_front();
+    return processes.back();
+}
+
+std::shared_ptr<scripted::Pipe> World::takePipe()
+{
+    pipes.push_back(plannedPipes.at(0));
+    plannedPipes.pop_front();
+    return pipes.back();
+}
+
+void processEvents(World& world, scripted::Pipe& pipe)
+{
+    world.say(pipe.name + ": processNamedPipeEvents(0, false)");
+    if (pipe.isConnected && !pipe.isWriteChannelClosed) {
+        const auto count = std::min<std::uint64_t>(pipe.outgoing.size(), pipe.passedOnPerCall);
+        const auto end = pipe.outgoing.begin() + static_cast<std::ptrdiff_t>(count);
+        pipe.passedOn.insert(pipe.passedOn.end(), pipe.outgoing.begin(), end);
+        pipe.outgoing.erase(pipe.outgoing.begin(), end);
+    }
+    if (!pipe.arrivals.empty()) {
+        const Bytes& bytes = pipe.arrivals.front();
+        pipe.incoming.insert(pipe.incoming.end(), bytes.begin(), bytes.end());
+        pipe.arrivals.pop_front();
+    }
+    if (pipe.onEvents)
+        pipe.onEvents(pipe);
+}
+
+bool isConnected(const scripted::Pipe& pipe)
+{
+    return pipe.isConnected && !pipe.isAtItsEnd();
+}
+
+bool isReadChannelClosed(const scripted::Pipe& pipe)
+{
+    return pipe.isReadChannelClosed || pipe.isAtItsEnd();
+}
+
+bool hasPendingWrite(const scripted::Pipe& pipe)
+{
+    return pipe.isConnected && !pipe.outgoing.empty();
+}
+
+void closeAndDestroy(World& world, scripted::Pipe& pipe)
+{
+    world.say(pipe.name + ": closeNamedPipe()");
+    pipe.lose();
+    world.say(pipe.name + ": destroyed");
+    pipe.isDestroyed = true;
+}
+
+bool isRunning(World& world, const scripted::Process& process)
+{
+    world.say(process.name + ": getState()");
+    return process.state == nq::nqProcess::Running;
+}
+
+void kill(World& world, scripted::Process& process)
+{
+    world.say(process.name + ": killProcess()");
+    if (process.endsWhenKilled && process.state == nq::nqProcess::Running)
+        process.state = nq::nqProcess::Ended;
+}
+
+void wait(World& world, scripted::Process& process, unsigned int timeoutMs)
+{
+    world.say(process.name + ": waitForFinished(" + std::to_string(timeoutMs) + ")");
+    if (process.endsWhenWaitedFor && process.state == nq::nqProcess::Running)
+        process.state = nq::nqProcess::Ended;
+}
+
+void destroy(World& world, scripted::Process& process)
+{
+    world.say(process.name + ": destroyed");
+    process.isDestroyed = true;
+}
+
+} // namespace model

@@ -1,0 +1,67 @@
+#pragma once
+
+#include "tests/scripted/scriptedMachine.h"
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+/// A plain model of the scheduler and of what it stands on, to compare the library with.
+namespace model {
+
+using Bytes = std::vector<char>;
+
+/// One log entry as far as a host can tell entries apart.
+struct LogLine {
+    int level;
+    bool flush;
+    std::string text;
+};
+
+/// The platform that the model acts on: the same records as the scripted machine holds, and the
+/// same answers. Member names agree with the machine's, so that one event can be applied to both.
+struct World {
+    std::vector<std::shared_ptr<scripted::Process>> processes;
+    std::vector<std::shared_ptr<scripted::Pipe>> pipes;
+    scripted::Server server;
+    std::chrono::nanoseconds steadyTime{};
+    int idealThreadCount = 8;
+    std::string currentDirectory;
+    std::function<void()> onSelect;
+    std::array<bool, 4> levelIsEnabled{true, true, true, true};
+
+    std::deque<std::shared_ptr<scripted::Process>> plannedProcesses;
+    std::deque<std::shared_ptr<scripted::Pipe>> plannedPipes;
+
+    std::vector<std::string> trace; ///< calls and those questions whose place is settled
+    std::vector<LogLine> logged;
+    std::vector<scripted::Select> selects;
+    std::map<std::string, long> seen; ///< how often each row of the model's tables was used
+
+    void say(const std::string& line);
+    void log(int level, bool flush, const std::string& text);
+    void advance(std::chrono::nanoseconds time);
+
+    std::shared_ptr<scripted::Process> takeProcess();
+    std::shared_ptr<scripted::Pipe> takePipe();
+};
+
+/// What the platform does when it is asked.
+void processEvents(World& world, scripted::Pipe& pipe);
+bool isConnected(const scripted::Pipe& pipe);
+bool isReadChannelClosed(const scripted::Pipe& pipe);
+bool hasPendingWrite(const scripted::Pipe& pipe);
+void closeAndDestroy(World& world, scripted::Pipe& pipe);
+
+bool isRunning(World& world, const scripted::Process& process);
+void kill(World& world, scripted::Process& process);
+void wait(World& world, scripted::Process& process, unsigned int timeoutMs);
+void destroy(World& world, scripted::Process& process);
+
+} // namespace model
