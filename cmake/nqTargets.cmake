@@ -6,6 +6,19 @@ target_compile_options(
     nqCompileOptions
     INTERFACE -Wall -Wextra -Wconversion -Wshadow $<$<BOOL:${NQ_WARNINGS_AS_ERRORS}>:-Werror>)
 
+# What makes a mistake in a shared library harder to exploit. Fortified calls of the C library need the
+# optimiser, which finds the sizes to check against, and sanitizers check the same calls themselves.
+# Control-flow marks (-fcf-protection) are left out: neither the kernels nor the C library of the
+# supported systems act on them.
+add_library(nqHardening INTERFACE)
+target_compile_options(nqHardening INTERFACE -fstack-protector-strong -fstack-clash-protection)
+if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
+    set(optimised $<CONFIG:Release,RelWithDebInfo,MinSizeRel>)
+    # Some compilers come with a level of their own, which has to go first.
+    target_compile_options(
+        nqHardening INTERFACE $<${optimised}:-U_FORTIFY_SOURCE> $<${optimised}:-D_FORTIFY_SOURCE=2>)
+endif()
+
 # The repository's root, from which internal files include each other by folder and file name.
 add_library(nqSourceTree INTERFACE)
 target_include_directories(nqSourceTree INTERFACE ${PROJECT_SOURCE_DIR})
@@ -18,8 +31,9 @@ function(nq_hide_symbols target)
                              VISIBILITY_INLINES_HIDDEN ON)
 endfunction()
 
-# File name and SONAME of a library that is shipped. EXPORTS names its linker map, which keeps symbols
-# of the C++ standard library's templates and private nested types out of the interface.
+# File name, SONAME and memory protection of a library that is shipped. EXPORTS names its linker map,
+# which keeps symbols of the C++ standard library's templates and private nested types out of the
+# interface.
 function(nq_ship_library target exports)
     set_target_properties(
         ${target}
@@ -28,6 +42,8 @@ function(nq_ship_library target exports)
                    SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}
                    LINK_DEPENDS ${exports})
     target_link_options(${target} PRIVATE -Wl,--version-script=${exports})
+    # Everything is resolved when the library is loaded, and the tables are read-only from then on.
+    target_link_options(${target} PRIVATE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
     # Some compilers leave a sanitizer's own symbols to the program that loads the library.
     if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
         target_link_options(${target} PRIVATE -Wl,--no-undefined)
