@@ -53,7 +53,8 @@ Bytes readFile(const std::string& path)
 void writeFile(const std::string& path, const Bytes& bytes)
 {
     const File file = openToWrite(path);
-    if (std::fwrite(bytes.data(), 1, bytes.size(), file.get()) != bytes.size())
+    // No bytes have no address either, which fwrite does not take.
+    if (!bytes.empty() && std::fwrite(bytes.data(), 1, bytes.size(), file.get()) != bytes.size())
         throw std::runtime_error("cannot write " + path);
 }
 

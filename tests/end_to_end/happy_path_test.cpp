@@ -209,12 +209,12 @@ TEST_F(HappyPath, theWorkerRunsInTheFolderOfItsExecutable)
 {
     Pool pool;
     ASSERT_TRUE(pool.start(1));
-    EXPECT_EQ(pool.ask("folder"), std::filesystem::path(workerPath()).parent_path().string());
+    EXPECT_EQ(pool.ask("folder"), std::filesystem::canonical(workerPath()).parent_path().string());
 }
 
 TEST_F(HappyPath, aRelativeExecutableCountsFromTheCurrentFolderOfTheHost)
 {
-    const std::filesystem::path folder = std::filesystem::path(workerPath()).parent_path();
+    const std::filesystem::path folder = std::filesystem::canonical(workerPath()).parent_path();
     const std::string name = std::filesystem::path(workerPath()).filename().string();
     const end_to_end::CurrentFolder above(folder.parent_path().string());
     Pool pool((folder.filename() / name).string(), {});

@@ -52,18 +52,26 @@ std::vector<pid_t> allProcesses()
     return processes;
 }
 
-pid_t parentOf(pid_t process)
+/// What the kernel says of a process; as it is here for one that is gone.
+struct Status {
+    char mState = 0;
+    pid_t mParent = 0;
+    std::string mStartedAt; // tells it from a later one with the same number
+};
+
+Status statusOf(pid_t process)
 {
     // The program's name stands in brackets and may hold anything; the fields follow the last one.
     const std::string stat = readFile("/proc/" + std::to_string(process) + "/stat");
     const std::size_t end = stat.rfind(')');
+    Status status;
     if (end == std::string::npos)
-        return 0;
+        return status;
     std::istringstream fields(stat.substr(end + 1));
-    char state = 0;
-    pid_t parent = 0;
-    fields >> state >> parent;
-    return parent;
+    fields >> status.mState >> status.mParent;
+    for (int field = 5; field <= 22; ++field) // numbered as in the kernel's description
+        fields >> status.mStartedAt;
+    return status;
 }
 
 std::string mark()
@@ -152,7 +160,7 @@ std::map<int, std::string> openDescriptors()
 std::vector<pid_t> children()
 {
     std::vector<pid_t> processes = allProcesses();
-    const auto isForeign = [](pid_t process) { return parentOf(process) != getpid(); };
+    const auto isForeign = [](pid_t process) { return statusOf(process).mParent != getpid(); };
     processes.erase(std::remove_if(processes.begin(), processes.end(), isForeign), processes.end());
     return processes;
 }
@@ -196,10 +204,14 @@ std::size_t residentBytes()
 }
 
 ProcessWatch::ProcessWatch(pid_t process)
-    : mFd(static_cast<int>(syscall(SYS_pidfd_open, process, 0)))
+    : mProcess(process),
+      mFd(static_cast<int>(syscall(SYS_pidfd_open, process, 0)))
 {
-    if (mFd == -1 && errno != ESRCH)
+    if (mFd != -1 || errno == ESRCH)
+        return;
+    if (errno != ENOSYS)
         throwSystemError("no watch on process " + std::to_string(process));
+    mStartedAt = statusOf(process).mStartedAt;
 }
 
 ProcessWatch::~ProcessWatch()
@@ -210,13 +222,30 @@ ProcessWatch::~ProcessWatch()
 
 bool ProcessWatch::endsWithin(std::chrono::milliseconds limit) const
 {
-    return mFd == -1 || becomesReady(mFd, POLLIN, Clock::now() + limit);
+    const auto deadline = Clock::now() + limit;
+    if (mFd != -1)
+        return becomesReady(mFd, POLLIN, deadline);
+    while (isThere()) {
+        if (Clock::now() >= deadline)
+            return false;
+        poll(nullptr, 0, 1); // nothing tells of the end of somebody else's child without a pidfd
+    }
+    return true;
 }
 
 void ProcessWatch::kill(int signal) const
 {
     if (mFd != -1)
         syscall(SYS_pidfd_send_signal, mFd, signal, nullptr, 0);
+    else if (isThere())
+        ::kill(mProcess, signal);
+}
+
+bool ProcessWatch::isThere() const
+{
+    const Status status = statusOf(mProcess);
+    return !mStartedAt.empty() && status.mStartedAt == mStartedAt && status.mState != 'Z' &&
+           status.mState != 'X';
 }
 
 TemporaryFolder::TemporaryFolder()

@@ -39,6 +39,7 @@ std::string commandLine(pid_t process);
 std::size_t residentBytes();
 
 /// Watches one process, a child or not, without reaping it. One that is gone already has ended.
+/// Does without a pidfd where there is none, as under tools that do not know them.
 class ProcessWatch {
 public:
     explicit ProcessWatch(pid_t process);
@@ -52,7 +53,11 @@ public:
     void kill(int signal) const;
 
 private:
+    bool isThere() const;
+
+    pid_t mProcess;
     int mFd;
+    std::string mStartedAt; // set only without a pidfd, and if the process was there
 };
 
 /// A folder of its own for one test, removed with everything in it.
