@@ -1,6 +1,7 @@
 #include "nqNamedPipe.h"
 
 #include "pipe_helpers.h"
+#include "system/linux/nqDescriptor.h"
 
 #include <algorithm>
 #include <iterator>
@@ -94,6 +95,23 @@ TEST_F(NamedPipeDescriptors, areOnlyTheSocketsWhenBothEndsAreInOneProcess)
     ASSERT_TRUE(pair.mServerSide);
     const std::set<int> sockets{pair.mClient.getSocket(), pair.mServerSide->getSocket()};
     EXPECT_EQ(descriptorsSinceStart(), sockets);
+}
+
+TEST_F(NamedPipeDescriptors, areGivenUpRatherThanLeftOnAStandardStreamWhenNoOtherNumberIsFree)
+{
+    const Descriptor saved(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    ::close(STDIN_FILENO);
+    {
+        const DescriptorLimit limit;
+        ASSERT_TRUE(limit.set(STDERR_FILENO + 1)); // the number just closed is the only free one
+        const int fresh = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        EXPECT_EQ(fresh, STDIN_FILENO);
+        const nq::nqDescriptor descriptor(fresh);
+        EXPECT_FALSE(descriptor.isOpen());
+        EXPECT_FALSE(isOpen(STDIN_FILENO));
+    }
+    if (saved.get() >= 0)
+        ::dup2(saved.get(), STDIN_FILENO);
 }
 
 TEST_F(NamedPipeDescriptors, neverLandOnAStandardStreamOfAServer)

@@ -6,7 +6,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fstream>
+#include <limits>
 #include <new>
+#include <string>
 
 namespace {
 
@@ -17,6 +20,29 @@ using support::frame;
 using support::header;
 
 using support::operator+; // NOLINT(misc-unused-using-decls): the check overlooks operators
+
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool isSanitized = true; // every byte costs more than a byte then
+#else
+constexpr bool isSanitized = false;
+#endif
+
+/// Whether a test may take so much memory: where there is plenty left, and no tool watches each
+/// byte of it.
+bool mayTake(std::size_t bytesWanted)
+{
+    if (isSanitized || !support::RefusedMemory::isPossible())
+        return false;
+    std::ifstream figures("/proc/meminfo");
+    std::string name;
+    std::size_t kibibytes = 0;
+    while (figures >> name >> kibibytes) {
+        if (name == "MemAvailable:")
+            return kibibytes / 2 > bytesWanted / 1024;
+        figures.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
+    }
+    return false;
+}
 
 /// One open pipe and one frame in each direction.
 class Frame : public testing::Test {
@@ -65,6 +91,19 @@ TEST_F(Frame, addsNothingToABufferThatIsFullerThanItsLimit)
     nqFrame::sendPayload(pipe, bytes("x"), count);
     EXPECT_EQ(script.outgoing, bytes("older"));
     EXPECT_EQ(count, 0);
+}
+
+TEST_F(Frame, sendsOnlyTheHeaderOfAPayloadThatFourSignedBytesCannotCountOnPurpose)
+{
+    constexpr std::size_t tooLarge = std::size_t{1} << 31;
+    if (!mayTake(tooLarge))
+        GTEST_SKIP() << "two gibibytes are more than may be taken here";
+    const Bytes huge(tooLarge);
+    nqFrame::sendHeader(pipe, huge);
+    nqFrame::sendPayload(pipe, huge, count);
+    EXPECT_EQ(script.outgoing, bytes(std::string("\0\0\0\x80", 4)));
+    EXPECT_EQ(count, 0);
+    EXPECT_FALSE(nqFrame::isSendPending(huge, count));
 }
 
 TEST_F(Frame, sendsNeitherHeaderNorPayloadWithoutAConnection)

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <string>
 
 namespace {
@@ -112,6 +113,19 @@ TEST(HumanizeDuration, countsDaysWithoutBound)
 {
     EXPECT_EQ(text(86400000UL * 10000, 0), "10000d");
     EXPECT_EQ(text(9223372036854775807UL, 0), "106751991167d 7h 12m 55s 807ms");
+}
+
+TEST(HumanizeDuration, takesWhatIsBeyondTheSignedRangeApartAsNegativeOnPurpose)
+{
+    // One millisecond below zero, each component being written as if it were unsigned.
+    constexpr unsigned long largest = std::numeric_limits<unsigned long>::max();
+    EXPECT_EQ(text(largest, 0), "18446744073709551615ms");
+    EXPECT_EQ(text(largest, 0, true), "18446744073709551615ms");
+    EXPECT_EQ(text(largest, 2), "0ms");
+    EXPECT_EQ(
+        text(1UL << 63, 0, true),
+        "18446743966957560449d 18446744073709551609h 18446744073709551604m "
+        "18446744073709551561s 18446744073709550808ms (9223372036854775808ms)");
 }
 
 TEST(HumanizeDuration, ignoresAGroupingGlobalLocale)

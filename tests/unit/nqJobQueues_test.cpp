@@ -7,6 +7,7 @@
 #include <limits>
 #include <new>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -64,7 +65,7 @@ TEST(JobQueues, keepACopyOfAPushedJob)
 TEST(JobQueues, moveJobsAndResultsOutWithoutCopying)
 {
     if (!RefusedMemory::isPossible())
-        GTEST_SKIP();
+        GTEST_SKIP() << "this tool has an allocator of its own";
     nqJobQueues queues;
     queues.push(largeData);
     queues.pushResult(largeData);
@@ -79,10 +80,27 @@ TEST(JobQueues, moveJobsAndResultsOutWithoutCopying)
     EXPECT_EQ(result, largeData);
 }
 
+TEST(JobQueues, takeAResultOverWithoutCopyingItAndCountItsJobNoLonger)
+{
+    if (!RefusedMemory::isPossible())
+        GTEST_SKIP() << "this tool has an allocator of its own";
+    nqJobQueues queues;
+    queues.push(bytes("job"));
+    take(queues);
+    Bytes result = largeData;
+    {
+        const RefusedMemory refused(largeData.size());
+        queues.pushResult(std::move(result));
+    }
+    EXPECT_EQ(queues.jobCount(), 0U);
+    EXPECT_EQ(queues.resultCount(), 1U);
+    EXPECT_EQ(popped(queues), largeData);
+}
+
 TEST(JobQueues, stayAsTheyWereWhenAJobCannotBeCopied)
 {
     if (!RefusedMemory::isPossible())
-        GTEST_SKIP();
+        GTEST_SKIP() << "this tool has an allocator of its own";
     nqJobQueues queues;
     queues.push(bytes("job"));
     {
@@ -96,7 +114,7 @@ TEST(JobQueues, stayAsTheyWereWhenAJobCannotBeCopied)
 TEST(JobQueues, countAJobNoLongerWhoseResultCannotBeCopied)
 {
     if (!RefusedMemory::isPossible())
-        GTEST_SKIP();
+        GTEST_SKIP() << "this tool has an allocator of its own";
     nqJobQueues queues;
     queues.push(bytes("job"));
     take(queues);
@@ -111,7 +129,7 @@ TEST(JobQueues, countAJobNoLongerWhoseResultCannotBeCopied)
 TEST(JobQueues, countAJobNoLongerWhoseFailureCannotBeCopied)
 {
     if (!RefusedMemory::isPossible())
-        GTEST_SKIP();
+        GTEST_SKIP() << "this tool has an allocator of its own";
     nqJobQueues queues;
     queues.push(bytes("job"));
     take(queues);

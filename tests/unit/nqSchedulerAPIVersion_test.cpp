@@ -57,9 +57,4 @@ TEST(Version, ignoresTheBoolOfItsDescriptions)
         Version::GetDescStringMajorMinorReleaseRevision(false));
 }
 
-TEST(Version, hasMinorAndReleaseAsTwoFunctionsThoughBothAreZero)
-{
-    EXPECT_NE(&Version::GetMinor, &Version::GetRelease);
-}
-
 } // namespace

@@ -13,6 +13,7 @@ using support::Lines;
 static_assert(!std::is_copy_constructible_v<nqScheduler>);
 static_assert(!std::is_copy_assignable_v<nqScheduler>);
 static_assert(std::has_virtual_destructor_v<nqScheduler>);
+static_assert(std::is_nothrow_destructible_v<nqScheduler>);
 static_assert(sizeof(nqScheduler) == 2 * sizeof(void*), "one table and one pointer, for ever");
 static_assert(sizeof(nqScheduler::FailReason) == 4);
 static_assert(std::is_same_v<std::underlying_type_t<nqScheduler::FailReason>, std::int32_t>);
@@ -159,13 +160,15 @@ TEST_F(SchedulerConfiguration, refusesACapAfterAJobWhileStartedAndKeepsTheOldOne
     scheduler->setMaxCapMemoryAfterProcessingAJob(100);
     start(1);
     EXPECT_FALSE(scheduler->setMaxCapMemoryAfterProcessingAJob(0));
-    process(0).ramInUse = 101;
-    answer(0, "result");
-    pipe(0).arrivals.push_front({});
+    die(0); // the replacement is told the cap that holds now
+    scheduler->processScheduler(0);
+    process(1).ramInUse = 101;
+    answer(1, "result");
+    pipe(1).arrivals.push_front({});
     scheduler->push(bytes("job"));
     scheduler->processScheduler(0);
     scheduler->processScheduler(0);
-    EXPECT_TRUE(process(0).isDestroyed);
+    EXPECT_TRUE(process(1).isDestroyed);
     EXPECT_EQ(results(), Lines{"result"});
 }
 

@@ -290,6 +290,28 @@ TEST_F(WorkerDispatch, keepsAWorkerThatIsExactlyAtTheCapAfterAJob)
     dispatch("next");
 }
 
+TEST_F(WorkerDispatch, takesTheNextJobInTheStepThatFindsTheWorkerWithinTheCapAfterAJob)
+{
+    worker->setMaxCapMemoryAfterProcessingAJob(100);
+    process->ramInUse = 100;
+    dispatch();
+    queues.push(bytes("next"));
+    answer("result");
+    step();
+    EXPECT_FALSE(worker->isReadyForJob());
+    EXPECT_EQ(queues.pendingJobCount(), 0U);
+}
+
+TEST_F(WorkerDispatch, neverMeasuresAnIdleWorkerThatSendsBytesAgainstTheCapAfterAJob)
+{
+    worker->setMaxCapMemoryAfterProcessingAJob(100);
+    process->ramInUse = 1000;
+    answer("unasked");
+    step();
+    EXPECT_EQ(process->ramReads, 0);
+    EXPECT_FALSE(worker->hasFinished());
+}
+
 TEST_F(WorkerDispatch, restartsAWorkerThatIsOneByteAboveTheCapAfterAJob)
 {
     worker->setMaxCapMemoryAfterProcessingAJob(100);
@@ -338,6 +360,20 @@ TEST_F(WorkerDispatch, reportsARestartAtLevelZeroWithPlainNumbers)
              false,
              "restarting scheduler worker : using too much RAM after job processing (1023B) (no "
              "job lost) (PID 4194304)"}}));
+}
+
+TEST_F(WorkerDispatch, reportsARestartWithAnUnsignedPid)
+{
+    auto& plan = machine.planProcess();
+    plan.pid = -1;
+    makeWorker(plan);
+    worker->setMaxCapMemoryAfterProcessingAJob(1);
+    process->ramInUse = 2;
+    completeAJob();
+    EXPECT_EQ(
+        machine.messages(),
+        Lines{"restarting scheduler worker : using too much RAM after job processing (2B) (no job "
+              "lost) (PID 18446744073709551615)"});
 }
 
 TEST_F(WorkerDispatch, takesNoFurtherJobWhenItRestarts)

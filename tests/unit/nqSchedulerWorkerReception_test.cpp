@@ -197,6 +197,19 @@ TEST_F(WorkerReception, reportsAFailureWithAPlainPidInAHostThatGroupsDigits)
     EXPECT_EQ(machine.messages(), Lines{"Job failed error (1) Unexpected crash (PID 4194304)"});
 }
 
+TEST_F(WorkerReception, reportsAFailureWithAnUnsignedPid)
+{
+    auto& plan = machine.planProcess();
+    plan.pid = -1;
+    makeWorker(plan);
+    dispatch();
+    die();
+    step();
+    EXPECT_EQ(
+        machine.messages(),
+        Lines{"Job failed error (1) Unexpected crash (PID 18446744073709551615)"});
+}
+
 TEST_F(WorkerReception, endsAnIdleWorkerThatIsLostInSilence)
 {
     die();

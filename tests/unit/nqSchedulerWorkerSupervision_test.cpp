@@ -133,6 +133,24 @@ TEST_F(WorkerSupervision, reportsTooMuchMemoryWithItsReasonAndFigure)
         machine.messages(), Lines{"Job failed error (2) using too much RAM (1.5GB) (PID 4242)"});
 }
 
+TEST_F(WorkerSupervision, writesTheFigureOfTheMemoryWithThreeDigits)
+{
+    worker->setMaxCapMemory(cap);
+    dispatch();
+    process->ramInUse = 123 * 1048576 + 471859; // 123.45 times 2^20
+    step();
+    EXPECT_EQ(failureOfTheKilled().message, "using too much RAM (123MB)");
+}
+
+TEST_F(WorkerSupervision, writesTheFigureOfTheMemoryWithOneDecimalAtMost)
+{
+    worker->setMaxCapMemory(cap);
+    dispatch();
+    process->ramInUse = 1048576 + 492831; // 1.47 times 2^20
+    step();
+    EXPECT_EQ(failureOfTheKilled().message, "using too much RAM (1.5MB)");
+}
+
 TEST_F(WorkerSupervision, killsAnIdleWorkerAboveTheCapWithoutAFailureOrALogEntry)
 {
     worker->setMaxCapMemory(cap);
@@ -175,6 +193,37 @@ TEST_F(WorkerSupervision, looksNoFurtherInTheStepOfTheKillNorWaitsForTheDeath)
             "process 4242: getCurrentRamInUse()",
             "process 4242: killProcess()"}));
     EXPECT_EQ(queues.resultCount(), 0U);
+}
+
+TEST_F(WorkerSupervision, goesOnAskingForMemoryAndTimeAfterTheKillWithoutAnotherOne)
+{
+    worker->setMaxCapMemory(cap);
+    worker->setJobProcessTimeout(10);
+    process->endsWhenKilled = false;
+    dispatch();
+    process->ramInUse = cap + 1;
+    step();
+    ASSERT_EQ(kills(), 1);
+    forgetCalls();
+    stepAfter(1h);
+    EXPECT_EQ(
+        Lines(machine.trace.begin(), machine.trace.begin() + 4),
+        (Lines{
+            "pipe 1: processNamedPipeEvents(0, false)",
+            "process 4242: getCurrentRamInUse()",
+            "timer: getElapsedTimeInSec()",
+            "pipe 1: isReadChannelClosed()"}));
+    EXPECT_EQ(kills(), 0);
+}
+
+TEST_F(WorkerSupervision, neverReadsTheTimerOfAnIdleWorkerThatItKillsForItsMemory)
+{
+    worker->setMaxCapMemory(cap);
+    worker->setJobProcessTimeout(10);
+    process->ramInUse = cap + 1;
+    step();
+    EXPECT_EQ(kills(), 1);
+    EXPECT_EQ(machine.count("timer: getElapsedTimeInSec()"), 0);
 }
 
 TEST_F(WorkerSupervision, deliversTheResultOfAKilledWorkerThatWasReceivedBeforeItsEnd)

@@ -11,6 +11,7 @@ using support::Lines;
 static_assert(!std::is_copy_constructible_v<nqSchedulerWorker>);
 static_assert(!std::is_copy_assignable_v<nqSchedulerWorker>);
 static_assert(std::has_virtual_destructor_v<nqSchedulerWorker>);
+static_assert(std::is_nothrow_destructible_v<nqSchedulerWorker>);
 static_assert(sizeof(nqSchedulerWorker) == 2 * sizeof(void*), "one table and one pointer");
 
 using WorkerRecord = support::WorkerRecordFixture;
@@ -97,11 +98,30 @@ TEST_F(WorkerRecord, doesNothingMoreWhenItsPipeIsClosedAgain)
         (Lines{"process 4242: waitForFinished(4294967295)", "process 4242: destroyed"}));
 }
 
-TEST_F(WorkerRecord, losesItsJobInSilenceOnceItIsDetached)
+TEST_F(WorkerRecord, staysReadyAndSendsNothingWithoutQueues)
+{
+    auto& script = machine.planPipe();
+    auto ownProcess = std::make_unique<nqProcess>();
+    ownProcess->startProcess("", {}, false, nqProcess::InheritedPriority);
+    nqSchedulerWorker record(std::make_unique<nq::nqNamedPipe>(), std::move(ownProcess), nullptr);
+    record.setMaxCapMemoryAfterProcessingAJob(1);
+    script.arrivals = {support::frame("nobody asked")};
+    for (int i = 0; i < 3; ++i) {
+        record.superviseStep();
+        EXPECT_TRUE(record.isReadyForJob());
+        EXPECT_FALSE(record.hasFinished());
+    }
+    EXPECT_TRUE(script.outgoing.empty());
+    EXPECT_TRUE(script.passedOn.empty());
+}
+
+TEST_F(WorkerRecord, isOverWithoutAWordAboutItsJobOnceItsPipeIsClosed)
 {
     dispatch();
     worker->closePipe();
+    die();
     step();
+    EXPECT_TRUE(worker->hasFinished());
     worker.reset();
     EXPECT_TRUE(machine.logged.empty());
     EXPECT_EQ(queues.failCount(), 0U);

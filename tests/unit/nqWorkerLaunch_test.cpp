@@ -88,6 +88,13 @@ TEST_F(WorkerLaunch, passesTheStartFlagAndTheInheritedPriority)
     }
 }
 
+TEST_F(WorkerLaunch, leavesTheOutputOfWorkersAloneInASchedulerThatWasToldNothing)
+{
+    nqScheduler fresh;
+    EXPECT_TRUE(fresh.startWorker());
+    EXPECT_EQ(machine.processes.back()->silenceOutput, false);
+}
+
 TEST_F(WorkerLaunch, startsARelativePathAsConfiguredInTheFolderOfItsAbsoluteForm)
 {
     scheduler->setExePathUtf8("bin/worker");

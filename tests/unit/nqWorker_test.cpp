@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -23,7 +25,19 @@ static_assert(!std::is_copy_constructible_v<nq::nqWorker>);
 static_assert(!std::is_copy_assignable_v<nq::nqWorker>);
 static_assert(std::is_abstract_v<nq::nqWorker>);
 static_assert(std::has_virtual_destructor_v<nq::nqWorker>);
+static_assert(std::is_nothrow_destructible_v<nq::nqWorker>);
 static_assert(sizeof(nq::nqWorker) == 2 * sizeof(void*), "one table and one pointer, for ever");
+
+/// The place of a virtual operation in its class's table. On this platform a pointer to it holds
+/// one plus the offset in bytes.
+template <typename Operation>
+std::ptrdiff_t slotOf(Operation operation)
+{
+    std::ptrdiff_t raw[2];
+    static_assert(sizeof raw == sizeof operation);
+    std::memcpy(raw, &operation, sizeof raw);
+    return (raw[0] - 1) / static_cast<std::ptrdiff_t>(sizeof(void*));
+}
 
 /// Answers with whatever the test says and remembers the jobs.
 class TestWorker : public nq::nqWorker {
@@ -74,6 +88,12 @@ protected:
             arrive({byte});
     }
 };
+
+TEST(WorkerTable, hasItsHooksBehindTheTwoDestructors)
+{
+    EXPECT_EQ(slotOf(&nq::nqWorker::processJob), 2);
+    EXPECT_EQ(slotOf(&nq::nqWorker::endOfWork), 3);
+}
 
 TEST_F(Worker, connectsToItsSchedulerWhenItIsMade)
 {
