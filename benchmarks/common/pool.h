@@ -1,0 +1,34 @@
+#pragma once
+
+#include "benchmarks/common/job.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace bench {
+
+/// Jobs that a queueing pool holds beyond one for each worker: enough that no worker ever waits for
+/// the host to think of another.
+constexpr std::size_t jobsAhead = 2;
+
+struct PoolOptions {
+    std::size_t workers;
+    std::string workerExecutable;
+};
+
+/// A pool of worker processes; implemented bare, by hand, and with the library. Destruction ends
+/// the workers.
+class Pool {
+public:
+    virtual ~Pool() = default;
+
+    /// Puts `count` jobs from the ledger through the pool, and each result back into it.
+    virtual void run(Ledger& ledger, std::uint64_t count) = 0;
+};
+
+/// Each executable links one implementation.
+std::unique_ptr<Pool> makePool(const PoolOptions& options);
+
+} // namespace bench

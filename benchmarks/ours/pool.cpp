@@ -1,0 +1,63 @@
+// The library through its public interface, with default settings and the README's host loop.
+#include "benchmarks/common/pool.h"
+
+#include "benchmarks/common/fail.h"
+
+#include <nqScheduler.h>
+
+#include <string>
+#include <vector>
+
+namespace bench {
+
+namespace {
+
+constexpr int pumpTimeoutMs = 100;
+constexpr int connectTimeoutMs = 10'000;
+
+class LibraryPool : public Pool {
+public:
+    explicit LibraryPool(const PoolOptions& options)
+        : mMaxInFlight(options.workers + jobsAhead),
+          mScheduler(options.workerExecutable, false, {}, true)
+    {
+        if (!mScheduler.startScheduler(options.workers, connectTimeoutMs))
+            fail("the workers could not be started");
+    }
+
+    void run(Ledger& ledger, std::uint64_t count) override
+    {
+        mJob.resize(ledger.jobBytes(), 'x');
+        std::uint64_t pushed = 0;
+        std::uint64_t finished = 0;
+        while (finished < count) {
+            for (; pushed < count && pushed - finished < mMaxInFlight; ++pushed) {
+                ledger.stamp(mJob.data());
+                mScheduler.push(mJob);
+            }
+            mScheduler.processScheduler(pumpTimeoutMs);
+            for (; mScheduler.pop(mResult); ++finished)
+                ledger.check(mResult.data(), mResult.size());
+            for (; mScheduler.popFail(mFailedJob, mReason, mMessage); ++finished)
+                ledger.lose();
+        }
+    }
+
+private:
+    std::uint64_t mMaxInFlight;
+    nq::nqScheduler mScheduler;
+    std::vector<char> mJob;
+    std::vector<char> mResult;
+    std::vector<char> mFailedJob;
+    nq::nqScheduler::FailReason mReason = nq::nqScheduler::NoFailure;
+    std::string mMessage;
+};
+
+} // namespace
+
+std::unique_ptr<Pool> makePool(const PoolOptions& options)
+{
+    return std::make_unique<LibraryPool>(options);
+}
+
+} // namespace bench
