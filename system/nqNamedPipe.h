@@ -44,7 +44,8 @@ public:
     /// Writes what is pending and reads what is there, both without blocking. Only if nothing
     /// moved, `wait` is set and `timeoutMs` is above 0, waits up to `timeoutMs` milliseconds for
     /// activity, then writes and reads once more. Returns after the first activity. One call reads
-    /// a bounded number of bytes, and reads nothing while the incoming buffer is full.
+    /// a bounded number of bytes, and reads nothing while the incoming buffer is full; one that has
+    /// written may leave the reading to the next.
     void processNamedPipeEvents(int timeoutMs, bool wait);
 
     bool isConnected() const;

@@ -86,6 +86,7 @@ void nqNamedPipe::State::adopt(nqDescriptor socket, nqPeer peer)
     mPeer = std::move(peer);
     mLastLookAt = coarseNow();
     mLeftDry = false;
+    mSavedReadAfterWrite = false;
     mCongested = false;
     mExpectsMuch = false;
     mShortLook = nqShortLook();
@@ -145,8 +146,11 @@ void nqNamedPipe::State::processEvents(int timeoutMs, bool wait)
     bool moved = writePending();
     // A read that can hardly find anything is saved: right after a write, because the last call
     // left the socket dry and the peer has yet to see what was written, and before a wait, which
-    // looks by itself. What has come in spite of that is found by the next call.
-    if (!mLeftDry || !(moved || mayWait))
+    // looks by itself. Not twice in a row after writes: what has come in spite of that is found by
+    // the next call.
+    const bool canSaveRead = mLeftDry && (moved ? !mSavedReadAfterWrite : mayWait);
+    mSavedReadAfterWrite = moved && canSaveRead;
+    if (!canSaveRead)
         moved = readAvailable(mayWait) || moved;
     if (!moved && mayWait) {
         waitForActivity(timeoutMs);

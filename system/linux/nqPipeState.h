@@ -29,6 +29,7 @@ struct nqNamedPipe::State {
     std::vector<char> mOutgoing;
     bool mExpectsMuch = false;                // the last read filled the room it was given
     bool mCongested = false;                  // the last write found too little room
+    bool mSavedReadAfterWrite = false;        // the last call wrote and did not read
     bool mLeftDry = false;                    // the last read took all that the socket held
     nqShortLook mShortLook;                   // before a wait sleeps
     std::size_t mLeftByLastCall = 0;          // bytes in mIncoming when the last call returned

@@ -390,6 +390,20 @@ TEST_F(NamedPipe, carriesLargePayloadsBothWaysAtOnce)
     }
 }
 
+TEST_F(NamedPipe, readsThoughEveryCallHasSomethingToWrite)
+{
+    PipePair pair;
+    ASSERT_TRUE(pair.mServerSide);
+    pair.mServerSide->processNamedPipeEvents(0, false); // leaves the socket dry
+    append(pair.mClient.outgoingBuffer(), "question");
+    pair.mClient.processNamedPipeEvents(0, false);
+    for (int call = 0; call < 2; ++call) {
+        append(pair.mServerSide->outgoingBuffer(), "talk");
+        pair.mServerSide->processNamedPipeEvents(0, false);
+    }
+    EXPECT_EQ(text(pair.mServerSide->incomingBuffer()), "question");
+}
+
 TEST_F(NamedPipe, carriesALargePayloadThatArrivesInSmallPieces)
 {
     PipeToRawSocket link;
