@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -11,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -269,7 +269,7 @@ std::string TemporaryFolder::file(const std::string& name) const
 
 std::string TemporaryFolder::addScript(const std::string& name, const std::string& body) const
 {
-    const std::string path = file(name);
+    std::string path = file(name);
     std::ofstream(path) << "#!/bin/sh\n" << body;
     std::filesystem::permissions(path, std::filesystem::perms::owner_all);
     return path;
@@ -277,7 +277,7 @@ std::string TemporaryFolder::addScript(const std::string& name, const std::strin
 
 std::string TemporaryFolder::addFifo(const std::string& name) const
 {
-    const std::string path = file(name);
+    std::string path = file(name);
     if (mkfifo(path.c_str(), 0600) != 0)
         throwSystemError(path);
     return path;
@@ -341,7 +341,7 @@ std::string ChildProgram::readLine()
         if (!appendMore(mOutput, mUnread, deadline, ended) && !ended)
             return "(nothing within the limit)";
     const std::size_t length = std::min(mUnread.find('\n'), mUnread.size());
-    const std::string line = mUnread.substr(0, length);
+    std::string line = mUnread.substr(0, length);
     mUnread.erase(0, std::min(length + 1, mUnread.size()));
     return line;
 }

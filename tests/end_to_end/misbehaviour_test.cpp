@@ -10,7 +10,6 @@
 namespace {
 
 using end_to_end::EndToEnd;
-using end_to_end::Failure;
 using end_to_end::Pool;
 using end_to_end::ProcessWatch;
 using nq::nqScheduler;
