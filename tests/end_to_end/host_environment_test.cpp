@@ -59,6 +59,9 @@ public:
     {
         const itimerval never{};
         setitimer(ITIMER_REAL, &never, nullptr);
+        // A tool that delivers signals late may still hold one, which the former disposition would
+        // turn into the end of the test program. Ignoring a signal discards what is pending.
+        std::signal(SIGALRM, SIG_IGN);
     }
     TimerSignal(const TimerSignal&) = delete;
     TimerSignal& operator=(const TimerSignal&) = delete;
