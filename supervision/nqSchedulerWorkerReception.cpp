@@ -29,8 +29,8 @@ bool nqSchedulerWorker::receiveStep()
     state.mReadyForJob = true;
     state.mReceived = 0;
     if (state.mQueues != nullptr) {
-        state.mQueues->recycle(std::move(job));
         state.mQueues->pushResult(std::move(result));
+        state.mQueues->recycle(std::move(job));
     }
     return true;
 }
