@@ -24,8 +24,10 @@ add_library(nqSourceTree INTERFACE)
 target_include_directories(nqSourceTree INTERFACE ${PROJECT_SOURCE_DIR})
 
 # For objects that end up in a shared library, and show nothing of themselves that is not declared to
-# be public.
+# be public. Calls go straight to their target: everything is bound when the library is loaded, and no
+# program replaces a library's own functions one by one.
 function(nq_hide_symbols target)
+    target_compile_options(${target} PRIVATE -fno-plt -fno-semantic-interposition)
     set_target_properties(
         ${target} PROPERTIES POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden
                              VISIBILITY_INLINES_HIDDEN ON)
