@@ -22,11 +22,9 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr std::size_t mebibyte = std::size_t{1} << 20;
-
-// Large enough that a big payload takes few passes, small enough for hundreds of workers. The page
-// on top lets a payload of one mebibyte leave together with what frames it.
-constexpr std::size_t outgoingLimitBytes = mebibyte + 4096;
+// What the producer appends is still in the processor's cache when the kernel takes it, and the
+// other end begins with it while the rest follows. The page on top is for what frames a payload.
+constexpr std::size_t outgoingLimitBytes = (std::size_t{256} << 10) + 4096;
 
 // One flooding worker does not grow the host beyond this. Some calls' worth, and no more: a
 // consumer that takes little at a time moves the rest to the front each time.
@@ -40,11 +38,14 @@ constexpr std::size_t smallReadBytes = std::size_t{4} << 10;
 // consumer takes them, and that the other end fills the socket again meanwhile.
 constexpr std::size_t bytesPerCall = std::size_t{128} << 10;
 
-// The kernel takes a whole outgoing buffer at once.
-constexpr int kernelSendBufferBytes = static_cast<int>(outgoingLimitBytes);
+// Some outgoing buffers' worth, so that neither end soon waits for the other.
+constexpr int kernelSendBufferBytes = 1 << 20;
 
 // Soon enough to notice a dead worker, seldom enough to cost a busy pump nothing.
 constexpr milliseconds peerLookInterval{250};
+
+// Longer than most jobs, shorter than anybody waits for the news of a death.
+constexpr int briefWaitMs = 10;
 
 milliseconds coarseNow()
 {
@@ -90,6 +91,7 @@ void nqNamedPipe::State::adopt(nqDescriptor socket, nqPeer peer)
     mCongested = false;
     mExpectsMuch = false;
     mShortLook = nqShortLook();
+    mWaitsAreShort = false;
     mPhase = Phase::open;
     enlargeKernelBuffer(mSocket.get());
     moveIntoRangeOfSelect();
@@ -295,10 +297,25 @@ void nqNamedPipe::State::waitForActivity(int timeoutMs)
     };
     if (hasPendingWrite())
         watched[0].events = static_cast<short>(watched[0].events | POLLOUT);
-    if (!mShortLook.findsActivity(watched, std::size(watched)))
-        nqDeadline(timeoutMs).poll(watched, std::size(watched));
+    mWaitsAreShort = mShortLook.findsActivity(watched, std::size(watched)) ||
+                     isReportedWithin(timeoutMs, watched, std::size(watched));
     if (watched[1].revents != 0)
         mPeer.hasDied();
+}
+
+// Where answers come quickly, the first part of a wait watches the socket alone and reads no clock.
+// A peer that dies then, and leaves its socket to others, is noticed that much later.
+bool nqNamedPipe::State::isReportedWithin(int timeoutMs, pollfd* watched, nfds_t count) const
+{
+    int restMs = timeoutMs;
+    if (mWaitsAreShort && timeoutMs > briefWaitMs) {
+        const int reported = ::poll(watched, 1, briefWaitMs);
+        if (reported > 0)
+            return true;
+        if (reported == 0) // and not cut short by a signal
+            restMs -= briefWaitMs;
+    }
+    return nqDeadline(restMs).poll(watched, count) > 0;
 }
 
 // A number of FD_SETSIZE or more would make select() write outside its set. A lower one may be free

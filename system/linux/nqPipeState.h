@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <poll.h>
 #include <vector>
 
 namespace nq {
@@ -32,6 +33,7 @@ struct nqNamedPipe::State {
     bool mSavedReadAfterWrite = false;        // the last call wrote and did not read
     bool mLeftDry = false;                    // the last read took all that the socket held
     nqShortLook mShortLook;                   // before a wait sleeps
+    bool mWaitsAreShort = false;              // the last wait was not in vain
     std::size_t mLeftByLastCall = 0;          // bytes in mIncoming when the last call returned
     std::chrono::milliseconds mLastLookAt{0}; // when the peer's life was last looked at
 
@@ -59,6 +61,7 @@ private:
     bool isPeerFoundDead();
     bool hasPeerLeft();
     void waitForActivity(int timeoutMs);
+    bool isReportedWithin(int timeoutMs, pollfd* watched, nfds_t count) const;
     void moveIntoRangeOfSelect();
 };
 

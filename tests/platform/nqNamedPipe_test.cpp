@@ -268,6 +268,34 @@ TEST_F(NamedPipe, waitsTheWholeTimeInAStormOfSignals)
     EXPECT_LT(elapsedSince(start), milliseconds(ampleMs / 2));
 }
 
+TEST_F(NamedPipe, waitsTheWholeTimeAlsoWhenTheWaitBeforeWasShort)
+{
+    PipeToRawSocket link;
+    ASSERT_TRUE(link.mPipe);
+    link.mPipe->processNamedPipeEvents(0, true); // finds nothing
+    ASSERT_TRUE(rawSend(link.mPeer, "x"));
+    link.mPipe->processNamedPipeEvents(ampleMs, true);
+    ASSERT_EQ(takeAll(*link.mPipe), "x");
+    const auto start = steady_clock::now();
+    link.mPipe->processNamedPipeEvents(60, true);
+    EXPECT_GE(elapsedSince(start), milliseconds(60));
+}
+
+TEST_F(NamedPipe, readsWhatArrivesWhileItWaitsAfterAShortWait)
+{
+    PipeToRawSocket link;
+    ASSERT_TRUE(link.mPipe);
+    for (const int delayMs : {0, 0, 1, 50}) { // the last comes later than a short wait lasts
+        Child sender([&] {
+            ::poll(nullptr, 0, delayMs);
+            return rawSend(link.mPeer, "x") ? 0 : 1;
+        });
+        link.mPipe->processNamedPipeEvents(ampleMs, true);
+        EXPECT_EQ(takeAll(*link.mPipe), "x");
+        EXPECT_EQ(sender.wait(), 0);
+    }
+}
+
 TEST_F(NamedPipe, readsWhatArrivesWhileItWaits)
 {
     PipeToRawSocket link;
@@ -418,14 +446,14 @@ TEST_F(NamedPipe, carriesALargePayloadThatArrivesInSmallPieces)
     EXPECT_EQ(received.substr(0, 27), "abcdefghijklmnopqrstuvwxyza");
 }
 
-TEST_F(NamedPipe, hasAnOutgoingLimitThatTakesOneMebibyteAndItsHeaderAtOnce)
+TEST_F(NamedPipe, hasAnOutgoingLimitThatTakesAQuarterOfAMebibyteAndItsHeaderAtOnce)
 {
     const nqNamedPipe pipe;
-    EXPECT_GE(pipe.outgoingBufferLimit(), mebibyte + 4);
-    EXPECT_LE(pipe.outgoingBufferLimit(), mebibyte + mebibyte / 8);
+    EXPECT_GE(pipe.outgoingBufferLimit(), mebibyte / 4 + 4);
+    EXPECT_LE(pipe.outgoingBufferLimit(), mebibyte / 2);
 }
 
-TEST_F(NamedPipe, asksTheKernelForABufferThatTakesAWholeOutgoingBuffer)
+TEST_F(NamedPipe, asksTheKernelForABufferThatTakesSeveralOutgoingBuffers)
 {
     PipePair pair;
     ASSERT_TRUE(pair.mServerSide);
