@@ -1,14 +1,15 @@
 #include "scheduler/nqJobQueues.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace nq {
 
 namespace {
 
-// Smaller ones are what the C library's allocator keeps by itself.
-constexpr std::size_t smallestSpareBytes = std::size_t{32} << 20;
+// Smaller ones are quickly had and quickly filled.
+constexpr std::size_t smallestSpareBytes = std::size_t{64} << 10;
 constexpr std::size_t maxSpares = 4;
 
 bool moveFrontInto(std::deque<std::vector<char>>& queue, std::vector<char>& data)
@@ -89,23 +90,25 @@ bool nqJobQueues::allJobsDone() const
 
 void nqJobQueues::recycle(std::vector<char>&& buffer)
 {
-    if (buffer.capacity() < smallestSpareBytes || mSpares.size() == maxSpares)
+    if (buffer.capacity() < smallestSpareBytes)
         return;
+    if (mSpares.size() == maxSpares)
+        mSpares.erase(mSpares.begin());
     mSpares.push_back(std::move(buffer));
-    mSpares.back().clear();
 }
 
-// A spare much larger than its new payload would make a small result hold on to it.
+// The latest is the one that the processor's cache still knows. A spare much larger than its new
+// payload would make a small result hold on to it.
 std::vector<char> nqJobQueues::takeSpare(std::size_t bytes)
 {
     const auto fits = [bytes](const std::vector<char>& spare) {
         return spare.capacity() >= bytes && spare.capacity() / 2 <= bytes;
     };
-    const auto spare = std::find_if(mSpares.begin(), mSpares.end(), fits);
-    if (spare == mSpares.end())
+    const auto spare = std::find_if(mSpares.rbegin(), mSpares.rend(), fits);
+    if (spare == mSpares.rend())
         return {};
     std::vector<char> taken = std::move(*spare);
-    mSpares.erase(spare);
+    mSpares.erase(std::next(spare).base());
     return taken;
 }
 

@@ -43,9 +43,9 @@ public:
         const std::vector<char>& job, nqScheduler::FailReason reason, const std::string& message);
 
     /// Large payloads that are over leave their memory to those that follow: fresh memory costs
-    /// more than copying into it. takeSpare gives an empty buffer, with room for `bytes` if a spare
-    /// one of about that size is there. The spares are few, and go when pop finds that no job
-    /// and no result is left.
+    /// more than copying into it. takeSpare gives a buffer with room for `bytes`, and old bytes in
+    /// it, if a spare one of about that size is there, and an empty one otherwise. The spares are
+    /// few, and go when pop finds that no job and no result is left.
     void recycle(std::vector<char>&& buffer);
     std::vector<char> takeSpare(std::size_t bytes);
 
@@ -56,7 +56,7 @@ private:
     std::deque<std::vector<char>> mPendingJobs;
     std::deque<std::vector<char>> mResults;
     std::int32_t mJobsInProgress = 0;
-    std::vector<std::vector<char>> mSpares; // empty buffers with large capacities
+    std::vector<std::vector<char>> mSpares; // buffers that nobody reads any more
 };
 
 } // namespace nq

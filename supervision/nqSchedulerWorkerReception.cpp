@@ -15,9 +15,10 @@ bool nqSchedulerWorker::receiveStep()
     nqSchedulerWorkerPrivate& state = *mPrivate;
     if (state.mReadyForJob)
         return false;
-    if (state.mResult.capacity() == 0 && state.mQueues != nullptr)
-        state.mResult = state.mQueues->takeSpare(nqFrame::announcedBytes(*state.mPipe));
-    if (!nqFrame::receive(*state.mPipe, state.mResult, state.mReceived, true))
+    std::vector<char> spare;
+    if (state.mResult.empty() && state.mQueues != nullptr)
+        spare = state.mQueues->takeSpare(nqFrame::announcedBytes(*state.mPipe));
+    if (!nqFrame::receive(*state.mPipe, state.mResult, state.mReceived, true, std::move(spare)))
         return false;
 
     // The record lets go of the job before the queue, which may find no memory, takes the result: a

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <utility>
 
 namespace nq {
 
@@ -34,8 +35,18 @@ void eraseFront(std::vector<char>& bytes, std::size_t count)
     bytes.erase(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count));
 }
 
+/// Makes `payload` `size` bytes large in the memory of `spare`. What that holds stays where it is:
+/// every byte is overwritten before anybody sees the payload, and zeros cost as much as the bytes.
+void resizeInSpareMemory(std::vector<char>& payload, std::vector<char>&& spare, std::size_t size)
+{
+    if (spare.capacity() < size)
+        spare.clear(); // or its bytes would be moved into the larger memory
+    payload = std::move(spare);
+    payload.resize(size);
+}
+
 /// Takes a header, if it is whole, and gives `payload` its size. False when no payload follows now.
-bool startFrame(nqNamedPipe& pipe, std::vector<char>& payload)
+bool startFrame(nqNamedPipe& pipe, std::vector<char>& payload, std::vector<char>&& spare)
 {
     std::vector<char>& incoming = pipe.incomingBuffer();
     if (incoming.size() < nqFrame::headerBytes || !pipe.isConnected())
@@ -44,7 +55,7 @@ bool startFrame(nqNamedPipe& pipe, std::vector<char>& payload)
     // Erased before the payload finds its memory: a size that nobody has memory for costs one
     // exception and not one at every pass.
     eraseFront(incoming, nqFrame::headerBytes);
-    payload.resize(length);
+    resizeInSpareMemory(payload, std::move(spare), length);
     return length != 0;
 }
 
@@ -92,11 +103,15 @@ std::uint32_t nqFrame::announcedBytes(const nqNamedPipe& pipe)
 }
 
 bool nqFrame::receive(
-    nqNamedPipe& pipe, std::vector<char>& payload, std::int32_t& received, bool mayStart)
+    nqNamedPipe& pipe,
+    std::vector<char>& payload,
+    std::int32_t& received,
+    bool mayStart,
+    std::vector<char>&& spare)
 {
     if (payload.empty() && mayStart) {
         received = 0;
-        if (!startFrame(pipe, payload))
+        if (!startFrame(pipe, payload, std::move(spare)))
             return false;
     }
     accumulate(pipe, payload, received);

@@ -35,10 +35,15 @@ public:
     static std::uint32_t announcedBytes(const nqNamedPipe& pipe);
 
     /// Takes bytes of one frame out of the incoming buffer. A header is looked for only while
-    /// `payload` is empty and `mayStart` is set; it gives `payload` its final size. True when
-    /// `received` has reached that size. A frame of length 0 is consumed and gives false.
-    static bool
-    receive(nqNamedPipe& pipe, std::vector<char>& payload, std::int32_t& received, bool mayStart);
+    /// `payload` is empty and `mayStart` is set; it gives `payload` its final size, in the memory
+    /// of `spare`, which is taken only then. True when `received` has reached that size. A frame of
+    /// length 0 is consumed and gives false.
+    static bool receive(
+        nqNamedPipe& pipe,
+        std::vector<char>& payload,
+        std::int32_t& received,
+        bool mayStart,
+        std::vector<char>&& spare = {});
 };
 
 } // namespace nq

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 
 namespace nq {
 
@@ -25,6 +26,7 @@ struct nqWorker::Private {
     const std::string mSchedulerUtf8;
     nqNamedPipe mNamedPipe;
     std::vector<char> mJob;     // being received, then processed
+    std::vector<char> mSpare;   // the memory of the last job, for the next
     std::vector<char> mResult;  // being sent; while it holds bytes no further job is started
     std::int32_t mReceived = 0; // bytes of mJob
     std::int32_t mSent = 0;     // bytes of mResult handed to the pipe
@@ -38,7 +40,7 @@ void nqWorker::Private::releaseMemoryAtRest()
 {
     if (!mJob.empty() || !mResult.empty())
         return;
-    for (std::vector<char>* payload : {&mJob, &mResult})
+    for (std::vector<char>* payload : {&mSpare, &mResult})
         if (payload->capacity() > keptBytesAtRest)
             std::vector<char>().swap(*payload);
 }
@@ -87,7 +89,9 @@ void nqWorker::onReadyRead()
 {
     Private& state = *mPrivate;
     const bool mayStart = state.mResult.empty();
-    if (!nqFrame::receive(state.mNamedPipe, state.mJob, state.mReceived, mayStart))
+    const bool isWhole = nqFrame::receive(
+        state.mNamedPipe, state.mJob, state.mReceived, mayStart, std::move(state.mSpare));
+    if (!isWhole)
         return;
     // A whole job waits for the result before it to leave the buffer.
     if (state.mNamedPipe.outgoingBuffer().empty())
@@ -100,7 +104,7 @@ void nqWorker::onProcess()
     state.mResult.clear();
     processJob(state.mJob, state.mResult);
     state.mSent = 0;
-    state.mJob.clear();
+    state.mSpare = std::exchange(state.mJob, {});
     state.mReceived = 0;
     nqFrame::sendHeader(state.mNamedPipe, state.mResult);
 }
@@ -114,6 +118,8 @@ void nqWorker::onSendData()
     if (static_cast<std::uint32_t>(state.mSent) != static_cast<std::uint32_t>(state.mResult.size()))
         return;
     state.mSent = 0;
+    if (state.mSpare.empty())
+        state.mSpare.swap(state.mResult); // the hook has made the job's memory the result's
     state.mResult.clear();
 }
 

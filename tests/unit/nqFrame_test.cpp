@@ -10,6 +10,7 @@
 #include <limits>
 #include <new>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -256,6 +257,28 @@ TEST_F(Frame, losesItsHeaderWhenThereIsNoMemoryForItSoThatOneExceptionIsAll)
     EXPECT_TRUE(script.incoming.empty());
     EXPECT_TRUE(payload.empty());
     EXPECT_FALSE(receive());
+}
+
+TEST_F(Frame, takesTheMemoryOfASpareAndShowsNoneOfItsBytes)
+{
+    Bytes spare = bytes("old bytes");
+    const char* const memory = spare.data();
+    script.incoming = frame("new");
+    EXPECT_TRUE(nqFrame::receive(pipe, payload, count, true, std::move(spare)));
+    EXPECT_EQ(payload, bytes("new"));
+    EXPECT_EQ(payload.data(), memory);
+}
+
+TEST_F(Frame, leavesASpareAloneThatIsTooSmallOrNotNeededYet)
+{
+    script.incoming = header(3000);
+    script.incoming.pop_back();
+    Bytes spare = bytes("old");
+    EXPECT_FALSE(nqFrame::receive(pipe, payload, count, true, std::move(spare)));
+    EXPECT_EQ(spare, bytes("old")); // NOLINT(bugprone-use-after-move): this is what is tested
+    script.incoming = header(3000) + Bytes(3000, 'n');
+    EXPECT_TRUE(nqFrame::receive(pipe, payload, count, true, std::move(spare)));
+    EXPECT_EQ(payload, Bytes(3000, 'n'));
 }
 
 TEST_F(Frame, goesOnThoughANewOneMayNotStart)
