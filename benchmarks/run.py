@@ -19,7 +19,8 @@ import sys
 import counts
 import report
 
-POOLS = ("limit", "by-hand", "ours")
+POOLS = ("limit", "demanded", "by-hand", "ours")
+DEMANDS = "NQ_BENCH_DEMANDS"  # makes the bare limit do what the library's interface asks for
 KIB, MIB = 1 << 10, 1 << 20
 RUN_LIMIT_SECONDS = 900  # reached only by a program that hangs
 WORK_NS = 1_000_000  # processor time of a "work" job
@@ -34,10 +35,10 @@ class Runner:
         self.pools = [pool for pool in POOLS if self.program(pool).exists()]
 
     def program(self, name):
-        return self.directory / f"bench-{name}"
+        return self.directory / f"bench-{'limit' if name == 'demanded' else name}"
 
     def worker(self, pool):
-        return self.program(f"{pool}-worker")
+        return self.program(pool).with_name(self.program(pool).name + "-worker")
 
     def command(self, name, worker, options):
         words = [str(self.program(name)), *options.pop("verb", []), "--worker", str(worker)]
@@ -48,8 +49,10 @@ class Runner:
     def run(self, name, worker_of, **options):
         """The program's figures: the last line that it prints."""
         command = self.command(name, self.worker(worker_of), options)
+        environment = dict(os.environ, **({DEMANDS: "1"} if name == "demanded" else {}))
         done = subprocess.run(
-            command, stdout=subprocess.PIPE, text=True, timeout=RUN_LIMIT_SECONDS, check=False
+            command, stdout=subprocess.PIPE, text=True, timeout=RUN_LIMIT_SECONDS, check=False,
+            env=environment,
         )
         if done.returncode != 0:
             sys.exit(f"bench: failed with status {done.returncode}: {' '.join(command)}")
@@ -71,12 +74,13 @@ class Comparison:
         self.lower_is_better = lower_is_better
 
     def measure(self, runner, passes):
-        figures = {pool: [] for pool in runner.pools}
-        memory = {pool: [] for pool in runner.pools}
+        pools = self.pools_of(runner)
+        figures = {pool: [] for pool in pools}
+        memory = {pool: [] for pool in pools}
         jobs = max(2, self.jobs // 20) if runner.quick else self.jobs
         for number in range(passes):
-            turn = number % len(runner.pools)
-            for pool in runner.pools[turn:] + runner.pools[:turn]:
+            turn = number % len(pools)
+            for pool in pools[turn:] + pools[:turn]:
                 options = dict(self.options, workers=self.workers, jobs=jobs)
                 result = runner.run(pool, self.worker_of(pool), **options)
                 figures[pool].append(self.figure(result))
@@ -95,8 +99,11 @@ class Comparison:
                 for pool, values in memory.items()
             },
             "medians": {pool: statistics.median(values) for pool, values in figures.items()},
-            "ratios": {pool: self.ratios(figures, pool) for pool in runner.pools if pool != "limit"},
+            "ratios": {pool: self.ratios(figures, pool) for pool in pools if pool != "limit"},
         }
+
+    def pools_of(self, runner):
+        return runner.pools
 
     def worker_of(self, pool):
         return pool
@@ -110,6 +117,9 @@ class Comparison:
 
 class Repair(Comparison):
     """The bare limit starts the library's own worker, so that both load the same libraries."""
+
+    def pools_of(self, runner):
+        return [pool for pool in runner.pools if pool != "demanded"]
 
     def worker_of(self, pool):
         return "ours" if pool == "limit" else pool
@@ -264,7 +274,7 @@ def measure_rest(runner, _passes):
 def measure_counts(runner, _passes):
     rows = []
     for workers in (1, 2, 4):
-        for pool in runner.pools:
+        for pool in (pool for pool in runner.pools if pool != "demanded"):
             options = {"workers": workers, "processors": "0", "warm_up": 50, "bytes": 64,
                        "only_run": 1}
             command = runner.command(pool, runner.worker(pool), options)

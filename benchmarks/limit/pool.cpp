@@ -1,10 +1,12 @@
 // The bare limit: the system calls without which no pool can do, and nothing else. It holds no
-// queue and gives a worker its next job in the moment in which it answers.
+// queue and gives a worker its next job in the moment in which it answers. Where the interface of
+// the library demands more, that can be added, to see what the library itself costs.
 #include "benchmarks/common/pool.h"
 
 #include "benchmarks/common/fail.h"
 #include "benchmarks/common/processes.h"
 #include "benchmarks/limit/connection.h"
+#include "benchmarks/limit/demands.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -24,9 +26,25 @@ constexpr int maxEvents = 64;
 struct Worker {
     pid_t pid = 0;
     int socket = -1;
-    std::vector<char> job; // header and payload
-    std::size_t sent = 0;  // bytes of it
+    std::vector<char> job;          // header and payload
+    const char* outgoing = nullptr; // the same bytes, at the place that they are sent from
+    std::size_t sent = 0;           // bytes of it
     IncomingFrame result;
+    Demands demands;
+
+    void prepare()
+    {
+        outgoing = demands.copied(job.data(), job.size(), 2);
+        sent = 0;
+    }
+
+    void takeResult(Ledger& ledger)
+    {
+        const char* const bytes = demands.copied(result.payload(), result.payloadBytes(), 1);
+        demands.lookForTheEnd(socket);
+        ledger.check(bytes, result.payloadBytes());
+        result.clear();
+    }
 
     void makeRoomFor(std::size_t payloadBytes)
     {
@@ -117,8 +135,7 @@ private:
         for (std::uint64_t i = 0; i < count; ++i) {
             ledger.stamp(worker.job.data() + headerBytes);
             if (answer(worker)) {
-                ledger.check(worker.result.payload(), worker.result.payloadBytes());
-                worker.result.clear();
+                worker.takeResult(ledger);
             } else {
                 ledger.lose();
                 replace(worker);
@@ -128,7 +145,8 @@ private:
 
     static bool answer(Worker& worker)
     {
-        if (!sendAll(worker.socket, worker.job.data(), worker.job.size()))
+        worker.prepare();
+        if (!sendAll(worker.socket, worker.outgoing, worker.job.size()))
             return false;
         while (!worker.result.isComplete()) {
             if (!worker.result.receive(worker.socket, MSG_WAITALL))
@@ -168,7 +186,7 @@ private:
     void start(Worker& worker, Ledger& ledger)
     {
         ledger.stamp(worker.job.data() + headerBytes);
-        worker.sent = 0;
+        worker.prepare();
         if (!sendSome(worker))
             watch(worker, EPOLL_CTL_MOD, EPOLLIN | EPOLLOUT);
     }
@@ -184,7 +202,7 @@ private:
     {
         const std::size_t left = worker.job.size() - worker.sent;
         const ssize_t sent =
-            ::send(worker.socket, worker.job.data() + worker.sent, left, MSG_NOSIGNAL);
+            ::send(worker.socket, worker.outgoing + worker.sent, left, MSG_NOSIGNAL);
         require(sent >= 0 || errno == EAGAIN, "send a job");
         if (sent > 0)
             worker.sent += static_cast<std::size_t>(sent);
@@ -197,8 +215,7 @@ private:
             fail("a worker has gone");
         if (!worker.result.isComplete())
             return false;
-        ledger.check(worker.result.payload(), worker.result.payloadBytes());
-        worker.result.clear();
+        worker.takeResult(ledger);
         return true;
     }
 
