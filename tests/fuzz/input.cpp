@@ -1,0 +1,118 @@
+#include "tests/fuzz/input.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+namespace fuzz {
+
+namespace {
+
+// More than a header has, so that headers in a row do not all fall alike.
+constexpr std::size_t bytesPerRandomOne = 5;
+
+Bytes headerOf(std::uint32_t length)
+{
+    Bytes header(sizeof length);
+    std::memcpy(header.data(), &length, sizeof length);
+    return header;
+}
+
+} // namespace
+
+Input::Input(const std::uint8_t* data, std::size_t size)
+    : mData(data),
+      mLeft(std::min(size, mostBytes))
+{
+    mMayMake -= mLeft;
+}
+
+bool Input::isAtEnd() const
+{
+    return mLeft == 0;
+}
+
+std::uint8_t Input::byte()
+{
+    if (mLeft == 0)
+        return 0;
+    --mLeft;
+    return *mData++;
+}
+
+std::uint16_t Input::twoBytes()
+{
+    const unsigned low = byte();
+    return static_cast<std::uint16_t>(low | static_cast<unsigned>(byte()) << 8);
+}
+
+Bytes Input::take(std::size_t count)
+{
+    count = std::min(count, mLeft);
+    Bytes taken(mData, mData + count);
+    mData += count;
+    mLeft -= count;
+    return taken;
+}
+
+Bytes Input::rawBytes()
+{
+    return take(byte() % 32u);
+}
+
+Bytes Input::manyBytes()
+{
+    const std::size_t count = std::min<std::size_t>(twoBytes(), mMayMake);
+    mMayMake -= count;
+    Bytes made(count);
+    for (std::size_t i = 0; i < count; i += bytesPerRandomOne) {
+        mPattern = mPattern * 1664525u + 1013904223u;
+        made[i] = static_cast<char>(mPattern >> 24);
+    }
+    return made;
+}
+
+std::uint32_t Input::length()
+{
+    constexpr std::uint32_t most = std::numeric_limits<std::uint32_t>::max();
+    constexpr std::uint32_t mostSigned = std::numeric_limits<std::int32_t>::max();
+    return pick<std::uint32_t>(
+        {0,
+         1,
+         2,
+         5,
+         twoBytes(),
+         refusedBytes - 1,
+         refusedBytes,
+         mostSigned,
+         mostSigned + 1,
+         most - 1,
+         most});
+}
+
+Bytes Input::sent()
+{
+    switch (byte() % 5) {
+    case 0:
+        return framed(rawBytes());
+    case 1:
+        return framed(manyBytes());
+    case 2:
+        return headerOf(length());
+    case 3:
+        return manyBytes();
+    default:
+        return rawBytes();
+    }
+}
+
+Bytes framed(const Bytes& payload)
+{
+    const auto length = static_cast<std::uint32_t>(payload.size());
+    Bytes frame(sizeof length + payload.size());
+    std::memcpy(frame.data(), &length, sizeof length);
+    std::copy(payload.begin(), payload.end(), frame.begin() + sizeof length);
+    return frame;
+}
+
+} // namespace fuzz
