@@ -2,6 +2,7 @@
 
 #include "pipe_helpers.h"
 
+using nq::nqLookingHabit;
 using nq::nqShortLook;
 using namespace pipe_test;
 
@@ -50,26 +51,7 @@ protected:
         ASSERT_EQ(::read(mReading.get(), &byte, 1), 1);
     }
 
-    void callInVain(int times)
-    {
-        for (int i = 0; i < times; ++i)
-            ASSERT_FALSE(finds());
-    }
-
-    /// How many calls go without a look while there is something to find; it is found afterwards.
-    int countSkipped()
-    {
-        makeReady();
-        int skipped = 0;
-        while (skipped < muchMoreThanItSkips && !finds())
-            ++skipped;
-        takeBack();
-        return skipped;
-    }
-
 private:
-    static constexpr int muchMoreThanItSkips = 1'000'000;
-
     Descriptor mReading;
     Descriptor mWriting;
     pollfd mWatched{};
@@ -89,40 +71,92 @@ TEST_F(ShortLook, givesUpWhenThereIsNothing)
     EXPECT_EQ(reported(), 0);
 }
 
-TEST_F(ShortLook, letsOneWaitGoByAfterItsFirstLookInVain)
+TEST_F(ShortLook, findsWhatComesWhileItLooks)
 {
-    callInVain(1);
+    // It may come before or after the look as well, which the next round mends.
+    bool isFound = false;
+    for (int round = 0; round < 1000 && !isFound; ++round) {
+        mLook = nqShortLook();
+        Child writer([this] {
+            makeReady();
+            return 0;
+        });
+        isFound = finds();
+        EXPECT_EQ(writer.wait(), 0);
+        takeBack();
+    }
+    EXPECT_TRUE(isFound);
+}
+
+TEST_F(ShortLook, goesByWhatItsHabitSays)
+{
+    EXPECT_FALSE(finds());
     makeReady();
     EXPECT_FALSE(finds());
     EXPECT_EQ(reported(), 0);
     EXPECT_TRUE(finds());
+    EXPECT_FALSE(finds()); // what was there at once changes nothing
+    EXPECT_TRUE(finds());
 }
 
-TEST_F(ShortLook, letsAsManyWaitsGoByAsThereWereBeforeWhenEachLookWasInVain)
+int countSkipped(nqLookingHabit& habit)
 {
-    for (const int calls : {1, 3, 7, 15, 31, 63, 127, 255, 511, 1023}) {
-        mLook = nqShortLook();
-        callInVain(calls); // the last of them looks
-        EXPECT_EQ(countSkipped(), calls);
+    int skipped = 0;
+    while (!habit.wantsToLook())
+        ++skipped;
+    return skipped;
+}
+
+void lookInVain(nqLookingHabit& habit, int times)
+{
+    for (int i = 0; i < times; ++i) {
+        countSkipped(habit);
+        habit.foundNothing();
     }
 }
 
-TEST_F(ShortLook, neverLetsMoreThanAThousandOddWaitsGoBy)
+TEST(LookingHabit, looksAtFirst)
 {
-    callInVain(100'000);
-    EXPECT_LE(countSkipped(), 1023);
+    nqLookingHabit habit;
+    EXPECT_TRUE(habit.wantsToLook());
 }
 
-TEST_F(ShortLook, looksMoreOftenAgainWithEverythingThatItFinds)
+TEST(LookingHabit, letsTwiceAsManyWaitsGoByAndOneMoreAfterEachLookInVain)
 {
-    callInVain(1023);
-    int skipped = countSkipped();
-    while (skipped > 0) {
-        const int before = skipped;
-        skipped = countSkipped();
-        ASSERT_LT(skipped, before);
+    nqLookingHabit habit;
+    for (const int skipped : {1, 3, 7, 15, 31, 63, 127, 255, 511, 1023, 2047, 4095}) {
+        habit.foundNothing();
+        EXPECT_EQ(countSkipped(habit), skipped);
     }
-    EXPECT_EQ(countSkipped(), 0);
+}
+
+TEST(LookingHabit, neverLetsMoreThanFourThousandOddWaitsGoBy)
+{
+    nqLookingHabit habit;
+    lookInVain(habit, 40);
+    EXPECT_EQ(countSkipped(habit), 4095);
+}
+
+TEST(LookingHabit, letsHalfAsManyWaitsGoByAfterEachLookThatPaid)
+{
+    nqLookingHabit habit;
+    lookInVain(habit, 4);
+    EXPECT_EQ(countSkipped(habit), 15);
+    for (const int skipped : {7, 3, 1, 0, 0}) {
+        habit.foundWhileLooking();
+        EXPECT_EQ(countSkipped(habit), skipped);
+    }
+}
+
+TEST(LookingHabit, learnsNothingFromWhatWasThereAlready)
+{
+    nqLookingHabit habit;
+    habit.foundAtOnce();
+    EXPECT_EQ(countSkipped(habit), 0);
+    lookInVain(habit, 2);
+    EXPECT_EQ(countSkipped(habit), 3);
+    habit.foundAtOnce();
+    EXPECT_EQ(countSkipped(habit), 3);
 }
 
 } // namespace
