@@ -79,6 +79,7 @@ struct nqProcess::State {
     bool start(const nqSpawnRequest& request);
     void enterEnded();
     bool isRunning();
+    bool hasMemoryStatistics();
 };
 
 bool nqProcess::State::start(const nqSpawnRequest& request)
@@ -109,6 +110,19 @@ bool nqProcess::State::isRunning()
     if (mProcess == Running && mChild->hasEnded())
         enterEnded();
     return mProcess == Running;
+}
+
+// What could not be opened at the launch is tried again: a limit that was set has to hold, though
+// the host was short of descriptors for a moment. The child must live before and after, since a
+// host that reaps it itself frees its number for another process.
+bool nqProcess::State::hasMemoryStatistics()
+{
+    if (mMemoryStatistics.isOpen() || !isRunning())
+        return mMemoryStatistics.isOpen();
+    nqDescriptor statistics = openMemoryStatistics(mPid);
+    if (isRunning())
+        mMemoryStatistics = std::move(statistics);
+    return mMemoryStatistics.isOpen();
 }
 
 nqProcess::nqProcess()
@@ -179,7 +193,7 @@ std::int64_t nqProcess::getPid() const
 std::uint64_t nqProcess::getCurrentRamInUse() const
 {
     static const auto pageBytes = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
-    if (!mState->mMemoryStatistics.isOpen())
+    if (!mState->hasMemoryStatistics())
         return 0;
     char line[128]; // seven numbers of at most twenty digits in theory; the second stands well
                     // inside

@@ -57,14 +57,18 @@ void nqReaper::takeOver(nqChild&& child) noexcept
     }
 }
 
-void nqReaper::reapEnded()
+void nqReaper::reapEnded() noexcept
 {
-    Leftovers& leftovers = Leftovers::instance();
-    const std::lock_guard guard(leftovers.mMutex);
-    std::vector<nqChild>& children = leftovers.mChildren;
-    const auto ended = std::remove_if(
-        children.begin(), children.end(), [](nqChild& child) { return child.hasEnded(); });
-    children.erase(ended, children.end());
+    try {
+        Leftovers& leftovers = Leftovers::instance();
+        const std::lock_guard guard(leftovers.mMutex);
+        std::vector<nqChild>& children = leftovers.mChildren;
+        const auto ended = std::remove_if(
+            children.begin(), children.end(), [](nqChild& child) { return child.hasEnded(); });
+        children.erase(ended, children.end());
+    } catch (const std::bad_alloc&) {
+        // Without memory for the list there is nobody in it.
+    }
 }
 
 } // namespace nq

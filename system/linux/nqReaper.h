@@ -11,7 +11,7 @@ public:
     static void takeOver(nqChild&& child) noexcept;
 
     /// Reaps, without waiting, those that have ended since.
-    static void reapEnded();
+    static void reapEnded() noexcept;
 };
 
 } // namespace nq

@@ -164,7 +164,8 @@ void execute(const Launch& launch)
 
 bool prepare(Launch& launch)
 {
-    launch.mNullDevice = nqDescriptor(::open("/dev/null", O_RDWR | O_CLOEXEC));
+    launch.mNullDevice =
+        nqDescriptor(retryOnSignal([] { return ::open("/dev/null", O_RDWR | O_CLOEXEC); }));
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
         return false;

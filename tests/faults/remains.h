@@ -1,0 +1,19 @@
+#pragma once
+
+#include <map>
+#include <string>
+
+/// What a host could leave behind: descriptors and processes.
+namespace faults {
+
+/// The numbers of this process's open descriptors, each with what it refers to.
+std::map<int, std::string> openDescriptors();
+
+/// Makes this process the parent of whatever its descendants leave behind.
+void adoptOrphans();
+
+/// Waits for the end of every orphan, without limit: the caller's watchdog ends a wait for one that
+/// stays. Returns what is wrong: children of our own that nobody has reaped, "" if there are none.
+std::string reapOrphans();
+
+} // namespace faults
