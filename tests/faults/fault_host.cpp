@@ -37,6 +37,7 @@ constexpr int connectionTimeoutMs = 2'000;
 constexpr int maxStarts = 4;          // as many workers as the shim disturbs, and a sound start
 constexpr int maxDisturbedStarts = 3; // when nothing gets better
 constexpr unsigned int programTimeoutMs = 20'000;
+constexpr int looksAtMemory = 3; // a fault that strikes once spoils one of them
 constexpr unsigned long jobSeconds = 1;
 constexpr unsigned long physicalMemoryBytes = 1UL << 30; // far above what a worker needs
 
@@ -286,6 +287,22 @@ void runTimeout(Host& host)
     runJobs(host);
 }
 
+/// A memory cap that is set has to hold: a figure that cannot be had at once can be had soon.
+void runMeasuredProcess(Tolerance tolerance)
+{
+    nq::nqProcess process;
+    if (!process.startProcess("/bin/sleep", {"1000"}, false, nq::nqProcess::InheritedPriority)) {
+        require(tolerance != Tolerance::transparent, "a program could not be started");
+        return;
+    }
+    bool isMeasured = false;
+    for (int look = 0; look < looksAtMemory && !isMeasured; ++look)
+        isMeasured = process.getCurrentRamInUse() != 0;
+    require(isMeasured || tolerance != Tolerance::transparent, "nobody knows its memory");
+    process.killProcess();
+    require(process.waitForFinished(programTimeoutMs), "a killed program stays");
+}
+
 /// What a pool does not use of the platform library.
 void runProcesses(Tolerance tolerance)
 {
@@ -313,6 +330,7 @@ void runScenario(const std::string& worker, const std::string& scenario, Toleran
     entry.mLevel = nq::nqLog::Info;
     nq::nqLog::WriteToSystemLog(entry);
 
+    runMeasuredProcess(tolerance);
     runProcesses(tolerance);
     Host host(worker, tolerance, log);
     if (scenario == "timeout")

@@ -14,6 +14,7 @@ import mmap
 import os
 import pathlib
 import random
+import re
 import struct
 import subprocess
 import sys
@@ -100,7 +101,7 @@ def parse_arguments():
         parser.add_argument(f"--{file}", type=pathlib.Path, required=True)
     parser.add_argument("--list", action="store_true", help="print the calls, run nothing")
     parser.add_argument("--all", action="store_true", help="the whole table")
-    parser.add_argument("--only", default="", help="faults whose line holds this text")
+    parser.add_argument("--only", default="", help="faults whose line matches this pattern")
     parser.add_argument("--jobs", type=int, default=2 * len(os.sched_getaffinity(0)))
     parser.add_argument("--seed", type=int, default=None, help="of the short run's sample")
     parser.add_argument("--verbose", action="store_true", help="print every fault and its outcome")
@@ -291,7 +292,7 @@ def main():
         total = len(plans)
         seed = random.randrange(1 << 32) if options.seed is None else options.seed
         if options.only:
-            plans = [plan for plan in plans if options.only in str(plan)]
+            plans = [plan for plan in plans if re.search(options.only, str(plan))]
         elif not options.all:
             plans = short_run(plans, seed)
             print(f"faults: a sample with --seed {seed}; --all runs all {total}")
