@@ -126,6 +126,30 @@ TEST(JobQueues, countAJobNoLongerWhoseResultCannotBeCopied)
     EXPECT_EQ(queues.resultCount(), 0U);
 }
 
+TEST(JobQueues, countAJobNoLongerWhoseResultFindsNoPlace)
+{
+    if (!RefusedMemory::isPossible())
+        GTEST_SKIP() << "this tool has an allocator of its own";
+    constexpr std::size_t smallestPlaces = 256; // less than a deque asks for at a time
+    nqJobQueues queues;
+    unsigned long results = 0;
+    bool isRefused = false;
+    while (!isRefused) {
+        queues.push(bytes("job"));
+        take(queues);
+        Bytes result = bytes("result");
+        const RefusedMemory refused(smallestPlaces);
+        try {
+            queues.pushResult(std::move(result));
+            ++results;
+        } catch (const std::bad_alloc&) {
+            isRefused = true;
+        }
+    }
+    EXPECT_EQ(queues.jobCount(), 0U);
+    EXPECT_EQ(queues.resultCount(), results);
+}
+
 TEST(JobQueues, countAJobNoLongerWhoseFailureCannotBeCopied)
 {
     if (!RefusedMemory::isPossible())

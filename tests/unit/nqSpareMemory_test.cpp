@@ -30,6 +30,8 @@ TEST_F(SpareMemory, isNotWastedOnAMuchSmallerPayload)
     EXPECT_EQ(queues.takeSpare(large / 2 - 1).capacity(), 0U);
     EXPECT_EQ(queues.takeSpare(large + 1).capacity(), 0U);
     EXPECT_GE(queues.takeSpare(large).capacity(), large);
+    queues.recycle(Bytes(large));
+    EXPECT_GE(queues.takeSpare(large / 2).capacity(), large);
 }
 
 TEST_F(SpareMemory, ofASmallPayloadIsLeftToTheAllocator)
@@ -45,6 +47,34 @@ TEST_F(SpareMemory, isKeptForTheLatestFewPayloadsOnly)
     for (std::size_t i = 4; i > 0; --i)
         EXPECT_EQ(queues.takeSpare(large).capacity(), large + i);
     EXPECT_EQ(queues.takeSpare(large).capacity(), 0U);
+}
+
+TEST_F(SpareMemory, isNotPushedOutByASmallPayload)
+{
+    for (int i = 0; i < 4; ++i)
+        queues.recycle(Bytes(large));
+    queues.recycle(Bytes(large - 1));
+    for (int i = 0; i < 4; ++i)
+        EXPECT_GE(queues.takeSpare(large).capacity(), large);
+}
+
+TEST_F(SpareMemory, leavesItsPlaceToAnotherWhenItIsTaken)
+{
+    for (std::size_t i = 0; i < 4; ++i)
+        queues.recycle(Bytes(large + i));
+    EXPECT_EQ(queues.takeSpare(large).capacity(), large + 3);
+    queues.recycle(Bytes(large + 4));
+    for (const std::size_t more : {4U, 2U, 1U, 0U})
+        EXPECT_EQ(queues.takeSpare(large).capacity(), large + more);
+}
+
+TEST_F(SpareMemory, isWhatAPoppedIntoVectorHeldBefore)
+{
+    queues.pushResult(bytes("result"));
+    Bytes popped(large);
+    ASSERT_TRUE(queues.pop(popped));
+    EXPECT_EQ(popped, bytes("result"));
+    EXPECT_GE(queues.takeSpare(large).capacity(), large);
 }
 
 TEST_F(SpareMemory, neverShowsItsOldBytesInAJob)
@@ -70,6 +100,25 @@ TEST_F(SpareMemory, isGivenBackWhenNoJobAndNoResultIsLeft)
     ASSERT_TRUE(queues.pop(result));
     EXPECT_FALSE(queues.pop(result));
     EXPECT_EQ(queues.takeSpare(large).capacity(), 0U);
+}
+
+TEST_F(SpareMemory, isKeptWhileAJobIsLeft)
+{
+    queues.recycle(Bytes(large));
+    Bytes result;
+    EXPECT_FALSE(queues.pop(result));
+    EXPECT_GE(queues.takeSpare(large).capacity(), large);
+}
+
+TEST_F(SpareMemory, isKeptWhileAResultIsLeft)
+{
+    Bytes job;
+    ASSERT_TRUE(queues.takeNextJob(job));
+    queues.pushResult(bytes("the only one"));
+    queues.recycle(Bytes(large));
+    Bytes result;
+    ASSERT_TRUE(queues.pop(result)); // no job is left, but there was this result
+    EXPECT_GE(queues.takeSpare(large).capacity(), large);
 }
 
 TEST_F(SpareMemory, takesAPushedJobWithoutFreshMemory)
