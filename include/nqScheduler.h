@@ -130,6 +130,8 @@ public:
     void push(const std::vector<char>& job);
 
     /// Moves the oldest result into `result`. False, and `result` untouched, when there is none.
+    /// The memory of a few large payloads, what `result` held among them, is kept for the next ones
+    /// until this finds neither a job nor a result.
     /// Results come in the order of their completion, and nothing ties them to their jobs but what
     /// the host put into the bytes.
     bool pop(std::vector<char> & result);

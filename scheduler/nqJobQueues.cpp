@@ -1,7 +1,6 @@
 #include "scheduler/nqJobQueues.h"
 
 #include <algorithm>
-#include <iterator>
 #include <utility>
 
 namespace nq {
@@ -10,7 +9,9 @@ namespace {
 
 // Smaller ones are quickly had and quickly filled.
 constexpr std::size_t smallestSpareBytes = std::size_t{64} << 10;
-constexpr std::size_t maxSpares = 4;
+
+// A host whose payloads have become small does not hold on to the memory of large ones.
+constexpr std::uint32_t maxSparesInVain = 64;
 
 bool moveFrontInto(std::deque<std::vector<char>>& queue, std::vector<char>& data)
 {
@@ -50,10 +51,10 @@ bool nqJobQueues::popFail(
     if (mFailedJobs.empty())
         return false;
 
-    const nqFailedJob& oldest = mFailedJobs.front();
-    job = oldest.mJob;
+    nqFailedJob& oldest = mFailedJobs.front();
+    job = std::move(oldest.mJob);
     reason = oldest.mReason;
-    message = oldest.mMessage;
+    message = std::move(oldest.mMessage);
     mFailedJobs.pop_front();
     return true;
 }
@@ -88,34 +89,49 @@ bool nqJobQueues::allJobsDone() const
     return jobCount() == 0;
 }
 
-void nqJobQueues::recycle(std::vector<char>&& buffer)
+void nqJobQueues::recycle(std::vector<char>&& buffer) noexcept
 {
     if (buffer.capacity() < smallestSpareBytes)
         return;
-    if (mSpares.size() == maxSpares)
-        mSpares.erase(mSpares.begin());
-    mSpares.push_back(std::move(buffer));
+    std::rotate(mSpares.begin(), mSpares.end() - 1, mSpares.end());
+    mSpares.front() = std::move(buffer);
+    mSparesInVain = 0;
 }
 
 // The latest is the one that the processor's cache still knows. A spare much larger than its new
 // payload would make a small result hold on to it.
 std::vector<char> nqJobQueues::takeSpare(std::size_t bytes)
 {
+    if (!hasSpares())
+        return {};
     const auto fits = [bytes](const std::vector<char>& spare) {
         return spare.capacity() >= bytes && spare.capacity() / 2 <= bytes;
     };
-    const auto spare = std::find_if(mSpares.rbegin(), mSpares.rend(), fits);
-    if (spare == mSpares.rend())
+    const auto spare = std::find_if(mSpares.begin(), mSpares.end(), fits);
+    if (spare == mSpares.end()) {
+        if (++mSparesInVain == maxSparesInVain)
+            dropSpares();
         return {};
+    }
     std::vector<char> taken = std::move(*spare);
-    mSpares.erase(std::next(spare).base());
+    std::rotate(spare, spare + 1, mSpares.end());
     return taken;
+}
+
+bool nqJobQueues::hasSpares() const
+{
+    return mSpares.front().capacity() != 0;
+}
+
+void nqJobQueues::dropSpares()
+{
+    mSpares = {};
 }
 
 void nqJobQueues::dropSparesAtRest()
 {
-    if (!mSpares.empty() && allJobsDone() && mResults.empty())
-        mSpares.clear();
+    if (hasSpares() && allJobsDone() && mResults.empty())
+        dropSpares();
 }
 
 bool nqJobQueues::takeNextJob(std::vector<char>& job)
@@ -143,6 +159,13 @@ void nqJobQueues::pushFailedJob(
 {
     --mJobsInProgress;
     mFailedJobs.push_back(nqFailedJob{job, reason, message});
+}
+
+void nqJobQueues::pushFailedJob(
+    std::vector<char>&& job, nqScheduler::FailReason reason, const std::string& message)
+{
+    --mJobsInProgress;
+    mFailedJobs.push_back(nqFailedJob{std::move(job), reason, message});
 }
 
 } // namespace nq

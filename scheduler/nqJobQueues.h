@@ -3,6 +3,7 @@
 #include "include/nqScheduler.h"
 #include "scheduler/nqFailedJob.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -36,27 +37,35 @@ public:
     bool takeNextJob(std::vector<char>& job);
 
     /// These lower the counter first, so it stays lowered when there is no memory for the entry.
-    /// The second saves a worker's record, which is done with the result, a copy of it.
+    /// The second of each saves a worker's record, which is done with the bytes, a copy of them.
     void pushResult(const std::vector<char>& result);
     void pushResult(std::vector<char>&& result);
     void pushFailedJob(
         const std::vector<char>& job, nqScheduler::FailReason reason, const std::string& message);
+    void pushFailedJob(
+        std::vector<char>&& job, nqScheduler::FailReason reason, const std::string& message);
 
     /// Large payloads that are over leave their memory to those that follow: fresh memory costs
     /// more than copying into it. takeSpare gives a buffer with room for `bytes`, and old bytes in
     /// it, if a spare one of about that size is there, and an empty one otherwise. The spares are
-    /// few, and go when pop finds that no job and no result is left.
-    void recycle(std::vector<char>&& buffer);
+    /// few, and go when pop finds that no job and no result is left, or when a number of payloads
+    /// in a row had no use for them.
+    void recycle(std::vector<char>&& buffer) noexcept;
     std::vector<char> takeSpare(std::size_t bytes);
 
 private:
+    static constexpr std::size_t maxSpares = 4;
+
+    bool hasSpares() const;
+    void dropSpares();
     void dropSparesAtRest();
 
     std::deque<nqFailedJob> mFailedJobs;
     std::deque<std::vector<char>> mPendingJobs;
     std::deque<std::vector<char>> mResults;
     std::int32_t mJobsInProgress = 0;
-    std::vector<std::vector<char>> mSpares; // buffers that nobody reads any more
+    std::array<std::vector<char>, maxSpares> mSpares; // the latest first, none at the end
+    std::uint32_t mSparesInVain = 0;                  // payloads in a row that fitted into none
 };
 
 } // namespace nq

@@ -48,10 +48,16 @@ void nqSchedulerWorker::failCurrentJob()
     state.mFinished = true;
     if (!hadJob || state.mQueues == nullptr)
         return;
-    nqLogObject(nqLog::Info, false)
-        << "Job failed error (" << std::to_string(state.mFailReason) << ") " << state.mFailMessage
-        << " (PID " << std::to_string(state.mPid) << ")";
-    state.mQueues->pushFailedJob(job, state.mFailReason, state.mFailMessage);
+    try {
+        nqLogObject(nqLog::Info, false)
+            << "Job failed error (" << std::to_string(state.mFailReason) << ") "
+            << state.mFailMessage << " (PID " << std::to_string(state.mPid) << ")";
+    } catch (...) {
+        // A line of the log may be lost for want of memory, but not the job.
+        state.mQueues->pushFailedJob(std::move(job), state.mFailReason, state.mFailMessage);
+        throw;
+    }
+    state.mQueues->pushFailedJob(std::move(job), state.mFailReason, state.mFailMessage);
 }
 
 } // namespace nq

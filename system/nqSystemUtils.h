@@ -20,6 +20,10 @@ public:
 
     /// Milliseconds of wall time since 1970-01-01T00:00:00Z. Meant for stamps, never for deadlines.
     static std::uint64_t GetMSecElapsedSinceEpoch();
+
+    /// Gives memory that the process has freed, and that its allocator keeps for the next blocks,
+    /// back to the kernel. Takes the longer the more there is: for moments of rest.
+    static void ReleaseFreeMemory();
 };
 
 } // namespace nq

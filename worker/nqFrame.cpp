@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <limits>
 #include <utility>
 
 namespace nq {
@@ -35,12 +36,13 @@ void eraseFront(std::vector<char>& bytes, std::size_t count)
     bytes.erase(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count));
 }
 
-/// Makes `payload` `size` bytes large in the memory of `spare`. What that holds stays where it is:
-/// every byte is overwritten before anybody sees the payload, and zeros cost as much as the bytes.
+/// Makes `payload` `size` bytes large, in the memory of `spare` if that is large enough. What it
+/// holds stays where it is: every byte is overwritten before the payload is whole, and zeros cost
+/// as much as the bytes. Sizes that the counters cannot hold are whole at once, and all zeros.
 void resizeInSpareMemory(std::vector<char>& payload, std::vector<char>&& spare, std::size_t size)
 {
-    if (spare.capacity() < size)
-        spare.clear(); // or its bytes would be moved into the larger memory
+    if (spare.capacity() < size || size > std::numeric_limits<std::int32_t>::max())
+        spare.clear(); // or its bytes would be moved into the larger memory, or be seen
     payload = std::move(spare);
     payload.resize(size);
 }
@@ -52,11 +54,18 @@ bool startFrame(nqNamedPipe& pipe, std::vector<char>& payload, std::vector<char>
     if (incoming.size() < nqFrame::headerBytes || !pipe.isConnected())
         return false;
     const Header length = nqFrame::announcedBytes(pipe);
-    // Erased before the payload finds its memory: a size that nobody has memory for costs one
-    // exception and not one at every pass.
     eraseFront(incoming, nqFrame::headerBytes);
-    resizeInSpareMemory(payload, std::move(spare), length);
-    return length != 0;
+    if (length == 0)
+        return false;
+    try {
+        resizeInSpareMemory(payload, std::move(spare), length);
+    } catch (...) {
+        // What follows would be taken for another header. One job and one exception is all that a
+        // size may cost that nobody has memory for.
+        pipe.closeNamedPipe();
+        throw;
+    }
+    return true;
 }
 
 void accumulate(nqNamedPipe& pipe, std::vector<char>& payload, std::int32_t& received)

@@ -36,8 +36,10 @@ public:
 
     /// Takes bytes of one frame out of the incoming buffer. A header is looked for only while
     /// `payload` is empty and `mayStart` is set; it gives `payload` its final size, in the memory
-    /// of `spare`, which is taken only then. True when `received` has reached that size. A frame of
-    /// length 0 is consumed and gives false.
+    /// of `spare` if that is large enough, and only then takes the spare. Until the frame is whole,
+    /// the bytes of `payload` from `received` on mean nothing. True when `received` has reached the
+    /// size. A frame of length 0 is consumed and gives false. A payload that finds no memory closes
+    /// the pipe and passes the exception on.
     static bool receive(
         nqNamedPipe& pipe,
         std::vector<char>& payload,

@@ -1,8 +1,10 @@
 #include "include/nqWorker.h"
 
 #include "system/nqNamedPipe.h"
+#include "system/nqSystemUtils.h"
 #include "worker/nqFrame.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <utility>
@@ -12,6 +14,7 @@ namespace nq {
 namespace {
 
 constexpr std::size_t keptBytesAtRest = std::size_t{1} << 20; // not worth the trouble
+constexpr std::uint32_t smallJobsBeforeRest = 64; // in a row: more of them than of large ones
 
 } // namespace
 
@@ -22,27 +25,45 @@ struct nqWorker::Private {
     }
 
     void releaseMemoryAtRest();
+    void blankUnreceived();
 
     const std::string mSchedulerUtf8;
     nqNamedPipe mNamedPipe;
     std::vector<char> mJob;     // being received, then processed
-    std::vector<char> mSpare;   // the memory of the last job, for the next
     std::vector<char> mResult;  // being sent; while it holds bytes no further job is started
     std::int32_t mReceived = 0; // bytes of mJob
     std::int32_t mSent = 0;     // bytes of mResult handed to the pipe
     bool mFinished = false;
+    std::vector<char> mSpare;     // the memory of an earlier payload, for the next job
+    std::uint32_t mSmallJobs = 0; // in a row
 };
 
 // A busy worker keeps the memory of a large payload for the next one, since fresh memory costs more
-// than what is done with it. One that has waited in vain gives it back, so as not to look fat to
-// the scheduler's memory caps for the size of a job long done.
+// than what is done with it. One that has waited in vain, or has had small jobs for a while, gives
+// it back, so as not to look fat to the scheduler's memory caps for the size of a job long done.
 void nqWorker::Private::releaseMemoryAtRest()
 {
     if (!mJob.empty() || !mResult.empty())
         return;
-    for (std::vector<char>* payload : {&mSpare, &mResult})
-        if (payload->capacity() > keptBytesAtRest)
-            std::vector<char>().swap(*payload);
+    bool isAnyReleased = false;
+    for (std::vector<char>* payload : {&mJob, &mResult, &mSpare}) {
+        if (payload->capacity() <= keptBytesAtRest)
+            continue;
+        std::vector<char>().swap(*payload);
+        isAnyReleased = true;
+    }
+    mSmallJobs = 0;
+    if (isAnyReleased)
+        nqSystemUtils::ReleaseFreeMemory();
+}
+
+// Nothing is missing unless a derived class calls onProcess by itself. It must not find bytes of an
+// earlier job there.
+void nqWorker::Private::blankUnreceived()
+{
+    const auto received = static_cast<std::size_t>(mReceived);
+    if (received < mJob.size())
+        std::fill(mJob.begin() + mReceived, mJob.end(), '\0');
 }
 
 nqWorker::nqWorker(const std::string& schedulerUtf8)
@@ -102,8 +123,18 @@ void nqWorker::onProcess()
 {
     Private& state = *mPrivate;
     state.mResult.clear();
-    processJob(state.mJob, state.mResult);
+    state.blankUnreceived();
+    try {
+        processJob(state.mJob, state.mResult);
+    } catch (...) {
+        // What the hook has left in the result must not follow without a header. The scheduler
+        // fails the job of a worker that it has lost, and replaces it.
+        state.mResult.clear();
+        state.mNamedPipe.closeNamedPipe();
+        throw;
+    }
     state.mSent = 0;
+    state.mSmallJobs = state.mJob.size() > keptBytesAtRest ? 0 : state.mSmallJobs + 1;
     state.mSpare = std::exchange(state.mJob, {});
     state.mReceived = 0;
     nqFrame::sendHeader(state.mNamedPipe, state.mResult);
@@ -119,8 +150,10 @@ void nqWorker::onSendData()
         return;
     state.mSent = 0;
     if (state.mSpare.empty())
-        state.mSpare.swap(state.mResult); // the hook has made the job's memory the result's
+        state.mSpare.swap(state.mResult); // the hook has used up the memory of the job
     state.mResult.clear();
+    if (state.mSmallJobs >= smallJobsBeforeRest)
+        state.releaseMemoryAtRest();
 }
 
 void nqWorker::endOfWork()

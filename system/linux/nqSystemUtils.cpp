@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
+#include <malloc.h>
 #include <sys/random.h>
 #include <system_error>
 #include <unistd.h>
@@ -73,6 +74,11 @@ std::uint64_t nqSystemUtils::GetMSecElapsedSinceEpoch()
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     return static_cast<std::uint64_t>(
         std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+}
+
+void nqSystemUtils::ReleaseFreeMemory()
+{
+    ::malloc_trim(0);
 }
 
 } // namespace nq

@@ -28,9 +28,10 @@ public:
 
     void play()
     {
-        while (!mInput.isAtEnd())
+        while (!mInput.isAtEnd() && !mIsClosed)
             playEvent();
-        end();
+        if (!mIsClosed)
+            end();
     }
 
 private:
@@ -52,7 +53,7 @@ private:
             mRecord.isConnected = !mRecord.isConnected;
             break;
         default:
-            for (unsigned left = 1 + mInput.byte() % 8u; left > 0; --left)
+            for (unsigned left = 1 + mInput.byte() % 8u; left > 0 && !mIsClosed; --left)
                 step();
         }
     }
@@ -82,6 +83,11 @@ private:
             return;
         const Outcome expected = mRecord.isConnected ? mExpected.step() : Outcome::waits;
         require(receive() == expected, "the outcome of a step");
+        if (expected == Outcome::throws) {
+            require(!mRecord.isConnected && mPayload.empty(), "nobody reads on without memory");
+            mIsClosed = true;
+            return;
+        }
         require(mRecord.incoming == mExpected.unread(), "what a step leaves for the next");
         if (expected != Outcome::isWhole)
             return;
@@ -107,8 +113,10 @@ private:
     {
         mRecord.isConnected = true;
         const std::size_t mostSteps = mRecord.arrivals.size() + mStream.size();
-        for (std::size_t left = mostSteps; left > 0 && !isDrained(); --left)
+        for (std::size_t left = mostSteps; left > 0 && !isDrained() && !mIsClosed; --left)
             step();
+        if (mIsClosed)
+            return;
         require(isDrained(), "the receiver takes what it can");
         require(mWholeCount == fuzz::payloadsOf(mStream).size(), "every payload was received once");
         require(
@@ -132,6 +140,7 @@ private:
     Bytes mStream; ///< all that was ever delivered
     std::size_t mPieceBytes = 0;
     std::size_t mWholeCount = 0;
+    bool mIsClosed = false; ///< by the receiver, for want of memory
 };
 
 } // namespace

@@ -111,11 +111,17 @@ private:
             mRecord.outgoing.clear();
             mWriter.drop();
         } else {
-            mRecord.lose();
-            mRecord.arrivals.clear();
-            mReader.drop();
-            mWriter.drop();
+            loseHost();
         }
+    }
+
+    void loseHost()
+    {
+        mIsWhole = false;
+        mRecord.lose();
+        mRecord.arrivals.clear();
+        mReader.drop();
+        mWriter.drop();
     }
 
     void deliver(const Bytes& bytes)
@@ -144,6 +150,10 @@ private:
         const bool isRefused = !expectReading();
         const int endsBefore = mWorker.ends;
         require(stepWorker() == !isRefused, "only a refused length throws");
+        if (isRefused) {
+            require(!mRecord.isConnected, "nobody reads on without memory");
+            loseHost();
+        }
         checkJob();
         if (!isRefused)
             mWriter.goOn(isWritable());
@@ -221,12 +231,14 @@ private:
         mRecord.outgoingLimit = fuzz::mostBytes;
         mWriter.setLimit(mRecord.outgoingLimit);
         const std::size_t mostSteps = 2 * (mRecord.arrivals.size() + mStream.size() + 8);
-        for (std::size_t left = mostSteps; left > 0 && !isQuiet(); --left) {
+        for (std::size_t left = mostSteps; left > 0 && mIsWhole && !isQuiet(); --left) {
             // A job that was whole before the buffer was empty waits for one more byte.
             if (mWaitingJob && mRecord.arrivals.empty() && mReader.unread().empty())
                 deliver({'\0'});
             step();
         }
+        if (!mIsWhole) // for want of memory
+            return;
         require(isQuiet(), "the worker takes what it can");
         require(mJobCount == fuzz::payloadsOf(mStream).size(), "every job is done once");
         require(!mWorker.hasFinished(), "a worker with a host goes on");

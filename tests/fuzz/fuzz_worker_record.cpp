@@ -130,6 +130,10 @@ public:
         mIsKilledNow = false;
         const bool isRefused = !isOver && !expectStep(ends);
         require(stepRecord() == !isRefused, "only a refused length throws");
+        if (isRefused) {
+            require(!mPipe->isConnected, "nobody reads on without memory");
+            lose();
+        }
         require(mRecord->isReadyForJob() != mJob.has_value() || mIsClosed, "whether a job is held");
         require(mRecord->hasFinished() == mIsFinished, "when a record is over");
         require(

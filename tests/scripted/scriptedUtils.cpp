@@ -84,4 +84,9 @@ std::string nqThread::CurrentThreadId()
     return scripted::machine().threadId;
 }
 
+void nqSystemUtils::ReleaseFreeMemory()
+{
+    scripted::machine().call("utils: ReleaseFreeMemory()");
+}
+
 } // namespace nq

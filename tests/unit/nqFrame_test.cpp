@@ -244,16 +244,17 @@ TEST_F(Frame, isWholeAtOnceWhenItMayNotStartAndNothingIsAwaitedOnPurpose)
     EXPECT_EQ(script.incoming, frame("x"));
 }
 
-TEST_F(Frame, losesItsHeaderWhenThereIsNoMemoryForItSoThatOneExceptionIsAll)
+TEST_F(Frame, closesThePipeWhenThereIsNoMemoryForItSoThatNoPayloadIsTakenForAHeader)
 {
     if (!support::RefusedMemory::isPossible())
         GTEST_SKIP();
     constexpr std::uint32_t large = 1U << 20;
-    script.incoming = header(large);
+    script.incoming = header(large) + bytes("payload");
     {
         const support::RefusedMemory refused(large);
         EXPECT_THROW(receive(), std::bad_alloc);
     }
+    EXPECT_FALSE(pipe.isConnected());
     EXPECT_TRUE(script.incoming.empty());
     EXPECT_TRUE(payload.empty());
     EXPECT_FALSE(receive());
@@ -269,7 +270,7 @@ TEST_F(Frame, takesTheMemoryOfASpareAndShowsNoneOfItsBytes)
     EXPECT_EQ(payload.data(), memory);
 }
 
-TEST_F(Frame, leavesASpareAloneThatIsTooSmallOrNotNeededYet)
+TEST_F(Frame, leavesASpareAloneUntilAFrameStartsAndShowsNothingOfOneThatIsTooSmall)
 {
     script.incoming = header(3000);
     script.incoming.pop_back();

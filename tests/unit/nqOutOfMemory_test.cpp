@@ -49,9 +49,10 @@ TEST_F(PumpWithoutMemory, doesNotSleepBeforeItPassesTheExceptionOn)
 
 struct RecordWithoutMemory : WorkerRecordFixture {
     static constexpr std::size_t large = 1U << 16;
+    static constexpr std::size_t largerThanAFailure = 256; // and smaller than a line of the log
 };
 
-TEST_F(RecordWithoutMemory, countsAFailedJobDownOnceAndIsOver)
+TEST_F(RecordWithoutMemory, handsALargeFailedJobBackWithoutMemoryForACopy)
 {
     if (!RefusedMemory::isPossible())
         GTEST_SKIP() << "this tool has its own allocator";
@@ -59,11 +60,26 @@ TEST_F(RecordWithoutMemory, countsAFailedJobDownOnceAndIsOver)
     die();
     {
         const RefusedMemory refused(large);
+        step();
+    }
+    EXPECT_TRUE(worker->hasFinished());
+    EXPECT_EQ(queues.jobCount(), 0U);
+    EXPECT_EQ(queues.failCount(), 1U);
+}
+
+TEST_F(RecordWithoutMemory, handsAFailedJobBackThoughItsLineInTheLogIsLost)
+{
+    if (!RefusedMemory::isPossible())
+        GTEST_SKIP() << "this tool has its own allocator";
+    dispatch("job");
+    die();
+    {
+        const RefusedMemory refused(largerThanAFailure);
         EXPECT_THROW(step(), std::bad_alloc);
     }
     EXPECT_TRUE(worker->hasFinished());
-    step();
     EXPECT_EQ(queues.jobCount(), 0U);
+    EXPECT_EQ(queues.failCount(), 1U);
 }
 
 TEST_F(RecordWithoutMemory, leavesTheJobInTheQueueWhenItsHeaderHasNoRoom)

@@ -77,6 +77,33 @@ TEST_F(SpareMemory, isWhatAPoppedIntoVectorHeldBefore)
     EXPECT_GE(queues.takeSpare(large).capacity(), large);
 }
 
+TEST_F(SpareMemory, isGivenBackWhenManyPayloadsInARowHadNoUseForIt)
+{
+    queues.recycle(Bytes(large));
+    for (int i = 0; i < 63; ++i)
+        EXPECT_EQ(queues.takeSpare(1).capacity(), 0U);
+    EXPECT_GE(queues.takeSpare(large).capacity(), large);
+    queues.recycle(Bytes(large));
+    for (int i = 0; i < 64; ++i)
+        EXPECT_EQ(queues.takeSpare(1).capacity(), 0U);
+    EXPECT_EQ(queues.takeSpare(large).capacity(), 0U);
+}
+
+TEST_F(SpareMemory, neverCostsAResultWhenThereIsNoMemory)
+{
+    if (!RefusedMemory::isPossible())
+        GTEST_SKIP() << "this tool has its own allocator";
+    queues.pushResult(bytes("first"));
+    queues.pushResult(bytes("second"));
+    Bytes popped(large, 'o');
+    {
+        const RefusedMemory refused(1);
+        ASSERT_TRUE(queues.pop(popped));
+    }
+    EXPECT_EQ(popped, bytes("first"));
+    EXPECT_EQ(queues.resultCount(), 1U);
+}
+
 TEST_F(SpareMemory, neverShowsItsOldBytesInAJob)
 {
     queues.recycle(Bytes(large, 'o'));

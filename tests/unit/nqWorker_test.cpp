@@ -379,6 +379,44 @@ TEST_F(Worker, letsAnExceptionOfItsHookThrough)
     EXPECT_THROW(step(), std::runtime_error);
 }
 
+TEST_F(Worker, givesItsJobUpWhenItsHookThrows)
+{
+    worker.work = [](const Bytes&) -> Bytes { throw std::runtime_error("bad job"); };
+    arrive(frame("job") + frame("next"));
+    EXPECT_THROW(step(), std::runtime_error);
+    EXPECT_FALSE(pipe->isConnected);
+    step();
+    EXPECT_TRUE(pipe->outgoing.empty());
+    EXPECT_EQ(worker.jobs, Lines{"job"});
+    EXPECT_TRUE(worker.hasFinished());
+}
+
+TEST_F(Worker, findsNothingOfTheJobBeforeInOneThatIsProcessedBeforeItIsWhole)
+{
+    arrive(frame("secret"));
+    step();
+    arrive(header(6) + bytes("ne"));
+    step();
+    worker.onProcess();
+    EXPECT_EQ(worker.jobs.back(), std::string("ne\0\0\0\0", 6));
+}
+
+TEST_F(Worker, givesTheMemoryOfALargeJobBackAfterManySmallOnes)
+{
+    const auto isReleased = [this] { return machine.count("utils: ReleaseFreeMemory()") != 0; };
+    worker.work = [](const Bytes&) { return bytes("answer"); };
+    arrive(frame(std::string(2U << 20, 'x')));
+    step();
+    for (int job = 0; job < 63; ++job) {
+        arrive(frame("small"));
+        step();
+        ASSERT_FALSE(isReleased());
+    }
+    arrive(frame("small"));
+    step();
+    EXPECT_TRUE(isReleased());
+}
+
 TEST_F(Worker, sendsNothingAndIsNotToldOfTheEndWhenDestroyed)
 {
     machine.planPipe();
