@@ -63,8 +63,9 @@ public:
     /// The process id; 0 when none was started. Kept after the end, for messages.
     std::int64_t getPid() const;
 
-    /// Resident memory in bytes; 0 when the process has ended or was never started. Shared pages
-    /// count in full. One read of an open descriptor, cheap enough for every pass.
+    /// Resident memory in bytes; 0 when the process has ended or was never started, or when its
+    /// statistics cannot be opened, which every call tries again. Shared pages count in full.
+    /// Otherwise one read of an open descriptor, cheap enough for every pass.
     std::uint64_t getCurrentRamInUse() const;
 
     /// Limits the private writable memory (heap, anonymous and private writable mappings) of the

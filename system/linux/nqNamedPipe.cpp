@@ -280,6 +280,7 @@ bool nqNamedPipe::State::isPeerFoundDead()
         return false;
     mLastLookAt = now;
     moveIntoRangeOfSelect();
+    mPeer.watchWith(mSocket.get());
     return mPeer.hasDied();
 }
 
@@ -303,19 +304,14 @@ void nqNamedPipe::State::waitForActivity(int timeoutMs)
         mPeer.hasDied();
 }
 
-// Where answers come quickly, the first part of a wait watches the socket alone and reads no clock.
+// Where answers come quickly, the first part of a wait watches the socket alone, which costs less.
 // A peer that dies then, and leaves its socket to others, is noticed that much later.
 bool nqNamedPipe::State::isReportedWithin(int timeoutMs, pollfd* watched, nfds_t count) const
 {
-    int restMs = timeoutMs;
-    if (mWaitsAreShort && timeoutMs > briefWaitMs) {
-        const int reported = ::poll(watched, 1, briefWaitMs);
-        if (reported > 0)
-            return true;
-        if (reported == 0) // and not cut short by a signal
-            restMs -= briefWaitMs;
-    }
-    return nqDeadline(restMs).poll(watched, count) > 0;
+    const nqDeadline deadline(timeoutMs);
+    if (mWaitsAreShort && timeoutMs > briefWaitMs && ::poll(watched, 1, briefWaitMs) > 0)
+        return true;
+    return deadline.poll(watched, count) > 0;
 }
 
 // A number of FD_SETSIZE or more would make select() write outside its set. A lower one may be free

@@ -31,9 +31,13 @@ nqPeer::nqPeer(int socket)
     if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0)
         return;
     mCredentials = credentials;
-    if (mCredentials.pid <= 0 || mCredentials.pid == ::getpid())
-        return;
+    watchWith(socket);
+}
 
+void nqPeer::watchWith(int socket)
+{
+    if (mDead || mWatch.isOpen() || mCredentials.pid <= 0 || mCredentials.pid == ::getpid())
+        return;
     mWatch = nqDescriptor(pidfdOfPeer(socket));
     if (mWatch.isOpen())
         return;

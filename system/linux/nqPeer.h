@@ -20,6 +20,9 @@ public:
     /// The peer of `socket`, which is connected.
     explicit nqPeer(int socket);
 
+    /// Begins to watch a peer that there was no descriptor to spare for until now.
+    void watchWith(int socket);
+
     /// Whether its effective user was ours when it connected (or, for a server, began to listen).
     bool belongsToThisUser() const;
 
