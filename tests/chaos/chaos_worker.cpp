@@ -141,7 +141,6 @@ private:
             _exit(0);
         case Behaviour::crash:
             isDoomed(job);
-            std::signal(SIGSEGV, SIG_DFL);
             std::raise(SIGSEGV);
             return;
         case Behaviour::abort:
@@ -230,6 +229,12 @@ void forbidCoreFiles()
     setrlimit(RLIMIT_CORE, &none);
 }
 
+/// A sanitizer would report a crash at length before the process ends.
+void crashWithoutReport()
+{
+    std::signal(SIGSEGV, SIG_DFL);
+}
+
 int work(ChaosWorker& worker)
 {
     while (!worker.hasFinished()) {
@@ -248,6 +253,7 @@ int main(int argc, char** argv)
     if (argc != argumentCount)
         return 2;
     forbidCoreFiles();
+    crashWithoutReport();
     std::vector<std::string> arguments(argv + 1, argv + argc);
     const bool isPipeLast = arguments.front().rfind("chaos-", 0) == 0;
     std::rotate(arguments.begin(), arguments.end() - (isPipeLast ? 1 : 0), arguments.end());

@@ -4,6 +4,7 @@
 // Options besides the test framework's: --hosts=N (all states together) and --seed=S.
 
 #include "tests/chaos/processes.h"
+#include "tests/chaos/sanitizer.h"
 #include "tests/model/random.h"
 
 #include <gtest/gtest.h>
@@ -43,7 +44,7 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds limitAfterKill{1000};
 constexpr milliseconds limitForFirstWorker{60'000};
-constexpr std::uint64_t latestKillUs = 40'000; // after the pool's first sign of life
+constexpr std::uint64_t latestKillUs = 40'000 * chaos::slowness; // after the first sign of life
 constexpr std::uint64_t atATime = 4;
 constexpr std::size_t uuidLength = 36;
 

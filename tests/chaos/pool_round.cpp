@@ -18,6 +18,8 @@ constexpr int workerConnectionMs = 20'000;   // for a machine under load
 constexpr int disturbedConnectionMs = 2'000; // a launch may fail, and should not take the round
 constexpr int endangeredConnectionMs = 300;  // where launches fail all the time
 constexpr int startAttempts = 200;
+constexpr int passesBeforeRestart = 50;
+constexpr int passMs = 10;
 constexpr int burst = 30;
 constexpr std::uint32_t descriptorsEverySteps = 64;
 constexpr std::int64_t nanosecondsPerMs = 1'000'000;
@@ -106,6 +108,9 @@ void PoolRound::work()
     if (!mPlan.popsAtTheEnd || mScheduler.jobCount() == 0)
         collect();
     restartEmptiedPool();
+    if (mScheduler.jobCount() == 0 && mScheduler.resultCount() == 0 &&
+        mScheduler.failCount() == 0 && mLedger.unresolved() != 0)
+        checkQueuesAreEmpty();
     const bool isAllPushed = mPushedInCycle == mPlan.jobsPerCycle;
     if (isAllPushed && (mLedger.unresolved() == 0 || mPlan.stopsWithPendingJobs))
         endCycle();
@@ -199,14 +204,15 @@ void PoolRound::restartEmptiedPool()
     mLastProgressAt = now(); // whatever comes of it, the next doubt is due after the next rest
     if (mScheduler.jobCount() == 0 || !isPoolEmpty())
         return;
-    pumpOnce(0); // what died since the last pass is replaced by this one
+    mDisturber.calm(); // or a worker could be killed between any two looks
+    for (int pass = 0; pass < passesBeforeRestart && isPoolEmpty(); ++pass)
+        pumpOnce(passMs); // what died since the last pass is replaced
     if (mScheduler.jobCount() == 0 || !isPoolEmpty())
         return;
     mScheduler.clearPendingJobs();
     if (mScheduler.jobCount() != 0)
         reportViolation("a job is in the hands of a worker, but there is none");
     ++mFigures.emptiedPools;
-    mDisturber.calm();
     if (!mScheduler.stopScheduler())
         reportViolation("a started scheduler cannot be stopped");
     collect();

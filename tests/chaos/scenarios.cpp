@@ -1,4 +1,5 @@
 #include "tests/chaos/plan.h"
+#include "tests/chaos/sanitizer.h"
 #include "tests/model/random.h"
 
 #include <iterator>
@@ -255,6 +256,13 @@ constexpr Scenario scenarios[] = {
     {"several schedulers", severalSchedulers},
     {"several threads", severalThreads}};
 
+/// A row of jobs that is not empty stays so.
+void slowDown(PoolPlan& pool)
+{
+    pool.jobsPerCycle = (pool.jobsPerCycle + slowness - 1) / slowness;
+    pool.disturbance.intervalUs *= slowness;
+}
+
 const char* nameOf(Pumping pumping)
 {
     static constexpr const char* names[] = {"steadily", "spinning", "rarely", "in bursts"};
@@ -270,6 +278,8 @@ RoundPlan makeRound(std::uint64_t seed, std::uint64_t round)
     const Scenario& scenario = scenarios[(seed + round) % std::size(scenarios)];
     RoundPlan plan = scenario.make(random);
     plan.scenario = scenario.name;
+    for (PoolPlan& pool : plan.pools)
+        slowDown(pool);
     return plan;
 }
 

@@ -1,4 +1,5 @@
 #include "fixture.h"
+#include "nqNamedPipe.h"
 
 #include <algorithm>
 #include <chrono>
@@ -78,6 +79,7 @@ TEST_F(HappyPath, everyWorkerOfThePoolTakesJobs)
 TEST_F(HappyPath, payloadsOfEverySizeComeBackUnchanged)
 {
     constexpr std::size_t mebibyte = std::size_t{1} << 20;
+    const std::size_t outgoingLimit = nq::nqNamedPipe().outgoingBufferLimit();
     Pool pool;
     ASSERT_TRUE(pool.start(1));
     for (const std::size_t size :
@@ -88,8 +90,10 @@ TEST_F(HappyPath, payloadsOfEverySizeComeBackUnchanged)
           std::size_t{5},
           std::size_t{65535},
           std::size_t{65536},
-          mebibyte - 5,
-          mebibyte - 4,
+          outgoingLimit - 5,
+          outgoingLimit - 4,
+          outgoingLimit - 3,
+          outgoingLimit,
           mebibyte - 1,
           mebibyte,
           mebibyte + 1,

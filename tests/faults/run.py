@@ -98,7 +98,8 @@ class Outcome:
 def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__)
     for file in ("shim", "system", "scheduler", "host", "worker"):
-        parser.add_argument(f"--{file}", type=pathlib.Path, required=True)
+        # Resolved, since the workers that are to load the shim start in another folder.
+        parser.add_argument(f"--{file}", type=lambda path: pathlib.Path(path).resolve(), required=True)
     parser.add_argument("--list", action="store_true", help="print the calls, run nothing")
     parser.add_argument("--all", action="store_true", help="the whole table")
     parser.add_argument("--only", default="", help="faults whose line matches this pattern")
