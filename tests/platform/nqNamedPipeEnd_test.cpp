@@ -57,8 +57,9 @@ struct FloodedByADeadPeer {
 // A worker that has died while somebody else, here the test itself, holds its socket open.
 class DeadPeerWithLivingSocket {
 public:
-    DeadPeerWithLivingSocket()
+    explicit DeadPeerWithLivingSocket(bool isLastDescriptorForThePipe = false)
     {
+        const DescriptorLimit limit;
         nqNamedPipeServer server;
         const std::string name = freshName();
         if (!server.listenUtf8(name))
@@ -68,7 +69,8 @@ public:
                 return 1;
             return rawSend(mSocket, "last words") ? 0 : 2;
         });
-        mPipe = acceptOne(server);
+        if (!isLastDescriptorForThePipe || limit.exhaustButOne())
+            mPipe = acceptOne(server);
     }
 
     void letDie()
@@ -348,6 +350,16 @@ TEST_F(NamedPipeEnd, aResetCountsAsTheEndAfterTheLastByte)
 TEST_F(NamedPipeEnd, isNoticedThoughSomebodyHoldsTheSocketOfTheDeadPeer)
 {
     DeadPeerWithLivingSocket peer;
+    peer.letDie();
+    ASSERT_TRUE(pumpUntil(peer.pipe(), [&] { return !peer.pipe().incomingBuffer().empty(); }));
+    EXPECT_EQ(takeAll(peer.pipe()), "last words");
+    EXPECT_TRUE(pumpUntilClosed(peer.pipe()));
+    expectClosed(peer.pipe());
+}
+
+TEST_F(NamedPipeEnd, isNoticedThoughThereWasNoDescriptorToWatchThePeerWith)
+{
+    DeadPeerWithLivingSocket peer(true); // its pipe took the last one
     peer.letDie();
     ASSERT_TRUE(pumpUntil(peer.pipe(), [&] { return !peer.pipe().incomingBuffer().empty(); }));
     EXPECT_EQ(takeAll(peer.pipe()), "last words");

@@ -296,6 +296,21 @@ TEST_F(NamedPipe, readsWhatArrivesWhileItWaitsAfterAShortWait)
     }
 }
 
+TEST_F(NamedPipe, waitsTheWholeTimeInAStormOfSignalsAlsoWhenTheWaitBeforeWasShort)
+{
+    PipeToRawSocket link;
+    ASSERT_TRUE(link.mPipe);
+    link.mPipe->processNamedPipeEvents(0, true); // finds nothing
+    ASSERT_TRUE(rawSend(link.mPeer, "x"));
+    link.mPipe->processNamedPipeEvents(ampleMs, true);
+    ASSERT_EQ(takeAll(*link.mPipe), "x");
+    const SignalStorm storm;
+    const auto start = steady_clock::now();
+    link.mPipe->processNamedPipeEvents(120, true);
+    EXPECT_GE(elapsedSince(start), milliseconds(120));
+    EXPECT_LT(elapsedSince(start), milliseconds(ampleMs / 2));
+}
+
 TEST_F(NamedPipe, readsWhatArrivesWhileItWaits)
 {
     PipeToRawSocket link;

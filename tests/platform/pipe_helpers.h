@@ -373,6 +373,13 @@ public:
         return set(static_cast<rlim_t>(lowestFree.get()));
     }
 
+    /// Leaves one.
+    bool exhaustButOne() const
+    {
+        const Descriptor lowestFree(::dup(STDERR_FILENO));
+        return set(static_cast<rlim_t>(lowestFree.get()) + 1);
+    }
+
 private:
     rlimit mBefore{};
 };
