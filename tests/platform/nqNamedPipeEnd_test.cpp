@@ -60,6 +60,7 @@ public:
     explicit DeadPeerWithLivingSocket(bool isLastDescriptorForThePipe = false)
     {
         const DescriptorLimit limit;
+        nqNamedPipe().closeNamedPipe(); // a sanitizer that meets a class needs descriptors itself
         nqNamedPipeServer server;
         const std::string name = freshName();
         if (!server.listenUtf8(name))
