@@ -89,6 +89,16 @@ TEST_F(SpareMemory, isGivenBackWhenManyPayloadsInARowHadNoUseForIt)
     EXPECT_EQ(queues.takeSpare(large).capacity(), 0U);
 }
 
+TEST_F(SpareMemory, isKeptWhenPayloadsWithoutUseForItAndFreshSparesTakeTurns)
+{
+    for (int turn = 0; turn < 2; ++turn) {
+        queues.recycle(Bytes(large));
+        for (int i = 0; i < 63; ++i)
+            EXPECT_EQ(queues.takeSpare(1).capacity(), 0U);
+    }
+    EXPECT_GE(queues.takeSpare(large).capacity(), large);
+}
+
 TEST_F(SpareMemory, neverCostsAResultWhenThereIsNoMemory)
 {
     if (!RefusedMemory::isPossible())
