@@ -3,13 +3,13 @@
 set -eu
 root=$1
 for file in host worker; do
-    shown=$(awk -v start="<!-- examples/minimal/$file.cpp -->" '
+    shown=$(awk -v start="<!-- examples/quickstart/$file.cpp -->" '
         $0 == start { found = 1; next }
         found && /^```cpp$/ { inside = 1; next }
         inside && /^```$/ { exit }
         inside' "$root/README.md")
-    if [ "$shown" != "$(cat "$root/examples/minimal/$file.cpp")" ]; then
-        echo "README.md does not show examples/minimal/$file.cpp as it is" >&2
+    if [ "$shown" != "$(cat "$root/examples/quickstart/$file.cpp")" ]; then
+        echo "README.md does not show examples/quickstart/$file.cpp as it is" >&2
         exit 1
     fi
 done

@@ -1,0 +1,60 @@
+"""The pump inside a poll() loop: every answer comes, and nothing spins."""
+
+import re
+import subprocess
+import sys
+import unittest
+
+import example_run
+
+HOST, WORKER = sys.argv[1:3]
+
+LARGE = b"900000720000023"  # takes a worker a noticeable time
+LINES = 10
+BUSY_TICK_MS = 10  # as in host.cpp
+SLACK = 5  # the first and the last time, and the changes between the two ticks
+
+
+def wake_ups_and_milliseconds(line):
+    figures = re.fullmatch(r"(\d+) wake-ups in (\d+) ms, \d+ ms of processor time", line)
+    return [int(figure) for figure in figures.groups()]
+
+
+class EventLoop(unittest.TestCase):
+    def test_every_number_is_answered_as_the_readme_says(self):
+        ended = example_run.run([HOST, WORKER], b"899\n31\n1\nabc\n" + LARGE + b"\n")
+        self.assertEqual(ended.returncode, 0, ended)
+        shown = example_run.promised_output(__file__)
+        lines = ended.stdout.decode().splitlines()
+        self.assertEqual(sorted(lines[:-1]), sorted(shown[:-1]))
+        self.assertEqual(
+            example_run.comparable(lines[-1:]), example_run.comparable(shown[-1:])
+        )
+
+    def test_a_line_without_its_end_counts(self):
+        ended = example_run.run([HOST, WORKER], b"899")
+        self.assertIn(b"899 = 29 * 31\n", ended.stdout)
+
+    def test_it_wakes_up_for_ticks_and_lines_alone(self):
+        ended = example_run.run([HOST, WORKER], (LARGE + b"\n") * 4)
+        wake_ups, milliseconds = wake_ups_and_milliseconds(ended.stdout.decode().splitlines()[-1])
+        self.assertLessEqual(wake_ups, milliseconds / BUSY_TICK_MS + SLACK)
+        self.assertGreaterEqual(milliseconds, BUSY_TICK_MS, "nothing was waited for")
+
+    def test_it_answers_while_its_input_stays_open(self):
+        with subprocess.Popen(
+            [HOST, WORKER], stdin=subprocess.PIPE, stdout=subprocess.PIPE
+        ) as host:
+            for number in range(1, LINES + 1):
+                host.stdin.write(b"%d\n" % number)
+                host.stdin.flush()
+                self.assertRegex(host.stdout.readline(), b"^%d " % number)
+            host.stdin.close()
+            last = host.stdout.readlines()[-1].decode().rstrip()
+            self.assertEqual(host.wait(example_run.SECONDS), 0)
+        wake_ups, milliseconds = wake_ups_and_milliseconds(last)
+        self.assertLessEqual(wake_ups, LINES + milliseconds / BUSY_TICK_MS + SLACK)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1])

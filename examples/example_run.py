@@ -1,0 +1,37 @@
+"""What the tests of the examples share: starting programs, and what a README promises of them."""
+
+import pathlib
+import re
+import resource
+import subprocess
+
+SECONDS = 60  # for what takes two, unless the machine is very busy
+
+
+def forbid_core_files():
+    """A worker that crashes on purpose must not leave a file beside its program."""
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+
+
+def run(command, text):
+    """Runs a host to its end, with `text` on its standard input."""
+    return subprocess.run(
+        command,
+        input=text,
+        capture_output=True,
+        timeout=SECONDS,
+        check=False,
+        preexec_fn=forbid_core_files,
+    )
+
+
+def promised_output(test_file):
+    """The lines that the README beside the tests shows as output: those of its last text block."""
+    readme = pathlib.Path(test_file).resolve().parents[1] / "README.md"
+    blocks = re.findall(r"^```text\n(.*?)^```$", readme.read_text(), re.DOTALL | re.MULTILINE)
+    return blocks[-1].splitlines()
+
+
+def comparable(lines):
+    """Lines in an order of their own and without figures, which differ from run to run."""
+    return sorted(re.sub(r"\d+(\.\d+)?", "N", line) for line in lines)
