@@ -99,4 +99,36 @@ TEST_F(RecordWithoutMemory, leavesTheJobInTheQueueWhenItsHeaderHasNoRoom)
     EXPECT_EQ(pipe->passedOn, frame("job"));
 }
 
+TEST_F(RecordWithoutMemory, leavesTheJobInTheQueueWhenTheTextOfItsFailureHasNoRoom)
+{
+    if (!RefusedMemory::isPossible())
+        GTEST_SKIP() << "this tool has its own allocator";
+    queues.push(bytes("job"));
+    {
+        const RefusedMemory refused(16); // the text is longer, a header is not
+        EXPECT_THROW(step(), std::bad_alloc);
+    }
+    EXPECT_TRUE(worker->isReadyForJob());
+    EXPECT_EQ(queues.pendingJobCount(), 1U);
+}
+
+TEST_F(RecordWithoutMemory, leavesTheNextJobInTheQueueWhenItsHeaderHasNoRoom)
+{
+    if (!RefusedMemory::isPossible())
+        GTEST_SKIP() << "this tool has its own allocator";
+    dispatch("the first one leaves room for the text of a failure");
+    step();
+    answer("result");
+    step();
+    ASSERT_EQ(queues.resultCount(), 1U);
+    queues.push(bytes("job"));
+    pipe->outgoing.shrink_to_fit();
+    {
+        const RefusedMemory refused(1);
+        EXPECT_THROW(step(), std::bad_alloc);
+    }
+    EXPECT_TRUE(worker->isReadyForJob());
+    EXPECT_EQ(queues.pendingJobCount(), 1U);
+}
+
 } // namespace

@@ -350,13 +350,19 @@ TEST_F(SchedulerStop, processesEveryPendingJobBeforeItClosesAnything)
     start(1);
     scheduler->push(bytes("a"));
     scheduler->push(bytes("b"));
-    pipe(0).onEvents = [](scripted::Pipe& pipe) {
+    Lines callsBeforeTheLastResult;
+    pipe(0).onEvents = [&](scripted::Pipe& pipe) {
         if (pipe.passedOn.size() == 5)
             pipe.incoming = support::frame("A");
-        if (pipe.passedOn.size() == 10)
+        if (pipe.passedOn.size() == 10) {
             pipe.incoming = support::frame("B");
+            callsBeforeTheLastResult = machine.calls;
+        }
     };
     EXPECT_TRUE(scheduler->stopScheduler());
+    EXPECT_FALSE(callsBeforeTheLastResult.empty());
+    for (const std::string& call : callsBeforeTheLastResult)
+        EXPECT_EQ(call.find(": close"), std::string::npos) << call;
     EXPECT_EQ(pipe(0).passedOn, support::frame("a") + support::frame("b"));
     EXPECT_EQ(scheduler->resultCount(), 2U);
     EXPECT_EQ(scheduler->jobCount(), 0U);
