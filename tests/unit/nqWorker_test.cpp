@@ -401,11 +401,19 @@ TEST_F(Worker, findsNothingOfTheJobBeforeInOneThatIsProcessedBeforeItIsWhole)
     EXPECT_EQ(worker.jobs.back(), std::string("ne\0\0\0\0", 6));
 }
 
-TEST_F(Worker, givesTheMemoryOfALargeJobBackAfterManySmallOnes)
+struct WorkersMemory : Worker {
+    const std::string large = std::string(2U << 20, 'x');
+
+    bool isReleased() const
+    {
+        return machine.count("utils: ReleaseFreeMemory()") != 0;
+    }
+};
+
+TEST_F(WorkersMemory, ofALargeJobIsGivenBackAfterManySmallOnes)
 {
-    const auto isReleased = [this] { return machine.count("utils: ReleaseFreeMemory()") != 0; };
     worker.work = [](const Bytes&) { return bytes("answer"); };
-    arrive(frame(std::string(2U << 20, 'x')));
+    arrive(frame(large));
     step();
     for (int job = 0; job < 63; ++job) {
         arrive(frame("small"));
@@ -415,6 +423,41 @@ TEST_F(Worker, givesTheMemoryOfALargeJobBackAfterManySmallOnes)
     arrive(frame("small"));
     step();
     EXPECT_TRUE(isReleased());
+}
+
+TEST_F(WorkersMemory, ofALargeJobIsGivenBackAfterAWaitInVain)
+{
+    worker.work = [](const Bytes&) { return bytes("answer"); };
+    arrive(frame(large));
+    step();
+    step(); // does not wait, since the answer has still to leave
+    EXPECT_FALSE(isReleased());
+    step();
+    EXPECT_TRUE(isReleased());
+}
+
+TEST_F(WorkersMemory, ofALargeJobIsKeptWhileItComesWithPauses)
+{
+    worker.work = [](const Bytes&) { return bytes("answer"); };
+    const Bytes whole = frame(large);
+    const auto middle = whole.begin() + (1 << 20);
+    arrive({whole.begin(), middle});
+    step();
+    step();
+    EXPECT_FALSE(isReleased());
+    arrive({middle, whole.end()});
+    step();
+    EXPECT_EQ(worker.jobs, Lines{large});
+}
+
+TEST_F(WorkersMemory, ofALargeResultIsKeptWhileItLeavesInSlices)
+{
+    arrive(frame(large));
+    step();
+    ASSERT_LT(pipe->passedOn.size() + pipe->outgoing.size(), large.size());
+    for (int slice = 0; slice < 10; ++slice)
+        step();
+    EXPECT_EQ(pipe->passedOn, frame(large));
 }
 
 TEST_F(Worker, sendsNothingAndIsNotToldOfTheEndWhenDestroyed)
