@@ -1,0 +1,68 @@
+# Debian packages, made by `scripts/package`: one for each library, with the library's SONAME in its
+# name, so that programs of an older and a newer one can live on one machine; and one for those who
+# build programs.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_VERBATIM_VARIABLES ON)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_COMPONENTS_ALL nqSystem nqSchedulerAPI nqDevelopment)
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+# The project has no public address; who publishes packages puts a real one here and in the changelog.
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "nqSchedulerAPI maintainers <maintainers@nqschedulerapi.invalid>")
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+# What a library needs, and what a package with a program needs that was linked to it.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/system/linux)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+set(CPACK_POST_BUILD_SCRIPTS ${CMAKE_CURRENT_SOURCE_DIR}/debian/ldconfig_trigger.cmake)
+
+set(soVersion ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
+set(sameVersion "(= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
+
+set(CPACK_DEBIAN_NQSYSTEM_PACKAGE_NAME libnqsystem${soVersion})
+set(CPACK_DEBIAN_NQSYSTEM_PACKAGE_SECTION libs)
+set(CPACK_COMPONENT_NQSYSTEM_DESCRIPTION
+    "platform library of nqSchedulerAPI
+Pipes, child processes, logging and timers, which the library of
+libnqschedulerapi${soVersion} stands on. Hosts link to it when they install a
+logger of their own.")
+
+set(CPACK_DEBIAN_NQSCHEDULERAPI_PACKAGE_NAME libnqschedulerapi${soVersion})
+set(CPACK_DEBIAN_NQSCHEDULERAPI_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_NQSCHEDULERAPI_PACKAGE_DEPENDS "libnqsystem${soVersion} ${sameVersion}")
+set(CPACK_COMPONENT_NQSCHEDULERAPI_DESCRIPTION
+    "runs jobs in a pool of supervised worker processes
+A host program pushes jobs, calls one function from its own loop, and pops
+results and failures. A worker process that crashes, hangs or uses too much
+memory costs the one job that it holds, and is replaced.")
+
+set(CPACK_DEBIAN_NQDEVELOPMENT_PACKAGE_NAME libnqschedulerapi-dev)
+set(CPACK_DEBIAN_NQDEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_NQDEVELOPMENT_PACKAGE_DEPENDS
+    "libnqschedulerapi${soVersion} ${sameVersion}, libnqsystem${soVersion} ${sameVersion}")
+set(CPACK_COMPONENT_NQDEVELOPMENT_DESCRIPTION
+    "runs jobs in a pool of supervised worker processes (development files)
+Headers, and what CMake, pkg-config and the linker need to build hosts and
+workers with nqSchedulerAPI.")
+
+# Every Debian package carries these two. An installation by other means does not.
+execute_process(
+    COMMAND gzip --best --no-name --stdout ${CMAKE_CURRENT_SOURCE_DIR}/debian/changelog
+    OUTPUT_FILE ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz COMMAND_ERROR_IS_FATAL ANY)
+foreach(component IN LISTS CPACK_COMPONENTS_ALL)
+    string(TOUPPER ${component} variable)
+    install(
+        FILES debian/copyright ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${CPACK_DEBIAN_${variable}_PACKAGE_NAME}
+        COMPONENT ${component}
+        EXCLUDE_FROM_ALL)
+endforeach()
+
+include(CPack)

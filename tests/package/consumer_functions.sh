@@ -1,0 +1,31 @@
+# What the checks of the consumer project share; sourced by them.
+
+fail() {
+    echo "FAILED: $*" >&2
+    exit 1
+}
+
+# run_pair HOST WORKER: the host hands one job to the worker.
+run_pair() {
+    local output expected=$'version 3.0.0\nanswer stressed'
+    output=$("$1" "$2") || fail "the host ended with $?: $output"
+    [[ $output == "$expected" ]] || fail "the host printed '$output' instead of '$expected'"
+}
+
+# run_programs FOLDER PLACE: the programs work, with libraries that are in PLACE.
+run_programs() {
+    local folder=$1 place program library loaded output
+    place=$(realpath "$2")
+    for program in host worker logging_host; do
+        for library in libnqSchedulerAPI.so.3.0 libnqSystem.so.3.0; do
+            loaded=$(ldd "$folder/$program" | sed -n "s/^\t$library => \(\/.*\) (0x[0-9a-f]*)\$/\1/p")
+            [[ -n $loaded && $(realpath "$loaded") == "$place"/* ]] ||
+                fail "$program loads $library from '$loaded' instead of $place"
+        done
+    done
+    run_pair "$folder/host" "$folder/worker"
+
+    output=$("$folder/logging_host") || fail "the logging host ended with $?: $output"
+    [[ $output == "host log, level 3: Fail to startWorker, Process state is not 'running' (pid "* ]] ||
+        fail "the host's own logger received '$output'"
+}
