@@ -13,13 +13,24 @@ class nqSchedulerPrivate;
 /// bytes; it comes back as a result, or as a failure that carries the job's bytes, a reason and a
 /// message. A worker that crashes, hangs or eats memory costs the one job it holds and is replaced.
 ///
+/// @par Threads
 /// There is no thread and no lock: everything happens inside processScheduler(), which the host
-/// calls again and again, and inside the three operations that pump by themselves (waitForFinished,
-/// stopScheduler, the destructor). Time-outs and memory caps act only while the host pumps. All
-/// operations of one object belong to one thread; different objects may live on different threads.
+/// calls again and again, and inside the three operations that pump by themselves:
+/// waitForFinished(), stopScheduler() and the destructor. Time-outs and memory caps act only while
+/// the host pumps. All operations of one object belong to one thread; different objects may live
+/// on different threads. A child that the host forks must not touch its parent's objects.
 ///
+/// @par Blocking
+/// The four that pump may block, and so may startScheduler(), which waits for each worker to
+/// connect. All others return at once.
+///
+/// @par Errors
 /// Failures of jobs and workers are never exceptions. Only allocation and stream exceptions pass
 /// through, and none leaves the destructor.
+///
+/// @par Ownership
+/// What is passed in is copied. Texts that are returned by reference belong to the scheduler and
+/// live until they are set anew.
 class [[gnu::visibility("default")]] nqScheduler
 {
 public:
@@ -62,7 +73,8 @@ public:
     /// Bytes of resident memory; a worker seen above it at any pump pass is killed, idle or not.
     bool setMaxCapMemory(unsigned long bytes);
 
-    /// Whole seconds a job may take; its worker is killed once a full second more has passed.
+    /// Whole seconds a job may take; its worker is killed once a full second more has passed. The
+    /// time runs from the moment a worker is given the job.
     bool setJobProcessTimeout(unsigned long seconds);
 
     /// Bytes of resident memory; a worker above it right after a job is replaced. No job is lost.
@@ -71,17 +83,25 @@ public:
     /// Bytes of private writable memory that a worker may allocate (its soft RLIMIT_DATA, set once
     /// it has connected). Beyond it the worker's own allocations fail; a worker that ends over this
     /// loses its job to UnexpectedCrash. Thread stacks and private writable mappings of files
-    /// count; the main thread's stack, shared memory and mappings that are only read do not.
+    /// count; the main thread's stack, shared memory and mappings that are only read do not. A
+    /// kernel that refuses the limit leaves the worker without it, in silence.
     bool setMaxPhysicalMemory(unsigned long bytes);
 
-    /// A relative path counts from the host's current directory at each launch; PATH is not
-    /// searched. Workers run in the executable's folder.
+    /// The worker's executable. A relative path counts from the host's current directory at each
+    /// launch; PATH is not searched. Workers run in the executable's folder.
     void setExePathUtf8(const std::string& exePathUtf8);
 
+    /// The worker's arguments, without its path and without the pipe's name, which comes first
+    /// with `prependChannelId`, else last.
     void setArgumentsUtf8(const std::vector<std::string>& argumentsUtf8, bool prependChannelId);
 
+    /// The executable as it was given.
     const std::string& exeUtf8Path() const;
+
+    /// The arguments as they were given.
     const std::vector<std::string>& argumentsUtf8() const;
+
+    /// Whether the pipe's name is the first argument; true unless told otherwise.
     bool prependChannelId() const;
 
     /// @}
@@ -89,7 +109,8 @@ public:
     /// @{
 
     /// Listens, then launches `nbWorkers` workers one after the other, giving each
-    /// `workerConnectionTimeout` milliseconds to connect (negative: no wait at all).
+    /// `workerConnectionTimeout` milliseconds to connect (0 or less: no wait at all). Replacements
+    /// are given the same time.
     ///
     /// False when already started, when the pipe cannot be listened on, when `nbWorkers` is above
     /// the limit (twice the hardware threads, at least 4; nothing is launched then), or when a
@@ -114,19 +135,21 @@ public:
     /// for a worker to say something. Does not wait when work is known to be ready: bytes to write,
     /// a result to pop, or a pending job and a worker to take it. Ended workers are replaced before
     /// it returns; a replacement blocks until its predecessor has ended and it has connected
-    /// itself.
+    /// itself. One that cannot be launched is logged and not tried again. Returns at once when not
+    /// started. An allocation exception leaves only when every worker has had its turn.
     void processScheduler(int timeoutMs);
 
-    /// Launches one more worker. For the library's own use.
+    /// Launches one more worker and waits for it to connect. For the library's own use. False, with
+    /// a line in the log, when that failed.
     bool startWorker();
 
     /// @}
     /// @name Queues, first in, first out, open at any time
     /// @{
 
-    /// Appends a copy. Never push an empty job: it is accepted and counted, but never sent, and
-    /// waitForFinished and stopScheduler then wait for it for ever. Jobs of 2^31 bytes or more are
-    /// not supported.
+    /// Appends a copy; without memory for it, throws and appends nothing. Never push an empty job:
+    /// it is accepted and counted, but never sent, and waitForFinished and stopScheduler then wait
+    /// for it for ever. Jobs of 2^31 bytes or more are not supported.
     void push(const std::vector<char>& job);
 
     /// Moves the oldest result into `result`. False, and `result` untouched, when there is none.
@@ -136,13 +159,18 @@ public:
     /// the host put into the bytes.
     bool pop(std::vector<char> & result);
 
-    /// Copies the oldest failure out and removes it. False when there is none; the three arguments
-    /// are then empty, NoFailure and empty.
+    /// Moves the oldest failure into the three arguments: the job's bytes as they were pushed, why
+    /// it failed, and the text for people. False when there is none; the arguments are then empty,
+    /// NoFailure and empty.
     bool popFail(std::vector<char> & job, FailReason & reason, std::string & message);
 
     /// Jobs that are neither a result nor a failure yet, pending or in a worker's hands.
     unsigned long jobCount() const;
+
+    /// Results that wait for pop().
     unsigned long resultCount() const;
+
+    /// Failures that wait for popFail().
     unsigned long failCount() const;
 
     /// Drops the jobs that no worker has taken yet. They are reported nowhere.

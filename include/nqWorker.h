@@ -7,17 +7,29 @@
 namespace nq {
 
 /// The worker's side of a job: derive from it in the worker executable, implement processJob, and
-/// call processWorker until hasFinished.
+/// call processWorker until hasFinished. The worker never reads its standard input, and what it
+/// prints never mixes with its jobs. When the host ends, by any means, the worker is killed.
 ///
-/// One job at a time, on the thread that calls processWorker; no thread, no lock. The worker never
-/// reads its standard input, and what it prints never mixes with its jobs. When the host ends, by
-/// any means, the worker is killed.
+/// @par Threads
+/// One job at a time, on the thread that calls processWorker; no thread, no lock. All operations
+/// belong to that thread.
+///
+/// @par Blocking
+/// Only processWorker() waits, for as long as it is told to. What runs the hook takes as long as
+/// the hook.
+///
+/// @par Errors
+/// A lost host is no error: it shows as hasFinished(). What the hook throws and allocation
+/// exceptions pass through.
+///
+/// @par Ownership
+/// The buffers of job and result belong to this class; a hook may use them until it returns.
 class [[gnu::visibility("default")]] nqWorker
 {
 public:
     /// Connects to the scheduler's pipe, whose name the scheduler puts on the command line: the
     /// first argument when it was told to prepend it, else the last. A failed connection shows as
-    /// hasFinished() after the first processWorker.
+    /// hasFinished() after the first processWorker. Does not block.
     explicit nqWorker(const std::string& schedulerUtf8);
 
     /// Closes the pipe. endOfWork is not called.
@@ -31,19 +43,30 @@ public:
 
     /// True once the work is over and the process should leave.
     bool hasFinished() const;
+
+    /// Sets what hasFinished() says. It ends nothing by itself, and a result that has not left yet
+    /// needs further steps to leave.
     void setFinished(bool finished);
 
-    /// One step: waits up to `timeoutMs` milliseconds for the pipe, takes in what came, runs the
-    /// hook when a job is whole, and hands over the next slice of its result. The result leaves the
-    /// process in the steps that follow, so keep stepping. The memory of a large job and its result
-    /// is kept for the next one, and given back by a step that waits in vain.
+    /// One step: waits up to `timeoutMs` milliseconds (0 or less: none) for the pipe, takes in what
+    /// came, runs the hook when a job is whole, and hands over the next slice of its result. The
+    /// result leaves the process in the steps that follow, so keep stepping. The memory of a large
+    /// job and its result is kept for the next one, and given back by a step that waits in vain.
     void processWorker(int timeoutMs);
 
     /// @name Steps of processWorker, rarely called by themselves
     /// @{
+
+    /// Takes what has been received into the job. When it is whole and the result before it has
+    /// left, runs the hook.
     void onReadyRead();
+
+    /// Runs the hook on the job as far as it is there, and begins the frame of its result.
     void onProcess();
+
+    /// Hands the next slice of the result to the pipe, as much as it has room for.
     void onSendData();
+
     /// @}
 
     /// @name Hooks
@@ -52,7 +75,8 @@ public:
     /// The work: reads `job`, fills `result`, which is empty at the call. Both buffers belong to
     /// the base class; the job may be consumed. Never leave the result empty: an empty result does
     /// not complete its job, which then waits for its time-out. An exception that leaves the hook
-    /// leaves processWorker too. Results of 2^31 bytes or more are not supported.
+    /// closes the pipe, so that the job fails, and leaves processWorker too. Results of 2^31 bytes
+    /// or more are not supported.
     virtual void processJob(std::vector<char> & job, std::vector<char> & result) = 0;
 
     /// Called by the step that finds the pipe closed and by every step after it. This version calls

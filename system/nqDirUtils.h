@@ -5,8 +5,8 @@
 namespace nq {
 
 /// Path texts in UTF-8. Purely textual apart from asking for the current directory: nothing is
-/// looked up, no symbolic link is resolved, no ".." is folded. Nothing here throws but allocation.
-/// Any thread may call.
+/// looked up, no symbolic link is resolved, no ".." is folded. Texts are returned as copies.
+/// Nothing blocks, and nothing here throws but allocation. Any thread may call.
 class [[gnu::visibility("default")]] nqDirUtils
 {
 public:

@@ -4,14 +4,15 @@
 
 namespace nq {
 
-/// A stopwatch on the monotonic clock. Not locked: one thread at a time.
+/// A stopwatch on the monotonic clock. Nothing blocks and nothing fails. Not locked: one thread at
+/// a time.
 class [[gnu::visibility("default")]] nqHighResTimer
 {
 public:
     /// Starts, or starts again from zero.
     void start();
 
-    /// Seconds since the last start(); 0 when never started.
+    /// Seconds since the last start(), with their fraction; 0 when never started.
     double getElapsedTimeInSec() const;
 
 private:

@@ -10,25 +10,41 @@ namespace nq {
 /// feed its own logging.
 ///
 /// A host installs one by storing its address in msInstance, and keeps it alive until the last
-/// scheduler is gone. Without one, the library's messages go to standard output. Installing and the
-/// flags belong to one thread, before logging starts; Write of this class may be called from any
-/// thread, since each entry is one write of one whole line.
+/// scheduler is gone. Without one, the library's messages go to standard output.
+///
+/// @par Threads
+/// Installing and the flags belong to one thread, before logging starts; Write of this class may be
+/// called from any thread, since each entry is one write of one whole line.
+///
+/// @par Blocking
+/// Write() waits while its file or stream takes nothing, on a non-blocking one for a second at
+/// most. WriteToSystemLog() waits as long as syslog does.
+///
+/// @par Errors
+/// What cannot be written is dropped: a line of the log must not take the host down. Only
+/// allocation exceptions pass through.
 class [[gnu::visibility("default")]] nqLog
 {
 public:
-    /// The levels index the enable flags. Disabled is no flag: it marks a message nobody wants.
-    enum Level : int { Info = 0, Notice = 1, Warning = 2, Error = 3, Disabled = 4 };
+    /// The levels index the enable flags.
+    enum Level : int {
+        Info = 0,    ///< part of the work: a job that failed, a worker restarted after one
+        Notice = 1,  ///< not used by the scheduler
+        Warning = 2, ///< a call that was refused
+        Error = 3,   ///< what could not be done: listening, launching a worker
+        Disabled = 4 ///< no flag: marks a message that nobody wants
+    };
 
     /// One message on its way to a logger.
     struct [[gnu::visibility("default")]] LogEntry
     {
-        std::string mMessage;
+        std::string mMessage;       ///< what happened
         std::string mSecondText;    ///< more detail, usually empty
         std::string mSystemLogText; ///< what the system log shows instead of the message, if any
         std::string mPrefix;        ///< see computeLogPrefix
-        std::string mThreadId;
+        std::string mThreadId;      ///< see nqThread::CurrentThreadId
         std::uint64_t mTimestampMs = 0; ///< milliseconds since the epoch
-        int mLevel = Disabled;
+        int mLevel = Disabled;          ///< one of Level
 
         /// Fills mPrefix from the stamp, the level and, if `withThreadId`, the thread:
         /// "2025-06-30 14:03:59.042 | warning | thread 4711 | ", in local time. Needs no logger.
@@ -51,10 +67,11 @@ public:
     nqLog(const nqLog&) = delete;
     nqLog& operator=(const nqLog&) = delete;
 
-    /// All levels start enabled. A level outside 0 to 3 is refused in silence.
+    /// Whether messages of `level` are wanted; all are at the start. A level outside 0 to 3 is
+    /// refused in silence.
     void setLevelEnabled(int level, bool enabled);
 
-    /// False for every level outside 0 to 3.
+    /// Whether messages of `level` are wanted; false for every level outside 0 to 3.
     bool isLevelEnabled(int level) const;
 
     /// Records one entry, whose texts an override may change or take, as one line: prefix, message,
@@ -63,7 +80,8 @@ public:
     /// always does; an override that buffers must look at it.
     virtual void Write(LogEntry & entry, bool flush);
 
-    /// Hands the entry's system-log text to syslog under the matching severity.
+    /// Hands the entry's system-log text to syslog under the matching severity. Any thread may
+    /// call.
     static void WriteToSystemLog(const LogEntry& entry);
 
 private:

@@ -23,14 +23,24 @@ namespace nq {
 /// incoming buffer, so that a last message is never lost. When a call finds that nobody has taken a
 /// byte since the call before saw the end, the pipe is closed for good and the bytes are dropped.
 ///
+/// @par Threads
 /// Not locked: one thread per object.
+///
+/// @par Blocking
+/// Only processNamedPipeEvents() waits, and only when told to.
+///
+/// @par Errors
+/// Only allocation exceptions pass through, and no byte is lost over one.
+///
+/// @par Ownership
+/// The buffers belong to the pipe, which empties them when it closes.
 class [[gnu::visibility("default")]] nqNamedPipe
 {
 public:
     /// Not connected.
     nqNamedPipe();
 
-    /// Closes as closeNamedPipe does.
+    /// Closes as closeNamedPipe() does.
     virtual ~nqNamedPipe();
 
     nqNamedPipe(const nqNamedPipe&) = delete;
@@ -48,8 +58,13 @@ public:
     /// written may leave the reading to the next.
     void processNamedPipeEvents(int timeoutMs, bool wait);
 
+    /// Whether there is a connection, or an ended one whose last bytes have not been taken yet.
     bool isConnected() const;
+
+    /// The opposite of isConnected(): no byte is left to take and none can come.
     bool isReadChannelClosed() const;
+
+    /// Whether nothing can be sent any more; true as soon as the kernel has refused bytes for good.
     bool isWriteChannelClosed() const;
 
     /// True while bytes wait in the outgoing buffer of an open pipe.
@@ -57,14 +72,18 @@ public:
 
     /// Received and not yet consumed. The consumer takes bytes from the front and erases them.
     std::vector<char>& incomingBuffer();
+
+    /// The same, to look at.
     const std::vector<char>& incomingBuffer() const;
 
     /// Waiting to be sent. The producer appends at the end and keeps the size within
     /// outgoingBufferLimit().
     std::vector<char>& outgoingBuffer();
+
+    /// The same, to look at.
     const std::vector<char>& outgoingBuffer() const;
 
-    /// How many bytes the outgoing buffer may hold.
+    /// How many bytes the outgoing buffer may hold; the same for every pipe.
     std::uint64_t outgoingBufferLimit() const;
 
     /// The descriptor to wait on for incoming bytes; -1 when there is no connection or when the

@@ -11,14 +11,22 @@ namespace nq {
 /// nothing is ever on disk and nothing is left when the host is killed. Only processes of the same
 /// effective user get in.
 ///
+/// @par Threads
 /// Not locked: one thread per object.
+///
+/// @par Blocking
+/// Only waitForNewConnection() waits for as long as it is told to, and listenUtf8() for a name of
+/// its own.
+///
+/// @par Errors
+/// What fails is a return value. Only allocation exceptions pass through.
 class [[gnu::visibility("default")]] nqNamedPipeServer
 {
 public:
     /// Idle: not listening.
     nqNamedPipeServer();
 
-    /// Closes as closeNamedPipeServer does.
+    /// Closes as closeNamedPipeServer() does.
     virtual ~nqNamedPipeServer();
 
     nqNamedPipeServer(const nqNamedPipeServer&) = delete;
@@ -31,8 +39,9 @@ public:
     /// waited for, up to a second.
     bool listenUtf8(const std::string& name);
 
-    /// Handles what a server may have to do between connections; never blocks when `timeoutMs` is
-    /// 0. Connections are taken in only by waitForNewConnection, so this costs nothing.
+    /// Handles what a server may have to do between connections, for at most `timeoutMs`
+    /// milliseconds; never blocks when that is 0. Connections are taken in only by
+    /// waitForNewConnection(), so this costs nothing.
     void processPipeServerEvents(int timeoutMs);
 
     /// Waits up to `timeoutMs` milliseconds for a connection, 0 or less meaning one look, and puts
@@ -50,7 +59,7 @@ public:
     /// Takes the oldest pending connection; null when there is none. The caller owns it.
     std::unique_ptr<nqNamedPipe> takePendingConnection();
 
-    /// Stops listening and closes the connections that were not taken.
+    /// Stops listening and closes the connections that were not taken. Those that were taken stay.
     void closeNamedPipeServer();
 
 private:

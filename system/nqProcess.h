@@ -15,20 +15,36 @@ namespace nq {
 ///
 /// Installs no signal handler and never waits for children that it did not start, so the host's
 /// other children stay the host's. A host that ignores SIGCHLD or reaps every child itself is
-/// served too. Not locked: one thread per object; different objects may be used on different
-/// threads. After fork() the child of a host must not touch objects made by its parent.
+/// served too.
+///
+/// @par Threads
+/// Not locked: one thread per object; different objects may be used on different threads. After
+/// fork() the child of a host must not touch objects made by its parent.
+///
+/// @par Blocking
+/// Only waitForFinished() waits for as long as it is told to, startProcess() until the child runs
+/// its program, and the destructor for a moment.
+///
+/// @par Errors
+/// What fails is a return value. Only allocation exceptions pass through.
 class [[gnu::visibility("default")]] nqProcess
 {
 public:
+    /// The life of the process.
     enum ProcessState : int {
         NotStarted = 0, ///< startProcess was not called or failed
         Running = 1,    ///< started, and not known to have ended
         Ended = 2       ///< ended and reaped; its pid is never used again
     };
 
-    /// 0 leaves the niceness of the host alone; the others set it.
-    enum ProcessPriority : int { InheritedPriority = 0, LowPriority = 1, IdlePriority = 2 };
+    /// How nice the child is: as the host, or nicer if the host is not that nice already.
+    enum ProcessPriority : int {
+        InheritedPriority = 0, ///< as nice as the host
+        LowPriority = 1,       ///< a niceness of 10
+        IdlePriority = 2       ///< a niceness of 19
+    };
 
+    /// No process yet.
     nqProcess();
 
     /// Kills whatever is left of the process's group and leaves no zombie behind. Returns as soon
@@ -57,7 +73,7 @@ public:
         bool silenceOutput,
         ProcessPriority priority);
 
-    /// Looks without waiting, and reaps a process that has ended.
+    /// What is known after a look without waiting, which reaps a process that has ended.
     ProcessState getState() const;
 
     /// The process id; 0 when none was started. Kept after the end, for messages.

@@ -8,7 +8,8 @@ namespace nq {
 /// Texts for people. The locale lives in the platform library; the two templates live in the
 /// scheduler library (support/), which instantiates them for `unsigned long` alone.
 ///
-/// Reentrant: any thread may call; the locale is only read.
+/// Any thread may call; the locale is only read. Nothing blocks, and only allocation and stream
+/// exceptions pass through.
 class nqStringUtils {
 public:
     /// The classic "C" locale: decimal point, no digit grouping, whatever the host's global locale.

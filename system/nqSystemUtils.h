@@ -5,14 +5,15 @@
 
 namespace nq {
 
-/// Small facts about the machine and the process. Every operation is static and may be called from
-/// any thread.
+/// Small facts about the machine and the process. Any thread may call; what blocks or fails says
+/// so.
 class [[gnu::visibility("default")]] nqSystemUtils
 {
 public:
     /// A fresh random UUID (version 4) in lower-case hexadecimal, from the kernel's random source:
     /// 36 characters with hyphens, 32 without. Throws std::system_error when the kernel gives no
-    /// random bytes, because a predictable pipe name is worse than no scheduler.
+    /// random bytes, because a predictable pipe name is worse than no scheduler. Blocks only while
+    /// the machine boots and the kernel has no random bytes yet.
     static std::string CreateUuid(bool withHyphens);
 
     /// The number of hardware threads that are online, at least 1.

@@ -4,7 +4,7 @@
 
 namespace nq {
 
-/// The calling thread.
+/// The calling thread. Nothing blocks, and only allocation throws.
 class [[gnu::visibility("default")]] nqThread
 {
 public:

@@ -76,6 +76,7 @@ void AreaScaler::addWeighted(std::uint64_t weight)
 void AreaScaler::finishTargetRow()
 {
     const std::uint64_t area = std::uint64_t{mSource.width} * mSource.height;
+    assert(area > 0);
     std::uint8_t* row = mTarget.row(mTargetRow);
     for (std::size_t at = 0; at < mSums.size(); ++at)
         row[at] = static_cast<std::uint8_t>((mSums[at] + area / 2) / area);

@@ -44,7 +44,8 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds limitAfterKill{1000};
 constexpr milliseconds limitForFirstWorker{60'000};
-constexpr std::uint64_t latestKillUs = 40'000 * chaos::slowness; // after the first sign of life
+constexpr std::uint64_t latestKillUs =
+    std::uint64_t{40'000} * chaos::slowness; // after the first sign of life
 constexpr std::uint64_t atATime = 4;
 constexpr std::size_t uuidLength = 36;
 

@@ -15,7 +15,7 @@ class CollectFiles : public testing::Test {
 protected:
     std::string touch(const std::string& name)
     {
-        const std::string path = folder.path(name);
+        std::string path = folder.path(name);
         std::filesystem::create_directories(std::filesystem::path(path).parent_path());
         sample::writeBytes(path, "x");
         return path;

@@ -51,8 +51,8 @@ TEST(AreaScaler, sharesAPixelOnABorderBetweenItsNeighbours)
 TEST(AreaScaler, keepsAnEvenColourAtAnyRatio)
 {
     for (std::uint32_t to = 1; to <= 17; ++to) {
-        const std::vector<int> result =
-            scaled({17, 13}, {to, (to * 13 + 16) / 17}, std::vector<int>(17 * 13, 255));
+        const std::vector<int> result = scaled(
+            {17, 13}, {to, (to * 13 + 16) / 17}, std::vector<int>(std::size_t{17} * 13, 255));
         for (const int value : result)
             EXPECT_EQ(value, 255) << "scaled to a width of " << to;
     }
