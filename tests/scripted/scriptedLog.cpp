@@ -27,6 +27,7 @@ void nqLog::LogEntry::computeLogPrefix(bool withThreadId)
 {
     scripted::machine().call(
         std::string("entry: computeLogPrefix(") + (withThreadId ? "true" : "false") + ")");
+    scripted::machine().prefixed = *this;
     mPrefix = scripted::machine().logPrefix;
 }
 

@@ -123,6 +123,7 @@ struct Machine {
 
     std::vector<Logged> logged;
     std::vector<nq::nqLog::LogEntry> systemLog;
+    nq::nqLog::LogEntry prefixed;        ///< the last one that asked for its prefix, as it was then
     std::string logPrefix = "prefix | "; ///< what computeLogPrefix fills in
 
     std::vector<Select> selects;

@@ -103,6 +103,16 @@ TEST_F(LogObject, fillsTheEntryFromTheMomentOfItsConstruction)
     EXPECT_EQ(entry.mSystemLogText, "");
 }
 
+TEST_F(LogObject, computesThePrefixOfAnEntryThatIsFilled)
+{
+    machine.wallTimeMs = 1111;
+    machine.threadId = "17";
+    nqLogObject(3, false) << "text";
+    EXPECT_EQ(machine.prefixed.mTimestampMs, 1111U);
+    EXPECT_EQ(machine.prefixed.mThreadId, "17");
+    EXPECT_EQ(machine.prefixed.mLevel, 3);
+}
+
 TEST_F(LogObject, computesThePrefixWithTheThreadBeforeItWrites)
 {
     nqLogObject(0, false) << "text";
