@@ -47,8 +47,8 @@ constexpr int poolBits = 32;
 // allocator's arenas; a block lost with each of the thousands of replacements goes far beyond this.
 constexpr std::size_t mostHeapGrowth = std::size_t{256} << 10;
 
-// Resident, with what the allocator keeps of threads and large jobs.
-constexpr std::size_t mostResidentGrowth = std::size_t{48} << 20;
+// Resident, with what the allocator cannot give back between blocks that are in use.
+constexpr std::size_t mostResidentGrowth = std::size_t{16} << 20;
 
 struct Options {
     std::uint64_t seconds = 60;
@@ -282,6 +282,7 @@ std::optional<Options> understand(const std::vector<std::string>& arguments)
 
 int main(int argc, char** argv)
 {
+    mallopt(M_ARENA_MAX, 1); // trimming would not reach the free tops of further arenas
     const auto options = understand({argv + 1, argv + argc});
     if (!options) {
         std::cerr << "options: --seconds N, --seed S, --first-round R, --rounds N, --verbose\n";
