@@ -21,12 +21,12 @@ class nqSchedulerPrivate;
 /// on different threads. A child that the host forks must not touch its parent's objects.
 ///
 /// @par Blocking
-/// The four that pump may block, and so may startScheduler(), which waits for each worker to
-/// connect. All others return at once.
+/// The four that pump may block, and so may startScheduler() and startWorker(), which wait for
+/// workers to connect. All others return at once.
 ///
 /// @par Errors
 /// Failures of jobs and workers are never exceptions. Only allocation and stream exceptions pass
-/// through, and none leaves the destructor.
+/// through, and from the constructors the one that they name. None leaves the destructor.
 ///
 /// @par Ownership
 /// What is passed in is copied. Texts that are returned by reference belong to the scheduler and

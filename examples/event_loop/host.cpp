@@ -58,7 +58,10 @@ unsigned long runLoop(nq::nqScheduler& scheduler)
         if (events[1].revents != 0)
             ticker.acknowledge();
 
-        scheduler.processScheduler(0); // also after a push, so that no job waits for the tick
+        // Twice: the first call takes in results and hands out jobs, the second sends those jobs'
+        // bytes. Also after a push, so that no job waits for the tick.
+        scheduler.processScheduler(0);
+        scheduler.processScheduler(0);
         printOutcomes(scheduler);
         ticker.setPeriod(scheduler.jobCount() != 0 ? busyTick : idleTick);
     }

@@ -6,7 +6,8 @@
 # include/ and system/*.h: the standard library and their own folder. scheduler/, supervision/,
 # worker/, support/: the standard library, include/, system/*.h, their own folder and those after
 # it; of the operating system only select(), and only in the pump. One look upwards is allowed: the
-# record of a worker takes jobs from the queues and hands its results to them.
+# record of a worker takes jobs from the queues and hands its results to them. system/linux/: the
+# system and system/.
 set -euo pipefail
 cd "$1"
 
@@ -60,6 +61,7 @@ check "the pump" "$below_scheduler|<sys/select\.h>" "$pump"
 check "supervision/" "$below_supervision|\"scheduler/nqJobQueues\.h\"" "${supervision[@]}"
 check "worker/" "$below_worker" "${worker[@]}"
 check "support/" "$below_support" "${support[@]}"
+check "system/linux/" '<[a-z0-9_./]+>|"system/(linux/)?nq[A-Za-z]+\.h"' system/linux/*.h system/linux/*.cpp
 
 # Platform #ifdefs are an include rule in disguise.
 platform_ifdefs=$(grep -EHn '^[[:space:]]*#[[:space:]]*(if|ifdef|ifndef|elif)\b.*(linux|unix|WIN32|APPLE)' \
