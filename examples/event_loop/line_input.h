@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cerrno>
+#include <fcntl.h>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -39,5 +40,6 @@ public:
 
 private:
     std::string mText; // the beginning of a line
-    bool mHasEnded = false;
+    // A program may be started with it closed, and its number is then given to what is opened next.
+    bool mHasEnded = ::fcntl(STDIN_FILENO, F_GETFD) < 0;
 };

@@ -16,13 +16,21 @@ package_file=$(find "$prefix" -name nqSchedulerAPI.pc)
 PKG_CONFIG_LIBDIR=$(dirname "$package_file")
 export PKG_CONFIG_LIBDIR
 
+# variable NAME PACKAGE: pkg-config puts a backslash before what a shell would split at.
+variable() {
+    local value
+    read value < <(pkg-config --variable="$1" "$2")
+    echo "$value"
+}
+
 for package in nqSchedulerAPI nqSystem; do
     found=$(pkg-config --modversion "$package") || fail "pkg-config does not know $package"
     [[ $found == 3.0.0 ]] || fail "the version of $package is $found"
     pkg-config --exists "$package >= 3.0" || fail "$package is older than 3.0"
     ! pkg-config --exists "$package >= 3.1" || fail "$package passes itself off as version 3.1"
-    [[ $(realpath "$(pkg-config --variable=prefix "$package")") == "$(realpath "$prefix")" ]] ||
-        fail "the prefix of $package is $(pkg-config --variable=prefix "$package"), not $prefix"
+    found=$(variable prefix "$package")
+    [[ $(realpath "$found") == "$(realpath "$prefix")" ]] ||
+        fail "the prefix of $package is $found, not $prefix"
 done
 [[ $(pkg-config --libs nqSchedulerAPI) != *nqSystem* ]] ||
     fail "every program is linked to the platform library"
@@ -31,9 +39,9 @@ done
 build() {
     local program=$1 flags
     shift
-    read -ra flags < <(pkg-config --cflags --libs "$@")
+    read -a flags < <(pkg-config --cflags --libs "$@")
     "$compiler" -std=c++17 "$here/../consumer/$program.cpp" -o "$scratch/$program" "${flags[@]}" \
-        "-Wl,-rpath,$(pkg-config --variable=libdir nqSchedulerAPI)" || fail "$program does not build"
+        "-Wl,-rpath,$(variable libdir nqSchedulerAPI)" || fail "$program does not build"
 }
 build worker nqSchedulerAPI
 build host nqSchedulerAPI

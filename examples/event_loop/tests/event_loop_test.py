@@ -35,6 +35,16 @@ class EventLoop(unittest.TestCase):
         ended = example_run.run([HOST, WORKER], b"899")
         self.assertIn(b"899 = 29 * 31\n", ended.stdout)
 
+    def test_a_closed_input_has_ended(self):
+        ended = subprocess.run(
+            ["sh", "-c", 'exec "$0" "$1" <&-', HOST, WORKER],
+            capture_output=True,
+            timeout=example_run.SECONDS,
+            check=False,
+        )
+        self.assertEqual(ended.returncode, 0, ended)
+        self.assertRegex(ended.stdout, rb"^\d+ wake-ups in ")
+
     def test_it_wakes_up_for_ticks_and_lines_alone(self):
         ended = example_run.run([HOST, WORKER], (LARGE + b"\n") * 4)
         wake_ups, milliseconds = wake_ups_and_milliseconds(ended.stdout.decode().splitlines()[-1])
