@@ -1,7 +1,5 @@
 #include "support/nqLogObject.h"
 
-#include <iostream>
-
 namespace nq {
 
 nqLogObject::~nqLogObject()
@@ -31,7 +29,7 @@ void nqLogObject::emit(const std::string& message)
     if (mLogger != nullptr)
         mLogger->Write(entry, mWriteOption);
     if (mSystemLogText == nullptr && mLogger == nullptr)
-        std::cout << entry.mPrefix << entry.mMessage << '\n' << std::flush;
+        nqLog::WriteToStandardOutput(entry);
 }
 
 } // namespace nq

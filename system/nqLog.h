@@ -17,12 +17,13 @@ namespace nq {
 /// called from any thread, since each entry is one write of one whole line.
 ///
 /// @par Blocking
-/// Write() waits while its file or stream takes nothing, on a non-blocking one for a second at
-/// most. WriteToSystemLog() waits as long as syslog does.
+/// Write() and WriteToStandardOutput() wait while their file or stream takes nothing, on a
+/// non-blocking one for a second at most. WriteToSystemLog() waits as long as syslog does.
 ///
 /// @par Errors
-/// What cannot be written is dropped: a line of the log must not take the host down. Only
-/// allocation exceptions pass through.
+/// What cannot be written is dropped: a line of the log must not take the host down. No write of
+/// this class raises a signal, neither SIGPIPE nor SIGXFSZ, and the host's handlers, mask and
+/// pending signals stay as they are. Only allocation exceptions pass through.
 class [[gnu::visibility("default")]] nqLog
 {
 public:
@@ -83,6 +84,13 @@ public:
     /// Hands the entry's system-log text to syslog under the matching severity. Any thread may
     /// call.
     static void WriteToSystemLog(const LogEntry& entry);
+
+    /// Writes prefix, message and a newline to standard output, after what the host has printed so
+    /// far: std::cout and stdout are flushed first, and the line itself passes by their buffers, so
+    /// that nothing of it is left there when it cannot be written. Nothing is written where the
+    /// host has closed the stream, or where its number is closed on exec and thus belongs to a
+    /// file of the host's own. Needs no logger. Any thread may call that may print.
+    static void WriteToStandardOutput(const LogEntry& entry);
 
 private:
     struct State;

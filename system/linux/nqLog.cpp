@@ -3,6 +3,7 @@
 #include "system/linux/nqDeadline.h"
 #include "system/linux/nqDescriptor.h"
 #include "system/linux/nqSystemCall.h"
+#include "system/linux/nqUncancellable.h"
 
 #include <algorithm>
 #include <array>
@@ -12,6 +13,7 @@
 #include <cstdio>
 #include <ctime>
 #include <fcntl.h>
+#include <iostream>
 #include <syslog.h>
 #include <unistd.h>
 #include <utility>
@@ -84,35 +86,40 @@ std::string formatLine(const nqLog::LogEntry& entry)
     return line;
 }
 
-/// Keeps a write to a closed pipe from raising SIGPIPE in the calling thread, without touching the
-/// host's handler: the signal is blocked, and one that this thread caused meanwhile is taken away.
-class BrokenPipeGuard {
+// What a write raises in the thread that writes: SIGPIPE where nobody reads any more, SIGXFSZ where
+// the file has reached the limit of its size.
+constexpr std::array<int, 2> signalsOfWrites{SIGPIPE, SIGXFSZ};
+
+/// Keeps writes from raising signals in the calling thread, without touching the host's handlers:
+/// the signals are blocked, and those that this thread caused meanwhile are taken away. What the
+/// host has blocked and waits for itself stays pending.
+class QuietWrites {
 public:
-    BrokenPipeGuard()
+    QuietWrites()
     {
         sigset_t pending;
         ::sigpending(&pending);
-        mWasPending = ::sigismember(&pending, SIGPIPE) == 1;
-        ::sigemptyset(&mBrokenPipe);
-        ::sigaddset(&mBrokenPipe, SIGPIPE);
-        ::pthread_sigmask(SIG_BLOCK, &mBrokenPipe, &mHostMask);
+        ::sigemptyset(&mMine);
+        for (const int signal : signalsOfWrites)
+            if (::sigismember(&pending, signal) == 0)
+                ::sigaddset(&mMine, signal);
+        ::pthread_sigmask(SIG_BLOCK, &mMine, &mHostMask);
     }
 
-    ~BrokenPipeGuard()
+    ~QuietWrites()
     {
         const timespec noWait{};
-        if (!mWasPending)
-            retryOnSignal([&] { return ::sigtimedwait(&mBrokenPipe, nullptr, &noWait); });
+        while (retryOnSignal([&] { return ::sigtimedwait(&mMine, nullptr, &noWait); }) > 0) {
+        }
         ::pthread_sigmask(SIG_SETMASK, &mHostMask, nullptr);
     }
 
-    BrokenPipeGuard(const BrokenPipeGuard&) = delete;
-    BrokenPipeGuard& operator=(const BrokenPipeGuard&) = delete;
+    QuietWrites(const QuietWrites&) = delete;
+    QuietWrites& operator=(const QuietWrites&) = delete;
 
 private:
-    sigset_t mBrokenPipe{};
+    sigset_t mMine{}; // the others are pending, which they can only be while they are blocked
     sigset_t mHostMask{};
-    bool mWasPending = false; // the host has blocked SIGPIPE and waits for this one itself
 };
 
 bool waitUntilWritable(int fd)
@@ -125,7 +132,7 @@ bool waitUntilWritable(int fd)
 /// cannot be written is dropped: a log line must not take the host down.
 void writeLine(int fd, const std::string& line)
 {
-    const BrokenPipeGuard guard;
+    const QuietWrites quiet;
     for (std::size_t written = 0; written < line.size();) {
         const ssize_t count = retryOnSignal(
             [&] { return ::write(fd, line.data() + written, line.size() - written); });
@@ -134,6 +141,30 @@ void writeLine(int fd, const std::string& line)
         else if (errno != EAGAIN || !waitUntilWritable(fd))
             return;
     }
+}
+
+/// The descriptor of the host's standard output; -1 for none. A number that is closed on exec is a
+/// file of the host's own, which was opened when the stream was closed already.
+int standardOutput()
+{
+    const int fd = ::fileno(stdout);
+    const int flags = fd < 0 ? -1 : ::fcntl(fd, F_GETFD);
+    return flags >= 0 && (flags & FD_CLOEXEC) == 0 ? fd : -1;
+}
+
+/// Lets what the host has printed go first. The buffer is asked and not the stream, whose state and
+/// exceptions are the host's.
+void flushStandardOutput()
+{
+    const nqUncancellable untilFlushed;
+    const QuietWrites quiet;
+    try {
+        if (std::cout.rdbuf() != nullptr)
+            std::cout.rdbuf()->pubsync();
+    } catch (...) {
+        // A buffer of the host's own may throw anything. The line is written all the same.
+    }
+    std::fflush(stdout);
 }
 
 /// Fills the free numbers among the standard streams for as long as it lives. The C library opens
@@ -223,12 +254,25 @@ void nqLog::Write(LogEntry& entry, bool /*flush*/)
     writeLine(fd, formatLine(entry));
 }
 
+void nqLog::WriteToStandardOutput(const LogEntry& entry)
+{
+    const std::string line = entry.mPrefix + entry.mMessage + '\n';
+    const int fd = standardOutput();
+    if (fd < 0)
+        return;
+    flushStandardOutput();
+    // Not through the buffer: what is left there when a write fails is tried again at exit, when
+    // nobody keeps the signals away.
+    writeLine(fd, line);
+}
+
 void nqLog::WriteToSystemLog(const LogEntry& entry)
 {
     const int priority = isLevel(entry.mLevel)
                              ? levels[static_cast<std::size_t>(entry.mLevel)].mSystemLogPriority
                              : LOG_INFO;
     const StandardStreamsFiller filler;
+    const QuietWrites quiet; // a host may have asked syslog for a copy on standard error
     ::syslog(priority, "%s", entry.mSystemLogText.c_str());
 }
 

@@ -10,10 +10,13 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <iostream>
 #include <locale>
 #include <optional>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <thread>
 #include <unistd.h>
@@ -31,6 +34,7 @@ struct SystemLogCall {
     int mSocket;
 };
 std::vector<SystemLogCall> systemLogCalls;
+bool systemLogCopiesToStandardError = false; // as after openlog() with LOG_PERROR
 
 void recordSystemLogCall(int priority, const char* format, va_list arguments)
 {
@@ -39,6 +43,8 @@ void recordSystemLogCall(int priority, const char* format, va_list arguments)
     const int lowestFree = ::open("/dev/null", O_RDWR | O_CLOEXEC);
     ::close(lowestFree);
     systemLogCalls.push_back({priority, text.data(), lowestFree});
+    if (systemLogCopiesToStandardError && ::write(STDERR_FILENO, text.data(), text.size()) < 0)
+        systemLogCopiesToStandardError = false;
 }
 
 } // namespace
@@ -648,6 +654,243 @@ TEST_F(Log, systemLogSocketNeverTakesThePlaceOfAStandardStream)
             << "with descriptor " << stream << " closed";
         EXPECT_FALSE(isOpenAfterwards) << "descriptor " << stream;
     }
+}
+
+void writeToStandardOutput(const std::string& message)
+{
+    nqLog::LogEntry entry = entryWithMessage(message);
+    entry.mPrefix = "prefix | ";
+    nqLog::WriteToStandardOutput(entry);
+}
+
+/// What a child process prints that runs `work` with a pipe as standard output and then exits.
+template <typename Work>
+std::string standardOutputOfChild(Work work)
+{
+    Pipe pipe;
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::dup2(pipe.writeEnd(), STDOUT_FILENO);
+        work();
+        std::exit(EXIT_SUCCESS);
+    }
+    pipe.closeWriteEnd();
+    const std::string printed = pipe.drain();
+    int status = -1;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, EXIT_SUCCESS);
+    return printed;
+}
+
+TEST_F(Log, standardOutputGetsPrefixMessageAndNewline)
+{
+    EXPECT_EQ(
+        standardOutputOfChild([] { writeToStandardOutput("message"); }), "prefix | message\n");
+}
+
+TEST_F(Log, standardOutputKeepsTheOrderOfWhatTheHostHasPrintedBefore)
+{
+    const auto work = [] {
+        std::cout << "streamed ";
+        std::printf("printed ");
+        writeToStandardOutput("logged");
+        std::cout << "afterwards";
+    };
+    EXPECT_EQ(standardOutputOfChild(work), "streamed printed prefix | logged\nafterwards");
+}
+
+TEST_F(Log, standardOutputKeepsTheOrderInAHostWhoseStreamsAreNotInStep)
+{
+    const auto work = [] {
+        std::ios_base::sync_with_stdio(false);
+        std::cout << "streamed ";
+        writeToStandardOutput("logged");
+        std::cout << "afterwards";
+    };
+    EXPECT_EQ(standardOutputOfChild(work), "streamed prefix | logged\nafterwards");
+}
+
+TEST_F(Log, everyLineOnStandardOutputIsOneWrite)
+{
+    std::array<int, 2> ends{-1, -1}; // each write is one message on this kind of socket
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()), 0);
+    {
+        const ReplacedStream standardOutput(STDOUT_FILENO, ends[1]);
+        writeToStandardOutput("message");
+    }
+    std::array<char, 256> received{};
+    const ssize_t length = ::recv(ends[0], received.data(), received.size(), 0);
+    EXPECT_EQ(std::string(received.data()), "prefix | message\n") << length;
+    ::close(ends[0]);
+    ::close(ends[1]);
+}
+
+TEST_F(Log, aFileThatTookTheNumberOfAClosedStandardOutputGetsNoLine)
+{
+    {
+        const ReplacedStream closed(STDOUT_FILENO);
+        const int file = ::open(mPath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        EXPECT_EQ(file, STDOUT_FILENO);
+        writeToStandardOutput("message");
+    }
+    EXPECT_EQ(fileContent(), "");
+}
+
+TEST_F(Log, aClosedStandardOutputIsSurvivedAndStaysClosed)
+{
+    bool isOpenAfterwards = true;
+    {
+        const ReplacedStream closed(STDOUT_FILENO);
+        writeToStandardOutput("nobody listens");
+        isOpenAfterwards = ::fcntl(STDOUT_FILENO, F_GETFD) != -1;
+    }
+    EXPECT_FALSE(isOpenAfterwards);
+}
+
+/// Hosts that write a line where a write raises a signal whose default is to end them.
+using LogDeathTest = Log;
+
+void expectNoSignals()
+{
+    sigset_t pending;
+    sigset_t blocked;
+    ::sigpending(&pending);
+    ::pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    for (const int signal : {SIGPIPE, SIGXFSZ})
+        if (::sigismember(&pending, signal) != 0 || ::sigismember(&blocked, signal) != 0)
+            std::_Exit(EXIT_FAILURE);
+}
+
+/// Runs `work` in a process for which both signals are deadly, and lets it exit as a host does.
+template <typename Work>
+[[noreturn]] void runHost(Work work)
+{
+    std::signal(SIGPIPE, SIG_DFL);
+    std::signal(SIGXFSZ, SIG_DFL);
+    work();
+    expectNoSignals();
+    std::exit(EXIT_SUCCESS);
+}
+
+/// Makes `stream` a pipe that nobody reads.
+void breakPipe(int stream)
+{
+    Pipe pipe;
+    ::dup2(pipe.writeEnd(), stream);
+}
+
+/// Makes `stream` a file that may not grow.
+void fillFile(const std::string& path, int stream)
+{
+    const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    ::dup2(file, stream);
+    ::close(file);
+    const rlimit nothing{0, 0};
+    ::setrlimit(RLIMIT_FSIZE, &nothing);
+}
+
+const ::testing::ExitedWithCode survives(EXIT_SUCCESS);
+
+TEST_F(LogDeathTest, aHostWithoutALoggerSurvivesAClosedPipeOnStandardOutput)
+{
+    const auto host = [] {
+        breakPipe(STDOUT_FILENO);
+        writeToStandardOutput("nobody listens");
+    };
+    EXPECT_EXIT(runHost(host), survives, "");
+}
+
+TEST_F(LogDeathTest, aHostWithoutALoggerSurvivesAFullStandardOutput)
+{
+    const auto host = [this] {
+        fillFile(mPath, STDOUT_FILENO);
+        writeToStandardOutput("no room");
+    };
+    EXPECT_EXIT(runHost(host), survives, "");
+    EXPECT_EQ(fileContent(), "");
+}
+
+TEST_F(LogDeathTest, whatTheHostHasPrintedIntoAClosedPipeRaisesNothingInALine)
+{
+    const auto host = [] {
+        breakPipe(STDOUT_FILENO);
+        std::cout << "printed";
+        writeToStandardOutput("nobody listens");
+    };
+    EXPECT_EXIT(runHost(host), survives, "");
+}
+
+TEST_F(LogDeathTest, theStateAndTheExceptionsOfTheHostsStreamAreLeftAlone)
+{
+    const auto host = [] {
+        breakPipe(STDOUT_FILENO);
+        std::cout << "printed";
+        std::cout.exceptions(std::ios_base::badbit);
+        writeToStandardOutput("nobody listens");
+        if (std::cout.rdstate() != std::ios_base::goodbit)
+            std::_Exit(EXIT_FAILURE);
+    };
+    EXPECT_EXIT(runHost(host), survives, "");
+}
+
+TEST_F(LogDeathTest, aLineThatCouldNotBeWrittenIsNotLeftInTheBuffer)
+{
+    const auto host = [this] {
+        breakPipe(STDOUT_FILENO);
+        writeToStandardOutput("nobody listens");
+        const int file = ::open(mPath.c_str(), O_WRONLY | O_CREAT, 0600);
+        ::dup2(file, STDOUT_FILENO);
+    };
+    EXPECT_EXIT(runHost(host), survives, "");
+    EXPECT_EQ(fileContent(), "");
+}
+
+TEST_F(LogDeathTest, aHostWithALoggerSurvivesAClosedPipeOnStandardError)
+{
+    const auto host = [] {
+        nqLog log;
+        breakPipe(STDERR_FILENO);
+        write(log, entryWithMessage("nobody listens"), true);
+    };
+    EXPECT_EXIT(runHost(host), survives, "");
+}
+
+TEST_F(LogDeathTest, aHostWithALoggerSurvivesAFileThatMayNotGrow)
+{
+    const auto host = [this] {
+        nqLog log(mPath);
+        fillFile(mPath, STDIN_FILENO);
+        write(log, entryWithMessage("no room"), true);
+    };
+    EXPECT_EXIT(runHost(host), survives, "");
+    EXPECT_EQ(fileContent(), "");
+}
+
+TEST_F(LogDeathTest, aHostWhoseSystemLogCopiesToAClosedPipeSurvives)
+{
+    const auto host = [] {
+        systemLogCopiesToStandardError = true;
+        breakPipe(STDERR_FILENO);
+        nqLog::WriteToSystemLog(entryWithMessage("nobody listens"));
+    };
+    EXPECT_EXIT(runHost(host), survives, "");
+}
+
+TEST_F(Log, aFileSizeSignalThatTheHostWaitsForItselfIsLeftPending)
+{
+    sigset_t fileSize;
+    sigset_t previous;
+    ::sigemptyset(&fileSize);
+    ::sigaddset(&fileSize, SIGXFSZ);
+    ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &fileSize, &previous), 0);
+    ASSERT_EQ(::raise(SIGXFSZ), 0);
+
+    nqLog log(mPath);
+    write(log, entryWithMessage("message"), true);
+
+    const timespec noWait{};
+    EXPECT_EQ(::sigtimedwait(&fileSize, nullptr, &noWait), SIGXFSZ);
+    ASSERT_EQ(::pthread_sigmask(SIG_SETMASK, &previous, nullptr), 0);
 }
 
 } // namespace

@@ -70,4 +70,9 @@ void nqLog::WriteToSystemLog(const LogEntry& entry)
     scripted::machine().systemLog.push_back(entry);
 }
 
+void nqLog::WriteToStandardOutput(const LogEntry& entry)
+{
+    scripted::machine().call("standard output: " + entry.mPrefix + entry.mMessage);
+}
+
 } // namespace nq

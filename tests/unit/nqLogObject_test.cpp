@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <iostream>
 #include <new>
 #include <sstream>
 #include <stdexcept>
@@ -18,32 +17,6 @@ using support::Lines;
 
 static_assert(!std::is_copy_constructible_v<nqLogObject>);
 static_assert(std::is_nothrow_destructible_v<nqLogObject>);
-
-/// Takes the place of standard output and remembers what had been written when it was flushed.
-class FlushedOutput : public std::stringbuf {
-public:
-    FlushedOutput()
-        : mBefore(std::cout.rdbuf(this))
-    {
-    }
-    ~FlushedOutput() override
-    {
-        std::cout.rdbuf(mBefore);
-    }
-    FlushedOutput(const FlushedOutput&) = delete;
-    FlushedOutput& operator=(const FlushedOutput&) = delete;
-
-    std::string textAtFlush;
-
-private:
-    int sync() override
-    {
-        textAtFlush = str();
-        return 0;
-    }
-
-    std::streambuf* mBefore;
-};
 
 class LogObject : public testing::Test {
 protected:
@@ -182,10 +155,8 @@ TEST_F(LogObject, staysEnabledWhenTheFlagChangesAfterItsConstruction)
 
 TEST_F(LogObject, writesNeitherToStandardOutputNorToTheSystemLogWhenThereIsALogger)
 {
-    testing::internal::CaptureStdout();
     nqLogObject(3, true) << "text";
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    EXPECT_TRUE(machine.systemLog.empty());
+    EXPECT_EQ(machine.calls, (Lines{"entry: computeLogPrefix(true)", "log: text"}));
 }
 
 TEST_F(LogObject, followsTheGlobalLocaleForNumbersOnPurpose)
@@ -195,37 +166,29 @@ TEST_F(LogObject, followsTheGlobalLocaleForNumbersOnPurpose)
     EXPECT_EQ(machine.messages(), Lines{"1.234.567"});
 }
 
-TEST_F(LogObjectWithoutLogger, printsPrefixMessageAndNewline)
+TEST_F(LogObjectWithoutLogger, printsPrefixAndMessage)
 {
-    testing::internal::CaptureStdout();
     nqLogObject(2, true) << "mess"
                          << "age";
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "prefix | message\n");
-    EXPECT_EQ(machine.calls, Lines{"entry: computeLogPrefix(true)"});
-}
-
-TEST_F(LogObjectWithoutLogger, flushesWhatItPrints)
-{
-    const FlushedOutput output;
-    nqLogObject(2, true) << "message";
-    EXPECT_EQ(output.textAtFlush, "prefix | message\n");
+    EXPECT_EQ(
+        machine.calls,
+        (Lines{"entry: computeLogPrefix(true)", "standard output: prefix | message"}));
 }
 
 TEST_F(LogObjectWithoutLogger, printsEveryLevelFromZeroToThree)
 {
-    testing::internal::CaptureStdout();
-    for (const int level : {0, 1, 2, 3})
+    for (const int level : {0, 1, 2, 3}) {
+        machine.calls.clear();
         nqLogObject(level, false) << std::to_string(level);
-    EXPECT_EQ(
-        testing::internal::GetCapturedStdout(), "prefix | 0\nprefix | 1\nprefix | 2\nprefix | 3\n");
+        EXPECT_EQ(machine.calls.back(), "standard output: prefix | " + std::to_string(level));
+    }
 }
 
 TEST_F(LogObjectWithoutLogger, printsNothingAtTheDisabledLevelOrWithoutAText)
 {
-    testing::internal::CaptureStdout();
     nqLogObject(4, true) << "text";
     nqLogObject(3, true) << "";
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(machine.calls, Lines{});
 }
 
 using LogObjectDeathTest = LogObject;

@@ -261,12 +261,12 @@ TEST_F(WorkerLaunch, printsTheReportAndAsksForPidAndDirectoryWithoutALogger)
 {
     nq::nqLog::msInstance = nullptr;
     timeOut();
-    testing::internal::CaptureStdout();
     scheduler->startWorker();
     EXPECT_EQ(
-        testing::internal::GetCapturedStdout(),
-        "prefix | Fail to startWorker, Timeout while waiting for worker connection (pid 4242) - "
-        "command line was: /opt/w/worker \"uuid-1\" current working directory was /home/user\n");
+        machine.count("standard output: prefix | Fail to startWorker, Timeout while waiting for "
+                      "worker connection (pid 4242) - command line was: /opt/w/worker \"uuid-1\" "
+                      "current working directory was /home/user"),
+        1);
     EXPECT_EQ(machine.count("process 4242: getPid()"), 1);
     EXPECT_EQ(machine.count("dirs: GetCurrentWorkingDirUtf8()"), 1);
 }

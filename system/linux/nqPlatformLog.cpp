@@ -1,0 +1,32 @@
+#include "system/linux/nqPlatformLog.h"
+
+#include "system/linux/nqUncancellable.h"
+#include "system/nqLog.h"
+#include "system/nqSystemUtils.h"
+#include "system/nqThread.h"
+
+namespace nq {
+
+void logError(const std::string& message) noexcept
+{
+    const nqUncancellable untilWritten;
+    try {
+        nqLog* const logger = nqLog::msInstance;
+        if (logger != nullptr && !logger->isLevelEnabled(nqLog::Error))
+            return;
+        nqLog::LogEntry entry;
+        entry.mMessage = message;
+        entry.mThreadId = nqThread::CurrentThreadId();
+        entry.mTimestampMs = nqSystemUtils::GetMSecElapsedSinceEpoch();
+        entry.mLevel = nqLog::Error;
+        entry.computeLogPrefix(true);
+        if (logger != nullptr)
+            logger->Write(entry, true);
+        else
+            nqLog::WriteToStandardOutput(entry);
+    } catch (...) {
+        // A logger of the host's may throw anything. The line is lost, which harms nobody.
+    }
+}
+
+} // namespace nq
