@@ -1,6 +1,7 @@
 #include "system/linux/nqChild.h"
 
 #include "system/linux/nqDeadline.h"
+#include "system/linux/nqPidfd.h"
 #include "system/linux/nqSystemCall.h"
 
 #include <algorithm>
@@ -8,11 +9,6 @@
 #include <csignal>
 #include <fcntl.h>
 #include <sys/wait.h>
-
-// The C library's header forgets to say so itself.
-extern "C" {
-#include <sys/pidfd.h>
-}
 
 namespace nq {
 
@@ -25,7 +21,7 @@ constexpr std::int64_t maxPauseMs = 16;  // late by no more than that, and hardl
 
 nqChild::nqChild(pid_t pid)
     : mPid(pid),
-      mPidfd(::pidfd_open(pid, 0))
+      mPidfd(pidfdOpen(pid))
 {
 }
 
@@ -65,7 +61,7 @@ bool nqChild::waitForEnd(std::int64_t timeoutMs)
 void nqChild::kill()
 {
     if (mPidfd.isOpen()) {
-        ::pidfd_send_signal(mPidfd.get(), SIGKILL, nullptr, 0);
+        pidfdSendSignal(mPidfd.get(), SIGKILL);
         return;
     }
     // Only a child that is running this moment is known to own its number.
@@ -77,7 +73,7 @@ void nqChild::kill()
 
 bool nqChild::reap(int options)
 {
-    const idtype_t kind = mPidfd.isOpen() ? P_PIDFD : P_PID;
+    const idtype_t kind = mPidfd.isOpen() ? waitForPidfd : P_PID;
     const id_t id = static_cast<id_t>(mPidfd.isOpen() ? mPidfd.get() : mPid);
     siginfo_t ended{};
     if (retryOnSignal([&] { return ::waitid(kind, id, &ended, WEXITED | options); }) != 0)

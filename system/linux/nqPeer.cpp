@@ -1,8 +1,9 @@
 #include "system/linux/nqPeer.h"
 
+#include "system/linux/nqPidfd.h"
+
 #include <cerrno>
 #include <poll.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace nq {
@@ -41,7 +42,7 @@ void nqPeer::watchWith(int socket)
     mWatch = nqDescriptor(pidfdOfPeer(socket));
     if (mWatch.isOpen())
         return;
-    const auto pidfd = static_cast<int>(::syscall(SYS_pidfd_open, mCredentials.pid, 0));
+    const int pidfd = pidfdOpen(mCredentials.pid);
     mDead = pidfd < 0 && errno == ESRCH;
     mWatch = nqDescriptor(pidfd);
 }

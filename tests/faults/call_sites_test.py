@@ -63,6 +63,14 @@ class CallSites(unittest.TestCase):
         self.assertNotIn("short-3", looks)
         self.assertIn("short-3", reads)
 
+    def test_an_operation_has_an_entry_for_one_function_too(self):
+        def outcome_of_no_such_process(function):
+            faults = faults_table.faults_of("syscall", "SYS_pidfd_open", [function])
+            return next(fault.tolerance for fault in faults if fault.name == "ESRCH")
+
+        self.assertEqual(outcome_of_no_such_process("watchWith"), faults_table.COSTLY)
+        self.assertEqual(outcome_of_no_such_process("nqChild"), faults_table.TRANSPARENT)
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -17,11 +17,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-// The C library's header forgets to say so itself.
-extern "C" {
-#include <sys/pidfd.h>
-}
-
 namespace {
 
 using faults::Action;
@@ -159,13 +154,6 @@ NQ_FAILING(
 NQ_FAILING(kill, anySelector, (pid_t pid, int signal), (pid, signal), noexcept)
 NQ_FAILING(listen, anySelector, (int fd, int backlog), (fd, backlog), noexcept)
 NQ_FAILING(nanosleep, anySelector, (const timespec* time, timespec* left), (time, left), )
-NQ_FAILING(pidfd_open, anySelector, (pid_t pid, unsigned int flags), (pid, flags), noexcept)
-NQ_FAILING(
-    pidfd_send_signal,
-    anySelector,
-    (int pidfd, int signal, siginfo_t* info, unsigned int flags),
-    (pidfd, signal, info, flags),
-    noexcept)
 NQ_FAILING(pipe2, anySelector, (int* ends, int flags), (ends, flags), noexcept)
 NQ_FAILING(
     poll, anySelector, (pollfd * watched, nfds_t count, int timeout), (watched, count, timeout), )

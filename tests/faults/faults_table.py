@@ -1,8 +1,8 @@
 """What every call by which the libraries enter the kernel can suffer.
 
-FAULTS is searched for the most exact key first: "call:SELECTOR" for a call that chooses its
-operation by a number, then "call@function" for a call inside one function of the libraries, then
-"call". The errors are those of the calls' manual pages that a library can meet without being at
+FAULTS is searched for the most exact key first: "call:SELECTOR@function", then "call:SELECTOR" for a
+call that chooses its operation by a number, then "call@function" for a call inside one function of
+the libraries, then "call". The errors are those of the calls' manual pages that a library can meet without being at
 fault itself, and those of a sandbox or a security module.
 """
 
@@ -96,8 +96,6 @@ FAULTS = {
     "listen": costly("EADDRINUSE", "ENOMEM", lasts=True),
     "nanosleep": transparent("EINTR"),
     "open": transparent("EINTR") + NO_DESCRIPTOR + NO_MEMORY + costly("EACCES", "ENOENT"),
-    "pidfd_open": NO_PIDFD + transparent("ESRCH"),
-    "pidfd_send_signal": transparent("ESRCH", "EPERM", "ENOSYS", lasts=True),
     "pipe2": NO_DESCRIPTOR + NO_MEMORY,
     "poll": transparent("EINTR", "ENOMEM"),
     "ppoll": transparent("EINTR") + NO_MEMORY,
@@ -125,7 +123,10 @@ FAULTS = {
     "sigtimedwait": transparent("EINTR", "EAGAIN"),
     "socket": NO_DESCRIPTOR + NO_MEMORY + costly("ENOBUFS", "EACCES"),
     "socketpair": NO_DESCRIPTOR + NO_MEMORY + costly("ENOBUFS"),
-    "syscall:SYS_pidfd_open": NO_PIDFD + costly("ESRCH"),  # the peer has died
+    # The host has reaped the child before we could look.
+    "syscall:SYS_pidfd_open": NO_PIDFD + transparent("ESRCH"),
+    "syscall:SYS_pidfd_open@watchWith": NO_PIDFD + costly("ESRCH"),  # the peer has died
+    "syscall:SYS_pidfd_send_signal": transparent("ESRCH", "EPERM", "ENOSYS", lasts=True),
     "vfork": costly("EAGAIN", "ENOMEM", "ENOSYS", lasts=True),
     # The host has reaped the child before we did.
     "waitid": transparent("EINTR") + reaped_by_host(),
@@ -190,7 +191,12 @@ SELECTORS = {
     "fcntl": {"F_SETFD": 2, "F_SETFL": 4, "F_SETOWN": 8, "F_SETSIG": 10, "F_DUPFD_CLOEXEC": 1030},
     "getsockopt": {"SO_PEERCRED": 17, "SO_PEERPIDFD": 77},
     "setsockopt": {"SO_SNDBUF": 7, "SO_SNDBUFFORCE": 32},
-    "syscall": {"SYS_rt_sigaction": 13, "SYS_rt_sigprocmask": 14, "SYS_pidfd_open": 434},
+    "syscall": {
+        "SYS_rt_sigaction": 13,
+        "SYS_rt_sigprocmask": 14,
+        "SYS_pidfd_send_signal": 424,
+        "SYS_pidfd_open": 434,
+    },
 }
 
 
@@ -208,7 +214,8 @@ def selector_name(call, number):
 
 def faults_of(call, selector, functions):
     """What a call inside `functions` can suffer; None for one that this table does not know."""
-    keys = [f"{call}:{selector}"] if selector else []
+    exact = f"{call}:{selector}" if selector else call
+    keys = [f"{exact}@{function}" for function in functions] + [exact]
     keys += [f"{call}@{function}" for function in functions] + [call]
     for key in keys:
         if key in FAULTS:

@@ -39,7 +39,6 @@ PLACES_OF_LIBRARY = 1 << 20
 # an old kernel or a sandbox, no privileges, and a name that another thread's child still holds at
 # the second start.
 POOR_KERNEL = (
-    ("pidfd_open", "ENOSYS", 1, True),
     ("syscall:SYS_pidfd_open", "ENOSYS", 1, True),
     ("getsockopt:SO_PEERPIDFD", "ENOPROTOOPT", 1, True),
     ("setsockopt:SO_SNDBUFFORCE", "EPERM", 1, True),

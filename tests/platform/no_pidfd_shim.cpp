@@ -2,19 +2,52 @@
 // pidfds and knows no close_range.
 
 #include <cerrno>
-#include <sys/types.h>
+#include <cstdarg>
+#include <dlfcn.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
-extern "C" {
+namespace {
 
-int pidfd_open(pid_t, unsigned int) noexcept
+using SystemCall = decltype(::syscall);
+
+SystemCall* realSystemCall()
+{
+    return reinterpret_cast<SystemCall*>(::dlsym(RTLD_NEXT, "syscall"));
+}
+
+// Found when the shim is loaded, because the child between vfork and exec must not search.
+SystemCall* const systemCall = realSystemCall();
+
+int refuse()
 {
     errno = ENOSYS;
     return -1;
 }
 
+} // namespace
+
+extern "C" {
+
 int close_range(unsigned int, unsigned int, int) noexcept
 {
-    errno = ENOSYS;
-    return -1;
+    return refuse();
+}
+
+// Hands on as many arguments as any operation takes: what nobody has passed, nobody looks at.
+long syscall(long number, ...) noexcept
+{
+    if (number == SYS_pidfd_open || number == SYS_pidfd_send_signal)
+        return refuse();
+    va_list list;
+    va_start(list, number);
+    long arguments[6];
+    for (long& argument : arguments)
+        argument = va_arg(list, long);
+    va_end(list);
+    // Who calls before the shim is initialised runs no vfork.
+    SystemCall* const call = systemCall != nullptr ? systemCall : realSystemCall();
+    return call(
+        number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
 }
 }

@@ -1,5 +1,6 @@
 #include "tests/platform/process_helpers.h"
 
+#include "system/linux/nqPidfd.h"
 #include "system/linux/nqWorkerGroups.h"
 
 #include <atomic>
@@ -423,6 +424,16 @@ TEST_F(ProcessEnd, isFinalWhoeverGetsTheNumberNext)
     EXPECT_EQ(mProcess.getState(), nqProcess::Ended);
     EXPECT_FALSE(mProcess.setWorkingSetMaxSize(1));
     expectAliveAndEnd(bystander);
+}
+
+TEST(Pidfds, areRefusedInTheRunThatGoesWithoutThem)
+{
+    if (!pidfdsAreRefused())
+        GTEST_SKIP() << "this run has them";
+    EXPECT_EQ(nq::pidfdOpen(::getpid()), -1);
+    EXPECT_EQ(errno, ENOSYS);
+    EXPECT_EQ(::close_range(~0U, ~0U, 0), -1);
+    EXPECT_EQ(errno, ENOSYS);
 }
 
 TEST_F(ProcessEnd, isNotMistakenWhenTheHostReapsAndTheNumberIsUsedAgain)
