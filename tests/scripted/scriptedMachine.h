@@ -134,6 +134,7 @@ struct Machine {
     int idealThreadCount = 8;
     std::string currentDirectory = "/home/user";
     std::string threadId = "4711";
+    bool isForkedChild = false; ///< what was made before is that of the parent
     bool uuidFails = false;
     bool serverConstructionFails = false;
     int uuidCount = 0;

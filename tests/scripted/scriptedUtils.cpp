@@ -2,6 +2,7 @@
 
 #include "system/nqDirUtils.h"
 #include "system/nqHighResTimer.h"
+#include "system/nqOwnerProcess.h"
 #include "system/nqStringUtils.h"
 #include "system/nqSystemUtils.h"
 #include "system/nqThread.h"
@@ -55,6 +56,16 @@ double nqHighResTimer::getElapsedTimeInSec() const
     if (!mIsStarted)
         return 0;
     return std::chrono::duration<double>(scriptedNow() - mStart).count();
+}
+
+nqOwnerProcess::nqOwnerProcess() noexcept
+    : mMark(scripted::machine().isForkedChild)
+{
+}
+
+bool nqOwnerProcess::isThisProcess() const noexcept
+{
+    return mMark == std::uint64_t{scripted::machine().isForkedChild};
 }
 
 const std::locale nqStringUtils::msCplusLocale = std::locale::classic();

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+
+namespace nq {
+
+/// Remembers the process that made it.
+///
+/// A forked child has a copy of every object of its parent, and shares the sockets behind them. An
+/// object that holds one of these asks before it acts, so that its copy leaves the parent's
+/// connections and processes alone. Whichever way the child was made: the memory that tells is one
+/// that the kernel wipes in it.
+///
+/// Any thread may call. Nothing blocks, nothing throws, and a question costs no system call.
+class [[gnu::visibility("default")]] nqOwnerProcess
+{
+public:
+    /// The calling process is the owner.
+    nqOwnerProcess() noexcept;
+
+    /// False in a process that was forked, directly or not, from the one that made this object.
+    bool isThisProcess() const noexcept;
+
+private:
+    std::uint64_t mMark;
+};
+
+} // namespace nq
