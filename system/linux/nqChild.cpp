@@ -19,13 +19,20 @@ constexpr std::int64_t maxPauseMs = 16;  // late by no more than that, and hardl
 
 } // namespace
 
+nqChildEnd nqChildEnd::of(const siginfo_t& ended)
+{
+    if (ended.si_code == CLD_EXITED)
+        return {ended.si_status, 0, false};
+    return {0, ended.si_status, ended.si_code == CLD_DUMPED};
+}
+
 nqChild::nqChild(pid_t pid)
     : mPid(pid),
       mPidfd(pidfdOpen(pid))
 {
 }
 
-bool nqChild::hasEnded()
+bool nqChild::reapIfEnded()
 {
     return reap(WNOHANG);
 }
@@ -40,7 +47,7 @@ bool nqChild::waitForEnd(std::int64_t timeoutMs)
     const nqDeadline deadline(timeoutMs);
     bool watch = mPidfd.isOpen();
     std::int64_t pauseMs = firstPauseMs;
-    while (!hasEnded()) {
+    while (!reapIfEnded()) {
         if (deadline.hasPassed())
             return false;
         if (watch) {
@@ -78,7 +85,10 @@ bool nqChild::reap(int options)
     siginfo_t ended{};
     if (retryOnSignal([&] { return ::waitid(kind, id, &ended, WEXITED | options); }) != 0)
         return errno == ECHILD;
-    return ended.si_pid != 0;
+    if (ended.si_pid == 0)
+        return false;
+    mEnd = nqChildEnd::of(ended);
+    return true;
 }
 
 } // namespace nq

@@ -2,10 +2,27 @@
 
 #include "system/linux/nqDescriptor.h"
 
+#include <csignal>
 #include <cstdint>
+#include <optional>
 #include <sys/types.h>
 
 namespace nq {
+
+/// How a process ended.
+struct nqChildEnd {
+    int mExitStatus = 0; // when no signal ended it
+    int mSignal = 0;     // 0: none
+    bool mDumpedCore = false;
+
+    /// What waitid() has filled in.
+    static nqChildEnd of(const siginfo_t& ended);
+
+    bool isSuccess() const
+    {
+        return mExitStatus == 0 && mSignal == 0;
+    }
+};
 
 /// One child of this process, from its start until it is reaped.
 ///
@@ -20,14 +37,20 @@ public:
     /// A child that this process has just started.
     explicit nqChild(pid_t pid);
 
-    /// Looks without waiting and reaps. Once true, nothing may be called any more.
-    bool hasEnded();
+    /// Looks without waiting and reaps. Once true, only end() may be called any more.
+    bool reapIfEnded();
 
     /// Waits without limit for the end and reaps.
     void waitForEnd();
 
     /// Waits at most `timeoutMs` milliseconds; 0 looks once. True when it has ended and is reaped.
     bool waitForEnd(std::int64_t timeoutMs);
+
+    /// How it ended, once it was reaped; nothing when somebody else has taken that away.
+    const std::optional<nqChildEnd>& end() const
+    {
+        return mEnd;
+    }
 
     /// Sends SIGKILL to this one process, and returns at once.
     void kill();
@@ -37,6 +60,7 @@ private:
 
     pid_t mPid;
     nqDescriptor mPidfd; // none where pidfds are refused
+    std::optional<nqChildEnd> mEnd;
 };
 
 } // namespace nq

@@ -14,6 +14,13 @@ nqDeadline::nqDeadline(std::int64_t timeoutMs)
 {
 }
 
+nqDeadline nqDeadline::orIn(std::int64_t timeoutMs) const
+{
+    nqDeadline sooner(timeoutMs);
+    sooner.mEnd = std::min(sooner.mEnd, mEnd);
+    return sooner;
+}
+
 bool nqDeadline::hasPassed() const
 {
     return steady_clock::now() >= mEnd;

@@ -16,6 +16,9 @@ public:
     /// `timeoutMs` milliseconds from now; 0 or less has passed already.
     explicit nqDeadline(std::int64_t timeoutMs);
 
+    /// This one, or one `timeoutMs` milliseconds from now if that comes first.
+    nqDeadline orIn(std::int64_t timeoutMs) const;
+
     bool hasPassed() const;
 
     /// poll() until something is reported or the deadline is there. Returns what poll() returned

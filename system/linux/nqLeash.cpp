@@ -90,7 +90,7 @@ void nqLeash::killGroup() noexcept
 {
     // Closing would do as well, but too late when a child that another thread has just forked holds
     // copies until its exec. A shutdown hangs up whoever else holds the socket.
-    if (isMade())
+    if (isMade() && mOwner.isThisProcess())
         ::shutdown(mOneEnd.get(), SHUT_RDWR);
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "system/linux/nqDescriptor.h"
+#include "system/nqOwnerProcess.h"
 
 namespace nq {
 
@@ -50,6 +51,7 @@ public:
 private:
     struct Registry;
 
+    nqOwnerProcess mOwner; // a forked child kills nobody, not even by a fork that ran no handler
     nqDescriptor mOneEnd;
     nqDescriptor mOtherEnd;
 };

@@ -99,7 +99,9 @@ void nqNamedPipe::State::adopt(nqDescriptor socket, nqPeer peer)
 
 void nqNamedPipe::State::close()
 {
-    shutDownAndClose(mSocket);
+    if (mOwner.isThisProcess())
+        shutDownAndClose(mSocket);
+    mSocket.close();
     mPeer = nqPeer();
     mWriteFailed = false;
     mIncoming.clear();
@@ -138,7 +140,7 @@ bool nqNamedPipe::State::isIncomingFull() const
 
 void nqNamedPipe::State::processEvents(int timeoutMs, bool wait)
 {
-    if (!isConnected() || isForsaken()) {
+    if (!mOwner.isThisProcess() || !isConnected() || isForsaken()) {
         close();
         return;
     }
@@ -335,6 +337,8 @@ nqNamedPipe::~nqNamedPipe()
 bool nqNamedPipe::connectToNamedPipeServerUtf8(const std::string& name)
 {
     closeNamedPipe();
+    if (!mState->mOwner.isThisProcess())
+        return false;
     nqDescriptor socket = connectTo(name);
     if (!socket.isOpen())
         return false;

@@ -2,11 +2,13 @@
 
 #include "system/linux/nqDeadline.h"
 #include "system/linux/nqDescriptor.h"
+#include "system/linux/nqLaunchWatch.h"
 #include "system/linux/nqPeer.h"
 #include "system/linux/nqPipeSocket.h"
 #include "system/linux/nqPipeState.h"
+#include "system/linux/nqStartedProcess.h"
 #include "system/linux/nqSystemCall.h"
-#include "system/linux/nqWorkerGroups.h"
+#include "system/nqOwnerProcess.h"
 
 #include <cerrno>
 #include <chrono>
@@ -46,21 +48,6 @@ bool hasHungUpInSilence(const nqDescriptor& socket, nqPeer& peer)
     return died || !mayStillSend;
 }
 
-bool isOneTooManyOfItsGroup(const nqPeer& peer)
-{
-    if (peer.pid() <= 0)
-        return false;
-    // A process that is gone has no group any more; it may have led one.
-    const pid_t group = ::getpgid(peer.pid());
-    return !nqWorkerGroups::admits(group > 0 ? group : peer.pid());
-}
-
-bool isWelcome(const nqDescriptor& socket, nqPeer& peer)
-{
-    return peer.belongsToThisUser() && !hasHungUpInSilence(socket, peer) &&
-           !isOneTooManyOfItsGroup(peer);
-}
-
 enum class Acceptance {
     accepted,
     refused, // somebody connected who does not get in
@@ -83,12 +70,16 @@ Acceptance outcomeOfFailedAccept()
 } // namespace
 
 struct nqNamedPipeServer::State {
+    nqOwnerProcess mOwner;                             // a forked child's copy does nothing
     nqDescriptor mListener;                            // open while listening
-    std::string mName;                                 // what it listens under
+    std::string mName;                                 // what it listens, or listened last, under
     std::set<std::string> mFormerNames;                // what it listened under before
     std::deque<std::unique_ptr<nqNamedPipe>> mPending; // accepted and not taken, oldest first
 
+    std::optional<std::uint64_t> mFirstStart;          // of the first process it ever had, in ticks
+
     bool bindTo(int socket, const nqPipeAddress& address, const std::string& name) const;
+    bool admit(const nqDescriptor& socket, nqPeer& peer) const;
     Acceptance acceptOne();
 };
 
@@ -109,6 +100,12 @@ bool nqNamedPipeServer::State::bindTo(
     }
 }
 
+bool nqNamedPipeServer::State::admit(const nqDescriptor& socket, nqPeer& peer) const
+{
+    return peer.belongsToThisUser() && !hasHungUpInSilence(socket, peer) &&
+           nqStartedProcess::admit(mName, peer, mFirstStart);
+}
+
 Acceptance nqNamedPipeServer::State::acceptOne()
 {
     const int accepted = retryOnSignal(
@@ -119,7 +116,7 @@ Acceptance nqNamedPipeServer::State::acceptOne()
     if (!socket.isOpen())
         return Acceptance::failed;
     nqPeer peer(socket.get());
-    if (!isWelcome(socket, peer)) {
+    if (!admit(socket, peer)) {
         shutDownAndClose(socket);
         return Acceptance::refused;
     }
@@ -141,6 +138,8 @@ nqNamedPipeServer::~nqNamedPipeServer()
 
 bool nqNamedPipeServer::listenUtf8(const std::string& name)
 {
+    if (!mState->mOwner.isThisProcess())
+        return false;
     if (mState->mListener.isOpen() && mState->mName == name)
         return true;
     closeNamedPipeServer();
@@ -153,6 +152,9 @@ bool nqNamedPipeServer::listenUtf8(const std::string& name)
     if (::listen(listener.get(), SOMAXCONN) != 0)
         return false;
     mState->mFormerNames.insert(name);
+    nqStartedProcess::noteListening(name);
+    if (mState->mName != name)
+        mState->mFirstStart.reset();
     mState->mName = name;
     mState->mListener = std::move(listener);
     return true;
@@ -167,12 +169,16 @@ bool nqNamedPipeServer::waitForNewConnection(int timeoutMs, bool* timedOut)
 {
     if (timedOut)
         *timedOut = false;
-    if (!mState->mListener.isOpen())
+    if (!mState->mListener.isOpen() || !mState->mOwner.isThisProcess())
         return false;
+    if (!mState->mFirstStart)
+        mState->mFirstStart = nqStartedProcess::firstStart(mState->mName);
     const nqDeadline deadline(timeoutMs);
+    nqLaunchWatch launch(mState->mName);
     int refusalsOutOfTime = 0;
     for (;;) {
-        pollfd listener{mState->mListener.get(), POLLIN, 0};
+        // Looked at before the listener, so that a connection made before the end is not missed.
+        const bool launchHasFailed = launch.findsFailure();
         bool outOfTime = false;
         switch (mState->acceptOne()) {
         case Acceptance::accepted:
@@ -183,10 +189,15 @@ bool nqNamedPipeServer::waitForNewConnection(int timeoutMs, bool* timedOut)
             outOfTime = deadline.hasPassed() && ++refusalsOutOfTime > maxRefusalsOutOfTime;
             break;
         case Acceptance::nobody:
-            outOfTime = deadline.poll(&listener, 1) <= 0;
+            if (launchHasFailed) {
+                launch.report();
+                return false;
+            }
+            outOfTime = !launch.wait(mState->mListener.get(), deadline);
             break;
         }
         if (outOfTime) {
+            launch.report();
             if (timedOut)
                 *timedOut = true;
             return false;
@@ -210,8 +221,11 @@ std::unique_ptr<nqNamedPipe> nqNamedPipeServer::takePendingConnection()
 
 void nqNamedPipeServer::closeNamedPipeServer()
 {
-    shutDownAndClose(mState->mListener);
-    mState->mName.clear();
+    if (mState->mListener.isOpen() && mState->mOwner.isThisProcess()) {
+        nqStartedProcess::noteClosed(mState->mName);
+        shutDownAndClose(mState->mListener);
+    }
+    mState->mListener.close();
     mState->mPending.clear();
 }
 

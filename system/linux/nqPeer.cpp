@@ -1,8 +1,10 @@
 #include "system/linux/nqPeer.h"
 
 #include "system/linux/nqPidfd.h"
+#include "system/linux/nqProcFile.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -61,6 +63,18 @@ bool nqPeer::hasDied()
     if (mDead)
         mWatch.close();
     return mDead;
+}
+
+// Asked before the look at its life: a number that may be in use again tells nothing.
+std::optional<std::uint64_t> nqPeer::startTicks()
+{
+    const std::optional<std::uint64_t> ticks = nqProcFile::startTicks(mCredentials.pid);
+    return hasDied() ? std::nullopt : ticks;
+}
+
+nqDescriptor nqPeer::duplicateWatch() const
+{
+    return nqDescriptor(mWatch.isOpen() ? ::fcntl(mWatch.get(), F_DUPFD_CLOEXEC, 0) : -1);
 }
 
 } // namespace nq

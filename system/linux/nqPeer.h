@@ -2,6 +2,8 @@
 
 #include "system/linux/nqDescriptor.h"
 
+#include <cstdint>
+#include <optional>
 #include <sys/socket.h>
 #include <sys/types.h>
 
@@ -42,6 +44,12 @@ public:
     /// none for a peer in this very process or one that the kernel does not let us watch; those are
     /// never reported dead.
     bool hasDied();
+
+    /// When it was forked, see nqProcFile; nothing once it has died, or where /proc does not tell.
+    std::optional<std::uint64_t> startTicks();
+
+    /// A descriptor of the caller's own for the process; none when there is nothing to watch.
+    nqDescriptor duplicateWatch() const;
 
     /// Becomes readable when the process dies; -1 when there is nothing to watch.
     int watch() const

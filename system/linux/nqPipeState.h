@@ -5,6 +5,7 @@
 #include "system/linux/nqPipeSocket.h"
 #include "system/linux/nqShortLook.h"
 #include "system/nqNamedPipe.h"
+#include "system/nqOwnerProcess.h"
 
 #include <chrono>
 #include <cstddef>
@@ -22,6 +23,7 @@ struct nqNamedPipe::State {
         ended,  // no more bytes arrive, but some in the incoming buffer may still be taken
     };
 
+    nqOwnerProcess mOwner; // a forked child's copy moves nothing and ends nothing
     Phase mPhase = Phase::closed;
     nqDescriptor mSocket;      // open unless the phase is closed
     nqPeer mPeer;              // who is at the other end of it

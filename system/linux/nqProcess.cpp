@@ -3,13 +3,17 @@
 #include "system/linux/nqChild.h"
 #include "system/linux/nqDescriptor.h"
 #include "system/linux/nqLeash.h"
+#include "system/linux/nqPlatformLog.h"
 #include "system/linux/nqReaper.h"
 #include "system/linux/nqSpawn.h"
+#include "system/linux/nqSpawnFailure.h"
+#include "system/linux/nqStartedProcess.h"
 #include "system/linux/nqSystemCall.h"
-#include "system/linux/nqWorkerGroups.h"
 #include "system/nqDirUtils.h"
+#include "system/nqOwnerProcess.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <fcntl.h>
 #include <limits>
@@ -68,6 +72,7 @@ nqDescriptor openMemoryStatistics(pid_t pid)
 } // namespace
 
 struct nqProcess::State {
+    nqOwnerProcess mOwner;              // for a forked child, its copy stands for no process
     std::string mWorkingDirectory;      // empty: the host's
     bool mStartWasCalled = false;       // whatever came of it
     ProcessState mProcess = NotStarted; // changed by start() and enterEnded() only
@@ -75,19 +80,29 @@ struct nqProcess::State {
     std::optional<nqChild> mChild;      // set while mProcess is Running
     std::optional<nqLeash> mLeash;      // armed while mProcess is Running, else none
     nqDescriptor mMemoryStatistics;     // kept open, so that it never means another process
+    std::optional<nqStartedProcess> mForServers; // what servers know of it, from its start on
 
-    bool start(const nqSpawnRequest& request);
+    bool start(nqSpawnRequest request);
     void enterEnded();
-    bool isRunning();
-    bool hasMemoryStatistics();
+    bool reapIfEnded();
+    bool openMissingMemoryStatistics();
 };
 
-bool nqProcess::State::start(const nqSpawnRequest& request)
+bool nqProcess::State::start(nqSpawnRequest request)
 {
-    mPid = nqSpawn(request);
-    if (mPid == 0)
+    mLeash.emplace();
+    nqSpawnResult result;
+    result.mError = errno;
+    request.mLeash = &*mLeash;
+    if (mLeash->isMade())
+        result = nqSpawn(request);
+    if (result.mPid == 0) {
+        mLeash.reset();
+        logError(describeSpawnFailure(request, result));
         return false;
-    nqWorkerGroups::started(mPid);
+    }
+    mPid = result.mPid;
+    mForServers->noteStart(mPid);
     mChild.emplace(mPid);
     mProcess = Running;
     mMemoryStatistics = openMemoryStatistics(mPid);
@@ -99,28 +114,34 @@ bool nqProcess::State::start(const nqSpawnRequest& request)
 void nqProcess::State::enterEnded()
 {
     mProcess = Ended;
-    nqWorkerGroups::ended(mPid);
     mLeash.reset();
     mMemoryStatistics.close();
+    const std::optional<nqChildEnd> end = mChild->end();
     mChild.reset();
+    mForServers->noteEnd(end);
 }
 
-bool nqProcess::State::isRunning()
+// True when it does not run, or not any more.
+bool nqProcess::State::reapIfEnded()
 {
-    if (mProcess == Running && mChild->hasEnded())
+    if (mProcess != Running)
+        return true;
+    if (!mOwner.isThisProcess())
+        mProcess = Ended; // without a look at what is the parent's
+    else if (mChild->reapIfEnded())
         enterEnded();
-    return mProcess == Running;
+    return mProcess != Running;
 }
 
 // What could not be opened at the launch is tried again: a limit that was set has to hold, though
 // the host was short of descriptors for a moment. The child must live before and after, since a
 // host that reaps it itself frees its number for another process.
-bool nqProcess::State::hasMemoryStatistics()
+bool nqProcess::State::openMissingMemoryStatistics()
 {
-    if (mMemoryStatistics.isOpen() || !isRunning())
+    if (mMemoryStatistics.isOpen() || reapIfEnded())
         return mMemoryStatistics.isOpen();
     nqDescriptor statistics = openMemoryStatistics(mPid);
-    if (isRunning())
+    if (!reapIfEnded())
         mMemoryStatistics = std::move(statistics);
     return mMemoryStatistics.isOpen();
 }
@@ -132,9 +153,11 @@ nqProcess::nqProcess()
 
 nqProcess::~nqProcess()
 {
-    killProcess();
-    if (mState->mProcess == Running && !mState->mChild->waitForEnd(maxWaitOfDestructorMs))
-        nqReaper::takeOver(std::move(*mState->mChild));
+    if (!mState->reapIfEnded()) {
+        killProcess();
+        if (mState->mProcess == Running && !mState->mChild->waitForEnd(maxWaitOfDestructorMs))
+            nqReaper::takeOver(std::move(*mState->mChild));
+    }
     nqReaper::reapEnded();
 }
 
@@ -150,12 +173,14 @@ bool nqProcess::startProcess(
     ProcessPriority priority)
 {
     nqReaper::reapEnded();
-    if (std::exchange(mState->mStartWasCalled, true))
+    if (!mState->mOwner.isThisProcess() || std::exchange(mState->mStartWasCalled, true))
         return false;
     // The kernel would silently cut such a text short.
     if (holdsNul(exePathUtf8) || holdsNul(mState->mWorkingDirectory) ||
-        std::any_of(arguments.begin(), arguments.end(), holdsNul))
+        std::any_of(arguments.begin(), arguments.end(), holdsNul)) {
+        logError("Cannot start a process: its path, folder or an argument holds a zero byte");
         return false;
+    }
 
     const std::string executable = nqDirUtils::GetAbsolutePathUtf8(exePathUtf8);
     // execve takes its texts as not const for historical reasons and leaves them alone.
@@ -164,7 +189,6 @@ bool nqProcess::startProcess(
         texts.push_back(const_cast<char*>(argument.c_str()));
     texts.push_back(nullptr);
 
-    mState->mLeash.emplace();
     nqSpawnRequest request;
     request.mExecutable = executable.c_str();
     request.mArguments = texts.data();
@@ -172,16 +196,16 @@ bool nqProcess::startProcess(
         request.mWorkingDirectory = mState->mWorkingDirectory.c_str();
     request.mSilenceOutput = silenceOutput;
     request.mNiceness = nicenessOf(priority);
-    request.mLeash = &*mState->mLeash;
-    if (mState->mLeash->isMade() && mState->start(request))
+    mState->mForServers.emplace(executable, arguments);
+    if (mState->start(request))
         return true;
-    mState->mLeash.reset();
+    mState->mForServers.reset();
     return false;
 }
 
 nqProcess::ProcessState nqProcess::getState() const
 {
-    mState->isRunning();
+    mState->reapIfEnded();
     return mState->mProcess;
 }
 
@@ -193,7 +217,7 @@ std::int64_t nqProcess::getPid() const
 std::uint64_t nqProcess::getCurrentRamInUse() const
 {
     static const auto pageBytes = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
-    if (!mState->hasMemoryStatistics())
+    if (!mState->openMissingMemoryStatistics())
         return 0;
     char line[128]; // seven numbers of at most twenty digits in theory; the second stands well
                     // inside
@@ -205,7 +229,7 @@ std::uint64_t nqProcess::getCurrentRamInUse() const
 bool nqProcess::setWorkingSetMaxSize(std::uint64_t bytes)
 {
     rlimit limit{};
-    if (!mState->isRunning() || ::prlimit(mState->mPid, RLIMIT_DATA, nullptr, &limit) != 0)
+    if (mState->reapIfEnded() || ::prlimit(mState->mPid, RLIMIT_DATA, nullptr, &limit) != 0)
         return false;
     limit.rlim_cur = std::min<rlim_t>(bytes, limit.rlim_max);
     return ::prlimit(mState->mPid, RLIMIT_DATA, &limit, nullptr) == 0;
@@ -213,16 +237,19 @@ bool nqProcess::setWorkingSetMaxSize(std::uint64_t bytes)
 
 void nqProcess::killProcess()
 {
-    if (!mState->isRunning())
+    if (!mState->mForServers || !mState->mOwner.isThisProcess())
         return;
-    nqWorkerGroups::ended(mState->mPid);
-    mState->mLeash->killGroup();
-    mState->mChild->kill(); // it may have moved itself to another group
+    if (!mState->reapIfEnded()) {
+        mState->mForServers->noteKill();
+        mState->mLeash->killGroup();
+        mState->mChild->kill(); // it may have moved itself to another group
+    }
+    mState->mForServers->killPeer();
 }
 
 bool nqProcess::waitForFinished(unsigned int timeoutMs)
 {
-    if (mState->mProcess != Running)
+    if (mState->mProcess != Running || !mState->mOwner.isThisProcess())
         return true;
     if (timeoutMs == noTimeLimit)
         mState->mChild->waitForEnd();

@@ -64,7 +64,7 @@ void nqReaper::reapEnded() noexcept
         const std::lock_guard guard(leftovers.mMutex);
         std::vector<nqChild>& children = leftovers.mChildren;
         const auto ended = std::remove_if(
-            children.begin(), children.end(), [](nqChild& child) { return child.hasEnded(); });
+            children.begin(), children.end(), [](nqChild& child) { return child.reapIfEnded(); });
         children.erase(ended, children.end());
     } catch (const std::bad_alloc&) {
         // Without memory for the list there is nobody in it.

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <fcntl.h>
 #include <linux/close_range.h>
+#include <optional>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -64,7 +65,7 @@ struct Launch {
     const nqSpawnRequest& mRequest;
     nqDescriptor mNullDevice;
     nqDescriptor mFailureReader;
-    nqDescriptor mFailureWriter; // the child writes one byte; its exec closes the last copy
+    nqDescriptor mFailureWriter; // the child says what failed; its exec closes the last copy
 
     // Set by the child and seen by the parent only where vfork shares memory. Tools that run a
     // program on a simulated processor turn vfork into fork, and then the parent has to wait.
@@ -123,28 +124,30 @@ void lowerPriority(int niceness)
         ::setpriority(PRIO_PROCESS, 0, niceness);
 }
 
-void execute(const Launch& launch)
+// Returns the step that failed, with errno.
+nqSpawnResult::Step execute(const Launch& launch)
 {
     const nqSpawnRequest& request = launch.mRequest;
     if (::setpgid(0, 0) != 0 || !request.mLeash->armForOwnGroup() ||
         !prepareStandardStreams(launch))
-        return;
+        return nqSpawnResult::Step::preparing;
     if (request.mWorkingDirectory != nullptr && ::chdir(request.mWorkingDirectory) != 0)
-        return;
+        return nqSpawnResult::Step::enteringTheFolder;
     if (request.mNiceness != 0)
         lowerPriority(request.mNiceness);
     keepOtherDescriptorsFromTheProgram();
     resetSignalDispositions();
     SignalsBlocked::setMask(0, nullptr);
     ::execve(request.mExecutable, request.mArguments, environ);
+    return nqSpawnResult::Step::executingTheProgram;
 }
 
 [[noreturn]] void runChild(Launch& launch)
 {
     launch.mSharesMemory = true;
-    execute(launch);
-    const char failed = 1;
-    retryOnSignal([&] { return ::write(launch.mFailureWriter.get(), &failed, sizeof(failed)); });
+    const nqSpawnResult::Step failedAt = execute(launch);
+    const nqSpawnResult failure{0, failedAt, errno};
+    retryOnSignal([&] { return ::write(launch.mFailureWriter.get(), &failure, sizeof failure); });
     ::_exit(failedLaunchExitCode);
 }
 
@@ -167,15 +170,15 @@ bool prepare(Launch& launch)
     launch.mNullDevice =
         nqDescriptor(retryOnSignal([] { return ::open("/dev/null", O_RDWR | O_CLOEXEC); }));
     int ends[2];
-    if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
+    if (!launch.mNullDevice.isOpen() || ::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
         return false;
     launch.mFailureReader = nqDescriptor(ends[0]);
     launch.mFailureWriter = nqDescriptor(ends[1]);
-    return launch.mNullDevice.isOpen() && launch.mFailureReader.isOpen() &&
-           launch.mFailureWriter.isOpen();
+    return launch.mFailureReader.isOpen() && launch.mFailureWriter.isOpen();
 }
 
-bool hasFailed(Launch& launch)
+// Nothing when the program is executing.
+std::optional<nqSpawnResult> awaitFailure(Launch& launch)
 {
     launch.mFailureWriter.close();
     // After a true vfork the outcome stands already. Waiting for the end of the stream would then
@@ -184,32 +187,41 @@ bool hasFailed(Launch& launch)
         pollfd reader{launch.mFailureReader.get(), POLLIN, 0};
         retryOnSignal([&] { return ::poll(&reader, 1, -1); });
     }
-    char failed = 0;
-    return retryOnSignal(
-               [&] { return ::read(launch.mFailureReader.get(), &failed, sizeof(failed)); }) > 0;
+    nqSpawnResult failure; // small enough that a pipe never hands over a part of it
+    const ssize_t size = retryOnSignal(
+        [&] { return ::read(launch.mFailureReader.get(), &failure, sizeof failure); });
+    return size > 0 ? std::optional(failure) : std::nullopt;
+}
+
+nqSpawnResult failedPreparation(int error)
+{
+    return {0, nqSpawnResult::Step::preparing, error};
 }
 
 } // namespace
 
-pid_t nqSpawn(const nqSpawnRequest& request)
+nqSpawnResult nqSpawn(const nqSpawnRequest& request)
 {
     Launch launch{request, {}, {}, {}};
     if (!prepare(launch))
-        return 0;
+        return failedPreparation(errno);
 
     pid_t pid = -1;
+    int error = 0;
     {
         const SignalsBlocked blocked;
         pid = vforkAndRun(launch);
+        error = errno;
     }
     if (pid < 0)
-        return 0;
-    if (!hasFailed(launch))
-        return pid;
+        return failedPreparation(error);
+    const std::optional<nqSpawnResult> failure = awaitFailure(launch);
+    if (!failure)
+        return {pid, {}, 0};
     // The host may ignore SIGCHLD or reap everything itself; then there is nothing left to wait
     // for.
     retryOnSignal([&] { return ::waitpid(pid, nullptr, 0); });
-    return 0;
+    return *failure;
 }
 
 } // namespace nq

@@ -16,12 +16,25 @@ struct nqSpawnRequest {
     const nqLeash* mLeash = nullptr;         // armed for the group that the child leads
 };
 
+/// What came of a launch.
+struct nqSpawnResult {
+    enum class Step {
+        preparing,          // descriptors, streams, the death watch
+        enteringTheFolder,  // the working directory
+        executingTheProgram // the executable, or what it needs to run
+    };
+
+    pid_t mPid = 0; // 0: it failed
+    Step mFailedAt = Step::preparing;
+    int mError = 0; // errno of the failure
+};
+
 /// Starts a child that leads its own process group, with an empty signal mask, default
 /// dispositions, a null standard input, the host's environment and no descriptor above 2.
 ///
-/// Returns its process id once the program is executing; 0 when it could not be started, and then
-/// no child is left behind. Copies no memory of the host, whatever its size, and is safe in a host
-/// with many threads: between vfork and exec there are only system calls.
-pid_t nqSpawn(const nqSpawnRequest& request);
+/// Returns its process id once the program is executing; when it could not be started, no child is
+/// left behind. Copies no memory of the host, whatever its size, and is safe in a host with many
+/// threads: between vfork and exec there are only system calls.
+nqSpawnResult nqSpawn(const nqSpawnRequest& request);
 
 } // namespace nq

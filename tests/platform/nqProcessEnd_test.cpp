@@ -1,7 +1,6 @@
 #include "tests/platform/process_helpers.h"
 
 #include "system/linux/nqPidfd.h"
-#include "system/linux/nqWorkerGroups.h"
 
 #include <atomic>
 #include <csignal>
@@ -517,27 +516,6 @@ TEST_F(ProcessEnd, leavesOtherChildrenToTheHost)
     int status = 0;
     EXPECT_EQ(::waitpid(other, &status, WNOHANG), other);
     EXPECT_EQ(WEXITSTATUS(status), exitCode);
-}
-
-TEST_F(ProcessEnd, isRememberedSoThatServersRefuseTheGroup)
-{
-    launch("answer");
-    mProcess.killProcess();
-    EXPECT_FALSE(nq::nqWorkerGroups::admits(pid()));
-}
-
-TEST_F(ProcessEnd, ofALeaderIsRememberedSoThatServersRefuseItsHelpers)
-{
-    ASSERT_TRUE(startWorker(mProcess, mOutput, "end-without-helper"));
-    EXPECT_TRUE(mProcess.waitForFinished(withoutLimit));
-    EXPECT_FALSE(nq::nqWorkerGroups::admits(pid()));
-}
-
-TEST_F(ProcessEnd, isNotAssumedBeforeItsTimeSoThatServersAdmitTheGroupOnce)
-{
-    launch("answer");
-    EXPECT_TRUE(nq::nqWorkerGroups::admits(pid()));
-    EXPECT_FALSE(nq::nqWorkerGroups::admits(pid()));
 }
 
 } // namespace
