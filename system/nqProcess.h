@@ -65,7 +65,8 @@ public:
     /// A relative path counts from the host's current directory; PATH is not searched. The child
     /// gets the host's environment, an empty signal mask, default signal dispositions, a null
     /// standard input, and no descriptor above 2. With `silenceOutput` its standard output and
-    /// error go to the null device, else they are the host's. Costs the same in a host with many
+    /// error go to the null device, else they are the host's; one that the host has closed or
+    /// marked close-on-exec goes to the null device as well. Costs the same in a host with many
     /// threads and much memory as in a small one.
     bool startProcess(
         const std::string& exePathUtf8,

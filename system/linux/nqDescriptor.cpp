@@ -12,6 +12,12 @@ constexpr int firstNumberAboveStandardStreams = STDERR_FILENO + 1;
 
 } // namespace
 
+bool isStandardStream(int stream) noexcept
+{
+    const int flags = ::fcntl(stream, F_GETFD);
+    return flags >= 0 && (flags & FD_CLOEXEC) == 0;
+}
+
 nqDescriptor::nqDescriptor(int fresh)
     : mFd(fresh)
 {

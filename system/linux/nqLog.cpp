@@ -143,15 +143,6 @@ void writeLine(int fd, const std::string& line)
     }
 }
 
-/// The descriptor of the host's standard output; -1 for none. A number that is closed on exec is a
-/// file of the host's own, which was opened when the stream was closed already.
-int standardOutput()
-{
-    const int fd = ::fileno(stdout);
-    const int flags = fd < 0 ? -1 : ::fcntl(fd, F_GETFD);
-    return flags >= 0 && (flags & FD_CLOEXEC) == 0 ? fd : -1;
-}
-
 /// Lets what the host has printed go first. The buffer is asked and not the stream, whose state and
 /// exceptions are the host's.
 void flushStandardOutput()
@@ -257,8 +248,8 @@ void nqLog::Write(LogEntry& entry, bool /*flush*/)
 void nqLog::WriteToStandardOutput(const LogEntry& entry)
 {
     const std::string line = entry.mPrefix + entry.mMessage + '\n';
-    const int fd = standardOutput();
-    if (fd < 0)
+    const int fd = ::fileno(stdout);
+    if (fd < 0 || !isStandardStream(fd))
         return;
     flushStandardOutput();
     // Not through the buffer: what is left there when a write fails is tried again at exit, when

@@ -90,10 +90,11 @@ bool pointAt(int descriptor, int standardStream)
 }
 
 // A stream that the host has closed goes to the null device too, or the child's first socket would
-// get its number and receive what the child prints.
+// get its number and receive what the child prints. So does one whose number a file of the host's
+// own has taken.
 bool prepareOutput(int stream, const Launch& launch)
 {
-    if (launch.mRequest.mSilenceOutput || ::fcntl(stream, F_SETFD, 0) != 0)
+    if (launch.mRequest.mSilenceOutput || !isStandardStream(stream))
         return pointAt(launch.mNullDevice.get(), stream);
     return true;
 }
@@ -128,8 +129,9 @@ void lowerPriority(int niceness)
 nqSpawnResult::Step execute(const Launch& launch)
 {
     const nqSpawnRequest& request = launch.mRequest;
-    if (::setpgid(0, 0) != 0 || !request.mLeash->armForOwnGroup() ||
-        !prepareStandardStreams(launch))
+    // Not a group alone: one in the session of the host would be stopped when it prints on a
+    // terminal that stops background output.
+    if (::setsid() < 0 || !request.mLeash->armForOwnGroup() || !prepareStandardStreams(launch))
         return nqSpawnResult::Step::preparing;
     if (request.mWorkingDirectory != nullptr && ::chdir(request.mWorkingDirectory) != 0)
         return nqSpawnResult::Step::enteringTheFolder;

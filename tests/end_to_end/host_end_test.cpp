@@ -1,6 +1,9 @@
 #include "fixture.h"
 
+#include <chrono>
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -143,5 +146,49 @@ INSTANTIATE_TEST_SUITE_P(
     HostWithClosedStreams,
     testing::Values("0", "1", "2", "01", "02", "12", "012"),
     [](const auto& tested) { return std::string("without") + tested.param; });
+
+TEST_F(HostProgram, keepsAFileThatTookTheNumberOfItsStandardOutputFromWorkersAndReports)
+{
+    const end_to_end::TemporaryFolder folder;
+    const std::string path = folder.file("private");
+    std::ofstream(path).close();
+    ChildProgram host(hostProgramPath(), {"private-output", path});
+    EXPECT_EQ(host.waitForEnd(), 0);
+    EXPECT_EQ(std::filesystem::file_size(path), 0U);
+}
+
+struct UnwritableOutput {
+    const char* kind;
+    const char* logger;
+};
+
+void PrintTo(const UnwritableOutput& output, std::ostream* out)
+{
+    *out << output.kind << ' ' << output.logger;
+}
+
+class HostWithUnwritableOutput : public EndToEnd,
+                                 public testing::WithParamInterface<UnwritableOutput> {};
+
+TEST_P(HostWithUnwritableOutput, outlivesItsOwnLinesAndThoseOfItsWorkers)
+{
+    const end_to_end::TemporaryFolder folder;
+    const end_to_end::CurrentFolder current(folder.file("."));
+    ChildProgram host(hostProgramPath(), {"unwritable-output", GetParam().kind, GetParam().logger});
+    EXPECT_EQ(host.waitForEnd(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Every,
+    HostWithUnwritableOutput,
+    testing::Values(
+        UnwritableOutput{"pipe", "bare"},
+        UnwritableOutput{"pipe", "logger"},
+        UnwritableOutput{"file", "bare"},
+        UnwritableOutput{"file", "logger"}),
+    [](const auto& tested) {
+        return std::string(tested.param.kind) +
+               (tested.param.logger[0] == 'b' ? "WithoutLogger" : "WithLogger");
+    });
 
 } // namespace

@@ -2,9 +2,11 @@
 // standard streams, to leave a scheduler behind. Its first argument names the scenario.
 
 #include "machine.h"
+#include "nqLog.h"
 #include "pool.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -139,6 +141,68 @@ int closedStreams(const Arguments& arguments)
     return pool.scheduler().stopScheduler() ? EXIT_SUCCESS : 6;
 }
 
+/// private-output FILE: runs without standard streams, and a file of its own has taken the number
+/// of standard output.
+int privateOutput(const Arguments& arguments)
+{
+    for (int stream = 0; stream < 3; ++stream)
+        close(stream);
+    const int input = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const int file = open(arguments.at(0).c_str(), O_WRONLY | O_CLOEXEC);
+    if (input != STDIN_FILENO || file != STDOUT_FILENO)
+        return 2;
+    TalkingPool pool(false);
+    // The report of the crash is a line of the host's own.
+    if (!pool.start(1) || pool.ask("print hello") != "printed" ||
+        pool.ask("crash") != "(Unexpected crash)")
+        return 3;
+    return EXIT_SUCCESS;
+}
+
+/// Makes standard output and error a pipe that nobody reads.
+bool breakPipe()
+{
+    int ends[2];
+    if (pipe(ends) != 0)
+        return false;
+    dup2(ends[1], STDOUT_FILENO);
+    dup2(ends[1], STDERR_FILENO);
+    close(ends[0]);
+    close(ends[1]);
+    return true;
+}
+
+/// Makes standard output and error a file that may not grow.
+bool fillFile()
+{
+    const int file = open(".", O_WRONLY | O_TMPFILE, 0600);
+    dup2(file, STDOUT_FILENO);
+    dup2(file, STDERR_FILENO);
+    close(file);
+    const rlimit nothing{0, 0};
+    return file >= 0 && setrlimit(RLIMIT_FSIZE, &nothing) == 0;
+}
+
+/// unwritable-output pipe|file bare|logger: host and worker log where nothing can be written.
+int unwritableOutput(const Arguments& arguments)
+{
+    for (const int signal : {SIGPIPE, SIGXFSZ})
+        std::signal(signal, SIG_DFL);
+    if (!(arguments.at(0) == "pipe" ? breakPipe() : fillFile()))
+        return 2;
+    static nq::nqLog logger;
+    if (arguments.at(1) == "logger")
+        nq::nqLog::msInstance = &logger;
+    TalkingPool pool(false);
+    if (!pool.start(1))
+        return 3;
+    if (pool.ask("log text") != "logged")
+        return 4;
+    if (pool.ask("crash") != "(Unexpected crash)") // which the host reports
+        return 5;
+    return EXIT_SUCCESS;
+}
+
 /// empty-job: an empty job is dropped without a word and counted for ever, on purpose.
 int emptyJob(const Arguments&)
 {
@@ -225,6 +289,8 @@ constexpr Scenario scenarios[] = {
     {"serve", serve},
     {"print", print},
     {"closed-streams", closedStreams},
+    {"private-output", privateOutput},
+    {"unwritable-output", unwritableOutput},
     {"empty-job", emptyJob},
     {"no-logger", noLogger},
     {"ended-thread", endedThread},

@@ -1,6 +1,7 @@
 // A worker whose jobs name what it does wrong. The bytes of a job are a command and, after one
 // blank, its argument; a command line option names what goes wrong before the first job.
 
+#include "nqLog.h"
 #include "nqWorker.h"
 
 #include <fcntl.h>
@@ -173,6 +174,7 @@ private:
             {"hang", &MisbehavingWorker::hang},
             {"ignore-end", &MisbehavingWorker::ignoreEnd},
             {"junk-and-die", &MisbehavingWorker::junkAndDie},
+            {"log", &MisbehavingWorker::log},
             {"pid", &MisbehavingWorker::tellPid},
             {"print", &MisbehavingWorker::print},
             {"print-and-hang", &MisbehavingWorker::printAndHang},
@@ -244,6 +246,16 @@ private:
         std::fflush(stdout);
         std::fprintf(stderr, "err: %.*s\n", static_cast<int>(text.size()), text.data());
         return "printed";
+    }
+
+    std::string log(std::string_view text)
+    {
+        nq::nqLog::LogEntry entry;
+        entry.mMessage = text;
+        entry.mLevel = nq::nqLog::Info;
+        nq::nqLog::WriteToStandardOutput(entry);
+        nq::nqLog().Write(entry, true);
+        return "logged";
     }
 
     std::string finishAfterThis(std::string_view)

@@ -81,7 +81,7 @@ FAULTS = {
                      "ETXTBSY", lasts=True),
     # No descriptor rather than one among the standard streams.
     "fcntl:F_DUPFD_CLOEXEC": costly("EMFILE", "EINVAL", lasts=True),
-    "fcntl:F_SETFD": transparent("EBADF"),  # the host runs with that stream closed
+    "fcntl:F_GETFD": transparent("EBADF"),  # the host runs with that stream closed
     "fcntl:F_SETFL": costly("EPERM", "EAGAIN"),
     "fcntl:F_SETOWN": costly("EPERM", "ESRCH", "ENOMEM"),
     "fcntl:F_SETSIG": costly("EPERM", "EINVAL"),
@@ -141,6 +141,7 @@ FAULTS = {
 CANNOT_FAIL = {
     "_exit": "does not return",
     "clock_gettime": "only for a clock that does not exist",
+    "fflush": "writes what the host has printed, whose errors are the host's",
     "geteuid": "always succeeds",
     "getpid": "always succeeds",
     "gettid": "always succeeds",
@@ -171,6 +172,7 @@ PURE = {
     "__stack_chk_fail",
     "bcmp",
     "environ",
+    "fileno",
     "free",
     "log10",
     "memcmp",
@@ -178,17 +180,19 @@ PURE = {
     "memmove",
     "memset",
     "pow",
+    "pthread_setcancelstate",
     "sigaddset",
     "sigemptyset",
     "sigismember",
     "snprintf",
+    "stdout",
     "strlen",
 }
 PURE_PREFIXES = ("_Z", "__cxa_", "__gxx_")  # the language's own
 
 # The numbers by which calls choose their operation, as far as FAULTS and CANNOT_FAIL name them.
 SELECTORS = {
-    "fcntl": {"F_SETFD": 2, "F_SETFL": 4, "F_SETOWN": 8, "F_SETSIG": 10, "F_DUPFD_CLOEXEC": 1030},
+    "fcntl": {"F_GETFD": 1, "F_SETFD": 2, "F_SETFL": 4, "F_SETOWN": 8, "F_SETSIG": 10, "F_DUPFD_CLOEXEC": 1030},
     "getsockopt": {"SO_PEERCRED": 17, "SO_PEERPIDFD": 77},
     "setsockopt": {"SO_SNDBUF": 7, "SO_SNDBUFFORCE": 32},
     "syscall": {

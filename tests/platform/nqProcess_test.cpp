@@ -379,15 +379,19 @@ TEST_F(ProcessLaunch, pointsStreamsThatTheHostHasClosedAtTheNullDevice)
     }
 }
 
-TEST_F(ProcessLaunch, keepsAnOutputThatTheHostMarkedForItselfOnly)
+TEST_F(ProcessLaunch, pointsAStreamWhoseNumberAFileOfTheHostHasTakenAtTheNullDevice)
 {
-    OutputPipe output;
-    nqProcess process;
-    ASSERT_TRUE(output.during([&] {
-        ::fcntl(STDOUT_FILENO, F_SETFD, FD_CLOEXEC);
-        return process.startProcess(workerProgram, {"answer"}, false, nqProcess::InheritedPriority);
-    }));
-    EXPECT_EQ(output.readLine(), "ready");
+    for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
+        OutputPipe file;
+        nqProcess process;
+        const auto start = [&] {
+            ::fcntl(stream, F_SETFD, FD_CLOEXEC);
+            return process.startProcess(
+                workerProgram, {"allocate"}, false, nqProcess::InheritedPriority);
+        };
+        ASSERT_TRUE(file.during(start, stream));
+        EXPECT_EQ(descriptorsOf(static_cast<pid_t>(process.getPid()))[stream], "/dev/null");
+    }
 }
 
 TEST_F(ProcessLaunch, makesTheChildTheLeaderOfAGroupOfItsOwn)
