@@ -7,11 +7,15 @@
 
 namespace nq {
 
-/// One child process and, with it, the process group that it leads.
+/// One child process and, with it, the process group that it leads, in a session of its own.
 ///
 /// The child lives at most as long as its host: when the host ends by any means, SIGKILL included,
-/// the kernel kills the child's whole group. The same happens when this object is destroyed. What
-/// moves itself into another process group escapes both.
+/// the kernel kills the child's whole group. The same happens when this object is destroyed. The
+/// child cannot leave its group; what it forked and moved into another one escapes both.
+///
+/// Without a controlling terminal, the child is out of reach of job control and of the terminal's
+/// keys, and may print on a terminal that stops background output. One that opens a terminal device
+/// itself should use O_NOCTTY, or it gets it as its controlling terminal.
 ///
 /// Installs no signal handler and never waits for children that it did not start, so the host's
 /// other children stay the host's. A host that ignores SIGCHLD or reaps every child itself is

@@ -38,7 +38,7 @@ public:
         return mOneEnd.isOpen() && mOtherEnd.isOpen();
     }
 
-    /// Called by the child, which leads its process group, between vfork and exec: nothing but
+    /// Called by the child, which leads its session and group, between vfork and exec: nothing but
     /// system calls. False when the kernel refuses.
     bool armForOwnGroup() const noexcept;
 

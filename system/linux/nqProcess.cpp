@@ -242,7 +242,7 @@ void nqProcess::killProcess()
     if (!mState->reapIfEnded()) {
         mState->mForServers->noteKill();
         mState->mLeash->killGroup();
-        mState->mChild->kill(); // it may have moved itself to another group
+        mState->mChild->kill(); // by a handle of its own, whatever became of the group
     }
     mState->mForServers->killPeer();
 }

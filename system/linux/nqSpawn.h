@@ -29,8 +29,8 @@ struct nqSpawnResult {
     int mError = 0; // errno of the failure
 };
 
-/// Starts a child that leads its own process group, with an empty signal mask, default
-/// dispositions, a null standard input, the host's environment and no descriptor above 2.
+/// Starts a child that leads a session and a process group of its own, with an empty signal mask,
+/// default dispositions, a null standard input, the host's environment and no descriptor above 2.
 ///
 /// Returns its process id once the program is executing; when it could not be started, no child is
 /// left behind. Copies no memory of the host, whatever its size, and is safe in a host with many

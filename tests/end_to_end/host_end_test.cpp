@@ -1,7 +1,14 @@
 #include "fixture.h"
 
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <ostream>
@@ -190,5 +197,67 @@ INSTANTIATE_TEST_SUITE_P(
         return std::string(tested.param.kind) +
                (tested.param.logger[0] == 'b' ? "WithoutLogger" : "WithLogger");
     });
+
+/// A host program in the foreground of a terminal of its own, which stops background output.
+class HostAtATerminal {
+public:
+    explicit HostAtATerminal(const std::vector<std::string>& arguments)
+    {
+        std::string path = hostProgramPath();
+        std::vector<char*> argv{path.data()};
+        std::vector<std::string> texts = arguments;
+        for (std::string& text : texts)
+            argv.push_back(text.data());
+        argv.push_back(nullptr);
+        mHost = forkpty(&mTerminal, nullptr, nullptr, nullptr);
+        if (mHost != 0)
+            return;
+        termios settings{};
+        tcgetattr(STDOUT_FILENO, &settings);
+        settings.c_lflag |= TOSTOP;
+        tcsetattr(STDOUT_FILENO, TCSANOW, &settings);
+        execv(path.c_str(), argv.data());
+        _exit(EXIT_FAILURE);
+    }
+
+    ~HostAtATerminal()
+    {
+        if (mHost > 0) {
+            ::kill(mHost, SIGKILL);
+            waitpid(mHost, nullptr, 0);
+        }
+        close(mTerminal);
+    }
+
+    HostAtATerminal(const HostAtATerminal&) = delete;
+    HostAtATerminal& operator=(const HostAtATerminal&) = delete;
+
+    /// All that is shown on the terminal until the last one who has it open ends, or until nothing
+    /// has come for the generous limit.
+    std::string readAll() const
+    {
+        const auto limit = std::chrono::milliseconds(end_to_end::generousLimit);
+        std::string shown;
+        char piece[256];
+        pollfd terminal{mTerminal, POLLIN, 0};
+        while (poll(&terminal, 1, static_cast<int>(limit.count())) > 0) {
+            const ssize_t count = read(mTerminal, piece, sizeof piece);
+            if (count <= 0)
+                break;
+            shown.append(piece, static_cast<std::size_t>(count));
+        }
+        return shown;
+    }
+
+private:
+    pid_t mHost = -1;
+    int mTerminal = -1;
+};
+
+TEST_F(HostProgram, hasWorkersThatPrintOnATerminalThatStopsBackgroundOutput)
+{
+    const HostAtATerminal host({"print", "loud", "hello"});
+    EXPECT_EQ(host.readAll(), "out: hello\r\nerr: hello\r\n");
+}
 
 } // namespace

@@ -173,7 +173,6 @@ NQ_FAILING(
     anySelector,
     (int count, fd_set* readable, fd_set* writable, fd_set* exceptional, timeval* timeout),
     (count, readable, writable, exceptional, timeout), )
-NQ_FAILING(setpgid, anySelector, (pid_t pid, pid_t group), (pid, group), noexcept)
 NQ_FAILING(
     setpriority,
     anySelector,
@@ -186,6 +185,7 @@ NQ_FAILING(
     (int fd, int level, int name, const void* value, socklen_t size),
     (fd, level, name, value, size),
     noexcept)
+NQ_FAILING(setsid, anySelector, (), (), noexcept)
 NQ_FAILING(shutdown, anySelector, (int fd, int how), (fd, how), noexcept)
 NQ_FAILING(
     sigtimedwait,

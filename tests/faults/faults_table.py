@@ -82,6 +82,7 @@ FAULTS = {
     # No descriptor rather than one among the standard streams.
     "fcntl:F_DUPFD_CLOEXEC": costly("EMFILE", "EINVAL", lasts=True),
     "fcntl:F_GETFD": transparent("EBADF"),  # the host runs with that stream closed
+    "fcntl:F_SETFD": transparent("EBADF"),  # a number that nobody uses
     "fcntl:F_SETFL": costly("EPERM", "EAGAIN"),
     "fcntl:F_SETOWN": costly("EPERM", "ESRCH", "ENOMEM"),
     "fcntl:F_SETSIG": costly("EPERM", "EINVAL"),
@@ -115,10 +116,10 @@ FAULTS = {
     "select": transparent("EINTR", "ENOMEM", lasts=True),
     "send": transparent("EINTR", "EAGAIN", "ENOBUFS", "ENOMEM") + hang_up("EPIPE", "ECONNRESET")
     + short(*LENGTHS, lasting=(3, 4095)),
-    "setpgid": costly("EPERM", "EACCES", "ESRCH"),
     "setpriority": transparent("EACCES", "EPERM", lasts=True),
     "setsockopt:SO_SNDBUF": transparent("ENOMEM", "ENOBUFS", lasts=True),
     "setsockopt:SO_SNDBUFFORCE": transparent("EPERM", "ENOMEM", "ENOBUFS", lasts=True),
+    "setsid": costly("EPERM"),
     "shutdown": transparent("ENOTCONN"),
     "sigtimedwait": transparent("EINTR", "EAGAIN"),
     "socket": NO_DESCRIPTOR + NO_MEMORY + costly("ENOBUFS", "EACCES"),

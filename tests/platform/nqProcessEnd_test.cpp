@@ -297,10 +297,10 @@ TEST_F(ProcessEnd, comesToAStoppedProcessByAKill)
     EXPECT_TRUE(mProcess.waitForFinished(withoutLimit));
 }
 
-TEST_F(ProcessEnd, comesByAKillToALeaderThatHasLeftItsGroup)
+TEST_F(ProcessEnd, comesByAKillToALeaderThatTriedToLeaveItsGroup)
 {
     launch("leave-group");
-    ASSERT_NE(::getpgid(pid()), pid());
+    ASSERT_EQ(::getpgid(pid()), pid());
     mProcess.killProcess();
     EXPECT_TRUE(mProcess.waitForFinished(withoutLimit));
 }

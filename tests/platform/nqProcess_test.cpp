@@ -394,14 +394,14 @@ TEST_F(ProcessLaunch, pointsAStreamWhoseNumberAFileOfTheHostHasTakenAtTheNullDev
     }
 }
 
-TEST_F(ProcessLaunch, makesTheChildTheLeaderOfAGroupOfItsOwn)
+TEST_F(ProcessLaunch, makesTheChildTheLeaderOfASessionAndAGroupOfItsOwn)
 {
     nqProcess process;
     ASSERT_TRUE(
         process.startProcess(workerProgram, {"allocate"}, true, nqProcess::InheritedPriority));
     const auto pid = static_cast<pid_t>(process.getPid());
     EXPECT_EQ(::getpgid(pid), pid);
-    EXPECT_EQ(::getsid(pid), ::getsid(0));
+    EXPECT_EQ(::getsid(pid), pid);
 }
 
 TEST_F(ProcessLaunch, lowersThePriorityAsAsked)

@@ -108,8 +108,8 @@ int main(int argc, char** argv)
         return EXIT_SUCCESS;
     }
     if (behaviour == "leave-group") {
-        if (::setpgid(0, ::getpgid(::getppid())) != 0)
-            return EXIT_FAILURE;
+        if (::setpgid(0, ::getpgid(::getppid())) == 0 || ::setsid() >= 0)
+            return EXIT_FAILURE; // the kernel keeps the leader of a session where it is
         answerSignals();
     }
     if (behaviour == "allocate")
