@@ -153,8 +153,9 @@ public:
     void push(const std::vector<char>& job);
 
     /// Moves the oldest result into `result`. False, and `result` untouched, when there is none.
-    /// The memory of a few large payloads, what `result` held among them, is kept for the next ones
-    /// until this finds neither a job nor a result.
+    /// The memory of a few large payloads is kept for the next ones until this finds neither a job
+    /// nor a result. What `result` held is among them, unless it is more than twice as large as the
+    /// popped result; it is then freed at once.
     /// Results come in the order of their completion, and nothing ties them to their jobs but what
     /// the host put into the bytes.
     bool pop(std::vector<char> & result);

@@ -13,6 +13,12 @@ constexpr std::size_t smallestSpareBytes = std::size_t{64} << 10;
 // A host whose payloads have become small does not hold on to the memory of large ones.
 constexpr std::uint32_t maxSparesInVain = 64;
 
+// Such memory would make a small payload hold on to the room of a large one.
+bool isMuchLarger(const std::vector<char>& spare, std::size_t bytes)
+{
+    return spare.capacity() / 2 > bytes;
+}
+
 bool moveFrontInto(std::deque<std::vector<char>>& queue, std::vector<char>& data)
 {
     if (queue.empty())
@@ -37,7 +43,9 @@ bool nqJobQueues::pop(std::vector<char>& result)
     if (mResults.empty())
         return false;
     result.swap(mResults.front());
-    recycle(std::move(mResults.front()));
+    // What the host had there may be of a time when its payloads were larger.
+    if (!isMuchLarger(mResults.front(), result.size()))
+        recycle(std::move(mResults.front()));
     mResults.pop_front();
     return true;
 }
@@ -98,14 +106,13 @@ void nqJobQueues::recycle(std::vector<char>&& buffer) noexcept
     mSparesInVain = 0;
 }
 
-// The latest is the one that the processor's cache still knows. A spare much larger than its new
-// payload would make a small result hold on to it.
+// The latest is the one that the processor's cache still knows.
 std::vector<char> nqJobQueues::takeSpare(std::size_t bytes)
 {
     if (!hasSpares())
         return {};
     const auto fits = [bytes](const std::vector<char>& spare) {
-        return spare.capacity() >= bytes && spare.capacity() / 2 <= bytes;
+        return spare.capacity() >= bytes && !isMuchLarger(spare, bytes);
     };
     const auto spare = std::find_if(mSpares.begin(), mSpares.end(), fits);
     if (spare == mSpares.end()) {

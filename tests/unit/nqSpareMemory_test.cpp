@@ -70,11 +70,20 @@ TEST_F(SpareMemory, leavesItsPlaceToAnotherWhenItIsTaken)
 
 TEST_F(SpareMemory, isWhatAPoppedIntoVectorHeldBefore)
 {
-    queues.pushResult(bytes("result"));
-    Bytes popped(large);
+    const Bytes result(large, 'r');
+    queues.pushResult(result);
+    Bytes popped(2 * large);
     ASSERT_TRUE(queues.pop(popped));
-    EXPECT_EQ(popped, bytes("result"));
-    EXPECT_GE(queues.takeSpare(large).capacity(), large);
+    EXPECT_TRUE(popped == result);
+    EXPECT_GE(queues.takeSpare(2 * large).capacity(), 2 * large);
+}
+
+TEST_F(SpareMemory, isNotWhatAPoppedIntoVectorHeldOfMuchLargerPayloads)
+{
+    queues.pushResult(Bytes(large));
+    Bytes popped(2 * large + 2);
+    ASSERT_TRUE(queues.pop(popped));
+    EXPECT_EQ(queues.takeSpare(2 * large + 2).capacity(), 0U);
 }
 
 TEST_F(SpareMemory, isGivenBackWhenManyPayloadsInARowHadNoUseForIt)
