@@ -5,8 +5,8 @@
 
 namespace nq {
 
-/// Texts for people. The locale lives in the platform library; the two templates live in the
-/// scheduler library (support/), which instantiates them for `unsigned long` alone.
+/// Texts for people. The locale lives in the platform library, the two templates in the scheduler
+/// library, which exports them for `unsigned long` alone; with any other type they do not link.
 ///
 /// Any thread may call; the locale is only read. Nothing blocks, and only allocation and stream
 /// exceptions pass through.
@@ -20,7 +20,7 @@ public:
     /// caller's to append. Exact halves round down, and a value that rounds up to the next step
     /// keeps its prefix ("1024k").
     template <typename T>
-    static std::string humanizeNumberGeneric(
+    [[gnu::visibility("default")]] static std::string humanizeNumberGeneric(
         T value,
         int nbSignificantDigits,
         int maxNbDecimals,
@@ -32,7 +32,8 @@ public:
     /// largest component, 2 drops everything below minutes, any other value shows all.
     /// `appendTotalMs` adds the total, " (3723004ms)", from one second on.
     template <typename T>
-    static std::string humanizeDuration(T durationMs, int detailLevel, bool appendTotalMs);
+    [[gnu::visibility("default")]] static std::string
+    humanizeDuration(T durationMs, int detailLevel, bool appendTotalMs);
 };
 
 } // namespace nq
