@@ -7,8 +7,9 @@
 namespace nq {
 
 /// The worker's side of a job: derive from it in the worker executable, implement processJob, and
-/// call processWorker until hasFinished. The worker never reads its standard input, and what it
-/// prints never mixes with its jobs. When the host ends, by any means, the worker is killed.
+/// call processWorker until hasFinished; a worker that leaves by itself looks at isSending too. The
+/// worker never reads its standard input, and what it prints never mixes with its jobs. When the
+/// host ends, by any means, the worker is killed.
 ///
 /// @par Threads
 /// One job at a time, on the thread that calls processWorker; no thread, no lock. All operations
@@ -44,9 +45,22 @@ public:
     /// True once the work is over and the process should leave.
     bool hasFinished() const;
 
-    /// Sets what hasFinished() says. It ends nothing by itself, and a result that has not left yet
-    /// needs further steps to leave.
+    /// Sets what hasFinished() says. It ends nothing by itself.
+    ///
+    /// A worker that leaves after a job calls this in its hook. The result needs further steps to
+    /// leave the process, and what has not left when this object is destroyed is lost, so the loop
+    /// goes on until it has:
+    /// @code
+    /// while (!worker.hasFinished() || worker.isSending())
+    ///     worker.processWorker(1000);
+    /// @endcode
+    /// The host knows nothing of the intention. It may give the next job to a worker that is about
+    /// to leave; such a job fails as UnexpectedCrash, and the host may push it again.
     void setFinished(bool finished);
+
+    /// True while bytes of a result have still to leave this process and can. False once the pipe
+    /// is gone, whatever is left. What has left reaches the host even if the process ends at once.
+    bool isSending() const;
 
     /// One step: waits up to `timeoutMs` milliseconds (0 or less: none) for the pipe, takes in what
     /// came, runs the hook when a job is whole, and hands over the next slice of its result. The

@@ -91,8 +91,8 @@ public:
     /// incoming buffer, one that reports the peer's death, or -1. Borrowed: never close it.
     int getSocket() const;
 
-    /// Ends the connection and empties both buffers. What is still in the outgoing buffer is
-    /// offered to the kernel once, without blocking.
+    /// Ends the connection and empties both buffers. Sends nothing: what is still in the outgoing
+    /// buffer is dropped. What processNamedPipeEvents() has handed to the kernel still arrives.
     void closeNamedPipe();
 
 private:

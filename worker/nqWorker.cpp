@@ -89,6 +89,14 @@ void nqWorker::setFinished(bool finished)
     mPrivate->mFinished = finished;
 }
 
+bool nqWorker::isSending() const
+{
+    const Private& state = *mPrivate;
+    if (!state.mNamedPipe.isConnected() || state.mNamedPipe.isWriteChannelClosed())
+        return false;
+    return state.mNamedPipe.hasPendingWrite() || nqFrame::isSendPending(state.mResult, state.mSent);
+}
+
 void nqWorker::processWorker(int timeoutMs)
 {
     if (mPrivate == nullptr)

@@ -412,8 +412,6 @@ int nqNamedPipe::getSocket() const
 
 void nqNamedPipe::closeNamedPipe()
 {
-    if (mState->hasPendingWrite())
-        sendOnce(mState->mSocket.get(), mState->mOutgoing.data(), mState->mOutgoing.size());
     mState->close();
 }
 

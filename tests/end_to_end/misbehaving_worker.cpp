@@ -258,10 +258,10 @@ private:
         return "logged";
     }
 
-    std::string finishAfterThis(std::string_view)
+    std::string finishAfterThis(std::string_view argument)
     {
         setFinished(true);
-        return "finished";
+        return std::string(argument);
     }
 
     // Ends without an answer.
@@ -472,7 +472,7 @@ int main(int argc, char** argv)
         waitToBeTold(fifo);
 
     MisbehavingWorker worker(*pipeName, arguments, descriptors);
-    while (!worker.hasFinished())
+    while (!worker.hasFinished() || worker.isSending())
         worker.processWorker(stepMs);
     return EXIT_SUCCESS;
 }

@@ -155,9 +155,20 @@ TEST_F(Misbehaviour, aWorkerThatFinishesByItselfAnswersItsLastJobAndIsReplaced)
     ASSERT_TRUE(pool.start(1));
     const std::string pid = pool.ask("pid");
     const ProcessWatch worker(std::stoi(pid));
-    EXPECT_EQ(pool.ask("finish-after-this"), "finished");
+    EXPECT_EQ(pool.ask("finish-after-this finished"), "finished");
     ASSERT_TRUE(worker.endsWithin(end_to_end::generousLimit));
     EXPECT_NE(pool.ask("pid"), pid);
+    EXPECT_TRUE(pool.failures().empty());
+}
+
+TEST_F(Misbehaviour, aWorkerThatFinishesByItselfLeavesWithTheWholeOfALargeAnswer)
+{
+    const std::string text(std::size_t{4} << 20, 't');
+    Pool pool;
+    ASSERT_TRUE(pool.start(1));
+    const std::string pid = pool.ask("pid");
+    EXPECT_TRUE(pool.ask("finish-after-this " + text) == text);
+    EXPECT_TRUE(ProcessWatch(std::stoi(pid)).endsWithin(end_to_end::generousLimit));
     EXPECT_TRUE(pool.failures().empty());
 }
 

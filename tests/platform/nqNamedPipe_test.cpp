@@ -540,14 +540,24 @@ TEST_F(NamedPipe, isAsNeverConnectedAfterItWasClosed)
     expectAsNeverConnected(pair.mClient);
 }
 
-TEST_F(NamedPipe, offersWhatIsPendingOnceWhenItIsClosed)
+TEST_F(NamedPipe, sendsNothingWhenItIsClosed)
 {
-    PipePair pair;
-    ASSERT_TRUE(pair.mServerSide);
-    append(pair.mClient.outgoingBuffer(), "farewell");
-    pair.mClient.closeNamedPipe();
-    pair.mServerSide->processNamedPipeEvents(ampleMs, true);
-    EXPECT_EQ(text(pair.mServerSide->incomingBuffer()), "farewell");
+    PipeToRawSocket link;
+    ASSERT_TRUE(link.mPipe);
+    append(link.mPipe->outgoingBuffer(), "half a result");
+    link.mPipe->closeNamedPipe();
+    EXPECT_EQ(rawReceive(link.mPeer), "");
+    EXPECT_TRUE(rawSeesTheEnd(link.mPeer));
+}
+
+TEST_F(NamedPipe, isClosedWithoutTakingBackWhatItHasSent)
+{
+    PipeToRawSocket link;
+    ASSERT_TRUE(link.mPipe);
+    append(link.mPipe->outgoingBuffer(), "farewell");
+    link.mPipe->processNamedPipeEvents(0, false);
+    link.mPipe->closeNamedPipe();
+    EXPECT_EQ(rawReceive(link.mPeer), "farewell");
 }
 
 TEST_F(NamedPipe, closesWithoutBlockingWhenThePeerReadsNothing)
@@ -574,8 +584,8 @@ TEST_F(NamedPipe, endsTheStreamWhenItIsDestroyed)
 {
     PipeToRawSocket link;
     ASSERT_TRUE(link.mPipe);
-    append(link.mPipe->outgoingBuffer(), "last");
+    append(link.mPipe->outgoingBuffer(), "unsent");
     link.mPipe.reset();
-    EXPECT_EQ(rawReceive(link.mPeer), "last");
+    EXPECT_EQ(rawReceive(link.mPeer), "");
     EXPECT_TRUE(rawSeesTheEnd(link.mPeer));
 }

@@ -349,6 +349,56 @@ TEST_F(Worker, canBeFinishedAndUnfinishedByHand)
     EXPECT_EQ(worker.endsOfWork, 0);
 }
 
+TEST_F(Worker, isSendingUntilTheLastByteOfItsResultHasLeft)
+{
+    pipe->outgoingLimit = 10;
+    worker.work = [](const Bytes&) { return bytes("0123456789"); };
+    EXPECT_FALSE(worker.isSending());
+    arrive(frame("job"));
+    step();
+    EXPECT_TRUE(worker.isSending()) << "a slice has not been handed to the pipe";
+    step();
+    ASSERT_FALSE(pipe->outgoing.empty());
+    EXPECT_TRUE(worker.isSending()) << "a slice has not left the pipe";
+    step();
+    EXPECT_FALSE(worker.isSending());
+    EXPECT_EQ(pipe->passedOn, frame("0123456789"));
+}
+
+TEST_F(Worker, isNotSendingWhileAJobComesIn)
+{
+    arrive(header(3) + bytes("jo"));
+    step();
+    EXPECT_FALSE(worker.isSending());
+}
+
+TEST_F(Worker, isNotSendingWhatNobodyCanReceiveAnyMore)
+{
+    pipe->outgoingLimit = 10;
+    worker.work = [](const Bytes&) { return bytes("0123456789"); };
+    arrive(frame("job"));
+    step();
+    ASSERT_TRUE(worker.isSending());
+    pipe->isWriteChannelClosed = true;
+    EXPECT_FALSE(worker.isSending());
+    pipe->isWriteChannelClosed = false;
+    pipe->lose();
+    EXPECT_FALSE(worker.isSending());
+}
+
+TEST_F(Worker, leavesWithItsWholeResultWhenItFinishesInItsHook)
+{
+    pipe->outgoingLimit = 10;
+    worker.work = [this](const Bytes&) {
+        worker.setFinished(true);
+        return bytes("0123456789abcdefghijklmno");
+    };
+    arrive(frame("job"));
+    while (!worker.hasFinished() || worker.isSending())
+        step();
+    EXPECT_EQ(pipe->passedOn, frame("0123456789abcdefghijklmno"));
+}
+
 TEST_F(Worker, staysFinishedUntilItIsUnfinishedByHand)
 {
     pipe->isConnected = false;
