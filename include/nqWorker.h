@@ -89,7 +89,15 @@ public:
     /// The work: reads `job`, fills `result`, which is empty at the call. Both buffers belong to
     /// the base class; the job may be consumed. Never leave the result empty: an empty result does
     /// not complete its job, which then waits for its time-out. An exception that leaves the hook
-    /// closes the pipe, so that the job fails, and leaves processWorker too. Results of 2^31 bytes
+    /// passes as if this class did not stand between: an uncaught one ends the process where it was
+    /// thrown. A `main` that catches it has a worker that is over: nothing of the result leaves,
+    /// and the next step closes the pipe, which fails the job.
+    ///
+    /// A hook may call processWorker(), with 0 or a time, to see from hasFinished() whether the
+    /// host is still there. Inside the hook that only moves bytes, and calls endOfWork() when the
+    /// pipe has gone; the other steps do nothing.
+    ///
+    /// Results of 2^31 bytes
     /// or more are not supported.
     virtual void processJob(std::vector<char> & job, std::vector<char> & result) = 0;
 

@@ -16,6 +16,38 @@ namespace {
 constexpr std::size_t keptBytesAtRest = std::size_t{1} << 20; // not worth the trouble
 constexpr std::uint32_t smallJobsBeforeRest = 64; // in a row: more of them than of large ones
 
+enum class Hook {
+    returned, // or has never run: job and result are what they seem
+    running,  // on the stack: job and result belong to it
+    left, // by an exception or a cancelled thread: its result has no header and must never leave
+};
+
+/// Lives from before the hook until its result has a header. No catch stands there, which would
+/// take an uncaught exception away from where it was thrown; the unwinding of the stack marks it.
+class HookRun {
+public:
+    explicit HookRun(Hook& hook)
+        : mHook(hook)
+    {
+        mHook = Hook::running;
+    }
+    ~HookRun()
+    {
+        if (mHook == Hook::running)
+            mHook = Hook::left;
+    }
+    HookRun(const HookRun&) = delete;
+    HookRun& operator=(const HookRun&) = delete;
+
+    void end()
+    {
+        mHook = Hook::returned;
+    }
+
+private:
+    Hook& mHook;
+};
+
 } // namespace
 
 struct nqWorker::Private {
@@ -24,6 +56,7 @@ struct nqWorker::Private {
     {
     }
 
+    bool beginStep();
     void releaseMemoryAtRest();
     void blankUnreceived();
 
@@ -34,9 +67,28 @@ struct nqWorker::Private {
     std::int32_t mReceived = 0; // bytes of mJob
     std::int32_t mSent = 0;     // bytes of mResult handed to the pipe
     bool mFinished = false;
+    Hook mHook = Hook::returned;
     std::vector<char> mSpare;     // the memory of an earlier payload, for the next job
     std::uint32_t mSmallJobs = 0; // in a row
 };
+
+// False when nothing may be received, run or sent: inside the hook, and for good after one that was
+// left. Only now does that close the pipe, whereupon the scheduler fails the job and replaces the
+// worker: it waits for a process whose pipe has closed, and a main that has caught the exception
+// may have much to do before its next step.
+bool nqWorker::Private::beginStep()
+{
+    switch (mHook) {
+    case Hook::returned:
+        return true;
+    case Hook::running:
+        return false;
+    case Hook::left:
+        break;
+    }
+    mNamedPipe.closeNamedPipe();
+    return false;
+}
 
 // A busy worker keeps the memory of a large payload for the next one, since fresh memory costs more
 // than what is done with it. One that has waited in vain, or has had small jobs for a while, gives
@@ -92,9 +144,12 @@ void nqWorker::setFinished(bool finished)
 bool nqWorker::isSending() const
 {
     const Private& state = *mPrivate;
-    if (!state.mNamedPipe.isConnected() || state.mNamedPipe.isWriteChannelClosed())
+    const nqNamedPipe& pipe = state.mNamedPipe;
+    if (state.mHook == Hook::left || !pipe.isConnected() || pipe.isWriteChannelClosed())
         return false;
-    return state.mNamedPipe.hasPendingWrite() || nqFrame::isSendPending(state.mResult, state.mSent);
+    const bool isResultMade = state.mHook == Hook::returned;
+    return pipe.hasPendingWrite() ||
+           (isResultMade && nqFrame::isSendPending(state.mResult, state.mSent));
 }
 
 void nqWorker::processWorker(int timeoutMs)
@@ -102,13 +157,16 @@ void nqWorker::processWorker(int timeoutMs)
     if (mPrivate == nullptr)
         return;
     nqNamedPipe& pipe = mPrivate->mNamedPipe;
+    const bool isStepBegun = mPrivate->beginStep();
     const bool mayWait = !pipe.hasPendingWrite();
     pipe.processNamedPipeEvents(timeoutMs, true);
-    if (!pipe.incomingBuffer().empty())
-        onReadyRead();
-    else if (mayWait)
-        mPrivate->releaseMemoryAtRest();
-    onSendData();
+    if (isStepBegun) {
+        if (!pipe.incomingBuffer().empty())
+            onReadyRead();
+        else if (mayWait)
+            mPrivate->releaseMemoryAtRest();
+        onSendData();
+    }
     if (!pipe.isReadChannelClosed() && pipe.isConnected())
         return;
     endOfWork();
@@ -117,6 +175,8 @@ void nqWorker::processWorker(int timeoutMs)
 void nqWorker::onReadyRead()
 {
     Private& state = *mPrivate;
+    if (!state.beginStep())
+        return;
     const bool mayStart = state.mResult.empty();
     const bool isWhole = nqFrame::receive(
         state.mNamedPipe, state.mJob, state.mReceived, mayStart, std::move(state.mSpare));
@@ -130,28 +190,24 @@ void nqWorker::onReadyRead()
 void nqWorker::onProcess()
 {
     Private& state = *mPrivate;
+    if (!state.beginStep())
+        return;
     state.mResult.clear();
     state.blankUnreceived();
-    try {
-        processJob(state.mJob, state.mResult);
-    } catch (...) {
-        // What the hook has left in the result must not follow without a header. The scheduler
-        // fails the job of a worker that it has lost, and replaces it.
-        state.mResult.clear();
-        state.mNamedPipe.closeNamedPipe();
-        throw;
-    }
+    HookRun run(state.mHook);
+    processJob(state.mJob, state.mResult);
     state.mSent = 0;
     state.mSmallJobs = state.mJob.size() > keptBytesAtRest ? 0 : state.mSmallJobs + 1;
     state.mSpare = std::exchange(state.mJob, {});
     state.mReceived = 0;
     nqFrame::sendHeader(state.mNamedPipe, state.mResult);
+    run.end();
 }
 
 void nqWorker::onSendData()
 {
     Private& state = *mPrivate;
-    if (!nqFrame::isSendPending(state.mResult, state.mSent))
+    if (!state.beginStep() || !nqFrame::isSendPending(state.mResult, state.mSent))
         return;
     nqFrame::sendPayload(state.mNamedPipe, state.mResult, state.mSent);
     if (static_cast<std::uint32_t>(state.mSent) != static_cast<std::uint32_t>(state.mResult.size()))

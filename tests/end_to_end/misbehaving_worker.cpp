@@ -30,6 +30,7 @@ namespace {
 
 constexpr int stepMs =
     1000; // only how often the loop looks at hasFinished; the pipe wakes it earlier
+constexpr int lingerMs = 20'000; // much longer than the time limit that it is tried with
 constexpr std::size_t mebibyte = std::size_t{1} << 20;
 
 [[noreturn]] void hangForEver()
@@ -182,6 +183,7 @@ private:
             {"signals", &MisbehavingWorker::tellSignals},
             {"standard-input", &MisbehavingWorker::tellStandardInput},
             {"throw", &MisbehavingWorker::throwException},
+            {"throw-and-tell", &MisbehavingWorker::throwAndTell},
         };
         const auto* command =
             std::find_if(std::begin(commands), std::end(commands), [name](const Command& known) {
@@ -285,6 +287,26 @@ private:
 
     std::string throwException(std::string_view)
     {
+        throw std::runtime_error("left the hook");
+    }
+
+    /// The last thing that this process does is to write into the file whether the hook was left.
+    std::string throwAndTell(std::string_view file)
+    {
+        static std::string path;
+        static bool isHookLeft = false;
+        struct Witness {
+            ~Witness()
+            {
+                isHookLeft = true;
+            }
+        };
+        path = file;
+        std::set_terminate([] {
+            std::ofstream(path) << (isHookLeft ? "left" : "not left");
+            _exit(EXIT_FAILURE);
+        });
+        const Witness witness;
         throw std::runtime_error("left the hook");
     }
 
@@ -433,6 +455,21 @@ void waitToBeTold(const std::string& fifo)
     told.get();
 }
 
+void work(nq::nqWorker& worker)
+{
+    while (!worker.hasFinished() || worker.isSending())
+        worker.processWorker(stepMs);
+}
+
+void workAndLinger(nq::nqWorker& worker)
+{
+    try {
+        work(worker);
+    } catch (const std::exception&) {
+        poll(nullptr, 0, lingerMs);
+    }
+}
+
 std::string optionValue(const std::vector<std::string>& arguments, const std::string& option)
 {
     for (const std::string& argument : arguments)
@@ -472,7 +509,9 @@ int main(int argc, char** argv)
         waitToBeTold(fifo);
 
     MisbehavingWorker worker(*pipeName, arguments, descriptors);
-    while (!worker.hasFinished() || worker.isSending())
-        worker.processWorker(stepMs);
+    if (has(arguments, "--linger-after-an-exception"))
+        workAndLinger(worker);
+    else
+        work(worker);
     return EXIT_SUCCESS;
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <fstream>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -12,6 +13,7 @@ namespace {
 using end_to_end::EndToEnd;
 using end_to_end::Pool;
 using end_to_end::ProcessWatch;
+using end_to_end::TemporaryFolder;
 using nq::nqScheduler;
 
 std::string crashLine(const std::string& pid)
@@ -77,6 +79,33 @@ INSTANTIATE_TEST_SUITE_P(
     });
 
 class Misbehaviour : public EndToEnd {};
+
+TEST_F(Misbehaviour, anExceptionThatNobodyCatchesIsSeenWhereItWasThrown)
+{
+    const TemporaryFolder folder;
+    const std::string report = folder.file("report");
+    Pool pool;
+    ASSERT_TRUE(pool.start(1));
+    EXPECT_EQ(pool.ask("throw-and-tell " + report), "(Unexpected crash)");
+    std::string text;
+    std::getline(std::ifstream(report), text);
+    EXPECT_EQ(text, "not left") << "a debugger would not find the hook on the stack";
+}
+
+TEST_F(Misbehaviour, aWorkerThatLingersAfterAnExceptionHoldsUpNobody)
+{
+    Pool pool({"--linger-after-an-exception"});
+    ASSERT_TRUE(pool.scheduler().setJobProcessTimeout(1));
+    ASSERT_TRUE(pool.start(2));
+    pool.push("throw");
+    for (int id = 0; id < 20; ++id)
+        pool.push("echo " + std::to_string(id));
+    ASSERT_TRUE(pool.collect(21));
+    EXPECT_EQ(pool.answers().size(), 20U);
+    ASSERT_EQ(pool.failures().size(), 1U);
+    EXPECT_EQ(pool.failures()[0].job, "throw");
+    EXPECT_EQ(pool.failures()[0].reason, nqScheduler::Timeout) << pool.failures()[0].message;
+}
 
 TEST_F(Misbehaviour, manyCrashesAmongManyJobsAreAllAccountedFor)
 {

@@ -1,8 +1,10 @@
+#include "include/nqWorker.h"
 #include "tests/unit/refusedMemory.h"
 #include "tests/unit/schedulerFixture.h"
 #include "tests/unit/workerRecordFixture.h"
 
 #include <new>
+#include <optional>
 #include <stdexcept>
 
 using namespace support;
@@ -45,6 +47,32 @@ TEST_F(PumpWithoutMemory, doesNotSleepBeforeItPassesTheExceptionOn)
     pipe(0).onEvents = throwOnce;
     EXPECT_THROW(scheduler->processScheduler(1000), std::bad_alloc);
     EXPECT_TRUE(machine.selects.empty());
+}
+
+TEST(WorkerWithoutMemory, sendsNothingOfAResultWhoseHeaderFoundNoRoom)
+{
+    class Refused : public nq::nqWorker {
+    public:
+        using nqWorker::nqWorker;
+        std::optional<RefusedMemory> refused;
+        void processJob(Bytes& job, Bytes& result) override
+        {
+            result.swap(job);
+            refused.emplace(1);
+        }
+    };
+    if (!RefusedMemory::isPossible())
+        GTEST_SKIP() << "this tool has its own allocator";
+    scripted::Machine machine;
+    scripted::Pipe& pipe = machine.planPipe();
+    Refused worker("the pipe");
+    pipe.arrivals.push_back(frame("job"));
+    EXPECT_THROW(worker.processWorker(0), std::bad_alloc);
+    worker.refused.reset();
+    worker.processWorker(0);
+    worker.processWorker(0);
+    EXPECT_TRUE(pipe.passedOn.empty());
+    EXPECT_FALSE(pipe.isConnected);
 }
 
 struct RecordWithoutMemory : WorkerRecordFixture {

@@ -52,12 +52,15 @@ public:
     bool resultWasEmptyAtCall = true;
     int endsOfWork = 0;
     bool finishesAtTheEnd = true;
+    bool throwsAfterItsWork = false;
 
     void processJob(Bytes& job, Bytes& result) override
     {
         resultWasEmptyAtCall = resultWasEmptyAtCall && result.empty();
         jobs.emplace_back(job.begin(), job.end());
         result = work(job);
+        if (throwsAfterItsWork)
+            throw std::runtime_error("bad job");
     }
 
     void endOfWork() override
@@ -434,11 +437,163 @@ TEST_F(Worker, givesItsJobUpWhenItsHookThrows)
     worker.work = [](const Bytes&) -> Bytes { throw std::runtime_error("bad job"); };
     arrive(frame("job") + frame("next"));
     EXPECT_THROW(step(), std::runtime_error);
-    EXPECT_FALSE(pipe->isConnected);
     step();
-    EXPECT_TRUE(pipe->outgoing.empty());
+    EXPECT_FALSE(pipe->isConnected);
+    EXPECT_TRUE(pipe->passedOn.empty());
     EXPECT_EQ(worker.jobs, Lines{"job"});
+    EXPECT_EQ(worker.endsOfWork, 1);
     EXPECT_TRUE(worker.hasFinished());
+}
+
+/// A worker whose hook has put something into its result and thrown.
+struct WorkerWhoseHookHasThrown : Worker {
+    WorkerWhoseHookHasThrown()
+    {
+        worker.throwsAfterItsWork = true;
+        arrive(frame("job") + frame("next"));
+        EXPECT_THROW(step(), std::runtime_error);
+    }
+
+    void expectNothingOfItLeaves()
+    {
+        EXPECT_FALSE(pipe->isConnected);
+        step();
+        EXPECT_TRUE(pipe->passedOn.empty());
+        EXPECT_EQ(worker.jobs, Lines{"job"});
+    }
+};
+
+TEST_F(WorkerWhoseHookHasThrown, keepsItsPipeUntilItIsSteppedAgain)
+{
+    EXPECT_TRUE(pipe->isConnected);
+    EXPECT_TRUE(pipe->outgoing.empty());
+    EXPECT_FALSE(worker.hasFinished());
+}
+
+TEST_F(WorkerWhoseHookHasThrown, isNotSending)
+{
+    EXPECT_FALSE(worker.isSending());
+}
+
+TEST_F(WorkerWhoseHookHasThrown, sendsNothingWhenItIsStepped)
+{
+    step();
+    expectNothingOfItLeaves();
+}
+
+TEST_F(WorkerWhoseHookHasThrown, sendsNothingWhenItIsToldToSend)
+{
+    worker.onSendData();
+    expectNothingOfItLeaves();
+}
+
+TEST_F(WorkerWhoseHookHasThrown, receivesNothingWhenItIsToldToRead)
+{
+    worker.onReadyRead();
+    expectNothingOfItLeaves();
+}
+
+TEST_F(WorkerWhoseHookHasThrown, runsItsHookNoMoreWhenItIsToldToProcess)
+{
+    worker.onProcess();
+    expectNothingOfItLeaves();
+}
+
+/// A worker that does something with itself inside its hook.
+struct WorkerInsideItsHook : Worker {
+    void runWith(const std::function<void()>& inside)
+    {
+        worker.work = [inside](const Bytes&) {
+            inside();
+            return bytes("result");
+        };
+        arrive(frame("job"));
+        step();
+    }
+};
+
+TEST_F(WorkerInsideItsHook, movesBytesWhenItIsStepped)
+{
+    runWith([this] {
+        machine.calls.clear();
+        arrive(frame("early"));
+        worker.processWorker(250);
+        EXPECT_EQ(machine.calls, Lines{"pipe 1: processNamedPipeEvents(250, true)"});
+        EXPECT_EQ(pipe->incoming, frame("early"));
+    });
+    EXPECT_EQ(worker.jobs, Lines{"job"});
+    EXPECT_EQ(pipe->outgoing, frame("result"));
+}
+
+TEST_F(WorkerInsideItsHook, takesNoStepOfItsOwn)
+{
+    runWith([this] {
+        pipe->incoming = frame("early");
+        worker.onReadyRead();
+        worker.onProcess();
+        worker.onSendData();
+        EXPECT_EQ(pipe->incoming, frame("early"));
+        EXPECT_TRUE(pipe->outgoing.empty());
+    });
+    EXPECT_EQ(worker.jobs, Lines{"job"});
+    EXPECT_EQ(pipe->outgoing, frame("result"));
+}
+
+TEST_F(WorkerInsideItsHook, sendsNothingOfAHalfMadeResult)
+{
+    class HalfMaking : public nq::nqWorker {
+    public:
+        using nqWorker::nqWorker;
+        bool wasSending = false;
+        void processJob(Bytes&, Bytes& result) override
+        {
+            result = bytes("half");
+            wasSending = isSending();
+            processWorker(0);
+            onSendData();
+            result = bytes("whole");
+        }
+    };
+    pipe = &machine.planPipe();
+    HalfMaking halfMaking("another pipe");
+    arrive(frame("job"));
+    halfMaking.processWorker(0);
+    halfMaking.processWorker(0);
+    EXPECT_EQ(pipe->passedOn, frame("whole"));
+    EXPECT_FALSE(halfMaking.wasSending);
+}
+
+TEST_F(WorkerInsideItsHook, isToldOfTheEndWhenThePipeHasGone)
+{
+    runWith([this] {
+        pipe->lose();
+        worker.processWorker(0);
+        EXPECT_EQ(worker.endsOfWork, 1);
+        EXPECT_TRUE(worker.hasFinished());
+    });
+    EXPECT_TRUE(pipe->outgoing.empty());
+}
+
+TEST_F(WorkerInsideItsHook, keepsTheMemoryOfItsBuffersWhenItIsStepped)
+{
+    class Waiting : public nq::nqWorker {
+    public:
+        using nqWorker::nqWorker;
+        bool isReserved = false;
+        void processJob(Bytes& job, Bytes& result) override
+        {
+            constexpr std::size_t large = std::size_t{2} << 20;
+            job.clear();
+            result.reserve(large);
+            processWorker(0);
+            isReserved = result.capacity() >= large;
+        }
+    };
+    pipe = &machine.planPipe();
+    Waiting waiting("another pipe");
+    arrive(frame("job"));
+    waiting.processWorker(0);
+    EXPECT_TRUE(waiting.isReserved);
 }
 
 TEST_F(Worker, findsNothingOfTheJobBeforeInOneThatIsProcessedBeforeItIsWhole)
