@@ -10,8 +10,9 @@
 
 namespace nq {
 
-/// Follows the process whose connection a server waits for, so that nobody waits for one that cannot
-/// come any more: that of a worker which crashed, or left with an error, before it connected.
+/// Follows the process whose connection a server waits for, so that nobody waits for one that
+/// cannot come any more: that of a worker which crashed, or left with an error, before it
+/// connected.
 ///
 /// Only looks. The process is not reaped, since what it has forked would be killed over that.
 class nqLaunchWatch {
@@ -19,8 +20,9 @@ public:
     /// Follows the latest process of `server`, if that has not connected yet.
     explicit nqLaunchWatch(const std::string& server);
 
-    /// Looks. True when the process has ended by a signal or with a status other than 0, and nothing
-    /// of its group is left. A status of 0 is how programs leave that go on in the background.
+    /// Looks. True when the process has ended by a signal or with a status other than 0, and
+    /// nothing of its group is left. A status of 0 is how programs leave that go on in the
+    /// background.
     bool findsFailure();
 
     /// Waits until `listener` has something to accept, or it is worth looking again. False when the

@@ -59,14 +59,15 @@ nqStartedProcess* nqStartedProcess::Roster::find(pid_t pid) const
 
 nqStartedProcess* nqStartedProcess::Roster::latestOf(const std::string& server) const
 {
-    const auto belongs = [&](const nqStartedProcess* process) { return process->belongsTo(server); };
+    const auto belongs = [&](const nqStartedProcess* process) {
+        return process->belongsTo(server);
+    };
     const auto found = std::find_if(mProcesses.rbegin(), mProcesses.rend(), belongs);
     return found == mProcesses.rend() ? nullptr : *found;
 }
 
 // The latest, since the number of one that has ended may be in use again.
-nqStartedProcess*
-nqStartedProcess::Roster::inGroup(const std::string& server, pid_t group) const
+nqStartedProcess* nqStartedProcess::Roster::inGroup(const std::string& server, pid_t group) const
 {
     const auto leads = [&](const nqStartedProcess* process) {
         return process->mPid == group && process->belongsTo(server);

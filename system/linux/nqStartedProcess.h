@@ -17,8 +17,8 @@ namespace nq {
 ///
 /// A launch takes the oldest connection for its worker's. A connection too many would therefore be
 /// taken for the next worker's, whose real one would then be left over, and whoever waits for that
-/// worker to leave would wait for ever. So each process gets one connection, none after its end, and
-/// none for what an earlier one has left behind.
+/// worker to leave would wait for ever. So each process gets one connection, none after its end,
+/// and none for what an earlier one has left behind.
 ///
 /// Start times are counted in clock ticks of 10 ms, and a process that forks later looks younger
 /// than it is. This guards against accidents, not against anybody who wants to get in.
@@ -57,10 +57,8 @@ public:
 
     /// Whether `peer` gets in, which is noted. `firstStart` is that of the first process which the
     /// server ever had.
-    static bool admit(
-        const std::string& server,
-        nqPeer& peer,
-        const std::optional<std::uint64_t>& firstStart);
+    static bool
+    admit(const std::string& server, nqPeer& peer, const std::optional<std::uint64_t>& firstStart);
 
     /// The latest process of the server, unless it has connected, or is known to have ended.
     static std::optional<pid_t> awaited(const std::string& server);

@@ -7,8 +7,11 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -23,11 +26,6 @@ using end_to_end::TemporaryFolder;
 using end_to_end::workerPath;
 
 constexpr int shortLimitMs = 50; // for what never connects
-
-class Launch : public EndToEnd {
-protected:
-    TemporaryFolder mFolder;
-};
 
 /// The whole text of a failed launch. `pid` is a pattern, as is the name of the pipe.
 std::string launchFailure(
@@ -46,19 +44,60 @@ std::string launchFailure(
 
 const std::string notRunning = "Process state is not 'running'";
 const std::string noConnection = "Timeout while waiting for worker connection";
+const std::string anyPid = "[1-9][0-9]*";
+
+class Launch : public EndToEnd {
+protected:
+    /// The log holds what the platform knows of the failure, and then the failure.
+    void expectLog(const std::string& knowledge, const std::string& failure) const
+    {
+        ASSERT_EQ(mLog.lines().size(), 2U);
+        for (const auto& line : mLog.lines()) {
+            EXPECT_EQ(line.level, 3);
+            EXPECT_TRUE(line.flush);
+        }
+        EXPECT_TRUE(matchesWhole(mLog.messages()[0], knowledge)) << mLog.messages()[0];
+        EXPECT_TRUE(matchesWhole(mLog.messages()[1], failure)) << mLog.messages()[1];
+    }
+
+    /// A worker that ends, for `how` ends, before it connects: its launch fails long before its
+    /// time is up.
+    void expectEarlyEnd(const std::string& exePath, const std::string& how)
+    {
+        Pool pool(exePath, {});
+        EXPECT_FALSE(pool.start(1));
+        // Whether the state is asked before or after the end is up to the machine.
+        const std::string either = "(" + notRunning + "|" + noConnection + ")";
+        expectLog(
+            literally(exePath) + " \\(pid " + anyPid + "\\) " + how,
+            launchFailure(either, anyPid, exePath, ""));
+    }
+
+    TemporaryFolder mFolder;
+};
 
 TEST_F(Launch, ofAMissingExecutableFailsAtOnce)
 {
     const std::string missing = mFolder.file("missing");
     Pool pool(missing, {"-v", "two words"});
     EXPECT_FALSE(pool.start(1));
-    ASSERT_EQ(mLog.lines().size(), 1U);
-    EXPECT_EQ(mLog.lines()[0].level, 3);
-    EXPECT_TRUE(mLog.lines()[0].flush);
-    EXPECT_TRUE(matchesWhole(
-        mLog.messages()[0], launchFailure(notRunning, "0", missing, R"( "-v" "two words")")))
-        << mLog.messages()[0];
+    expectLog(
+        literally("Cannot start " + missing + ": No such file or directory"),
+        launchFailure(notRunning, "0", missing, R"( "-v" "two words")"));
     EXPECT_TRUE(end_to_end::children().empty());
+}
+
+TEST_F(Launch, inAMissingFolderSaysThatTheFolderIsMissing)
+{
+    const std::string folder = mFolder.file("missing");
+    const std::string path = folder + "/worker";
+    Pool pool(path, {});
+    EXPECT_FALSE(pool.start(1));
+    expectLog(
+        literally(
+            "Cannot start " + path + ": its working directory " + folder +
+            " cannot be entered: No such file or directory"),
+        launchFailure(notRunning, "0", path, ""));
 }
 
 TEST_F(Launch, ofAFileThatIsNotExecutableFailsAtOnce)
@@ -67,38 +106,101 @@ TEST_F(Launch, ofAFileThatIsNotExecutableFailsAtOnce)
     std::filesystem::permissions(path, std::filesystem::perms::owner_read);
     Pool pool(path, {});
     EXPECT_FALSE(pool.start(1));
-    ASSERT_EQ(mLog.lines().size(), 1U);
-    EXPECT_TRUE(matchesWhole(mLog.messages()[0], launchFailure(notRunning, "0", path, "")))
-        << mLog.messages()[0];
+    expectLog(
+        literally("Cannot start " + path + ": Permission denied (it has no execute permission)"),
+        launchFailure(notRunning, "0", path, ""));
 }
 
 TEST_F(Launch, ofAFolderFailsAtOnce)
 {
-    Pool pool(mFolder.file("."), {});
+    const std::string path = mFolder.file(".");
+    Pool pool(path, {});
     EXPECT_FALSE(pool.start(1));
-    EXPECT_EQ(mLog.lines().size(), 1U);
+    expectLog(
+        literally("Cannot start " + path + ": Permission denied (it is a folder)"),
+        launchFailure(notRunning, "0", path, ""));
+}
+
+TEST_F(Launch, ofAScriptWithoutItsInterpreterSaysWhatIsMissing)
+{
+    const std::string path = mFolder.file("script");
+    std::ofstream(path) << "#!/nowhere/interpreter\n";
+    std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+    Pool pool(path, {});
+    EXPECT_FALSE(pool.start(1));
+    expectLog(
+        literally(
+            "Cannot start " + path +
+            ": No such file or directory (the file is there, but the "
+            "interpreter or loader that it names is not)"),
+        launchFailure(notRunning, "0", path, ""));
+}
+
+TEST_F(Launch, ofAScriptThatNamesNoInterpreterSaysSo)
+{
+    const std::string path = mFolder.file("script");
+    std::ofstream(path) << "exit 0\n";
+    std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+    Pool pool(path, {});
+    EXPECT_FALSE(pool.start(1));
+    expectLog(
+        literally(
+            "Cannot start " + path +
+            ": Exec format error (a script needs a first line that names "
+            "its interpreter, as #!/bin/sh does)"),
+        launchFailure(notRunning, "0", path, ""));
 }
 
 TEST_F(Launch, withoutAnExecutableFails)
 {
     Pool pool("", {});
     EXPECT_FALSE(pool.start(1));
-    ASSERT_EQ(mLog.lines().size(), 1U);
-    EXPECT_TRUE(matchesWhole(mLog.messages()[0], launchFailure(notRunning, "0", "", "")))
-        << mLog.messages()[0];
+    expectLog(
+        "Cannot start a process: there is no path of an executable",
+        launchFailure(notRunning, "0", "", ""));
 }
 
-TEST_F(Launch, ofAWorkerThatExitsAtOnceFails)
+TEST_F(Launch, ofAWorkerThatRefusesItsArgumentsFailsWithItsStatus)
 {
-    Pool pool({"--exit-at-once"});
+    expectEarlyEnd(
+        mFolder.addScript("worker", "exit 2\n"), "left with exit status 2 before it connected");
+}
+
+TEST_F(Launch, ofAWorkerThatCrashesWhileItLoadsFailsWithItsSignal)
+{
+    expectEarlyEnd(
+        mFolder.addScript("worker", "kill -SEGV $$\n"),
+        R"(was ended by signal 11 \(Segmentation fault\)( with a core dump)? before it connected)");
+}
+
+TEST_F(Launch, ofAWorkerWithoutItsSharedLibrarySaysHowToFindOut)
+{
+    const std::string program = mFolder.file("worker");
+    std::filesystem::copy_file(workerPath(), program);
+    // The name of the library in the program's own text.
+    std::fstream file(program, std::ios::in | std::ios::out | std::ios::binary);
+    std::string bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    const std::string library = "libnqSchedulerAPI.so";
+    const std::size_t position = bytes.find(library);
+    ASSERT_NE(position, std::string::npos);
+    file.seekp(static_cast<std::streamoff>(position));
+    file << "libmissing";
+    file.close();
+    expectEarlyEnd(
+        program,
+        "left with exit status 127 before it connected; this status often means a missing shared "
+        "library: run it by hand to see which");
+}
+
+TEST_F(Launch, ofAWorkerThatLeavesWithoutAnErrorWaitsForWhatItMayHaveStarted)
+{
+    const std::string path = mFolder.addScript("worker", "exit 0\n");
+    Pool pool(path, {});
     EXPECT_FALSE(pool.scheduler().startScheduler(1, shortLimitMs));
-    ASSERT_EQ(mLog.lines().size(), 1U);
-    const std::string message = mLog.messages()[0];
-    // Whether the state is asked before or after the exit is up to the machine.
     const std::string either = "(" + notRunning + "|" + noConnection + ")";
-    EXPECT_TRUE(matchesWhole(
-        message, launchFailure(either, R"([1-9][0-9]*)", workerPath(), R"( "--exit-at-once")")))
-        << message;
+    expectLog(
+        literally(path) + " \\(pid " + anyPid + "\\) left with exit status 0 before it connected",
+        launchFailure(either, anyPid, path, ""));
 }
 
 TEST_F(Launch, ofAWorkerThatNeverConnectsFailsAndEndsIt)
@@ -110,8 +212,7 @@ TEST_F(Launch, ofAWorkerThatNeverConnectsFailsAndEndsIt)
     EXPECT_TRUE(mLog.lines()[0].flush);
     const std::string message = mLog.messages()[0];
     EXPECT_TRUE(matchesWhole(
-        message,
-        launchFailure(noConnection, R"([1-9][0-9]*)", workerPath(), R"( "--never-connect")")))
+        message, launchFailure(noConnection, anyPid, workerPath(), R"( "--never-connect")")))
         << message;
 }
 
@@ -123,7 +224,7 @@ TEST_F(Launch, namesTheCurrentFolderOfTheHostAsEmptyWhenItHasBeenRemoved)
     Pool pool("/nowhere/worker", {});
     EXPECT_FALSE(pool.start(1));
     const std::string ending = " current working directory was ";
-    const std::string message = mLog.messages().at(0);
+    const std::string message = mLog.messages().back();
     ASSERT_GT(message.size(), ending.size());
     EXPECT_EQ(message.substr(message.size() - ending.size()), ending);
 }
@@ -152,7 +253,7 @@ TEST_F(Launch, oneFailureInThreeLeavesTheOthersUntilTheEnd)
     };
     Pool pool(script, {});
     EXPECT_FALSE(pool.start(3));
-    EXPECT_EQ(mLog.lines().size(), 1U);
+    EXPECT_EQ(mLog.lines().size(), 2U);
     EXPECT_EQ(end_to_end::children().size(), 2U);
     EXPECT_FALSE(pool.scheduler().stopScheduler());
     EXPECT_EQ(end_to_end::children().size(), 2U);
@@ -171,9 +272,10 @@ TEST_F(Launch, aFailedReplacementIsReportedAndLeavesThePoolSmaller)
     std::filesystem::remove(script);
     EXPECT_EQ(pool.ask("crash"), "(Unexpected crash)");
     const std::vector<std::string> messages = mLog.messages();
-    ASSERT_EQ(messages.size(), 2U);
-    EXPECT_TRUE(matchesWhole(messages[1], launchFailure(notRunning, "0", script, "")))
-        << messages[1];
+    ASSERT_EQ(messages.size(), 3U);
+    EXPECT_EQ(messages[1], "Cannot start " + script + ": No such file or directory");
+    EXPECT_TRUE(matchesWhole(messages[2], launchFailure(notRunning, "0", script, "")))
+        << messages[2];
     EXPECT_EQ(end_to_end::children().size(), 1U);
     EXPECT_EQ(pool.ask("echo by the other"), "by the other");
 }
@@ -274,6 +376,61 @@ TEST_F(Launch, theLateChildOfAWrapperIsEndedWhenItsLaunchGivesUp)
     for (const pid_t process : end_to_end::markedProcesses())
         EXPECT_TRUE(ProcessWatch(process).endsWithin(std::chrono::seconds{10}));
     expectOwnWorkerAndAnEnd(pool, mLog);
+}
+
+TEST_F(Launch, theStragglerOfALaunchThatWasGivenUpIsNotTakenForTheNextWorker)
+{
+    const std::string go = mFolder.addFifo("go");
+    const std::string connected = mFolder.addFifo("connected");
+    const std::string script = mFolder.addScript(
+        "wrapper",
+        "if mkdir '" + mFolder.file("first") + "' 2>/dev/null; then\n    exec setsid -w '" +
+            workerPath() + "' \"$@\" --connect-when-told='" + go + "' --tell-when-connected='" +
+            connected + "'\nfi\nexec '" + workerPath() + "' \"$@\"\n");
+    Pool pool(script, {});
+    EXPECT_FALSE(pool.scheduler().startScheduler(1, 500));
+
+    // In a session of its own, it has outlived the end of its launch.
+    const int goWriter = openWhenThereIsAReader(go);
+    ASSERT_NE(goWriter, -1);
+    ASSERT_EQ(write(goWriter, "x", 1), 1);
+    close(goWriter);
+    close(open(connected.c_str(), O_RDONLY | O_CLOEXEC)); // comes back when it has connected
+    expectOwnWorkerAndAnEnd(pool, mLog);
+}
+
+/// A worker that hangs behind this wrapper is ended by its job's time-out.
+void expectTimeOutEndsAll(const std::string& wrapper)
+{
+    Pool pool(wrapper, {});
+    pool.scheduler().setJobProcessTimeout(1);
+    ASSERT_TRUE(pool.start(1));
+    EXPECT_EQ(pool.ask("echo behind a wrapper"), "behind a wrapper");
+    std::vector<std::unique_ptr<ProcessWatch>> processes;
+    for (const pid_t process : end_to_end::markedProcesses())
+        processes.push_back(std::make_unique<ProcessWatch>(process));
+    EXPECT_EQ(processes.size(), 2U);
+    pool.ask("hang");
+    ASSERT_EQ(pool.failures().size(), 1U);
+    EXPECT_EQ(pool.failures()[0].reason, nq::nqScheduler::Timeout);
+    for (const auto& process : processes)
+        EXPECT_TRUE(process->endsWithin(end_to_end::generousLimit));
+    EXPECT_EQ(pool.ask("echo next"), "next");
+}
+
+TEST_F(Launch, ofAWorkerInASessionOfItsOwnIsReachedByAKill)
+{
+    expectTimeOutEndsAll(
+        mFolder.addScript("wrapper", "exec setsid -w '" + workerPath() + "' \"$@\"\n"));
+}
+
+TEST_F(Launch, ofAWorkerInAPidNamespaceOfItsOwnIsReachedByAKill)
+{
+    const std::string unshare = "unshare --user --map-root-user --pid --fork ";
+    if (std::system((unshare + "true 2>/dev/null").c_str()) != 0)
+        GTEST_SKIP() << "no PID namespace may be made here";
+    expectTimeOutEndsAll(
+        mFolder.addScript("wrapper", "exec " + unshare + "'" + workerPath() + "' \"$@\"\n"));
 }
 
 TEST_F(Launch, thatGivesUpWhileItsWorkerConnectsLeavesNothingToTheNext)

@@ -455,6 +455,12 @@ void waitToBeTold(const std::string& fifo)
     told.get();
 }
 
+/// Comes back when a reader is there.
+void tell(const std::string& fifo)
+{
+    close(open(fifo.c_str(), O_WRONLY | O_CLOEXEC));
+}
+
 void work(nq::nqWorker& worker)
 {
     while (!worker.hasFinished() || worker.isSending())
@@ -509,6 +515,8 @@ int main(int argc, char** argv)
         waitToBeTold(fifo);
 
     MisbehavingWorker worker(*pipeName, arguments, descriptors);
+    if (const std::string fifo = optionValue(arguments, "--tell-when-connected="); !fifo.empty())
+        tell(fifo);
     if (has(arguments, "--linger-after-an-exception"))
         workAndLinger(worker);
     else

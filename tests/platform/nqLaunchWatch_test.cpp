@@ -77,8 +77,7 @@ TEST_F(AWaitForAConnection, endsWhenTheProcessHasLeftWithAnError)
     EXPECT_LT(elapsedSince(begin), milliseconds(ampleMs));
     EXPECT_FALSE(timedOut);
     EXPECT_EQ(
-        mLog.mMessages,
-        std::vector{processText() + "left with exit status 3 before it connected"});
+        mLog.mMessages, std::vector{processText() + "left with exit status 3 before it connected"});
 }
 
 TEST_F(AWaitForAConnection, endsWhenASignalHasEndedTheProcess)
@@ -104,8 +103,7 @@ TEST_F(AWaitForAConnection, endsAlsoWhenTheProcessHasEndedBeforeTheWait)
 {
     start("exit 3");
     siginfo_t ended{};
-    ASSERT_EQ(
-        ::waitid(P_PID, static_cast<id_t>(mProcess->getPid()), &ended, WEXITED | WNOWAIT), 0);
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(mProcess->getPid()), &ended, WEXITED | WNOWAIT), 0);
     bool timedOut = true;
     EXPECT_FALSE(mServer.waitForNewConnection(ampleMs, &timedOut));
     EXPECT_FALSE(timedOut);
@@ -117,8 +115,7 @@ TEST_F(AWaitForAConnection, leavesTheEndedProcessToBeReapedByItsOwner)
     start("exit 3");
     EXPECT_FALSE(mServer.waitForNewConnection(ampleMs, nullptr));
     siginfo_t ended{};
-    EXPECT_EQ(
-        ::waitid(P_PID, static_cast<id_t>(mProcess->getPid()), &ended, WEXITED | WNOWAIT), 0);
+    EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(mProcess->getPid()), &ended, WEXITED | WNOWAIT), 0);
     EXPECT_EQ(mProcess->getState(), nqProcess::Ended);
     EXPECT_EQ(mLog.mMessages.size(), 1U) << "it is said once";
 }
@@ -132,8 +129,7 @@ TEST_F(AWaitForAConnection, goesOnAfterAProcessThatLeftWithoutAnErrorAndSaysSoWh
     EXPECT_GE(elapsedSince(begin), milliseconds(briefMs));
     EXPECT_TRUE(timedOut);
     EXPECT_EQ(
-        mLog.mMessages,
-        std::vector{processText() + "left with exit status 0 before it connected"});
+        mLog.mMessages, std::vector{processText() + "left with exit status 0 before it connected"});
 }
 
 TEST_F(AWaitForAConnection, goesOnAfterAnErrorForAsLongAsAnythingOfTheGroupIsLeft)

@@ -54,8 +54,8 @@ void connectAndHangUp(const std::string& name)
     ASSERT_TRUE(rawConnect(socket, name));
 }
 
-// A process that leads a process group of its own, holds no copy of the listening socket, connects when it is told to, and stays until the
-// connection ends.
+// A process that leads a process group of its own, holds no copy of the listening socket, connects
+// when it is told to, and stays until the connection ends.
 struct Worker {
     Worker(nqNamedPipeServer& server, const std::string& name)
         : mChild([&] {
@@ -100,7 +100,8 @@ void awaitNextTick()
     const auto tick = [] {
         timespec now{};
         ::clock_gettime(CLOCK_BOOTTIME, &now);
-        return (now.tv_sec * 1'000'000'000LL + now.tv_nsec) / (1'000'000'000LL / ::sysconf(_SC_CLK_TCK));
+        return (now.tv_sec * 1'000'000'000LL + now.tv_nsec) /
+               (1'000'000'000LL / ::sysconf(_SC_CLK_TCK));
     };
     for (const auto start = tick(); tick() <= start + 1;)
         continue;

@@ -37,11 +37,9 @@ protected:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(
-    ,
-    InAForkedChild,
-    testing::Values(&::fork, &::_Fork),
-    [](const auto& way) { return way.param == &::fork ? "fork" : "forkWithoutHandlers"; });
+INSTANTIATE_TEST_SUITE_P(, InAForkedChild, testing::Values(&::fork, &::_Fork), [](const auto& way) {
+    return way.param == &::fork ? "fork" : "forkWithoutHandlers";
+});
 
 /// Two ends of one connection.
 struct Connection {
