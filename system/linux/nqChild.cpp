@@ -30,6 +30,7 @@ nqChild::nqChild(pid_t pid)
     : mPid(pid),
       mPidfd(pidfdOpen(pid))
 {
+    mPidfd.moveOutOfRangeOfSelect();
 }
 
 bool nqChild::reapIfEnded()

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <sys/select.h>
 #include <unistd.h>
 
 namespace nq {
@@ -40,7 +41,18 @@ void nqDescriptor::close() noexcept
 
 void nqDescriptor::moveToLowNumber()
 {
-    const int moved = ::fcntl(mFd, F_DUPFD_CLOEXEC, firstNumberAboveStandardStreams);
+    moveToNumberFrom(firstNumberAboveStandardStreams);
+}
+
+void nqDescriptor::moveOutOfRangeOfSelect()
+{
+    if (mFd >= 0 && mFd < FD_SETSIZE)
+        moveToNumberFrom(FD_SETSIZE);
+}
+
+void nqDescriptor::moveToNumberFrom(int lowest)
+{
+    const int moved = ::fcntl(mFd, F_DUPFD_CLOEXEC, lowest);
     if (moved < 0)
         return;
     close();

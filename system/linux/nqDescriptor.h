@@ -52,7 +52,14 @@ public:
     /// is when no number is free.
     void moveToLowNumber();
 
+    /// Moves the descriptor to a number that select() cannot hold, which leaves the lower ones to
+    /// sockets that are selected on; keeps it where it is when the limit of descriptors does not
+    /// allow that.
+    void moveOutOfRangeOfSelect();
+
 private:
+    void moveToNumberFrom(int lowest);
+
     int mFd = -1;
 };
 

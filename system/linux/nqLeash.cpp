@@ -73,6 +73,8 @@ nqLeash::nqLeash()
         return;
     mOneEnd = nqDescriptor(ends[0]);
     mOtherEnd = nqDescriptor(ends[1]);
+    mOneEnd.moveOutOfRangeOfSelect();
+    mOtherEnd.moveOutOfRangeOfSelect();
     registry.mLeashes.push_back(this);
 }
 

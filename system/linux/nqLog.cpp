@@ -220,6 +220,7 @@ nqLog::nqLog(const std::string& filePathUtf8)
     constexpr mode_t asTheUmaskAllows = 0666;
     mState->mFile = nqDescriptor(retryOnSignal(
         [&] { return ::open(filePathUtf8.c_str(), appendOrCreate, asTheUmaskAllows); }));
+    mState->mFile.moveOutOfRangeOfSelect();
 }
 
 nqLog::~nqLog()

@@ -167,6 +167,7 @@ void nqNamedPipe::State::processEvents(int timeoutMs, bool wait)
         std::this_thread::yield();
     if (!isConnected())
         close();
+    mPeer.keepInRangeOfSelect(isIncomingFull()); // for getSocket(), which only asks
     mLeftByLastCall = mIncoming.size();
 }
 

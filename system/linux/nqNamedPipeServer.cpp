@@ -156,6 +156,7 @@ bool nqNamedPipeServer::listenUtf8(const std::string& name)
     if (mState->mName != name)
         mState->mFirstStart.reset();
     mState->mName = name;
+    listener.moveOutOfRangeOfSelect();
     mState->mListener = std::move(listener);
     return true;
 }

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/select.h>
 #include <unistd.h>
 
 namespace nq {
@@ -42,16 +43,28 @@ void nqPeer::watchWith(int socket)
     if (mDead || mWatch.isOpen() || mCredentials.pid <= 0 || mCredentials.pid == ::getpid())
         return;
     mWatch = nqDescriptor(pidfdOfPeer(socket));
-    if (mWatch.isOpen())
-        return;
-    const int pidfd = pidfdOpen(mCredentials.pid);
-    mDead = pidfd < 0 && errno == ESRCH;
-    mWatch = nqDescriptor(pidfd);
+    if (!mWatch.isOpen()) {
+        const int pidfd = pidfdOpen(mCredentials.pid);
+        mDead = pidfd < 0 && errno == ESRCH;
+        mWatch = nqDescriptor(pidfd);
+    }
+    mWatch.moveOutOfRangeOfSelect();
 }
 
 bool nqPeer::belongsToThisUser() const
 {
     return mCredentials.uid == ::geteuid();
+}
+
+void nqPeer::keepInRangeOfSelect(bool isSelectedOn)
+{
+    if (isSelectedOn && mWatch.get() >= FD_SETSIZE) {
+        mWatch.moveToLowNumber();
+        mWatchIsBroughtDown = true;
+    } else if (!isSelectedOn && mWatchIsBroughtDown) {
+        mWatch.moveOutOfRangeOfSelect();
+        mWatchIsBroughtDown = false;
+    }
 }
 
 bool nqPeer::hasDied()
@@ -74,7 +87,9 @@ std::optional<std::uint64_t> nqPeer::startTicks()
 
 nqDescriptor nqPeer::duplicateWatch() const
 {
-    return nqDescriptor(mWatch.isOpen() ? ::fcntl(mWatch.get(), F_DUPFD_CLOEXEC, 0) : -1);
+    nqDescriptor copy(mWatch.isOpen() ? ::fcntl(mWatch.get(), F_DUPFD_CLOEXEC, 0) : -1);
+    copy.moveOutOfRangeOfSelect();
+    return copy;
 }
 
 } // namespace nq

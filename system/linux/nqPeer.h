@@ -51,6 +51,10 @@ public:
     /// A descriptor of the caller's own for the process; none when there is nothing to watch.
     nqDescriptor duplicateWatch() const;
 
+    /// Brings the watch into the range of select() while it `isSelectedOn`, if a number is free,
+    /// and out of it afterwards. Costs nothing where it is as it should be.
+    void keepInRangeOfSelect(bool isSelectedOn);
+
     /// Becomes readable when the process dies; -1 when there is nothing to watch.
     int watch() const
     {
@@ -60,7 +64,8 @@ public:
 private:
     ucred mCredentials{0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
     nqDescriptor mWatch; // a pidfd, which never comes to mean another process
-    bool mDead = false;  // once true, the watch is closed
+    bool mWatchIsBroughtDown = false;
+    bool mDead = false; // once true, the watch is closed
 };
 
 } // namespace nq

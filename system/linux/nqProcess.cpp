@@ -66,7 +66,10 @@ std::uint64_t residentPages(const char* position, const char* end)
 nqDescriptor openMemoryStatistics(pid_t pid)
 {
     const std::string path = "/proc/" + std::to_string(pid) + "/statm";
-    return nqDescriptor(retryOnSignal([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
+    nqDescriptor statistics(
+        retryOnSignal([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
+    statistics.moveOutOfRangeOfSelect();
+    return statistics;
 }
 
 } // namespace

@@ -13,19 +13,20 @@ using nq::nqNamedPipeServer;
 
 namespace {
 
+std::set<int> descriptorsSince(const std::set<int>& before)
+{
+    const std::set<int> now = openDescriptors();
+    std::set<int> added;
+    std::set_difference(
+        now.begin(), now.end(), before.begin(), before.end(), std::inserter(added, added.end()));
+    return added;
+}
+
 class NamedPipeDescriptors : public LeavesNothingBehind {
 protected:
     std::set<int> descriptorsSinceStart() const
     {
-        const std::set<int> now = openDescriptors();
-        std::set<int> added;
-        std::set_difference(
-            now.begin(),
-            now.end(),
-            descriptorsAtStart().begin(),
-            descriptorsAtStart().end(),
-            std::inserter(added, added.end()));
-        return added;
+        return descriptorsSince(descriptorsAtStart());
     }
 };
 
@@ -201,4 +202,87 @@ TEST_F(NamedPipeDescriptors, areNoneOfAPipeThatFailedToConnectForWantOfThem)
     ASSERT_TRUE(limit.exhaust());
     EXPECT_FALSE(pipe.connectToNamedPipeServerUtf8(name));
     EXPECT_FALSE(pipe.isConnected());
+}
+
+std::set<int> numbersInRangeOfSelect(const std::set<int>& descriptors)
+{
+    return {descriptors.begin(), descriptors.lower_bound(FD_SETSIZE)};
+}
+
+TEST_F(NamedPipeDescriptors, leaveTheRangeOfSelectToTheSocketsOfPipes)
+{
+    const DescriptorLimit limit;
+    if (!limit.set(enoughDescriptors))
+        GTEST_SKIP() << "the hard limit of descriptors is below " << enoughDescriptors;
+    Event done;
+    const std::set<int> before = openDescriptors();
+    nqNamedPipeServer server;
+    const std::string name = freshName();
+    ASSERT_TRUE(server.listenUtf8(name));
+    Child worker([&] {
+        nqNamedPipe pipe;
+        return pipe.connectToNamedPipeServerUtf8(name) && done.await() ? 0 : 1;
+    });
+    const auto pipe = acceptOne(server);
+    ASSERT_TRUE(pipe);
+    EXPECT_EQ(numbersInRangeOfSelect(descriptorsSince(before)), std::set<int>{pipe->getSocket()});
+    done.raise();
+    EXPECT_EQ(worker.wait(), 0);
+}
+
+TEST_F(NamedPipeDescriptors, stayWhereTheyAreWhereTheLimitDoesNotAllowMore)
+{
+    const DescriptorLimit limit;
+    ASSERT_TRUE(limit.set(FD_SETSIZE));
+    Event done;
+    const std::set<int> before = openDescriptors();
+    nqNamedPipeServer server;
+    const std::string name = freshName();
+    ASSERT_TRUE(server.listenUtf8(name));
+    Child worker([&] {
+        nqNamedPipe pipe;
+        return pipe.connectToNamedPipeServerUtf8(name) && done.await() ? 0 : 1;
+    });
+    const auto pipe = acceptOne(server);
+    ASSERT_TRUE(pipe);
+    EXPECT_TRUE(pipe->isConnected());
+    EXPECT_EQ(descriptorsSince(before).size(), 3U) << "the listener, the socket and the watch";
+    done.raise();
+    EXPECT_EQ(worker.wait(), 0);
+    EXPECT_TRUE(pumpUntil(*pipe, [&] { return !pipe->isConnected(); }));
+}
+
+TEST_F(NamedPipeDescriptors, reportAWatchThatSelectCanHoldWhileTheBufferIsFull)
+{
+    const DescriptorLimit limit;
+    if (!limit.set(enoughDescriptors))
+        GTEST_SKIP() << "the hard limit of descriptors is below " << enoughDescriptors;
+    Event done;
+    const std::set<int> before = openDescriptors();
+    nqNamedPipeServer server;
+    const std::string name = freshName();
+    ASSERT_TRUE(server.listenUtf8(name));
+    Child worker([&] {
+        nqNamedPipe pipe;
+        if (!pipe.connectToNamedPipeServerUtf8(name))
+            return 1;
+        pipe.outgoingBuffer().assign(incomingLimit, 'x');
+        return pumpUntil(pipe, [&] { return !pipe.hasPendingWrite(); }) && done.await() ? 0 : 2;
+    });
+    const auto pipe = acceptOne(server);
+    ASSERT_TRUE(pipe);
+    const int socket = pipe->getSocket();
+    const auto isFull = [&] { return pipe->incomingBuffer().size() >= incomingLimit; };
+    ASSERT_TRUE(pumpUntil(*pipe, isFull));
+    const int watch = pipe->getSocket();
+    EXPECT_NE(watch, socket);
+    EXPECT_GE(watch, 0);
+    EXPECT_LT(watch, FD_SETSIZE);
+
+    pipe->incomingBuffer().clear();
+    EXPECT_EQ(pipe->getSocket(), socket);
+    pipe->processNamedPipeEvents(0, false);
+    EXPECT_EQ(numbersInRangeOfSelect(descriptorsSince(before)).count(watch), 0U);
+    done.raise();
+    EXPECT_EQ(worker.wait(), 0);
 }

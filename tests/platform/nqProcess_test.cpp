@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/select.h>
 #include <sys/stat.h>
 #include <thread>
 
@@ -392,6 +393,28 @@ TEST_F(ProcessLaunch, pointsAStreamWhoseNumberAFileOfTheHostHasTakenAtTheNullDev
         ASSERT_TRUE(file.during(start, stream));
         EXPECT_EQ(descriptorsOf(static_cast<pid_t>(process.getPid()))[stream], "/dev/null");
     }
+}
+
+TEST_F(ProcessLaunch, leavesTheRangeOfSelectToTheHost)
+{
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    rlimit more = before;
+    more.rlim_cur = FD_SETSIZE + 64;
+    if (::setrlimit(RLIMIT_NOFILE, &more) != 0)
+        GTEST_SKIP() << "the hard limit of descriptors is below " << more.rlim_cur;
+    const auto descriptorsBefore = descriptorsOf(::getpid());
+    nqProcess process;
+    EXPECT_TRUE(
+        process.startProcess(workerProgram, {"allocate"}, true, nqProcess::InheritedPriority));
+    EXPECT_GT(process.getCurrentRamInUse(), 0U);
+    auto added = descriptorsOf(::getpid());
+    for (const auto& known : descriptorsBefore)
+        added.erase(known.first);
+    EXPECT_FALSE(added.empty());
+    for (const auto& [number, target] : added)
+        EXPECT_GE(number, FD_SETSIZE) << target;
+    ::setrlimit(RLIMIT_NOFILE, &before);
 }
 
 TEST_F(ProcessLaunch, makesTheChildTheLeaderOfASessionAndAGroupOfItsOwn)
