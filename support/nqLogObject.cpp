@@ -6,6 +6,7 @@ nqLogObject::~nqLogObject()
 {
     if (mStream == nullptr)
         return;
+    const nqThread::Uncancellable untilEmitted; // a host's logger may hold cancellation points
     const std::string message = mStream->str();
     if (!message.empty())
         emit(message);

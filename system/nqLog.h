@@ -23,7 +23,8 @@ namespace nq {
 /// @par Errors
 /// What cannot be written is dropped: a line of the log must not take the host down. No write of
 /// this class raises a signal, neither SIGPIPE nor SIGXFSZ, and the host's handlers, mask and
-/// pending signals stay as they are. Only allocation exceptions pass through.
+/// pending signals stay as they are. Only allocation exceptions pass through. A thread that is
+/// cancelled meanwhile is cancelled later.
 class [[gnu::visibility("default")]] nqLog
 {
 public:

@@ -10,6 +10,24 @@ class [[gnu::visibility("default")]] nqThread
 public:
     /// The kernel's id of the calling thread, in decimal; the one that debuggers and /proc show.
     static std::string CurrentThreadId();
+
+    /// Keeps pthread_cancel() from acting on the calling thread for as long as it lives; what was
+    /// asked for meanwhile acts at the thread's next cancellation point afterwards.
+    ///
+    /// Cancellation unwinds the stack like an exception. In a function that lets no exception out
+    /// it would end the whole process, and in the middle of a transfer it would lose what has been
+    /// moved.
+    class [[gnu::visibility("default")]] Uncancellable
+    {
+    public:
+        Uncancellable();
+        ~Uncancellable();
+        Uncancellable(const Uncancellable&) = delete;
+        Uncancellable& operator=(const Uncancellable&) = delete;
+
+    private:
+        int mStateBefore = 0;
+    };
 };
 
 } // namespace nq

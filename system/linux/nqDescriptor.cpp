@@ -1,5 +1,7 @@
 #include "system/linux/nqDescriptor.h"
 
+#include "system/nqThread.h"
+
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/select.h>
@@ -33,6 +35,7 @@ void nqDescriptor::close() noexcept
 {
     if (mFd < 0)
         return;
+    const nqThread::Uncancellable untilClosed;
     const int savedErrno = errno;
     // Never retried after EINTR: on Linux the number is free again by then.
     ::close(std::exchange(mFd, -1));

@@ -3,7 +3,7 @@
 #include "system/linux/nqDeadline.h"
 #include "system/linux/nqDescriptor.h"
 #include "system/linux/nqSystemCall.h"
-#include "system/linux/nqUncancellable.h"
+#include "system/nqThread.h"
 
 #include <algorithm>
 #include <array>
@@ -147,7 +147,6 @@ void writeLine(int fd, const std::string& line)
 /// exceptions are the host's.
 void flushStandardOutput()
 {
-    const nqUncancellable untilFlushed;
     const QuietWrites quiet;
     try {
         if (std::cout.rdbuf() != nullptr)
@@ -242,12 +241,14 @@ bool nqLog::isLevelEnabled(int level) const
 
 void nqLog::Write(LogEntry& entry, bool /*flush*/)
 {
+    const nqThread::Uncancellable untilWritten;
     const int fd = mState->mFile.isOpen() ? mState->mFile.get() : STDERR_FILENO;
     writeLine(fd, formatLine(entry));
 }
 
 void nqLog::WriteToStandardOutput(const LogEntry& entry)
 {
+    const nqThread::Uncancellable untilWritten;
     const std::string line = entry.mPrefix + entry.mMessage + '\n';
     const int fd = ::fileno(stdout);
     if (fd < 0 || !isStandardStream(fd))
@@ -260,6 +261,7 @@ void nqLog::WriteToStandardOutput(const LogEntry& entry)
 
 void nqLog::WriteToSystemLog(const LogEntry& entry)
 {
+    const nqThread::Uncancellable untilWritten;
     const int priority = isLevel(entry.mLevel)
                              ? levels[static_cast<std::size_t>(entry.mLevel)].mSystemLogPriority
                              : LOG_INFO;

@@ -1,6 +1,5 @@
 #include "system/linux/nqPlatformLog.h"
 
-#include "system/linux/nqUncancellable.h"
 #include "system/nqLog.h"
 #include "system/nqSystemUtils.h"
 #include "system/nqThread.h"
@@ -9,7 +8,7 @@ namespace nq {
 
 void logError(const std::string& message) noexcept
 {
-    const nqUncancellable untilWritten;
+    const nqThread::Uncancellable untilWritten;
     try {
         nqLog* const logger = nqLog::msInstance;
         if (logger != nullptr && !logger->isLevelEnabled(nqLog::Error))

@@ -11,6 +11,7 @@
 #include "system/linux/nqSystemCall.h"
 #include "system/nqDirUtils.h"
 #include "system/nqOwnerProcess.h"
+#include "system/nqThread.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -156,6 +157,7 @@ nqProcess::nqProcess()
 
 nqProcess::~nqProcess()
 {
+    const nqThread::Uncancellable untilDestroyed;
     if (!mState->reapIfEnded()) {
         killProcess();
         if (mState->mProcess == Running && !mState->mChild->waitForEnd(maxWaitOfDestructorMs))

@@ -1,5 +1,6 @@
 #include "system/nqThread.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 namespace nq {
@@ -7,6 +8,16 @@ namespace nq {
 std::string nqThread::CurrentThreadId()
 {
     return std::to_string(::gettid());
+}
+
+nqThread::Uncancellable::Uncancellable()
+{
+    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &mStateBefore);
+}
+
+nqThread::Uncancellable::~Uncancellable()
+{
+    ::pthread_setcancelstate(mStateBefore, nullptr);
 }
 
 } // namespace nq

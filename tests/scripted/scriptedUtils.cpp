@@ -95,6 +95,10 @@ std::string nqThread::CurrentThreadId()
     return scripted::machine().threadId;
 }
 
+nqThread::Uncancellable::Uncancellable() = default;
+
+nqThread::Uncancellable::~Uncancellable() = default;
+
 void nqSystemUtils::ReleaseFreeMemory()
 {
     scripted::machine().call("utils: ReleaseFreeMemory()");
