@@ -26,7 +26,9 @@ class nqSchedulerPrivate;
 ///
 /// @par Errors
 /// Failures of jobs and workers are never exceptions. Only allocation and stream exceptions pass
-/// through, and from the constructors the one that they name. None leaves the destructor.
+/// through, and from the constructors the one that they name. None leaves the destructor. A failed
+/// job whose failure finds no memory is not lost: it is no longer counted by jobCount(), and every
+/// later pump, waitForFinished() and stopScheduler() tries again to bring it to popFail().
 ///
 /// @par Ownership
 /// What is passed in is copied. Texts that are returned by reference belong to the scheduler and
@@ -122,7 +124,8 @@ public:
 
     /// Pumps until every job is resolved, then ends the workers one after the other: each has 30
     /// seconds to leave before it is killed. False when not started. Results and failures stay for
-    /// pop and popFail, and the scheduler may be started again.
+    /// pop and popFail, and the scheduler may be started again. When an exception leaves, nothing
+    /// has been closed, and the scheduler is still started.
     bool stopScheduler();
 
     /// Pumps until no job is pending or in progress. There is no time limit: one hanging job

@@ -172,7 +172,14 @@ void nqJobQueues::pushFailedJob(
     std::vector<char>&& job, nqScheduler::FailReason reason, const std::string& message)
 {
     --mJobsInProgress;
-    mFailedJobs.push_back(nqFailedJob{std::move(job), reason, message});
+    storeFailedJob(std::move(job), reason, message);
+}
+
+void nqJobQueues::storeFailedJob(
+    std::vector<char>&& job, nqScheduler::FailReason reason, const std::string& message)
+{
+    mFailedJobs.push_back(nqFailedJob{{}, reason, message});
+    mFailedJobs.back().mJob = std::move(job); // last, since what comes before may find no memory
 }
 
 } // namespace nq

@@ -45,6 +45,11 @@ public:
     void pushFailedJob(
         std::vector<char>&& job, nqScheduler::FailReason reason, const std::string& message);
 
+    /// What pushFailedJob does after it has counted the job down, to be tried again when there was
+    /// no memory for it. Both leave `job` alone then.
+    void storeFailedJob(
+        std::vector<char>&& job, nqScheduler::FailReason reason, const std::string& message);
+
     /// Large payloads that are over leave their memory to those that follow: fresh memory costs
     /// more than copying into it. takeSpare gives a buffer with room for `bytes`, and old bytes in
     /// it, if a spare one of about that size is there, and an empty one otherwise. The spares are

@@ -96,6 +96,9 @@ void nqScheduler::waitForFinished()
     const FlagGuard waiting(mPrivate->mWaitingForFinished);
     while (!mPrivate->mQueues->allJobsDone())
         processScheduler(pumpSliceMs);
+    // A failure that has found no memory is not counted any more.
+    for (const std::unique_ptr<nqSchedulerWorker>& worker : mPrivate->mWorkers)
+        worker->storeOwedFailure();
 }
 
 bool nqScheduler::stopScheduler()

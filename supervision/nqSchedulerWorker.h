@@ -36,6 +36,10 @@ public:
     /// a lost worker, dispatches. Never blocks.
     void superviseStep();
 
+    /// Stores the failure that an earlier step found no memory for, if there is one; when there is
+    /// still none, the allocation exception leaves and the record keeps the job.
+    void storeOwedFailure();
+
     /// Detaches from the queues, so that nothing more is delivered, and closes the pipe.
     void closePipe();
 
@@ -48,6 +52,7 @@ private:
     // The steps of superviseStep; each lives in a file of its own.
     bool receiveStep();
     void failCurrentJob();
+    void handBackFailedJob();
     void sendStep(bool jobJustCompleted);
 
     bool exceedsLimit();

@@ -39,6 +39,8 @@ public:
     bool mReadyForJob = true;   // no job in flight
     bool mFinished = false;     // the pump destroys and replaces the record
     bool mKilled = false;       // a kill was requested: takes no new job
+    bool mFailureOwed = false; // the job in flight has failed, is logged and no longer counted, but
+                               // has found no memory in the queue yet
 };
 
 /// A memory figure as every message shows it: "1.5GB".

@@ -5,9 +5,28 @@
 #include "support/nqLogObject.h"
 #include "worker/nqFrame.h"
 
+#include <exception>
 #include <utility>
 
 namespace nq {
+
+namespace {
+
+/// Writes the line about the job in flight. One that finds no memory is lost, but must not cost the
+/// job; its exception is returned.
+std::exception_ptr reportFailure(const nqSchedulerWorkerPrivate& state)
+{
+    try {
+        nqLogObject(nqLog::Info, false)
+            << "Job failed error (" << std::to_string(state.mFailReason) << ") "
+            << state.mFailMessage << " (PID " << std::to_string(state.mPid) << ")";
+        return nullptr;
+    } catch (const std::exception&) {
+        return std::current_exception();
+    }
+}
+
+} // namespace
 
 /// True when a whole result was taken in now. What a worker sends without a job stays unread.
 bool nqSchedulerWorker::receiveStep()
@@ -36,28 +55,40 @@ bool nqSchedulerWorker::receiveStep()
     return true;
 }
 
-/// Ends the record, and hands the job in flight, if there is one, back as failed. The record is
-/// over before anything can find no memory, for the same reason as above.
+/// Hands the job in flight, if there is one, back as failed, and ends the record. A failure that
+/// finds no memory leaves the record as it is, to be stepped again until the failure is stored.
 void nqSchedulerWorker::failCurrentJob()
 {
     nqSchedulerWorkerPrivate& state = *mPrivate;
-    const bool hadJob = !state.mReadyForJob;
-    std::vector<char> job;
-    job.swap(state.mJob);
-    state.mReadyForJob = true;
-    state.mFinished = true;
-    if (!hadJob || state.mQueues == nullptr)
-        return;
-    try {
-        nqLogObject(nqLog::Info, false)
-            << "Job failed error (" << std::to_string(state.mFailReason) << ") "
-            << state.mFailMessage << " (PID " << std::to_string(state.mPid) << ")";
-    } catch (...) {
-        // A line of the log may be lost for want of memory, but not the job.
-        state.mQueues->pushFailedJob(std::move(job), state.mFailReason, state.mFailMessage);
-        throw;
+    std::exception_ptr lostLine;
+    if (!state.mReadyForJob && state.mQueues != nullptr) {
+        if (!state.mFailureOwed)
+            lostLine = reportFailure(state);
+        handBackFailedJob();
     }
-    state.mQueues->pushFailedJob(std::move(job), state.mFailReason, state.mFailMessage);
+    state.mReadyForJob = true;
+    state.mJob.clear();
+    state.mFinished = true;
+    if (lostLine != nullptr)
+        std::rethrow_exception(lostLine);
+}
+
+/// Counts the job down when it is called first, and never again.
+void nqSchedulerWorker::handBackFailedJob()
+{
+    nqSchedulerWorkerPrivate& state = *mPrivate;
+    nqJobQueues& queues = *state.mQueues;
+    if (std::exchange(state.mFailureOwed, true))
+        queues.storeFailedJob(std::move(state.mJob), state.mFailReason, state.mFailMessage);
+    else
+        queues.pushFailedJob(std::move(state.mJob), state.mFailReason, state.mFailMessage);
+    state.mFailureOwed = false;
+}
+
+void nqSchedulerWorker::storeOwedFailure()
+{
+    if (mPrivate->mFailureOwed)
+        failCurrentJob();
 }
 
 } // namespace nq

@@ -31,6 +31,10 @@ void nqSchedulerWorker::superviseStep()
         state.mFinished = true;
         return;
     }
+    if (state.mFailureOwed) {
+        storeOwedFailure();
+        return;
+    }
     state.mPipe->processNamedPipeEvents(0, false);
     if (exceedsLimit()) {
         state.mProcess->killProcess();

@@ -110,6 +110,139 @@ TEST_F(RecordWithoutMemory, handsAFailedJobBackThoughItsLineInTheLogIsLost)
     EXPECT_EQ(queues.failCount(), 1U);
 }
 
+/// A record whose worker has died, and whose memory is refused from its line in the log on.
+struct FailureWithoutMemory : RecordWithoutMemory {
+    std::optional<RefusedMemory> refused;
+
+    void SetUp() override
+    {
+        if (!RefusedMemory::isPossible())
+            GTEST_SKIP() << "this tool has its own allocator";
+        logger.onWrite = [this] { refused.emplace(1); };
+        dispatch();
+        die();
+        EXPECT_THROW(step(), std::bad_alloc);
+        refused.reset();
+    }
+
+    void stepWithoutMemory()
+    {
+        const RefusedMemory still(1);
+        EXPECT_THROW(step(), std::bad_alloc);
+    }
+};
+
+TEST_F(FailureWithoutMemory, keepsTheJobInItsRecord)
+{
+    EXPECT_FALSE(worker->hasFinished());
+    EXPECT_FALSE(worker->isReadyForJob());
+    EXPECT_EQ(queues.failCount(), 0U);
+}
+
+TEST_F(FailureWithoutMemory, isTriedAgainUntilThereIsSome)
+{
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        stepWithoutMemory();
+        ASSERT_FALSE(worker->hasFinished());
+        ASSERT_EQ(queues.failCount(), 0U);
+    }
+    step();
+    EXPECT_TRUE(worker->hasFinished());
+    EXPECT_EQ(
+        failures(queues),
+        std::vector<Failure>(
+            {{bytes("job"), nq::nqScheduler::UnexpectedCrash, "Unexpected crash"}}));
+}
+
+TEST_F(FailureWithoutMemory, countsItsJobDownOnce)
+{
+    EXPECT_EQ(queues.jobCount(), 0U);
+    stepWithoutMemory();
+    EXPECT_EQ(queues.jobCount(), 0U);
+    step();
+    EXPECT_EQ(queues.jobCount(), 0U);
+}
+
+TEST_F(FailureWithoutMemory, isLoggedOnce)
+{
+    stepWithoutMemory();
+    step();
+    EXPECT_EQ(machine.messages(), Lines{"Job failed error (1) Unexpected crash (PID 4242)"});
+}
+
+TEST_F(FailureWithoutMemory, keepsItsReasonThoughLimitsArePassedMeanwhile)
+{
+    worker->setMaxCapMemory(1);
+    worker->setJobProcessTimeout(1);
+    process->ramInUse = 2;
+    machine.advance(std::chrono::hours{1});
+    step();
+    ASSERT_EQ(queues.failCount(), 1U);
+    EXPECT_EQ(failures(queues)[0].reason, nq::nqScheduler::UnexpectedCrash);
+    EXPECT_EQ(process->ramReads, 0);
+    EXPECT_EQ(kills(), 0);
+}
+
+/// A started scheduler whose only worker died over a job that then found no memory.
+struct SchedulerWithAnOwedFailure : SchedulerFixture {
+    std::optional<RefusedMemory> refused;
+
+    void SetUp() override
+    {
+        if (!RefusedMemory::isPossible())
+            GTEST_SKIP() << "this tool has its own allocator";
+        start(1);
+        scheduler->push(bytes("job"));
+        scheduler->processScheduler(0);
+        die(0);
+        logger.onWrite = [this] { refused.emplace(1); };
+        EXPECT_THROW(scheduler->processScheduler(0), std::bad_alloc);
+        refused.reset();
+        logger.onWrite = nullptr;
+    }
+
+    void expectTheFailure()
+    {
+        EXPECT_EQ(
+            failures(*scheduler),
+            std::vector<Failure>(
+                {{bytes("job"), nq::nqScheduler::UnexpectedCrash, "Unexpected crash"}}));
+    }
+};
+
+TEST_F(SchedulerWithAnOwedFailure, replacesTheWorkerOnceItIsStored)
+{
+    EXPECT_EQ(machine.processes.size(), 1U);
+    scheduler->processScheduler(0);
+    EXPECT_EQ(machine.processes.size(), 2U);
+    expectTheFailure();
+}
+
+TEST_F(SchedulerWithAnOwedFailure, hasItAfterAWaitForTheLastJob)
+{
+    scheduler->waitForFinished();
+    expectTheFailure();
+}
+
+TEST_F(SchedulerWithAnOwedFailure, hasItAfterAStop)
+{
+    EXPECT_TRUE(scheduler->stopScheduler());
+    expectTheFailure();
+}
+
+TEST_F(SchedulerWithAnOwedFailure, isNotStoppedWhileThereIsNoMemoryForIt)
+{
+    forgetCalls();
+    {
+        const RefusedMemory still(1);
+        EXPECT_THROW(scheduler->stopScheduler(), std::bad_alloc);
+    }
+    EXPECT_EQ(machine.calls, Lines{});
+    EXPECT_FALSE(scheduler->setMaxCapMemory(1)) << "refused, since it is still started";
+    EXPECT_TRUE(scheduler->stopScheduler());
+    expectTheFailure();
+}
+
 TEST_F(RecordWithoutMemory, leavesTheJobInTheQueueWhenItsHeaderHasNoRoom)
 {
     if (!RefusedMemory::isPossible())
