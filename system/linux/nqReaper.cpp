@@ -1,46 +1,23 @@
 #include "system/linux/nqReaper.h"
 
+#include "system/linux/nqForkSafe.h"
+
 #include <algorithm>
-#include <mutex>
 #include <new>
-#include <pthread.h>
+#include <utility>
 #include <vector>
 
 namespace nq {
 
 namespace {
 
-/// Never destroyed: static objects of the host may own processes until the very end. A forked child
-/// starts without any: what it copied are no children of its own, and another thread of the host
-/// may have held the lock.
 struct Leftovers {
-    std::mutex mMutex;
     std::vector<nqChild> mChildren;
 
-    Leftovers()
+    // What it copied are no children of its own.
+    void inForkedChild()
     {
-        if (::pthread_atfork(lock, unlock, startAnew) != 0)
-            throw std::bad_alloc();
-    }
-
-    static Leftovers& instance()
-    {
-        static auto* const leftovers = new Leftovers;
-        return *leftovers;
-    }
-
-    static void lock()
-    {
-        instance().mMutex.lock();
-    }
-    static void unlock()
-    {
-        instance().mMutex.unlock();
-    }
-    static void startAnew()
-    {
-        instance().mChildren.clear();
-        unlock();
+        mChildren.clear();
     }
 };
 
@@ -49,9 +26,7 @@ struct Leftovers {
 void nqReaper::takeOver(nqChild&& child) noexcept
 {
     try {
-        Leftovers& leftovers = Leftovers::instance();
-        const std::lock_guard guard(leftovers.mMutex);
-        leftovers.mChildren.push_back(std::move(child));
+        nqForkSafe<Leftovers>::access()->mChildren.push_back(std::move(child));
     } catch (const std::bad_alloc&) {
         // One zombie until the host ends, rather than the end of the host.
     }
@@ -60,9 +35,8 @@ void nqReaper::takeOver(nqChild&& child) noexcept
 void nqReaper::reapEnded() noexcept
 {
     try {
-        Leftovers& leftovers = Leftovers::instance();
-        const std::lock_guard guard(leftovers.mMutex);
-        std::vector<nqChild>& children = leftovers.mChildren;
+        const auto leftovers = nqForkSafe<Leftovers>::access();
+        std::vector<nqChild>& children = leftovers->mChildren;
         const auto ended = std::remove_if(
             children.begin(), children.end(), [](nqChild& child) { return child.reapIfEnded(); });
         children.erase(ended, children.end());

@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -112,6 +113,14 @@ std::string joined(const std::vector<std::string>& texts)
     return all;
 }
 
+std::string exitStatusOf(pid_t child)
+{
+    int status = 0;
+    while (waitpid(child, &status, 0) == -1 && errno == EINTR)
+        continue;
+    return WIFEXITED(status) ? std::to_string(WEXITSTATUS(status)) : "a signal";
+}
+
 class MisbehavingWorker : public nq::nqWorker {
 public:
     MisbehavingWorker(
@@ -168,6 +177,8 @@ private:
             {"flood", &MisbehavingWorker::flood},
             {"folder", &MisbehavingWorker::tellFolder},
             {"fork-helper", &MisbehavingWorker::forkHelper},
+            {"helper-exits", &MisbehavingWorker::helperExits},
+            {"helper-returns", &MisbehavingWorker::helperReturns},
             {"grow", &MisbehavingWorker::grow},
             {"grow-and-hang", &MisbehavingWorker::growAndHang},
             {"half-frame", &MisbehavingWorker::sendHalfFrame},
@@ -414,6 +425,23 @@ private:
             mHoard.emplace_back(mebibyte, 'x');
     }
 
+    // A helper that comes back from the hook as if it were the worker.
+    std::string helperReturns(std::string_view)
+    {
+        const pid_t helper = fork();
+        if (helper == 0)
+            return "of the helper";
+        return "the helper left with " + exitStatusOf(helper);
+    }
+
+    std::string helperExits(std::string_view)
+    {
+        const pid_t helper = fork();
+        if (helper == 0)
+            std::exit(EXIT_SUCCESS); // with the destructors of static objects
+        return "the helper left with " + exitStatusOf(helper);
+    }
+
     std::string forkHelper(std::string_view)
     {
         const pid_t helper = fork();
@@ -514,6 +542,11 @@ int main(int argc, char** argv)
     if (const std::string fifo = optionValue(arguments, "--connect-when-told="); !fifo.empty())
         waitToBeTold(fifo);
 
+    if (has(arguments, "--static")) {
+        static MisbehavingWorker worker(*pipeName, arguments, descriptors);
+        work(worker);
+        return EXIT_SUCCESS;
+    }
     MisbehavingWorker worker(*pipeName, arguments, descriptors);
     if (const std::string fifo = optionValue(arguments, "--tell-when-connected="); !fifo.empty())
         tell(fifo);

@@ -292,4 +292,24 @@ TEST_F(Misbehaviour, aFloodingWorkerNeitherGrowsTheHostNorHoldsUpThePool)
     EXPECT_TRUE(pool.failures().empty());
 }
 
+class Helper : public EndToEnd {};
+
+TEST_F(Helper, thatReturnsFromTheHookDoesNotAnswerInItsWorkersPlace)
+{
+    Pool pool;
+    ASSERT_TRUE(pool.start(1));
+    EXPECT_EQ(pool.ask("helper-returns"), "the helper left with 0");
+    EXPECT_EQ(pool.ask("echo next"), "next");
+    EXPECT_TRUE(mLog.messages().empty());
+}
+
+TEST_F(Helper, thatExitsLeavesTheConnectionOfAStaticWorkerAlone)
+{
+    Pool pool({"--static"});
+    ASSERT_TRUE(pool.start(1));
+    EXPECT_EQ(pool.ask("helper-exits"), "the helper left with 0");
+    EXPECT_EQ(pool.ask("echo next"), "next");
+    EXPECT_TRUE(mLog.messages().empty());
+}
+
 } // namespace
