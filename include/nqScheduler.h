@@ -24,6 +24,13 @@ class nqSchedulerPrivate;
 /// The four that pump may block, and so may startScheduler() and startWorker(), which wait for
 /// workers to connect. All others return at once.
 ///
+/// @par Calls from a logger
+/// The log is written from inside the operations, so a logger that lets an event loop run may call
+/// back into the scheduler that is writing. The queues are open to it. startScheduler(),
+/// startWorker(), stopScheduler(), waitForFinished() and processScheduler() do nothing there and
+/// return at once, false where they return something, without a line in the log. Destroying the
+/// scheduler there ends the process with a message on standard error.
+///
 /// @par Errors
 /// Failures of jobs and workers are never exceptions. Only allocation and stream exceptions pass
 /// through, and from the constructors the one that they name. None leaves the destructor. A failed
@@ -119,7 +126,7 @@ public:
     /// launch failed. In the last two cases it goes on listening without being started: the
     /// configuration is open, and pump and stop do nothing. Workers that did launch stay alive
     /// until this object is destroyed, or until a later start, which launches `nbWorkers` more
-    /// beside them, succeeds and is stopped. Each refusal is logged.
+    /// beside them, succeeds and is stopped. Each refusal is logged, but for one from a logger.
     bool startScheduler(unsigned long nbWorkers, int workerConnectionTimeout);
 
     /// Pumps until every job is resolved, then ends the workers one after the other: each has 30

@@ -21,6 +21,13 @@ public:
     nqSchedulerPrivate(const nqSchedulerPrivate&) = delete;
     nqSchedulerPrivate& operator=(const nqSchedulerPrivate&) = delete;
 
+    /// What the operations of nqScheduler consist of. These do not ask whether a pass is under way.
+    bool start(std::uint64_t nbWorkers, std::int32_t workerConnectionTimeout);
+    bool addWorker();
+    void pump(int timeoutMs);
+    void drain();
+    void stop();
+
     std::uint64_t mMaxCapMemory = 0;                    // bytes; 0 = off
     std::uint64_t mJobProcessTimeout = 0;               // whole seconds; 0 = off
     std::uint64_t mMaxCapMemoryAfterProcessingAJob = 0; // bytes; 0 = off
@@ -37,6 +44,7 @@ public:
     bool mWaitingForFinished = false; // against re-entry on the same thread
     bool mStartProcessFlag = false;   // true silences the workers
     bool mPrependChannelId = true;    // the pipe's name is the first argument, else the last
+    bool mInPass = false; // something that may log is under way; the host's logger may call back
 };
 
 } // namespace nq

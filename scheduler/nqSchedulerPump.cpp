@@ -1,5 +1,6 @@
 #include "include/nqScheduler.h"
 
+#include "scheduler/nqFlagGuard.h"
 #include "scheduler/nqSchedulerPrivate.h"
 
 #include <algorithm>
@@ -97,15 +98,13 @@ Pass stepWorkers(std::list<std::unique_ptr<nqSchedulerWorker>>& workers)
 
 } // namespace
 
-void nqScheduler::processScheduler(int timeoutMs)
+void nqSchedulerPrivate::pump(int timeoutMs)
 {
-    if (!mPrivate->mStarted)
-        return;
-    mPrivate->mPipeServer.processPipeServerEvents(0);
-    Pass pass = stepWorkers(mPrivate->mWorkers);
+    mPipeServer.processPipeServerEvents(0);
+    Pass pass = stepWorkers(mWorkers);
 
-    const bool resultWaits = mPrivate->mQueues->resultCount() != 0;
-    const bool jobCanStart = mPrivate->mQueues->pendingJobCount() != 0 && pass.mAnyIdleOrReplaced;
+    const bool resultWaits = mQueues->resultCount() != 0;
+    const bool jobCanStart = mQueues->pendingJobCount() != 0 && pass.mAnyIdleOrReplaced;
     const bool somethingIsNew =
         pass.mAnyPendingWrite || resultWaits || jobCanStart || pass.mFirstException != nullptr;
     if (timeoutMs > 0 && !somethingIsNew && !pass.mSockets.isEmpty())
@@ -114,9 +113,17 @@ void nqScheduler::processScheduler(int timeoutMs)
     // After the wait, so that the replacements get their first step in the next call. One that
     // cannot be launched is logged and not tried again: the pool is one worker smaller.
     for (std::uint32_t i = 0; i < pass.mReplacedCount; ++i)
-        keepException(pass.mFirstException, [&] { startWorker(); });
+        keepException(pass.mFirstException, [&] { addWorker(); });
     if (pass.mFirstException != nullptr)
         std::rethrow_exception(pass.mFirstException);
+}
+
+void nqScheduler::processScheduler(int timeoutMs)
+{
+    if (!mPrivate->mStarted || mPrivate->mInPass)
+        return;
+    const nqFlagGuard pass(mPrivate->mInPass);
+    mPrivate->pump(timeoutMs);
 }
 
 } // namespace nq

@@ -1,10 +1,14 @@
 #include "include/nqScheduler.h"
 
+#include "scheduler/nqFlagGuard.h"
 #include "scheduler/nqSchedulerPrivate.h"
 #include "support/nqLogObject.h"
 #include "system/nqSystemUtils.h"
 
 #include <algorithm>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
 #include <string>
 
 namespace nq {
@@ -20,25 +24,6 @@ std::uint64_t workerLimit()
     const std::int32_t twicePerThread = 2 * nqSystemUtils::GetIdealThreadCount();
     return static_cast<std::uint64_t>(std::int64_t{std::max(twicePerThread, smallestWorkerLimit)});
 }
-
-/// Sets a flag for as long as it lives.
-class FlagGuard {
-public:
-    explicit FlagGuard(bool& flag)
-        : mFlag(flag)
-    {
-        mFlag = true;
-    }
-    ~FlagGuard()
-    {
-        mFlag = false;
-    }
-    FlagGuard(const FlagGuard&) = delete;
-    FlagGuard& operator=(const FlagGuard&) = delete;
-
-private:
-    bool& mFlag;
-};
 
 /// The closed pipe tells the worker to leave; only one that does not is killed.
 void endWorker(nqSchedulerWorker& worker)
@@ -56,25 +41,20 @@ void endWorker(nqSchedulerWorker& worker)
 
 } // namespace
 
-nqScheduler::~nqScheduler()
+bool nqSchedulerPrivate::start(std::uint64_t nbWorkers, std::int32_t workerConnectionTimeout)
 {
-    stopScheduler();
-}
-
-bool nqScheduler::startScheduler(unsigned long nbWorkers, int workerConnectionTimeout)
-{
-    if (mPrivate->mStarted) {
+    if (mStarted) {
         nqLogObject(nqLog::Warning, true) << "Cannot startScheduler - already started";
         return false;
     }
-    mPrivate->mWorkerConnectionTimeout = workerConnectionTimeout;
-    if (!mPrivate->mPipeServer.listenUtf8(mPrivate->mPipeName)) {
+    mWorkerConnectionTimeout = workerConnectionTimeout;
+    if (!mPipeServer.listenUtf8(mPipeName)) {
         nqLogObject(nqLog::Error, true) << "Fail to startScheduler - cannot listen";
         return false;
     }
 
     const std::uint64_t limit = workerLimit();
-    mPrivate->mNbWorkers = nbWorkers;
+    mNbWorkers = nbWorkers;
     if (nbWorkers > limit) {
         // A refusal, whatever the text says: nothing is launched, and the server stays open.
         nqLogObject(nqLog::Warning, true) << "Too many workers (" << std::to_string(nbWorkers)
@@ -83,38 +63,70 @@ bool nqScheduler::startScheduler(unsigned long nbWorkers, int workerConnectionTi
     }
 
     bool allLaunched = true;
-    for (std::uint64_t i = 0; i < mPrivate->mNbWorkers; ++i)
-        allLaunched = startWorker() && allLaunched;
-    mPrivate->mStarted = allLaunched;
+    for (std::uint64_t i = 0; i < mNbWorkers; ++i)
+        allLaunched = addWorker() && allLaunched;
+    mStarted = allLaunched;
     return allLaunched;
+}
+
+void nqSchedulerPrivate::drain()
+{
+    const nqFlagGuard waiting(mWaitingForFinished);
+    while (!mQueues->allJobsDone())
+        pump(pumpSliceMs);
+    // A failure that has found no memory is not counted any more.
+    for (const std::unique_ptr<nqSchedulerWorker>& worker : mWorkers)
+        worker->storeOwedFailure();
+}
+
+// Whatever interrupts this, what is left in the list is whole and can be ended later.
+void nqSchedulerPrivate::stop()
+{
+    drain();
+    mPipeServer.closeNamedPipeServer();
+    for (; !mWorkers.empty(); mWorkers.pop_front())
+        endWorker(*mWorkers.front());
+    mStarted = false;
+}
+
+nqScheduler::~nqScheduler()
+{
+    if (mPrivate->mInPass) {
+        // The pass would go on with memory that is free.
+        std::cerr << "nqScheduler: destroyed inside one of its own operations, which a logger must "
+                     "not do"
+                  << std::endl;
+        std::abort();
+    }
+    try {
+        stopScheduler();
+    } catch (...) {
+        std::terminate(); // which names the exception when it is called from here
+    }
+}
+
+bool nqScheduler::startScheduler(unsigned long nbWorkers, int workerConnectionTimeout)
+{
+    if (mPrivate->mInPass)
+        return false;
+    const nqFlagGuard pass(mPrivate->mInPass);
+    return mPrivate->start(nbWorkers, workerConnectionTimeout);
 }
 
 void nqScheduler::waitForFinished()
 {
-    if (!mPrivate->mStarted || mPrivate->mWaitingForFinished)
+    if (!mPrivate->mStarted || mPrivate->mWaitingForFinished || mPrivate->mInPass)
         return;
-    const FlagGuard waiting(mPrivate->mWaitingForFinished);
-    while (!mPrivate->mQueues->allJobsDone())
-        processScheduler(pumpSliceMs);
-    // A failure that has found no memory is not counted any more.
-    for (const std::unique_ptr<nqSchedulerWorker>& worker : mPrivate->mWorkers)
-        worker->storeOwedFailure();
+    const nqFlagGuard pass(mPrivate->mInPass);
+    mPrivate->drain();
 }
 
 bool nqScheduler::stopScheduler()
 {
-    if (!mPrivate->mStarted)
+    if (!mPrivate->mStarted || mPrivate->mInPass)
         return false;
-    waitForFinished();
-    mPrivate->mPipeServer.closeNamedPipeServer();
-    for (std::unique_ptr<nqSchedulerWorker>& worker : mPrivate->mWorkers) {
-        if (worker == nullptr)
-            continue;
-        endWorker(*worker);
-        worker.reset();
-    }
-    mPrivate->mWorkers.clear();
-    mPrivate->mStarted = false;
+    const nqFlagGuard pass(mPrivate->mInPass);
+    mPrivate->stop();
     return true;
 }
 

@@ -1,5 +1,6 @@
 #include "include/nqScheduler.h"
 
+#include "scheduler/nqFlagGuard.h"
 #include "scheduler/nqSchedulerPrivate.h"
 #include "supervision/nqWorkerLaunch.h"
 
@@ -7,26 +8,32 @@
 
 namespace nq {
 
-bool nqScheduler::startWorker()
+bool nqSchedulerPrivate::addWorker()
 {
-    nqSchedulerPrivate& state = *mPrivate;
     const nqWorkerLaunch launch{
-        state.mExeUtf8Path,
-        state.mArgumentsUtf8,
-        state.mPrependChannelId,
-        state.mPipeName,
-        state.mStartProcessFlag,
-        state.mWorkerConnectionTimeout,
-        state.mMaxPhysicalMemory,
-        state.mMaxCapMemory,
-        state.mJobProcessTimeout,
-        state.mMaxCapMemoryAfterProcessingAJob};
-    std::unique_ptr<nqSchedulerWorker> worker =
-        launchWorker(launch, state.mPipeServer, state.mQueues.get());
+        mExeUtf8Path,
+        mArgumentsUtf8,
+        mPrependChannelId,
+        mPipeName,
+        mStartProcessFlag,
+        mWorkerConnectionTimeout,
+        mMaxPhysicalMemory,
+        mMaxCapMemory,
+        mJobProcessTimeout,
+        mMaxCapMemoryAfterProcessingAJob};
+    std::unique_ptr<nqSchedulerWorker> worker = launchWorker(launch, mPipeServer, mQueues.get());
     if (worker == nullptr)
         return false;
-    state.mWorkers.push_back(std::move(worker));
+    mWorkers.push_back(std::move(worker));
     return true;
+}
+
+bool nqScheduler::startWorker()
+{
+    if (mPrivate->mInPass)
+        return false;
+    const nqFlagGuard pass(mPrivate->mInPass);
+    return mPrivate->addWorker();
 }
 
 } // namespace nq

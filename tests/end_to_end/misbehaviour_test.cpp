@@ -120,6 +120,30 @@ TEST_F(Misbehaviour, manyCrashesAmongManyJobsAreAllAccountedFor)
     EXPECT_EQ(end_to_end::children().size(), 3U);
 }
 
+TEST_F(Misbehaviour, aLoggerThatCallsBackDoesNoHarm)
+{
+    Pool pool;
+    ASSERT_TRUE(pool.start(2));
+    nqScheduler& scheduler = pool.scheduler();
+    int lines = 0;
+    mLog.onMessage = [&](const std::string&) {
+        ++lines;
+        scheduler.processScheduler(1000);
+        scheduler.waitForFinished();
+        EXPECT_FALSE(scheduler.startWorker());
+        EXPECT_FALSE(scheduler.stopScheduler());
+        pool.push("echo from the logger");
+    };
+    for (int round = 0; round < 5; ++round)
+        pool.push("crash");
+    ASSERT_TRUE(pool.collect(10));
+    EXPECT_EQ(lines, 5);
+    EXPECT_EQ(pool.failures().size(), 5U);
+    EXPECT_EQ(pool.answers(), std::vector<std::string>(5, "from the logger"));
+    EXPECT_EQ(end_to_end::children().size(), 2U);
+    mLog.onMessage = nullptr;
+}
+
 TEST_F(Misbehaviour, aFailedJobCarriesItsBytesAndCanBePushedAgain)
 {
     const std::string job = "exit 1" + std::string(1, '\0') + std::string(100'000, 'j');
