@@ -20,6 +20,8 @@ bool armForOwnGroup(int end) noexcept
            ::fcntl(end, F_SETFL, O_ASYNC | O_NONBLOCK) == 0;
 }
 
+thread_local const nqLeash* leashForChild = nullptr;
+
 } // namespace
 
 /// The leashes of this process, for the fork handler. Their sockets are opened and closed under the
@@ -54,6 +56,8 @@ struct nqLeash::Registry {
     {
         // Closed and not shut down: a shutdown would reach the sockets of the parent.
         for (nqLeash* leash : instance().mLeashes) {
+            if (leash == leashForChild)
+                continue;
             leash->mOneEnd.close();
             leash->mOtherEnd.close();
         }
@@ -76,6 +80,16 @@ nqLeash::nqLeash()
     mOneEnd.moveOutOfRangeOfSelect();
     mOtherEnd.moveOutOfRangeOfSelect();
     registry.mLeashes.push_back(this);
+}
+
+nqLeash::ForChild::ForChild(const nqLeash& leash)
+{
+    leashForChild = &leash;
+}
+
+nqLeash::ForChild::~ForChild()
+{
+    leashForChild = nullptr;
 }
 
 nqLeash::~nqLeash()

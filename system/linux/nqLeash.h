@@ -20,8 +20,9 @@ namespace nq {
 /// reference to the group inside the kernel and not a number, so a reused number is never hit.
 ///
 /// A child that the host forks without an exec would hold copies and keep the group alive after the
-/// host's end; a fork handler closes them there. Not copied and not moved, because that handler
-/// knows its address. Any thread may make and destroy leashes.
+/// host's end; a fork handler closes them there, but for the one leash that this child is started
+/// to arm, see ForChild. Not copied and not moved, because that handler knows its address. Any
+/// thread may make and destroy leashes.
 class nqLeash {
 public:
     /// Makes the pair. isMade() is false when the host has no descriptors left.
@@ -37,6 +38,17 @@ public:
     {
         return mOneEnd.isOpen() && mOtherEnd.isOpen();
     }
+
+    /// Lives while its thread starts the child that arms `leash`. Tools that watch every access to
+    /// memory turn vfork into a fork with all its handlers; that child then keeps its copies, and
+    /// its exec closes them.
+    class ForChild {
+    public:
+        explicit ForChild(const nqLeash& leash);
+        ~ForChild();
+        ForChild(const ForChild&) = delete;
+        ForChild& operator=(const ForChild&) = delete;
+    };
 
     /// Called by the child, which leads its session and group, between vfork and exec: nothing but
     /// system calls. False when the kernel refuses.

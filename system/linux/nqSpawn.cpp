@@ -215,6 +215,7 @@ nqSpawnResult nqSpawn(const nqSpawnRequest& request)
     int error = 0;
     {
         const SignalsBlocked blocked;
+        const nqLeash::ForChild armed(*request.mLeash);
         pid = vforkAndRun(launch);
         error = errno;
     }
