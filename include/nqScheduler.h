@@ -18,7 +18,12 @@ class nqSchedulerPrivate;
 /// calls again and again, and inside the three operations that pump by themselves:
 /// waitForFinished(), stopScheduler() and the destructor. Time-outs and memory caps act only while
 /// the host pumps. All operations of one object belong to one thread; different objects may live
-/// on different threads. A child that the host forks must not touch its parent's objects.
+/// on different threads.
+///
+/// @par Forked children
+/// In a child that the host forks, its parent's schedulers start, stop and pump nothing, as is said
+/// of calls from a logger below, and destroying one only frees the child's memory. Queues are
+/// copies. A child may make schedulers of its own.
 ///
 /// @par Blocking
 /// The four that pump may block, and so may startScheduler() and startWorker(), which wait for

@@ -3,6 +3,7 @@
 #include "scheduler/nqJobQueues.h"
 #include "supervision/nqSchedulerWorker.h"
 #include "system/nqNamedPipeServer.h"
+#include "system/nqOwnerProcess.h"
 
 #include <cstdint>
 #include <list>
@@ -21,7 +22,14 @@ public:
     nqSchedulerPrivate(const nqSchedulerPrivate&) = delete;
     nqSchedulerPrivate& operator=(const nqSchedulerPrivate&) = delete;
 
-    /// What the operations of nqScheduler consist of. These do not ask whether a pass is under way.
+    /// Whether an operation that starts, stops or pumps may: not while one is under way, which the
+    /// host's logger may call from, and not in a forked child, where all workers are the parent's.
+    bool mayAct() const
+    {
+        return !mInPass && mOwner.isThisProcess();
+    }
+
+    /// What those operations consist of. These do not ask again.
     bool start(std::uint64_t nbWorkers, std::int32_t workerConnectionTimeout);
     bool addWorker();
     void pump(int timeoutMs);
@@ -44,7 +52,8 @@ public:
     bool mWaitingForFinished = false; // against re-entry on the same thread
     bool mStartProcessFlag = false;   // true silences the workers
     bool mPrependChannelId = true;    // the pipe's name is the first argument, else the last
-    bool mInPass = false; // something that may log is under way; the host's logger may call back
+    bool mInPass = false;             // something that may log is under way
+    nqOwnerProcess mOwner;
 };
 
 } // namespace nq

@@ -120,7 +120,7 @@ void nqSchedulerPrivate::pump(int timeoutMs)
 
 void nqScheduler::processScheduler(int timeoutMs)
 {
-    if (!mPrivate->mStarted || mPrivate->mInPass)
+    if (!mPrivate->mStarted || !mPrivate->mayAct())
         return;
     const nqFlagGuard pass(mPrivate->mInPass);
     mPrivate->pump(timeoutMs);

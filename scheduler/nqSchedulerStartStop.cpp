@@ -91,7 +91,7 @@ void nqSchedulerPrivate::stop()
 
 nqScheduler::~nqScheduler()
 {
-    if (mPrivate->mInPass) {
+    if (mPrivate->mInPass && mPrivate->mOwner.isThisProcess()) {
         // The pass would go on with memory that is free.
         std::cerr << "nqScheduler: destroyed inside one of its own operations, which a logger must "
                      "not do"
@@ -107,7 +107,7 @@ nqScheduler::~nqScheduler()
 
 bool nqScheduler::startScheduler(unsigned long nbWorkers, int workerConnectionTimeout)
 {
-    if (mPrivate->mInPass)
+    if (!mPrivate->mayAct())
         return false;
     const nqFlagGuard pass(mPrivate->mInPass);
     return mPrivate->start(nbWorkers, workerConnectionTimeout);
@@ -115,7 +115,7 @@ bool nqScheduler::startScheduler(unsigned long nbWorkers, int workerConnectionTi
 
 void nqScheduler::waitForFinished()
 {
-    if (!mPrivate->mStarted || mPrivate->mWaitingForFinished || mPrivate->mInPass)
+    if (!mPrivate->mStarted || mPrivate->mWaitingForFinished || !mPrivate->mayAct())
         return;
     const nqFlagGuard pass(mPrivate->mInPass);
     mPrivate->drain();
@@ -123,7 +123,7 @@ void nqScheduler::waitForFinished()
 
 bool nqScheduler::stopScheduler()
 {
-    if (!mPrivate->mStarted || mPrivate->mInPass)
+    if (!mPrivate->mStarted || !mPrivate->mayAct())
         return false;
     const nqFlagGuard pass(mPrivate->mInPass);
     mPrivate->stop();

@@ -30,7 +30,7 @@ bool nqSchedulerPrivate::addWorker()
 
 bool nqScheduler::startWorker()
 {
-    if (mPrivate->mInPass)
+    if (!mPrivate->mayAct())
         return false;
     const nqFlagGuard pass(mPrivate->mInPass);
     return mPrivate->addWorker();

@@ -1,11 +1,10 @@
 #include "system/linux/nqLeash.h"
 
+#include "system/linux/nqForkSafe.h"
+
 #include <algorithm>
 #include <csignal>
 #include <fcntl.h>
-#include <mutex>
-#include <new>
-#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
@@ -24,53 +23,28 @@ thread_local const nqLeash* leashForChild = nullptr;
 
 } // namespace
 
-/// The leashes of this process, for the fork handler. Their sockets are opened and closed under the
-/// lock, so that a fork sees either both ends and the entry or none of them.
+/// The leashes of this process. Their sockets are opened and closed under the lock, so that a fork
+/// sees either both ends and the entry or none of them.
 struct nqLeash::Registry {
-    std::mutex mMutex;
     std::vector<nqLeash*> mLeashes;
 
-    Registry()
-    {
-        if (::pthread_atfork(lock, unlock, closeCopies) != 0)
-            throw std::bad_alloc();
-    }
-
-    /// Never destroyed: static objects of the host may own processes until the very end.
-    static Registry& instance()
-    {
-        static auto* const registry = new Registry;
-        return *registry;
-    }
-
-    static void lock()
-    {
-        instance().mMutex.lock();
-    }
-    static void unlock()
-    {
-        instance().mMutex.unlock();
-    }
-
-    static void closeCopies()
+    void inForkedChild()
     {
         // Closed and not shut down: a shutdown would reach the sockets of the parent.
-        for (nqLeash* leash : instance().mLeashes) {
+        for (nqLeash* leash : mLeashes) {
             if (leash == leashForChild)
                 continue;
             leash->mOneEnd.close();
             leash->mOtherEnd.close();
         }
-        instance().mLeashes.clear();
-        unlock();
+        mLeashes.clear();
     }
 };
 
 nqLeash::nqLeash()
 {
-    Registry& registry = Registry::instance();
-    const std::lock_guard guard(registry.mMutex);
-    registry.mLeashes.reserve(registry.mLeashes.size() + 1);
+    const auto registry = nqForkSafe<Registry>::access();
+    registry->mLeashes.reserve(registry->mLeashes.size() + 1);
 
     int ends[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) != 0)
@@ -79,7 +53,7 @@ nqLeash::nqLeash()
     mOtherEnd = nqDescriptor(ends[1]);
     mOneEnd.moveOutOfRangeOfSelect();
     mOtherEnd.moveOutOfRangeOfSelect();
-    registry.mLeashes.push_back(this);
+    registry->mLeashes.push_back(this);
 }
 
 nqLeash::ForChild::ForChild(const nqLeash& leash)
@@ -114,12 +88,11 @@ void nqLeash::release() noexcept
 {
     if (!mOneEnd.isOpen() && !mOtherEnd.isOpen())
         return;
-    Registry& registry = Registry::instance();
-    const std::lock_guard guard(registry.mMutex);
+    const auto registry = nqForkSafe<Registry>::access();
     killGroup();
     mOneEnd.close();
     mOtherEnd.close();
-    std::vector<nqLeash*>& leashes = registry.mLeashes;
+    std::vector<nqLeash*>& leashes = registry->mLeashes;
     leashes.erase(std::remove(leashes.begin(), leashes.end(), this), leashes.end());
 }
 

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <csignal>
 #include <locale>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -163,6 +164,27 @@ TEST_F(HostEnvironment, theOtherChildrenOfTheHostStayItsOwn)
     int status = 0;
     ASSERT_EQ(waitpid(own, &status, 0), own);
     EXPECT_EQ(WEXITSTATUS(status), 7);
+}
+
+TEST_F(HostEnvironment, aForkedChildThatDestroysItsCopyOfASchedulerDisturbsNobody)
+{
+    std::optional<Pool> pool(std::in_place);
+    ASSERT_TRUE(pool->start(2));
+    pool->push("echo pending");
+    const pid_t child = fork();
+    if (child == 0) {
+        pool->scheduler().processScheduler(0);
+        pool.reset(); // would have to answer the job first
+        _exit(0);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(pool->collect(1));
+    EXPECT_EQ(pool->answers(), std::vector<std::string>{"pending"});
+    EXPECT_TRUE(pool->scheduler().stopScheduler());
+    EXPECT_TRUE(pool->start(2)) << "nobody else holds the name";
+    EXPECT_TRUE(mLog.messages().empty());
 }
 
 TEST_F(HostEnvironment, theSignalDispositionsOfTheHostStayAsTheyAre)
