@@ -93,9 +93,7 @@ nqScheduler::~nqScheduler()
 {
     if (mPrivate->mInPass && mPrivate->mOwner.isThisProcess()) {
         // The pass would go on with memory that is free.
-        std::cerr << "nqScheduler: destroyed inside one of its own operations, which a logger must "
-                     "not do"
-                  << std::endl;
+        std::cerr << "nqScheduler: destroyed by a logger inside a pass that goes on" << std::endl;
         std::abort();
     }
     try {

@@ -32,6 +32,10 @@ namespace nq {
 /// @par Errors
 /// Only allocation exceptions pass through, and no byte is lost over one.
 ///
+/// @par Forked children
+/// In a child of the process that made it, a pipe does not connect, and the first operation that
+/// would move or end something makes it a closed one, which leaves the parent's connection alone.
+///
 /// @par Ownership
 /// The buffers belong to the pipe, which empties them when it closes.
 class [[gnu::visibility("default")]] nqNamedPipe

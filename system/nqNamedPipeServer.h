@@ -18,6 +18,10 @@ namespace nq {
 /// Only waitForNewConnection() waits for as long as it is told to, and listenUtf8() for a name of
 /// its own.
 ///
+/// @par Forked children
+/// In a child of the process that made it, a server neither listens nor accepts, and its end leaves
+/// the parent listening.
+///
 /// @par Errors
 /// What fails is a return value. Only allocation exceptions pass through.
 class [[gnu::visibility("default")]] nqNamedPipeServer
@@ -48,9 +52,17 @@ public:
     /// it at the end of the pending list. False when none came, when not listening, or when the
     /// process has no descriptor left. `*timedOut`, if given, says whether the time ran out.
     ///
-    /// Never accepted: a process of another user, a peer that has hung up without sending
-    /// anything, a member of a process group that nqProcess has killed, and a second member of a
-    /// group that nqProcess has started: a worker connects once.
+    /// A process that an nqProcess has started with the name among its arguments belongs to this
+    /// server. The wait ends early, within a second, when the latest of these has ended by a signal
+    /// or with a status other than 0 before it connected, and nothing of its process group is left.
+    /// After status 0 it goes on, as after a program that puts itself into the background. How the
+    /// process has ended is logged.
+    ///
+    /// Never accepted: a process of another user; a peer that has hung up without sending anything;
+    /// a member of the group of a process of this server that has ended or has connected already; a
+    /// straggler, forked after the first process of this server and before the latest. Start times
+    /// have a resolution of 10 ms, and whoever forks anew looks younger: this guards against
+    /// accidents, and against no attack. Where /proc is not there, stragglers are not told apart.
     bool waitForNewConnection(int timeoutMs, bool* timedOut);
 
     /// Whether accepted connections wait to be taken.

@@ -22,8 +22,11 @@ namespace nq {
 /// served too.
 ///
 /// @par Threads
-/// Not locked: one thread per object; different objects may be used on different threads. After
-/// fork() the child of a host must not touch objects made by its parent.
+/// Not locked: one thread per object; different objects may be used on different threads.
+///
+/// @par Forked children
+/// In a child of the process that made it, an object starts, kills and waits for nothing, and says
+/// that its process has ended. Destroying it leaves the parent's process alone.
 ///
 /// @par Blocking
 /// Only waitForFinished() waits for as long as it is told to, startProcess() until the child runs
@@ -64,7 +67,8 @@ public:
 
     /// Starts `exePathUtf8` with `arguments` (the path itself is not among them). True when the
     /// program is running; false when it could not be executed, and then getState() is not Running
-    /// and nothing is left behind. Can be called once per object; a further call returns false.
+    /// and nothing is left behind; a line of the log says why. Can be called once per object; a
+    /// further call returns false.
     ///
     /// A relative path counts from the host's current directory; PATH is not searched. The child
     /// gets the host's environment, an empty signal mask, default signal dispositions, a null
@@ -97,8 +101,10 @@ public:
     /// running or the kernel refuses.
     bool setWorkingSetMaxSize(std::uint64_t bytes);
 
-    /// Kills the whole process group and returns at once, without waiting for the end. Does nothing
-    /// when no process was started or it has already been reaped.
+    /// Kills the whole process group and returns at once, without waiting for the end. When a
+    /// server let another process in for this one, from outside the group or from a PID namespace
+    /// below, that one is killed too, unless it is older than this one. Nothing that has been
+    /// reaped is signalled.
     void killProcess();
 
     /// Waits at most `timeoutMs` milliseconds for the end and reaps; 0 looks once, 0xFFFFFFFF waits

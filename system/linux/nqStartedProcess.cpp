@@ -241,14 +241,14 @@ void nqStartedProcess::noteConnection(const std::string& server, nqPeer& peer)
 
 std::string nqStartedProcess::describe(const nqChildEnd& end) const
 {
-    std::string text = mExecutable + " (pid " + std::to_string(mPid) + ") ";
+    std::string text = mExecutable + " (pid " + std::to_string(mPid);
     if (end.mSignal != 0) {
         const char* const name = ::sigdescr_np(end.mSignal);
-        text += "was ended by signal " + std::to_string(end.mSignal);
+        text += ") was ended by signal " + std::to_string(end.mSignal);
         text += name != nullptr ? " (" + std::string(name) + ")" : "";
         text += end.mDumpedCore ? " with a core dump" : "";
     } else {
-        text += "left with exit status " + std::to_string(end.mExitStatus);
+        text += ") left with exit status " + std::to_string(end.mExitStatus);
     }
     text += " before it connected";
     if (end.mSignal == 0 && end.mExitStatus == loaderFailedExitStatus)
