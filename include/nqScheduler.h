@@ -25,6 +25,11 @@ class nqSchedulerPrivate;
 /// of calls from a logger below, and destroying one only frees the child's memory. Queues are
 /// copies. A child may make schedulers of its own.
 ///
+/// A thread that pumps may be cancelled (pthread_cancel): it ends at the beginning of a pump or
+/// where one waits, no job is lost, and the object can be used or destroyed on another thread
+/// afterwards. A start that is cancelled is a start that failed; a stop can be called again. The
+/// destructor holds a cancellation off until it is over.
+///
 /// @par Blocking
 /// The four that pump may block, and so may startScheduler() and startWorker(), which wait for
 /// workers to connect. All others return at once.

@@ -49,10 +49,11 @@ public:
     std::uint64_t mNbWorkers = 0;         // asked for by the last start that got past listening
     std::int32_t mWorkerConnectionTimeout = 0; // milliseconds
     bool mStarted = false;
-    bool mWaitingForFinished = false; // against re-entry on the same thread
-    bool mStartProcessFlag = false;   // true silences the workers
-    bool mPrependChannelId = true;    // the pipe's name is the first argument, else the last
-    bool mInPass = false;             // something that may log is under way
+    bool mWaitingForFinished = false;   // against re-entry on the same thread
+    bool mStartProcessFlag = false;     // true silences the workers
+    bool mPrependChannelId = true;      // the pipe's name is the first argument, else the last
+    std::uint32_t mReplacementsDue = 0; // for records that ended, not launched yet
+    bool mInPass = false;               // something that may log is under way
     nqOwnerProcess mOwner;
 };
 

@@ -2,8 +2,10 @@
 
 #include "scheduler/nqFlagGuard.h"
 #include "scheduler/nqSchedulerPrivate.h"
+#include "system/nqThread.h"
 
 #include <algorithm>
+#include <cxxabi.h>
 #include <exception>
 
 #include <sys/select.h>
@@ -56,7 +58,6 @@ struct Pass {
     WorkerSockets mSockets;
     bool mAnyPendingWrite = false;
     bool mAnyIdleOrReplaced = false;
-    std::uint32_t mReplacedCount = 0;
     std::exception_ptr mFirstException;
 };
 
@@ -67,6 +68,8 @@ void keepException(std::exception_ptr& first, Action action)
 {
     try {
         action();
+    } catch (abi::__forced_unwind&) {
+        throw; // of a cancelled thread: keeping it would end the process
     } catch (...) {
         if (first == nullptr)
             first = std::current_exception();
@@ -75,17 +78,16 @@ void keepException(std::exception_ptr& first, Action action)
 
 /// Steps every worker and drops the ones that are over. A replacement counts as idle, since it can
 /// take a pending job in the next pass.
-Pass stepWorkers(std::list<std::unique_ptr<nqSchedulerWorker>>& workers)
+Pass stepWorkers(nqSchedulerPrivate& state)
 {
     Pass pass;
-    for (auto it = workers.begin(); it != workers.end();) {
+    for (auto it = state.mWorkers.begin(); it != state.mWorkers.end();) {
         nqSchedulerWorker& worker = **it;
         keepException(pass.mFirstException, [&] { worker.superviseStep(); });
         if (worker.hasFinished()) {
             it->reset();
-            it = workers.erase(it);
-            ++pass.mReplacedCount;
-            pass.mAnyIdleOrReplaced = true;
+            it = state.mWorkers.erase(it);
+            ++state.mReplacementsDue;
             continue;
         }
         pass.mAnyPendingWrite = pass.mAnyPendingWrite || worker.pipe()->hasPendingWrite();
@@ -93,6 +95,7 @@ Pass stepWorkers(std::list<std::unique_ptr<nqSchedulerWorker>>& workers)
         pass.mAnyIdleOrReplaced = pass.mAnyIdleOrReplaced || worker.isReadyForJob();
         ++it;
     }
+    pass.mAnyIdleOrReplaced = pass.mAnyIdleOrReplaced || state.mReplacementsDue != 0;
     return pass;
 }
 
@@ -100,8 +103,13 @@ Pass stepWorkers(std::list<std::unique_ptr<nqSchedulerWorker>>& workers)
 
 void nqSchedulerPrivate::pump(int timeoutMs)
 {
-    mPipeServer.processPipeServerEvents(0);
-    Pass pass = stepWorkers(mWorkers);
+    nqThread::EndIfCancelled(); // nothing below does unless it waits
+    Pass pass;
+    {
+        const nqThread::Uncancellable held;
+        mPipeServer.processPipeServerEvents(0);
+        pass = stepWorkers(*this);
+    }
 
     const bool resultWaits = mQueues->resultCount() != 0;
     const bool jobCanStart = mQueues->pendingJobCount() != 0 && pass.mAnyIdleOrReplaced;
@@ -111,8 +119,9 @@ void nqSchedulerPrivate::pump(int timeoutMs)
         pass.mSockets.wait(timeoutMs);
 
     // After the wait, so that the replacements get their first step in the next call. One that
-    // cannot be launched is logged and not tried again: the pool is one worker smaller.
-    for (std::uint32_t i = 0; i < pass.mReplacedCount; ++i)
+    // cannot be launched is logged and not tried again: the pool is one worker smaller. What a
+    // cancelled thread leaves is due in the next call.
+    for (; mReplacementsDue != 0; --mReplacementsDue)
         keepException(pass.mFirstException, [&] { addWorker(); });
     if (pass.mFirstException != nullptr)
         std::rethrow_exception(pass.mFirstException);

@@ -4,6 +4,7 @@
 #include "scheduler/nqSchedulerPrivate.h"
 #include "support/nqLogObject.h"
 #include "system/nqSystemUtils.h"
+#include "system/nqThread.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -29,7 +30,10 @@ std::uint64_t workerLimit()
 void endWorker(nqSchedulerWorker& worker)
 {
     nqProcess* process = worker.process();
-    worker.closePipe();
+    {
+        const nqThread::Uncancellable held;
+        worker.closePipe();
+    }
     if (process->getState() != nqProcess::Running)
         return;
     process->waitForFinished(workerLeaveMs);
@@ -83,14 +87,20 @@ void nqSchedulerPrivate::drain()
 void nqSchedulerPrivate::stop()
 {
     drain();
-    mPipeServer.closeNamedPipeServer();
+    {
+        const nqThread::Uncancellable held;
+        mPipeServer.closeNamedPipeServer();
+    }
     for (; !mWorkers.empty(); mWorkers.pop_front())
         endWorker(*mWorkers.front());
+    mReplacementsDue = 0;
     mStarted = false;
 }
 
+// Held to its end, the members included: a cancellation must not get out of a destructor.
 nqScheduler::~nqScheduler()
 {
+    const nqThread::Uncancellable held;
     if (mPrivate->mInPass && mPrivate->mOwner.isThisProcess()) {
         // The pass would go on with memory that is free.
         std::cerr << "nqScheduler: destroyed by a logger inside a pass that goes on" << std::endl;
@@ -101,6 +111,7 @@ nqScheduler::~nqScheduler()
     } catch (...) {
         std::terminate(); // which names the exception when it is called from here
     }
+    mPrivate.reset();
 }
 
 bool nqScheduler::startScheduler(unsigned long nbWorkers, int workerConnectionTimeout)

@@ -2,6 +2,7 @@
 
 #include "supervision/nqSchedulerWorkerPrivate.h"
 #include "system/nqStringUtils.h"
+#include "system/nqThread.h"
 
 #include <utility>
 
@@ -37,6 +38,7 @@ nqSchedulerWorker::nqSchedulerWorker(
 
 nqSchedulerWorker::~nqSchedulerWorker()
 {
+    const nqThread::Uncancellable held;
     closePipe();
     mPrivate->mProcess->waitForFinished(withoutLimit);
     mPrivate->mProcess.reset();

@@ -2,6 +2,7 @@
 
 #include "support/nqLogObject.h"
 #include "system/nqDirUtils.h"
+#include "system/nqThread.h"
 
 #include <utility>
 
@@ -30,8 +31,11 @@ const char* startAndConnect(
 {
     process.setWorkingDirectory(
         nqDirUtils::ExtractFolder(nqDirUtils::GetAbsolutePathUtf8(launch.mExeUtf8Path)));
-    process.startProcess(
-        launch.mExeUtf8Path, arguments, launch.mStartProcessFlag, nqProcess::InheritedPriority);
+    {
+        const nqThread::Uncancellable held; // a child that has been forked needs its owner
+        process.startProcess(
+            launch.mExeUtf8Path, arguments, launch.mStartProcessFlag, nqProcess::InheritedPriority);
+    }
     if (process.getState() != nqProcess::Running)
         return "Process state is not 'running'";
     if (!server.waitForNewConnection(launch.mWorkerConnectionTimeout, nullptr))

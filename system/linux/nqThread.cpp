@@ -20,4 +20,9 @@ nqThread::Uncancellable::~Uncancellable()
     ::pthread_setcancelstate(mStateBefore, nullptr);
 }
 
+void nqThread::EndIfCancelled()
+{
+    ::pthread_testcancel();
+}
+
 } // namespace nq

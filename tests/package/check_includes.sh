@@ -5,7 +5,8 @@
 #
 # include/ and system/*.h: the standard library and their own folder. scheduler/, supervision/,
 # worker/, support/: the standard library, include/, system/*.h, their own folder and those after
-# it; of the operating system only select(), and only in the pump. One look upwards is allowed: the
+# it; of the operating system only select(), and only in the pump, which also names what unwinds the
+# stack of a cancelled thread. One look upwards is allowed: the
 # record of a worker takes jobs from the queues and hands its results to them. system/linux/: the
 # system and system/.
 set -euo pipefail
@@ -57,7 +58,7 @@ below_scheduler="$below_supervision|\"scheduler/[A-Za-z]+\.h\""
 check "include/" "$standard|$public" include/*.h
 check "system/" "$standard|\"nq[A-Za-z]+\.h\"" system/*.h
 check "scheduler/" "$below_scheduler" "${scheduler[@]}"
-check "the pump" "$below_scheduler|<sys/select\.h>" "$pump"
+check "the pump" "$below_scheduler|<sys/select\.h>|<cxxabi\.h>" "$pump"
 check "supervision/" "$below_supervision|\"scheduler/nqJobQueues\.h\"" "${supervision[@]}"
 check "worker/" "$below_worker" "${worker[@]}"
 check "support/" "$below_support" "${support[@]}"

@@ -112,6 +112,8 @@ void Machine::call(const std::string& line)
 {
     calls.push_back(line);
     trace.push_back(line);
+    if (cancellable && isCancellable)
+        cancellable->push_back(line);
 }
 
 void Machine::query(const std::string& line)

@@ -117,6 +117,11 @@ struct Machine {
     /// The same with the questions asked in between: "process 4242: getState()".
     std::vector<std::string> trace;
 
+    /// While it is there: those calls that a cancellation of the thread may strike, and the points
+    /// made for it.
+    std::optional<std::vector<std::string>> cancellable;
+    bool isCancellable = true; ///< the state of the thread
+
     std::vector<std::shared_ptr<Process>> processes; ///< in the order of creation
     std::vector<std::shared_ptr<Pipe>> pipes;        ///< in the order of creation
     Server server;

@@ -8,6 +8,7 @@
 #include "system/nqThread.h"
 
 #include <stdexcept>
+#include <utility>
 
 namespace nq {
 
@@ -95,9 +96,22 @@ std::string nqThread::CurrentThreadId()
     return scripted::machine().threadId;
 }
 
-nqThread::Uncancellable::Uncancellable() = default;
+nqThread::Uncancellable::Uncancellable()
+    : mStateBefore(std::exchange(scripted::machine().isCancellable, false))
+{
+}
 
-nqThread::Uncancellable::~Uncancellable() = default;
+nqThread::Uncancellable::~Uncancellable()
+{
+    scripted::machine().isCancellable = mStateBefore != 0;
+}
+
+void nqThread::EndIfCancelled()
+{
+    scripted::Machine& machine = scripted::machine();
+    if (machine.cancellable && machine.isCancellable)
+        machine.cancellable->emplace_back("thread: EndIfCancelled()");
+}
 
 void nqSystemUtils::ReleaseFreeMemory()
 {
