@@ -214,7 +214,8 @@ TEST_F(AllocationLimit, aWorkerThatAllocatesBeyondItLosesItsJob)
     EXPECT_EQ(pool.failures()[0].message, "Unexpected crash");
 }
 
-#ifndef __SANITIZE_ADDRESS__ // whose shadow memory alone is beyond every limit
+#if !defined(__SANITIZE_ADDRESS__) &&                                                              \
+    !defined(__SANITIZE_THREAD__) // whose shadow memory alone is beyond every limit
 TEST_F(AllocationLimit, aWorkerBelowItServesAndItsReplacementIsLimitedToo)
 {
     Pool pool;

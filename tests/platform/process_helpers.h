@@ -64,11 +64,21 @@ inline std::string statusLine(pid_t pid, const std::string& key)
     return status.substr(start, status.find('\n', start) - start);
 }
 
-/// True on a simulated processor, where vfork is a fork.
+/// True on a simulated processor.
 inline bool runsUnderValgrind()
 {
     const char* preloaded = std::getenv("LD_PRELOAD");
     return preloaded != nullptr && std::strstr(preloaded, "vgpreload") != nullptr;
+}
+
+/// True where vfork copies memory like fork.
+inline bool vforkIsAFork()
+{
+#ifdef __SANITIZE_THREAD__
+    return true;
+#else
+    return runsUnderValgrind();
+#endif
 }
 
 /// True when this test run goes without pidfds.
