@@ -19,7 +19,8 @@ bool armForOwnGroup(int end) noexcept
            ::fcntl(end, F_SETFL, O_ASYNC | O_NONBLOCK) == 0;
 }
 
-thread_local const nqLeash* leashForChild = nullptr;
+// Laid out when the library is loaded: the first use in a thread must not need memory.
+[[gnu::tls_model("initial-exec")]] thread_local const nqLeash* leashForChild = nullptr;
 
 } // namespace
 
