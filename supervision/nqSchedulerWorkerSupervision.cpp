@@ -62,16 +62,16 @@ bool nqSchedulerWorker::exceedsLimit()
     if (state.mMaxCapMemory != 0) {
         const std::uint64_t ramInUse = state.mProcess->getCurrentRamInUse();
         if (ramInUse > state.mMaxCapMemory && !state.mKilled) {
-            state.mFailReason = nqScheduler::TooMuchRam;
             state.mFailMessage = "using too much RAM (" + memoryText(ramInUse) + ")";
+            state.mFailReason = nqScheduler::TooMuchRam; // after the text, which may find no memory
             exceeded = true;
         }
     }
     if (state.mJobProcessTimeout != 0 && !state.mReadyForJob) {
         const std::uint64_t elapsed = elapsedWholeSeconds(state.mJobTimer);
         if (elapsed > state.mJobProcessTimeout && !state.mKilled) {
-            state.mFailReason = nqScheduler::Timeout;
             state.mFailMessage = timeoutMessage(elapsed);
+            state.mFailReason = nqScheduler::Timeout;
             exceeded = true;
         }
     }

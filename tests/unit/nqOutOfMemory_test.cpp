@@ -110,6 +110,30 @@ TEST_F(RecordWithoutMemory, handsAFailedJobBackThoughItsLineInTheLogIsLost)
     EXPECT_EQ(queues.failCount(), 1U);
 }
 
+TEST_F(RecordWithoutMemory, judgesTheJobAgainWhenTheTextOfAVerdictHasNoRoom)
+{
+    if (!RefusedMemory::isPossible())
+        GTEST_SKIP() << "this tool has its own allocator";
+    constexpr std::size_t smallerThanAVerdict = 37; // and larger than the trace of a question
+    std::optional<RefusedMemory> refused;
+    worker->setJobProcessTimeout(1);
+    dispatch();
+    machine.advance(std::chrono::hours{1});
+    machine.trace.reserve(100);
+    pipe->onEvents = [&](scripted::Pipe&) { refused.emplace(smallerThanAVerdict); };
+    EXPECT_THROW(step(), std::bad_alloc);
+    pipe->onEvents = nullptr;
+    refused.reset();
+    EXPECT_EQ(kills(), 0);
+    worker->setJobProcessTimeout(0);
+    die();
+    step();
+    EXPECT_EQ(
+        failures(queues),
+        std::vector<Failure>(
+            {{bytes("job"), nq::nqScheduler::UnexpectedCrash, "Unexpected crash"}}));
+}
+
 /// A record whose worker has died, and whose memory is refused from its line in the log on.
 struct FailureWithoutMemory : RecordWithoutMemory {
     std::optional<RefusedMemory> refused;
