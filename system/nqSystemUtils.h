@@ -23,7 +23,9 @@ public:
     static std::uint64_t GetMSecElapsedSinceEpoch();
 
     /// Gives memory that the process has freed, and that its allocator keeps for the next blocks,
-    /// back to the kernel. Takes the longer the more there is: for moments of rest.
+    /// back to the kernel. Takes the longer the more there is: for moments of rest. The allocator
+    /// gives nothing back from below a block that is in use: a worker whose hook kept 64 KiB from
+    /// each of eight jobs of 16 MiB came to rest at 4 MiB with this call, and at 36 MiB without it.
     static void ReleaseFreeMemory();
 };
 
