@@ -17,6 +17,7 @@
 
 namespace {
 
+using end_to_end::ChildProgram;
 using end_to_end::EndToEnd;
 using end_to_end::literally;
 using end_to_end::matchesWhole;
@@ -287,6 +288,23 @@ TEST_F(Launch, ofAScriptThatBecomesTheWorkerWorks)
     EXPECT_EQ(pool.ask("echo wrapped"), "wrapped");
     EXPECT_EQ(pool.ask("crash"), "(Unexpected crash)");
     EXPECT_EQ(pool.ask("echo wrapped"), "wrapped");
+}
+
+TEST_F(Launch, intoAPidNamespaceGivesAWorkerThatIsKilledWithItsWrapper)
+{
+    const std::string unshare = "unshare --user --map-root-user --pid --fork --kill-child ";
+    const std::string attempt = mFolder.addScript("attempt", unshare + "true 2>/dev/null\n");
+    if (ChildProgram(attempt, {}).waitForEnd() != 0)
+        GTEST_SKIP() << "the machine does not let this user make a namespace";
+    Pool pool(
+        mFolder.addScript("wrapper", "exec " + unshare + "'" + workerPath() + "' \"$@\"\n"), {});
+    pool.scheduler().setJobProcessTimeout(1);
+    ASSERT_TRUE(pool.start(1));
+    pool.push("hang");
+    ASSERT_TRUE(pool.collect(1));
+    ASSERT_EQ(pool.failures().size(), 1U);
+    EXPECT_EQ(pool.failures()[0].reason, nq::nqScheduler::Timeout);
+    EXPECT_EQ(pool.ask("echo by the next"), "by the next");
 }
 
 TEST_F(Launch, ofAScriptThatRunsTheWorkerAsItsChildWorks)
