@@ -143,6 +143,22 @@ TEST_F(HostProgram, drainsASchedulerOfStaticLifeAtItsExit)
     EXPECT_EQ(host.waitForEnd(), 0);
 }
 
+class HostThatChanges : public EndToEnd, public testing::WithParamInterface<const char*> {};
+
+TEST_P(HostThatChanges, isServedByItsWorkersAndByThoseOfTheNextStart)
+{
+    ChildProgram host(hostProgramPath(), {"change", GetParam()});
+    const int status = host.waitForEnd();
+    if (status == 77)
+        GTEST_SKIP() << "the machine does not let this user";
+    EXPECT_EQ(status, 0) << host.readAllErrors();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Its, HostThatChanges, testing::Values("user", "network"), [](const auto& tested) {
+        return std::string(tested.param);
+    });
+
 class HostWithClosedStreams : public EndToEnd, public testing::WithParamInterface<const char*> {};
 
 TEST_P(HostWithClosedStreams, isServedAndNothingPrintedReachesAPipe)

@@ -6,6 +6,9 @@
 #include "pool.h"
 
 #include <fcntl.h>
+#include <grp.h>
+#include <sched.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -21,11 +24,11 @@
 
 namespace {
 
-using end_to_end::Pool;
 using end_to_end::workerPath;
 using Arguments = std::vector<std::string>;
 
 constexpr int connectionLimitMs = 30'000;
+constexpr int refusedByTheMachine = 77; // what a test skips
 
 // Reachable to the end; volatile, since nobody reads it and it must be written all the same.
 nq::nqScheduler* volatile leftBehind = nullptr;
@@ -280,6 +283,39 @@ int leave(const Arguments& arguments)
     return EXIT_SUCCESS;
 }
 
+bool enterNetworkNamespace()
+{
+    return unshare(CLONE_NEWNET) == 0;
+}
+
+bool becomeNobody()
+{
+    constexpr uid_t nobody = 65'534;
+    // Readable again for a leak check at the end, which another user's process is not.
+    return setgroups(0, nullptr) == 0 && setresgid(nobody, nobody, nobody) == 0 &&
+           setresuid(nobody, nobody, nobody) == 0 && prctl(PR_SET_DUMPABLE, 1) == 0 &&
+           access(workerPath().c_str(), X_OK) == 0;
+}
+
+/// change user|network: changes itself while its workers run, and then starts others.
+int change(const Arguments& arguments)
+{
+    TalkingPool pool(true);
+    pool.scheduler().setJobProcessTimeout(1);
+    if (!pool.start(2))
+        return failed("no start");
+    const bool isChanged = arguments.at(0) == "user" ? becomeNobody() : enterNetworkNamespace();
+    if (!isChanged)
+        return refusedByTheMachine;
+    if (pool.ask("echo before") != "before")
+        return failed("a running worker did not answer");
+    if (!pool.scheduler().stopScheduler() || !pool.start(1))
+        return failed("no second start");
+    if (pool.ask("hang").find("timeout") == std::string::npos)
+        return failed("a hanging worker was not killed");
+    return pool.ask("echo after") == "after" ? EXIT_SUCCESS : failed("no replacement");
+}
+
 struct Scenario {
     const char* name;
     int (*run)(const Arguments& arguments);
@@ -296,6 +332,7 @@ constexpr Scenario scenarios[] = {
     {"ended-thread", endedThread},
     {"static-scheduler", staticScheduler},
     {"leave", leave},
+    {"change", change},
 };
 
 } // namespace
