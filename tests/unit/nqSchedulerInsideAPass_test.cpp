@@ -194,7 +194,7 @@ TEST_F(InsideAPassDeathTest, theDestructorEndsTheProcessWithAMessage)
     logger.onWrite = [this] { scheduler.reset(); };
     EXPECT_DEATH(
         scheduler->processScheduler(0),
-        "nqScheduler: destroyed by a logger inside a pass that goes on");
+        "nqScheduler: destroyed by a logger inside one of its own operations");
 }
 
 } // namespace
