@@ -103,7 +103,8 @@ nqScheduler::~nqScheduler()
     const nqThread::Uncancellable held;
     if (mPrivate->mInPass && mPrivate->mOwner.isThisProcess()) {
         // The pass would go on with memory that is free.
-        std::cerr << "nqScheduler: destroyed by a logger inside one of its own operations" << std::endl;
+        std::cerr << "nqScheduler: destroyed by a logger inside one of its own operations"
+                  << std::endl;
         std::abort();
     }
     try {

@@ -7,13 +7,16 @@
 #include <csignal>
 #include <cstdarg>
 #include <ctime>
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -101,6 +104,14 @@ int reapForSomebodyElse(const Verdict& verdict, Reap hasReaped)
         return perform(NQ_VERDICT(selector), -1, [&] { return name##Real() arguments; });          \
     }
 
+// The same for one that does not return an int.
+#define NQ_FAILING_WITH(failed, name, parameters, arguments, specifier)                            \
+    NQ_REAL(name)                                                                                  \
+    extern "C" decltype(failed) name parameters specifier                                          \
+    {                                                                                              \
+        return perform(NQ_VERDICT(anySelector), failed, [&] { return name##Real() arguments; });   \
+    }
+
 // A function that moves bytes, which can also move fewer than asked for.
 #define NQ_MOVING(name, connection, parameters, arguments)                                         \
     NQ_REAL(name)                                                                                  \
@@ -121,11 +132,27 @@ NQ_MOVING(recv, fd, (int fd, void* bytes, size_t size, int flags), (fd, bytes, s
 NQ_MOVING(send, fd, (int fd, const void* bytes, size_t size, int flags), (fd, bytes, size, flags))
 NQ_MOVING(write, noConnection, (int fd, const void* bytes, size_t size), (fd, bytes, size))
 
+NQ_FAILING_WITH(
+    MAP_FAILED,
+    mmap,
+    (void* at, size_t size, int protection, int flags, int fd, off_t offset),
+    (at, size, protection, flags, fd, offset),
+    noexcept)
+NQ_FAILING_WITH(static_cast<DIR*>(nullptr), opendir, (const char* path), (path), )
+NQ_FAILING_WITH(static_cast<dirent*>(nullptr), readdir, (DIR * folder), (folder), )
+NQ_FAILING_WITH(
+    ssize_t{-1},
+    readlink,
+    (const char* path, char* text, size_t size),
+    (path, text, size),
+    noexcept)
+
 NQ_FAILING(
     accept4,
     anySelector,
     (int fd, sockaddr* peer, socklen_t* size, int flags),
     (fd, peer, size, flags), )
+NQ_FAILING(access, anySelector, (const char* path, int mode), (path, mode), noexcept)
 NQ_FAILING(
     bind, anySelector, (int fd, const sockaddr* at, socklen_t size), (fd, at, size), noexcept)
 NQ_FAILING(chdir, anySelector, (const char* path), (path), noexcept)
@@ -153,6 +180,7 @@ NQ_FAILING(
     noexcept)
 NQ_FAILING(kill, anySelector, (pid_t pid, int signal), (pid, signal), noexcept)
 NQ_FAILING(listen, anySelector, (int fd, int backlog), (fd, backlog), noexcept)
+NQ_FAILING(madvise, anySelector, (void* at, size_t size, int advice), (at, size, advice), noexcept)
 NQ_FAILING(nanosleep, anySelector, (const timespec* time, timespec* left), (time, left), )
 NQ_FAILING(pipe2, anySelector, (int* ends, int flags), (ends, flags), noexcept)
 NQ_FAILING(
@@ -199,6 +227,8 @@ NQ_FAILING(
     (int domain, int type, int kind, int* ends),
     (domain, type, kind, ends),
     noexcept)
+
+NQ_FAILING(stat, anySelector, (const char* path, struct stat* file), (path, file), noexcept)
 
 NQ_REAL(getcwd)
 NQ_REAL(waitid)

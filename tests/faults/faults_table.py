@@ -69,6 +69,7 @@ FAULTS = {
     "__register_atfork": NO_MEMORY,
     "accept4": transparent("EINTR", "EAGAIN", "ECONNABORTED") + NO_DESCRIPTOR + NO_MEMORY
     + costly("ENOBUFS", "EPERM"),
+    "access": transparent("ENOENT", "EIO", lasts=True),  # only words of a message depend on it
     "bind": costly("EADDRINUSE", "ENOMEM", "EACCES", lasts=True),
     "chdir": costly("EACCES", "ENOENT", "EIO", "ENOMEM"),
     # The descriptor is gone whatever close() reports.
@@ -95,12 +96,19 @@ FAULTS = {
                                            lasts=True),
     "kill": transparent("ESRCH", "EPERM"),
     "listen": costly("EADDRINUSE", "ENOMEM", lasts=True),
+    # Without memory that the kernel wipes, a fork handler does it.
+    "madvise": transparent("EINVAL", "ENOMEM", "EAGAIN", lasts=True),
+    "mmap": transparent("ENOMEM", "EAGAIN", lasts=True),
     "nanosleep": transparent("EINTR"),
     "open": transparent("EINTR") + NO_DESCRIPTOR + NO_MEMORY + costly("EACCES", "ENOENT"),
     "pipe2": NO_DESCRIPTOR + NO_MEMORY,
     "poll": transparent("EINTR", "ENOMEM"),
     "ppoll": transparent("EINTR") + NO_MEMORY,
     # Tried again at the next look, so that a memory cap holds all the same.
+    # Without them, stragglers are not told apart.
+    "open@readStat": transparent("EINTR", "EMFILE", "ENFILE", "ENOMEM", "EACCES", "ENOENT", lasts=True),
+    # Without it, a launch that has failed is waited for until its time is up.
+    "opendir": transparent("EMFILE", "ENFILE", "ENOMEM", "EACCES", "ENOENT", lasts=True),
     "open@openMemoryStatistics": transparent("EINTR", "EMFILE", "ENFILE", "ENOMEM")
     + costly("EACCES", "ENOENT", lasts=True),
     # The file names a process that has ended meanwhile, or the kernel has no page for its text.
@@ -108,6 +116,9 @@ FAULTS = {
     + short(1, 2, 3, 4, 5, 8),
     "prlimit": transparent("EPERM", "ESRCH", lasts=True),
     "read": transparent("EINTR"),
+    "read@readStat": transparent("EINTR", "ESRCH", "EIO", lasts=True),
+    "readdir": transparent("ENOENT"),
+    "readlink": transparent("EACCES", "ENOENT", "ENOMEM", lasts=True),
     "recv": transparent("EINTR", "EAGAIN", "ENOBUFS", "ENOMEM") + hang_up("ECONNRESET")
     + short(*LENGTHS, lasting=(3, 4095)),
     # One look at one byte, which decides whether a newcomer gets in.
@@ -125,6 +136,7 @@ FAULTS = {
     "socket": NO_DESCRIPTOR + NO_MEMORY + costly("ENOBUFS", "EACCES"),
     "socketpair": NO_DESCRIPTOR + NO_MEMORY + costly("ENOBUFS"),
     # The host has reaped the child before we could look.
+    "stat": transparent("ENOENT", "EACCES", "EIO", lasts=True),  # only words of a message depend on it
     "syscall:SYS_pidfd_open": NO_PIDFD + transparent("ESRCH"),
     "syscall:SYS_pidfd_open@watchWith": NO_PIDFD + costly("ESRCH"),  # the peer has died
     "syscall:SYS_pidfd_send_signal": transparent("ESRCH", "EPERM", "ENOSYS", lasts=True),
@@ -141,6 +153,8 @@ FAULTS = {
 # Enters the kernel, perhaps, but cannot fail as the libraries call it.
 CANNOT_FAIL = {
     "_exit": "does not return",
+    "abort": "does not return",
+    "closedir": "only for a stream that is not open",
     "clock_gettime": "only for a clock that does not exist",
     "fflush": "writes what the host has printed, whose errors are the host's",
     "geteuid": "always succeeds",
@@ -149,13 +163,15 @@ CANNOT_FAIL = {
     "getpriority": "asks about the caller itself",
     "getrlimit": "asks for a limit that exists",
     "malloc_trim": "gives back what it can",
+    "munmap": "only for memory that was never mapped",
     "localtime_r": "a zone that cannot be read is UTC",
     "pthread_mutex_lock": "a plain mutex that its own thread does not hold",
     "pthread_mutex_unlock": "held by the caller",
+    "pthread_testcancel": "reports nothing",
     "pthread_sigmask": "only for an operation that does not exist",
     "sched_yield": "always succeeds",
     "sigpending": "only for memory that does not exist",
-    "sysconf": "the C library has an answer to both questions",
+    "sysconf": "the C library has an answer to all questions",
     "syscall:SYS_rt_sigaction": "only for the two signals that nobody can change",
     "syscall:SYS_rt_sigprocmask": "only for an operation that does not exist",
     "syslog": "reports nothing, and the C library cares for its own socket",
@@ -171,17 +187,20 @@ PURE = {
     "__fdelt_chk",
     "__gmon_start__",
     "__stack_chk_fail",
+    "__tls_get_addr",
     "bcmp",
     "environ",
     "fileno",
     "free",
     "log10",
+    "memchr",
     "memcmp",
     "memcpy",
     "memmove",
     "memset",
     "pow",
     "pthread_setcancelstate",
+    "sigdescr_np",
     "sigaddset",
     "sigemptyset",
     "sigismember",

@@ -26,6 +26,6 @@ run_programs() {
     run_pair "$folder/host" "$folder/worker"
 
     output=$("$folder/logging_host") || fail "the logging host ended with $?: $output"
-    [[ $output == $'limits 1.5GB and 2m 5s\n'"host log, level 3: Fail to startWorker, Process state is not 'running' (pid "* ]] ||
+    [[ $output == $'limits 1.5GB and 2m 5s\nhost log, level 3: Cannot start '*$'/no-such-worker: No such file or directory\n'"host log, level 3: Fail to startWorker, Process state is not 'running' (pid "* ]] ||
         fail "the logging host printed '$output'"
 }
