@@ -55,8 +55,8 @@ public:
     /// A process that an nqProcess has started with the name among its arguments belongs to this
     /// server. The wait ends early, within a second, when the latest of these has ended by a signal
     /// or with a status other than 0 before it connected, and nothing of its process group is left.
-    /// After status 0 it goes on, as after a program that puts itself into the background, and so it
-    /// does in a host that ignores SIGCHLD or reaps its children itself, which takes the status
+    /// After status 0 it goes on, as after a program that puts itself into the background, and so
+    /// it does in a host that ignores SIGCHLD or reaps its children itself, which takes the status
     /// away. How the process has ended is logged, as far as that is known.
     ///
     /// Never accepted: a process of another user; a peer that has hung up without sending anything;

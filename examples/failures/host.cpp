@@ -91,5 +91,7 @@ int main(int argc, char* argv[])
     const std::size_t answered = run(scheduler, jobs).size();
     std::cout << answered << " other jobs answered" << std::endl;
     printWorkers(scheduler);
+    const std::size_t last = run(scheduler, {"retire"}).size();
+    std::cout << last << " last answer of a worker that has left" << std::endl;
     return 0;
 }

@@ -1,4 +1,5 @@
-// Does as the job's text says: "crash", "hang" and "leak" end badly, all else is answered.
+// Does as the job's text says: "crash", "hang" and "leak" end badly, "retire" is answered and is
+// the last, all else is answered.
 #include <nqWorker.h>
 
 #include <chrono>
@@ -44,6 +45,8 @@ public:
             hang();
         if (text == "leak")
             leak();
+        if (text == "retire")
+            setFinished(true); // the result still has to leave, see main
         const std::string pid = std::to_string(::getpid());
         result.assign(pid.begin(), pid.end());
     }
@@ -54,7 +57,7 @@ int main(int argc, char* argv[])
     if (argc != 2)
         return 2; // started by hand: a scheduler gives the name of its pipe
     MoodyWorker worker(argv[1]);
-    while (!worker.hasFinished())
+    while (!worker.hasFinished() || worker.isSending())
         worker.processWorker(1000);
     return 0;
 }

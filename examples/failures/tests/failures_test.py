@@ -55,6 +55,9 @@ class Failures(unittest.TestCase):
         self.assertEqual(len(after), 3)
         self.assertEqual(before & after, set())
 
+    def test_a_worker_that_leaves_by_itself_answers_its_last_job(self):
+        self.assertIn("1 last answer of a worker that has left", self.lines)
+
     def test_the_readme_shows_this_output(self):
         shown = example_run.comparable(example_run.promised_output(__file__))
         self.assertEqual(example_run.comparable(self.lines), shown)
