@@ -182,7 +182,7 @@ TEST_F(NamedPipeServerRefuses, aLivingMemberOfAKilledGroup)
 {
     GroupLeader late(mServer, mName);
     noteStart(late.mChild.pid()).noteKill();
-    EXPECT_FALSE(admitsSomebody());
+    ASSERT_FALSE(admitsSomebody());
     EXPECT_FALSE(mServer.hasPendingConnections());
     EXPECT_EQ(late.mChild.wait(), 0) << "its connection has been ended";
 }
@@ -191,7 +191,7 @@ TEST_F(NamedPipeServerRefuses, aLivingMemberOfAGroupWhoseLeaderHasEnded)
 {
     GroupLeader helper(mServer, mName);
     noteStart(helper.mChild.pid()).noteEnd(nq::nqChildEnd{});
-    EXPECT_FALSE(admitsSomebody());
+    ASSERT_FALSE(admitsSomebody());
     EXPECT_EQ(helper.mChild.wait(), 0);
 }
 
@@ -239,7 +239,7 @@ TEST_F(NamedPipeServerRefuses, aSecondConnectionFromTheGroupOfOneWorker)
         return rawSeesTheEnd(socket) ? 0 : 2;
     });
     ASSERT_TRUE(connected.await());
-    EXPECT_FALSE(admitsSomebody());
+    ASSERT_FALSE(admitsSomebody());
     EXPECT_EQ(helper.wait(), 0) << "its connection has been ended";
     mServer.closeNamedPipeServer();
     EXPECT_EQ(worker.mChild.wait(), 0);
@@ -289,7 +289,7 @@ TEST_F(NamedPipeServerRefuses, aStragglerOfAnEarlierLaunchThatHasLeftItsGroup)
     const Worker latest(mServer, mName);
     noteStart(latest.mChild.pid());
     straggler.connect();
-    EXPECT_FALSE(admitsSomebody());
+    ASSERT_FALSE(admitsSomebody());
     EXPECT_EQ(straggler.mChild.wait(), 0) << "its connection has been ended";
 }
 
@@ -306,7 +306,7 @@ TEST_F(NamedPipeServerRefuses, aStragglerAfterItHasListenedAnewUnderItsName)
     const Worker latest(mServer, mName);
     noteStart(latest.mChild.pid());
     straggler.connect();
-    EXPECT_FALSE(admitsSomebody());
+    ASSERT_FALSE(admitsSomebody());
     EXPECT_EQ(straggler.mChild.wait(), 0);
 }
 
