@@ -154,11 +154,15 @@ TEST_F(ProcessLaunch, isRefusedWhenTheHostHasNoDescriptorsLeft)
 {
     rlimit before{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    // A sanitizer that meets a class for the first time needs descriptors itself, also when a line
+    // of the log is written.
+    nqProcess missing;
+    EXPECT_FALSE(start(missing, "/missing"));
     // However many are free: none, one for a part of what a launch needs, or just enough.
     for (rlim_t allowed = 3; allowed < 20; ++allowed) {
         rlimit few = before;
         few.rlim_cur = allowed;
-        nqProcess process; // made before: a sanitizer that meets a class needs descriptors itself
+        nqProcess process; // made before, for the same reason
         ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
         const bool started = start(process, workerProgram);
         ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);

