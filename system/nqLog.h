@@ -88,9 +88,8 @@ public:
 
     /// Writes prefix, message and a newline to standard output, after what the host has printed so
     /// far: std::cout and stdout are flushed first, and the line itself passes by their buffers, so
-    /// that nothing of it is left there when it cannot be written. Nothing is written where the
-    /// host has closed the stream, or where its number is closed on exec and thus belongs to a
-    /// file of the host's own. Needs no logger. Any thread may call that may print.
+    /// that nothing of it is left there when it cannot be written. Needs no logger. Any thread may
+    /// call that may print.
     static void WriteToStandardOutput(const LogEntry& entry);
 
 private:

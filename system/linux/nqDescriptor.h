@@ -4,9 +4,9 @@
 
 namespace nq {
 
-/// Whether `stream`, one of the numbers 0 to 2, is open as a standard stream. One that is closed on
-/// exec is a file of the host's own, which was opened when the stream was closed already. Nothing
-/// but a system call.
+/// Whether `stream`, one of the numbers 0 to 2, is open as a standard stream that children share.
+/// One that is closed on exec is a file of the host's own, which was opened when the stream was
+/// closed already. Nothing but a system call.
 bool isStandardStream(int stream) noexcept;
 
 /// Owns one file descriptor and closes it once. Closing preserves errno.

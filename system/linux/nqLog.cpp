@@ -250,13 +250,10 @@ void nqLog::WriteToStandardOutput(const LogEntry& entry)
 {
     const nqThread::Uncancellable untilWritten;
     const std::string line = entry.mPrefix + entry.mMessage + '\n';
-    const int fd = ::fileno(stdout);
-    if (fd < 0 || !isStandardStream(fd))
-        return;
     flushStandardOutput();
     // Not through the buffer: what is left there when a write fails is tried again at exit, when
     // nobody keeps the signals away.
-    writeLine(fd, line);
+    writeLine(::fileno(stdout), line);
 }
 
 void nqLog::WriteToSystemLog(const LogEntry& entry)

@@ -244,8 +244,8 @@ void nqProcess::killProcess()
 {
     if (!mState->mForServers || !mState->mOwner.isThisProcess())
         return;
+    mState->mForServers->noteKill(); // first: that it ends from here on is no news for the log
     if (!mState->reapIfEnded()) {
-        mState->mForServers->noteKill();
         mState->mLeash->killGroup();
         mState->mChild->kill(); // by a handle of its own, whatever became of the group
     }

@@ -132,10 +132,7 @@ nqSpawnResult::Step execute(const Launch& launch)
     // Not a group alone: one in the session of the host would be stopped when it prints on a
     // terminal that stops background output.
     if (::setsid() < 0 || !request.mLeash->armForOwnGroup() || !prepareStandardStreams(launch))
-        // Not a group alone: one in the session of the host would be stopped when it prints on a
-        // terminal that stops background output.
-        if (::setsid() < 0 || !request.mLeash->armForOwnGroup() || !prepareStandardStreams(launch))
-            return nqSpawnResult::Step::preparing;
+        return nqSpawnResult::Step::preparing;
     if (request.mWorkingDirectory != nullptr && ::chdir(request.mWorkingDirectory) != 0)
         return nqSpawnResult::Step::enteringTheFolder;
     if (request.mNiceness != 0)

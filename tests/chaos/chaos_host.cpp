@@ -23,6 +23,7 @@
 #include <limits>
 #include <malloc.h>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <sys/wait.h>
@@ -71,16 +72,40 @@ class CountingLog : public nq::nqLog {
 public:
     void Write(LogEntry& entry, bool /*flush*/) override
     {
-        if (entry.mMessage.rfind("Job failed error (", 0) == 0)
+        if (entry.mMessage.rfind("Job failed error (", 0) == 0) {
             ++failedJobs;
-        else if (entry.mMessage.rfind("Fail to startWorker, ", 0) == 0)
+        } else if (entry.mMessage.rfind("Fail to startWorker, ", 0) == 0) {
             ++failedLaunches;
-        else if (isUnexpected(entry.mMessage))
+            noteLaunchFailure(entry);
+        } else if (isUnexpected(entry.mMessage)) {
             chaos::reportViolation("the library logs: " + entry.mMessage);
+        } else {
+            noteLaunchFailure(entry);
+        }
+    }
+
+    /// What the library has said last about launches that failed.
+    std::string launchFailures() const
+    {
+        const std::lock_guard guard(mMutex);
+        return mLaunchFailures;
     }
 
     std::atomic<std::uint64_t> failedJobs{0};
     std::atomic<std::uint64_t> failedLaunches{0};
+
+private:
+    void noteLaunchFailure(const LogEntry& entry)
+    {
+        constexpr std::size_t longest = 2048;
+        const std::lock_guard guard(mMutex);
+        mLaunchFailures += "\n" + entry.mPrefix + entry.mMessage;
+        if (mLaunchFailures.size() > longest)
+            mLaunchFailures.erase(0, mLaunchFailures.size() - longest);
+    }
+
+    mutable std::mutex mMutex;
+    std::string mLaunchFailures;
 };
 
 std::vector<std::unique_ptr<PoolRound>>& pools()
@@ -175,7 +200,8 @@ Figures play(const RoundPlan& plan, std::uint64_t round, CountingLog& log)
         chaos::reportViolation("the log does not name every failure once");
     figures.failedLaunches = log.failedLaunches;
     if (figures.failedLaunches != 0 && !isDisturbed(plan))
-        chaos::reportViolation("a launch fails although nobody disturbs it");
+        chaos::reportViolation(
+            "a launch fails although nobody disturbs it:" + log.launchFailures());
     if (const std::size_t after = chaos::openDescriptorCount(); after != descriptorsBefore)
         chaos::reportViolation(
             std::to_string(descriptorsBefore) + " descriptors were open before the round, " +

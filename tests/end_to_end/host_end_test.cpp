@@ -173,7 +173,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values("0", "1", "2", "01", "02", "12", "012"),
     [](const auto& tested) { return std::string("without") + tested.param; });
 
-TEST_F(HostProgram, keepsAFileThatTookTheNumberOfItsStandardOutputFromWorkersAndReports)
+TEST_F(HostProgram, keepsAFileThatTookTheNumberOfItsStandardOutputFromItsWorkers)
 {
     const end_to_end::TemporaryFolder folder;
     const std::string path = folder.file("private");

@@ -120,6 +120,18 @@ TEST_F(AWaitForAConnection, leavesTheEndedProcessToBeReapedByItsOwner)
     EXPECT_EQ(mLog.mMessages.size(), 1U) << "it is said once";
 }
 
+TEST_F(AWaitForAConnection, isOverWhenTheProcessIsKilledSoThatItsEndIsNoNews)
+{
+    start("exit 3");
+    EXPECT_FALSE(mServer.waitForNewConnection(-1, nullptr));
+    mLog.mMessages.clear();
+    siginfo_t ended{};
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(mProcess->getPid()), &ended, WEXITED | WNOWAIT), 0);
+    mProcess->killProcess();
+    EXPECT_EQ(mProcess->getState(), nqProcess::Ended);
+    EXPECT_TRUE(mLog.mMessages.empty());
+}
+
 TEST_F(AWaitForAConnection, goesOnAfterAProcessThatLeftWithoutAnErrorAndSaysSoWhenTimeIsUp)
 {
     start("exit 0");

@@ -1,3 +1,4 @@
+#include "system/nqLog.h"
 #include "tests/platform/process_helpers.h"
 
 #include <algorithm>
@@ -13,6 +14,7 @@
 namespace {
 
 using namespace nq::test;
+using nq::nqLog;
 using nq::nqProcess;
 
 /// A folder that is gone when the test is.
@@ -70,6 +72,22 @@ bool start(nqProcess& process, const std::string& program)
 {
     return process.startProcess(program, {}, true, nqProcess::InheritedPriority);
 }
+
+/// Keeps the last message.
+class OneLineLog : public nqLog {
+public:
+    OneLineLog()
+    {
+        msInstance = this;
+    }
+
+    void Write(LogEntry& entry, bool /*flush*/) override
+    {
+        mMessage = entry.mMessage;
+    }
+
+    std::string mMessage;
+};
 
 class ProcessLaunch : public ProcessTest {
 protected:
@@ -171,6 +189,33 @@ TEST_F(ProcessLaunch, isRefusedWhenTheHostHasNoDescriptorsLeft)
             EXPECT_FALSE(started);
         }
     }
+}
+
+TEST_F(ProcessLaunch, saysThatNoDescriptorsAreLeft)
+{
+    OneLineLog log;
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{3, before.rlim_max};
+    nqProcess process;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    const bool started = start(process, workerProgram);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_FALSE(started);
+    EXPECT_EQ(
+        log.mMessage, "Cannot prepare the start of " + workerProgram + ": Too many open files");
+}
+
+TEST_F(ProcessLaunch, saysWhatHasFailedInTheChild)
+{
+    OneLineLog log;
+    nqProcess process;
+    process.setWorkingDirectory("/missing");
+    EXPECT_FALSE(start(process, workerProgram));
+    EXPECT_EQ(
+        log.mMessage,
+        "Cannot start " + workerProgram +
+            ": its working directory /missing cannot be entered: No such file or directory");
 }
 
 TEST_F(ProcessLaunch, happensOncePerObject)
