@@ -27,8 +27,9 @@ class nqSchedulerPrivate;
 ///
 /// A thread that pumps may be cancelled (pthread_cancel): it ends at the beginning of a pump or
 /// where one waits, no job is lost, and the object can be used or destroyed on another thread
-/// afterwards. A start that is cancelled is a start that failed; a stop can be called again. The
-/// destructor holds a cancellation off until it is over.
+/// afterwards. A start that is cancelled is a start that failed. A stop that is cancelled can be
+/// called again; once its jobs are drained, the object does nothing but stop. The destructor holds
+/// a cancellation off until it is over.
 ///
 /// @par Blocking
 /// The four that pump may block, and so may startScheduler() and startWorker(), which wait for

@@ -29,6 +29,11 @@ public:
         return !mInPass && mOwner.isThisProcess();
     }
 
+    bool isPumped() const
+    {
+        return mStarted && !mStopping;
+    }
+
     /// What those operations consist of. These do not ask again.
     bool start(std::uint64_t nbWorkers, std::int32_t workerConnectionTimeout);
     bool addWorker();
@@ -53,7 +58,8 @@ public:
     bool mStartProcessFlag = false;     // true silences the workers
     bool mPrependChannelId = true;      // the pipe's name is the first argument, else the last
     std::uint32_t mReplacementsDue = 0; // for records that ended, not launched yet
-    bool mInPass = false;               // something that may log is under way
+    bool mStopping = false; // a stop has drained the jobs, and may have been interrupted since
+    bool mInPass = false;   // something that may log is under way
     nqOwnerProcess mOwner;
 };
 

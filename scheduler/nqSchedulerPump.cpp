@@ -129,7 +129,7 @@ void nqSchedulerPrivate::pump(int timeoutMs)
 
 void nqScheduler::processScheduler(int timeoutMs)
 {
-    if (!mPrivate->mStarted || !mPrivate->mayAct())
+    if (!mPrivate->isPumped() || !mPrivate->mayAct())
         return;
     const nqFlagGuard pass(mPrivate->mInPass);
     mPrivate->pump(timeoutMs);

@@ -83,10 +83,13 @@ void nqSchedulerPrivate::drain()
         worker->storeOwedFailure();
 }
 
-// Whatever interrupts this, what is left in the list is whole and can be ended later.
+// Whatever interrupts this, what is left in the list is whole and can be ended later. Without its
+// server, a pool can only be ended: it is neither pumped nor drained any more.
 void nqSchedulerPrivate::stop()
 {
-    drain();
+    if (!mStopping)
+        drain();
+    mStopping = true;
     {
         const nqThread::Uncancellable held;
         mPipeServer.closeNamedPipeServer();
@@ -94,6 +97,7 @@ void nqSchedulerPrivate::stop()
     for (; !mWorkers.empty(); mWorkers.pop_front())
         endWorker(*mWorkers.front());
     mReplacementsDue = 0;
+    mStopping = false;
     mStarted = false;
 }
 
@@ -125,7 +129,7 @@ bool nqScheduler::startScheduler(unsigned long nbWorkers, int workerConnectionTi
 
 void nqScheduler::waitForFinished()
 {
-    if (!mPrivate->mStarted || mPrivate->mWaitingForFinished || !mPrivate->mayAct())
+    if (!mPrivate->isPumped() || mPrivate->mWaitingForFinished || !mPrivate->mayAct())
         return;
     const nqFlagGuard pass(mPrivate->mInPass);
     mPrivate->drain();

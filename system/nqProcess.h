@@ -82,7 +82,9 @@ public:
         bool silenceOutput,
         ProcessPriority priority);
 
-    /// What is known after a look without waiting, which reaps a process that has ended.
+    /// What is known after a look without waiting, which reaps a process that has ended. One that
+    /// has left with status 0 while a server waits for its connection counts as running: it may
+    /// have put its program into the background.
     ProcessState getState() const;
 
     /// The process id; 0 when none was started. Kept after the end, for messages.

@@ -33,6 +33,14 @@ nqChild::nqChild(pid_t pid)
     mPidfd.moveOutOfRangeOfSelect();
 }
 
+bool nqChild::hasFailed() const
+{
+    siginfo_t ended{};
+    if (!look(ended, WNOHANG | WNOWAIT))
+        return true;
+    return ended.si_pid != 0 && !nqChildEnd::of(ended).isSuccess();
+}
+
 bool nqChild::reapIfEnded()
 {
     return reap(WNOHANG);
@@ -81,15 +89,20 @@ void nqChild::kill()
 
 bool nqChild::reap(int options)
 {
-    const idtype_t kind = mPidfd.isOpen() ? waitForPidfd : P_PID;
-    const id_t id = static_cast<id_t>(mPidfd.isOpen() ? mPidfd.get() : mPid);
     siginfo_t ended{};
-    if (retryOnSignal([&] { return ::waitid(kind, id, &ended, WEXITED | options); }) != 0)
+    if (!look(ended, options))
         return errno == ECHILD;
     if (ended.si_pid == 0)
         return false;
     mEnd = nqChildEnd::of(ended);
     return true;
+}
+
+bool nqChild::look(siginfo_t& ended, int options) const
+{
+    const idtype_t kind = mPidfd.isOpen() ? waitForPidfd : P_PID;
+    const id_t id = static_cast<id_t>(mPidfd.isOpen() ? mPidfd.get() : mPid);
+    return retryOnSignal([&] { return ::waitid(kind, id, &ended, WEXITED | options); }) == 0;
 }
 
 } // namespace nq

@@ -37,6 +37,10 @@ public:
     /// A child that this process has just started.
     explicit nqChild(pid_t pid);
 
+    /// Looks without waiting or reaping. True when it has ended by a signal or with a status other
+    /// than 0, or somebody else has taken the status away.
+    bool hasFailed() const;
+
     /// Looks without waiting and reaps. Once true, only end() may be called any more.
     bool reapIfEnded();
 
@@ -57,6 +61,7 @@ public:
 
 private:
     bool reap(int options);
+    bool look(siginfo_t& ended, int options) const;
 
     pid_t mPid;
     nqDescriptor mPidfd; // none where pidfds are refused

@@ -54,6 +54,9 @@ std::uint64_t currentMark() noexcept
     return mark.compare_exchange_strong(current, fresh) ? fresh : current;
 }
 
+/// Made when the library is loaded, so that no fork can catch another thread at it.
+[[maybe_unused]] const std::uint64_t markAtLoad = currentMark();
+
 } // namespace
 
 nqOwnerProcess::nqOwnerProcess() noexcept

@@ -44,6 +44,8 @@ void nqPeer::watchWith(int socket)
         return;
     mWatch = nqDescriptor(pidfdOfPeer(socket));
     if (!mWatch.isOpen()) {
+        mIsWatchedByNumber =
+            errno != ENOPROTOOPT; // a kernel that cannot say it better has no doubts
         const int pidfd = pidfdOpen(mCredentials.pid);
         mDead = pidfd < 0 && errno == ESRCH;
         mWatch = nqDescriptor(pidfd);
@@ -87,7 +89,8 @@ std::optional<std::uint64_t> nqPeer::startTicks()
 
 nqDescriptor nqPeer::duplicateWatch() const
 {
-    nqDescriptor copy(mWatch.isOpen() ? ::fcntl(mWatch.get(), F_DUPFD_CLOEXEC, 0) : -1);
+    const bool isSure = mWatch.isOpen() && !mIsWatchedByNumber;
+    nqDescriptor copy(isSure ? ::fcntl(mWatch.get(), F_DUPFD_CLOEXEC, 0) : -1);
     copy.moveOutOfRangeOfSelect();
     return copy;
 }

@@ -48,7 +48,9 @@ public:
     /// When it was forked, see nqProcFile; nothing once it has died, or where /proc does not tell.
     std::optional<std::uint64_t> startTicks();
 
-    /// A descriptor of the caller's own for the process; none when there is nothing to watch.
+    /// A descriptor of the caller's own for the process, to signal it by; none when there is
+    /// nothing to watch, or when the kernel, which could tell, does not tell that it is the very
+    /// process.
     nqDescriptor duplicateWatch() const;
 
     /// Brings the watch into the range of select() while it `isSelectedOn`, if a number is free,
@@ -63,7 +65,8 @@ public:
 
 private:
     ucred mCredentials{0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
-    nqDescriptor mWatch; // a pidfd, which never comes to mean another process
+    nqDescriptor mWatch;             // a pidfd, which never comes to mean another process
+    bool mIsWatchedByNumber = false; // which may mean another process by then
     bool mWatchIsBroughtDown = false;
     bool mDead = false; // once true, the watch is closed
 };

@@ -125,14 +125,15 @@ void nqProcess::State::enterEnded()
     mForServers->noteEnd(end);
 }
 
-// True when it does not run, or not any more.
+// True when it does not run, or not any more. One that has left without an error while a server
+// waits for its connection counts as running: it may have put its program into the background.
 bool nqProcess::State::reapIfEnded()
 {
     if (mProcess != Running)
         return true;
     if (!mOwner.isThisProcess())
         mProcess = Ended; // without a look at what is the parent's
-    else if (mChild->reapIfEnded())
+    else if ((!mForServers->isAwaited() || mChild->hasFailed()) && mChild->reapIfEnded())
         enterEnded();
     return mProcess != Running;
 }

@@ -103,6 +103,12 @@ void nqStartedProcess::noteStart(pid_t pid) noexcept
     mPid = pid;
 }
 
+bool nqStartedProcess::isAwaited() const noexcept
+{
+    const auto roster = nqForkSafe<Roster>::access();
+    return !mHasEnded && mConnectedTo.empty() && roster->isListenedFor(*this);
+}
+
 void nqStartedProcess::noteKill() noexcept
 {
     const auto roster = nqForkSafe<Roster>::access();
@@ -223,7 +229,10 @@ bool nqStartedProcess::hasStraggler(
     const std::optional<std::uint64_t> peerStart = peer.startTicks();
     if (!peerStart) // one that is dead cannot show that it is not
         return peer.isKnownDead();
-    return *peerStart >= *firstStart && *peerStart < *latestStart;
+    // Within one tick, numbers go up.
+    const bool isOlder =
+        *peerStart < *latestStart || (*peerStart == *latestStart && peer.pid() < mPid);
+    return *peerStart >= *firstStart && isOlder;
 }
 
 // A peer in another session, or the init of a PID namespace, is out of the reach of signals to the

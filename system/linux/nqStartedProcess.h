@@ -20,8 +20,9 @@ namespace nq {
 /// worker to leave would wait for ever. So each process gets one connection, none after its end,
 /// and none for what an earlier one has left behind.
 ///
-/// Start times are counted in clock ticks of 10 ms, and a process that forks later looks younger
-/// than it is. This guards against accidents, not against anybody who wants to get in.
+/// Start times are counted in clock ticks of 10 ms, within which the number tells, and a process
+/// that forks later looks younger than it is. This guards against accidents, not against anybody
+/// who wants to get in.
 ///
 /// Any thread may call. After a fork, the child knows none of its parent's processes.
 class nqStartedProcess {
@@ -35,6 +36,9 @@ public:
 
     /// It leads a process group of its own and is executing.
     void noteStart(pid_t pid) noexcept;
+
+    /// Whether a server listens for it and nobody has connected in its place so far.
+    bool isAwaited() const noexcept;
 
     /// It is being killed: nobody of its group may connect any more.
     void noteKill() noexcept;

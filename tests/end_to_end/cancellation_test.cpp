@@ -129,4 +129,23 @@ TEST_F(Cancellation, ofAThreadThatStopsLeavesTheStopToBeFinished)
     EXPECT_TRUE(end_to_end::children().empty());
 }
 
+TEST_F(Cancellation, ofAThreadThatStopsLeavesNothingToPump)
+{
+    Pool pool;
+    ASSERT_TRUE(pool.start(1));
+    const ProcessWatch worker(std::stoi(pool.ask("pid")));
+    ASSERT_EQ(pool.ask("ignore-end"), "ignoring");
+    CancellableThread thread([&] { pool.scheduler().stopScheduler(); });
+    EXPECT_TRUE(thread.isEndedByCancellation());
+    worker.kill(SIGKILL);
+    pool.push("echo for the next start");
+    pool.scheduler().processScheduler(0);
+    pool.scheduler().waitForFinished();
+    EXPECT_TRUE(mLog.messages().empty()) << "nothing is launched without a server";
+    EXPECT_TRUE(pool.scheduler().stopScheduler());
+    ASSERT_TRUE(pool.start(1));
+    EXPECT_TRUE(pool.collect(1 + 2));
+    EXPECT_EQ(pool.answers().back(), "for the next start");
+}
+
 } // namespace

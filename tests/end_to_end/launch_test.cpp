@@ -204,6 +204,16 @@ TEST_F(Launch, ofAWorkerThatLeavesWithoutAnErrorWaitsForWhatItMayHaveStarted)
         launchFailure(either, anyPid, path, ""));
 }
 
+TEST_F(Launch, ofAProgramThatPutsItselfIntoTheBackgroundWorks)
+{
+    Pool pool(mFolder.addScript("wrapper", "setsid '" + workerPath() + "' \"$@\" &\nexit 0\n"), {});
+    ASSERT_TRUE(pool.start(2));
+    EXPECT_EQ(pool.ask("echo from behind"), "from behind");
+    EXPECT_EQ(pool.ask("crash"), "(Unexpected crash)");
+    EXPECT_EQ(pool.ask("echo next"), "next");
+    EXPECT_TRUE(pool.scheduler().stopScheduler());
+}
+
 TEST_F(Launch, ofAWorkerThatNeverConnectsFailsAndEndsIt)
 {
     Pool pool({"--never-connect"});

@@ -120,6 +120,27 @@ TEST_F(AWaitForAConnection, leavesTheEndedProcessToBeReapedByItsOwner)
     EXPECT_EQ(mLog.mMessages.size(), 1U) << "it is said once";
 }
 
+TEST_F(AWaitForAConnection, isForAProcessThatCountsAsRunningThoughItHasLeftWithoutAnError)
+{
+    start("exit 0");
+    siginfo_t ended{};
+    const auto pid = static_cast<id_t>(mProcess->getPid());
+    ASSERT_EQ(::waitid(P_PID, pid, &ended, WEXITED | WNOWAIT), 0);
+    EXPECT_EQ(mProcess->getState(), nqProcess::Running);
+    mServer.closeNamedPipeServer();
+    EXPECT_EQ(mProcess->getState(), nqProcess::Ended);
+}
+
+TEST_F(AWaitForAConnection, isForNoProcessThatHasFailed)
+{
+    start("exit 3");
+    siginfo_t ended{};
+    const auto pid = static_cast<id_t>(mProcess->getPid());
+    ASSERT_EQ(::waitid(P_PID, pid, &ended, WEXITED | WNOWAIT), 0);
+    EXPECT_EQ(mProcess->getState(), nqProcess::Ended);
+    EXPECT_EQ(mLog.mMessages.size(), 1U);
+}
+
 TEST_F(AWaitForAConnection, isOverWhenTheProcessIsKilledSoThatItsEndIsNoNews)
 {
     start("exit 3");

@@ -293,6 +293,20 @@ TEST_F(NamedPipeServerRefuses, aStragglerOfAnEarlierLaunchThatHasLeftItsGroup)
     EXPECT_EQ(straggler.mChild.wait(), 0) << "its connection has been ended";
 }
 
+TEST_F(NamedPipeServerRefuses, aStragglerThatIsHardlyOlderThanTheLatestProcess)
+{
+    const Worker first(mServer, mName);
+    noteStart(first.mChild.pid());
+    EXPECT_FALSE(admitsSomebody());
+    Worker straggler(mServer, mName); // mostly within the clock tick of the next
+    mStarted.clear();
+    const Worker latest(mServer, mName);
+    noteStart(latest.mChild.pid());
+    straggler.connect();
+    ASSERT_FALSE(admitsSomebody());
+    EXPECT_EQ(straggler.mChild.wait(), 0);
+}
+
 TEST_F(NamedPipeServerRefuses, aStragglerAfterItHasListenedAnewUnderItsName)
 {
     const Worker first(mServer, mName);
