@@ -76,7 +76,7 @@ struct nqNamedPipeServer::State {
     std::set<std::string> mFormerNames;                // what it listened under before
     std::deque<std::unique_ptr<nqNamedPipe>> mPending; // accepted and not taken, oldest first
 
-    std::optional<std::uint64_t> mFirstStart; // of the first process it ever had, in ticks
+    std::optional<nqStart> mFirstStart; // of the first process that it ever had
 
     bool bindTo(int socket, const nqPipeAddress& address, const std::string& name) const;
     bool admit(const nqDescriptor& socket, nqPeer& peer) const;

@@ -1,7 +1,6 @@
 #include "system/linux/nqPeer.h"
 
 #include "system/linux/nqPidfd.h"
-#include "system/linux/nqProcFile.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -81,10 +80,10 @@ bool nqPeer::hasDied()
 }
 
 // Asked before the look at its life: a number that may be in use again tells nothing.
-std::optional<std::uint64_t> nqPeer::startTicks()
+std::optional<nqStart> nqPeer::start()
 {
-    const std::optional<std::uint64_t> ticks = nqProcFile::startTicks(mCredentials.pid);
-    return hasDied() ? std::nullopt : ticks;
+    const std::optional<nqStart> start = nqProcFile::startOf(mCredentials.pid);
+    return hasDied() ? std::nullopt : start;
 }
 
 nqDescriptor nqPeer::duplicateWatch() const

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "system/linux/nqDescriptor.h"
+#include "system/linux/nqProcFile.h"
 
-#include <cstdint>
 #include <optional>
 #include <sys/socket.h>
 #include <sys/types.h>
@@ -45,8 +45,8 @@ public:
     /// never reported dead.
     bool hasDied();
 
-    /// When it was forked, see nqProcFile; nothing once it has died, or where /proc does not tell.
-    std::optional<std::uint64_t> startTicks();
+    /// When it was forked; nothing once it has died, or where /proc does not tell.
+    std::optional<nqStart> start();
 
     /// A descriptor of the caller's own for the process, to signal it by; none when there is
     /// nothing to watch, or when the kernel, which could tell, does not tell that it is the very

@@ -89,12 +89,12 @@ bool canRun(pid_t pid)
 
 } // namespace
 
-std::optional<std::uint64_t> nqProcFile::startTicks(pid_t pid)
+std::optional<nqStart> nqProcFile::startOf(pid_t pid)
 {
     if (!showsOurNamespace())
         return std::nullopt;
     const std::optional<Stat> stat = readStat(pid);
-    return stat ? std::optional(stat->mStartTicks) : std::nullopt;
+    return stat ? std::optional(nqStart{stat->mStartTicks, pid}) : std::nullopt;
 }
 
 std::optional<bool> nqProcFile::hasLivingMember(pid_t group)

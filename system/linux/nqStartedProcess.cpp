@@ -149,18 +149,18 @@ void nqStartedProcess::noteClosed(const std::string& name) noexcept
         names.erase(found);
 }
 
-std::optional<std::uint64_t> nqStartedProcess::firstStart(const std::string& server)
+std::optional<nqStart> nqStartedProcess::firstStart(const std::string& server)
 {
     const auto roster = nqForkSafe<Roster>::access();
     for (const nqStartedProcess* process : roster->mProcesses) {
         if (process->belongsTo(server))
-            return nqProcFile::startTicks(process->mPid);
+            return nqProcFile::startOf(process->mPid);
     }
     return std::nullopt;
 }
 
 bool nqStartedProcess::admit(
-    const std::string& server, nqPeer& peer, const std::optional<std::uint64_t>& firstStart)
+    const std::string& server, nqPeer& peer, const std::optional<nqStart>& firstStart)
 {
     const auto roster = nqForkSafe<Roster>::access();
     nqStartedProcess* process = nullptr;
@@ -218,21 +218,17 @@ bool nqStartedProcess::mayConnectTo(const std::string& server) const
 
 // Whether somebody whom an earlier launch has left behind has come in place of this, the latest,
 // process.
-bool nqStartedProcess::hasStraggler(
-    nqPeer& peer, const std::optional<std::uint64_t>& firstStart) const
+bool nqStartedProcess::hasStraggler(nqPeer& peer, const std::optional<nqStart>& firstStart) const
 {
     if (!firstStart || peer.pid() <= 0)
         return false;
-    const std::optional<std::uint64_t> latestStart = nqProcFile::startTicks(mPid);
+    const std::optional<nqStart> latestStart = nqProcFile::startOf(mPid);
     if (!latestStart)
         return false;
-    const std::optional<std::uint64_t> peerStart = peer.startTicks();
+    const std::optional<nqStart> peerStart = peer.start();
     if (!peerStart) // one that is dead cannot show that it is not
         return peer.isKnownDead();
-    // Within one tick, numbers go up.
-    const bool isOlder =
-        *peerStart < *latestStart || (*peerStart == *latestStart && peer.pid() < mPid);
-    return *peerStart >= *firstStart && isOlder;
+    return *firstStart < *peerStart && *peerStart < *latestStart;
 }
 
 // A peer in another session, or the init of a PID namespace, is out of the reach of signals to the
@@ -242,9 +238,9 @@ void nqStartedProcess::noteConnection(const std::string& server, nqPeer& peer)
     mConnectedTo.push_back(server);
     if (peer.pid() == mPid)
         return;
-    const std::optional<std::uint64_t> ownStart = nqProcFile::startTicks(mPid);
-    const std::optional<std::uint64_t> peerStart = peer.startTicks();
-    if (!ownStart || !peerStart || *peerStart >= *ownStart)
+    const std::optional<nqStart> ownStart = nqProcFile::startOf(mPid);
+    const std::optional<nqStart> peerStart = peer.start();
+    if (!ownStart || !peerStart || *ownStart < *peerStart)
         mPeer = peer.duplicateWatch();
 }
 

@@ -4,7 +4,6 @@
 #include "system/linux/nqDescriptor.h"
 #include "system/linux/nqPeer.h"
 
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <sys/types.h>
@@ -56,13 +55,13 @@ public:
     static void noteListening(const std::string& name);
     static void noteClosed(const std::string& name) noexcept;
 
-    /// When the oldest process of the server was started, in ticks; nothing while there is none.
-    static std::optional<std::uint64_t> firstStart(const std::string& server);
+    /// When the oldest process of the server was started; nothing while there is none.
+    static std::optional<nqStart> firstStart(const std::string& server);
 
     /// Whether `peer` gets in, which is noted. `firstStart` is that of the first process which the
     /// server ever had.
     static bool
-    admit(const std::string& server, nqPeer& peer, const std::optional<std::uint64_t>& firstStart);
+    admit(const std::string& server, nqPeer& peer, const std::optional<nqStart>& firstStart);
 
     /// The latest process of the server, unless it has connected, or is known to have ended.
     static std::optional<pid_t> awaited(const std::string& server);
@@ -77,7 +76,7 @@ private:
 
     bool belongsTo(const std::string& server) const;
     bool mayConnectTo(const std::string& server) const;
-    bool hasStraggler(nqPeer& peer, const std::optional<std::uint64_t>& firstStart) const;
+    bool hasStraggler(nqPeer& peer, const std::optional<nqStart>& firstStart) const;
     void noteConnection(const std::string& server, nqPeer& peer);
     std::string describe(const nqChildEnd& end) const;
 
