@@ -106,7 +106,8 @@ FAULTS = {
     "ppoll": transparent("EINTR") + NO_MEMORY,
     # Tried again at the next look, so that a memory cap holds all the same.
     # Without them, stragglers are not told apart.
-    "open@readStat": transparent("EINTR", "EMFILE", "ENFILE", "ENOMEM", "EACCES", "ENOENT", lasts=True),
+    "open@readStat": transparent("EINTR")
+    + transparent("EMFILE", "ENFILE", "ENOMEM", "EACCES", "ENOENT", lasts=True),
     # Without it, a launch that has failed is waited for until its time is up.
     "opendir": transparent("EMFILE", "ENFILE", "ENOMEM", "EACCES", "ENOENT", lasts=True),
     "open@openMemoryStatistics": transparent("EINTR", "EMFILE", "ENFILE", "ENOMEM")
@@ -116,7 +117,7 @@ FAULTS = {
     + short(1, 2, 3, 4, 5, 8),
     "prlimit": transparent("EPERM", "ESRCH", lasts=True),
     "read": transparent("EINTR"),
-    "read@readStat": transparent("EINTR", "ESRCH", "EIO", lasts=True),
+    "read@readStat": transparent("EINTR") + transparent("ESRCH", "EIO", lasts=True),
     "readdir": transparent("ENOENT"),
     "readlink": transparent("EACCES", "ENOENT", "ENOMEM", lasts=True),
     "recv": transparent("EINTR", "EAGAIN", "ENOBUFS", "ENOMEM") + hang_up("ECONNRESET")
