@@ -197,6 +197,8 @@ TEST_F(ProcessLaunch, saysThatNoDescriptorsAreLeft)
     rlimit before{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
     const rlimit none{3, before.rlim_max};
+    nqProcess missing; // for a sanitizer, as above
+    EXPECT_FALSE(start(missing, "/missing"));
     nqProcess process;
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
     const bool started = start(process, workerProgram);
