@@ -20,16 +20,16 @@ class nqSchedulerPrivate;
 /// the host pumps. All operations of one object belong to one thread; different objects may live
 /// on different threads.
 ///
-/// @par Forked children
-/// In a child that the host forks, its parent's schedulers start, stop and pump nothing, as is said
-/// of calls from a logger below, and destroying one only frees the child's memory. Queues are
-/// copies. A child may make schedulers of its own.
-///
 /// A thread that pumps may be cancelled (pthread_cancel): it ends at the beginning of a pump or
 /// where one waits, no job is lost, and the object can be used or destroyed on another thread
 /// afterwards. A start that is cancelled is a start that failed. A stop that is cancelled can be
 /// called again; once its jobs are drained, the object does nothing but stop. The destructor holds
 /// a cancellation off until it is over.
+///
+/// @par Forked children
+/// In a child that the host forks, its parent's schedulers start, stop and pump nothing, as is said
+/// of calls from a logger below, and destroying one only frees the child's memory. Queues are
+/// copies. A child may make schedulers of its own.
 ///
 /// @par Blocking
 /// The four that pump may block, and so may startScheduler() and startWorker(), which wait for
