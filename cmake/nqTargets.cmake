@@ -19,9 +19,11 @@ if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
         nqHardening INTERFACE $<${optimised}:-U_FORTIFY_SOURCE> $<${optimised}:-D_FORTIFY_SOURCE=2>)
 endif()
 
-# The repository's root, from which internal files include each other by folder and file name.
+# The repository's root, from which internal files include each other by folder and file name, and the
+# public headers, one of which those of the platform include.
 add_library(nqSourceTree INTERFACE)
-target_include_directories(nqSourceTree INTERFACE ${PROJECT_SOURCE_DIR})
+target_include_directories(
+    nqSourceTree INTERFACE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
 
 # For objects that end up in a shared library, and show nothing of themselves that is not declared to
 # be public. Calls go straight to their target: everything is bound when the library is loaded, and no

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "nqExport.h"
+
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -51,8 +53,7 @@ class nqSchedulerPrivate;
 /// @par Ownership
 /// What is passed in is copied. Texts that are returned by reference belong to the scheduler and
 /// live until they are set anew.
-class [[gnu::visibility("default")]] nqScheduler
-{
+class NQ_API nqScheduler {
 public:
     /// Why a job failed.
     enum FailReason : std::int32_t {
@@ -179,12 +180,12 @@ public:
     /// popped result; it is then freed at once.
     /// Results come in the order of their completion, and nothing ties them to their jobs but what
     /// the host put into the bytes.
-    bool pop(std::vector<char> & result);
+    bool pop(std::vector<char>& result);
 
     /// Moves the oldest failure into the three arguments: the job's bytes as they were pushed, why
     /// it failed, and the text for people. False when there is none; the arguments are then empty,
     /// NoFailure and empty.
-    bool popFail(std::vector<char> & job, FailReason & reason, std::string & message);
+    bool popFail(std::vector<char>& job, FailReason& reason, std::string& message);
 
     /// Jobs that are neither a result nor a failure yet, pending or in a worker's hands.
     unsigned long jobCount() const;

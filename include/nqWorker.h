@@ -1,5 +1,7 @@
 #pragma once
 
+#include "nqExport.h"
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -25,8 +27,7 @@ namespace nq {
 ///
 /// @par Ownership
 /// The buffers of job and result belong to this class; a hook may use them until it returns.
-class [[gnu::visibility("default")]] nqWorker
-{
+class NQ_API nqWorker {
 public:
     /// Connects to the scheduler's pipe, whose name the scheduler puts on the command line: the
     /// first argument when it was told to prepend it, else the last. A failed connection shows as
@@ -99,7 +100,7 @@ public:
     ///
     /// Results of 2^31 bytes
     /// or more are not supported.
-    virtual void processJob(std::vector<char> & job, std::vector<char> & result) = 0;
+    virtual void processJob(std::vector<char>& job, std::vector<char>& result) = 0;
 
     /// Called by the step that finds the pipe closed and by every step after it. This version calls
     /// setFinished(true); an override must do so too, or end the loop otherwise.

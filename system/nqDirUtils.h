@@ -1,5 +1,7 @@
 #pragma once
 
+#include "nqExport.h"
+
 #include <string>
 
 namespace nq {
@@ -7,8 +9,7 @@ namespace nq {
 /// Path texts in UTF-8. Purely textual apart from asking for the current directory: nothing is
 /// looked up, no symbolic link is resolved, no ".." is folded. Texts are returned as copies.
 /// Nothing blocks, and nothing here throws but allocation. Any thread may call.
-class [[gnu::visibility("default")]] nqDirUtils
-{
+class NQ_API nqDirUtils {
 public:
     /// `path` itself when it starts with '/', else the current directory, '/', and `path`. An empty
     /// path, or a relative one while the current directory no longer exists, gives an empty text.

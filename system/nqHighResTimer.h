@@ -1,13 +1,14 @@
 #pragma once
 
+#include "nqExport.h"
+
 #include <chrono>
 
 namespace nq {
 
 /// A stopwatch on the monotonic clock. Nothing blocks and nothing fails. Not locked: one thread at
 /// a time.
-class [[gnu::visibility("default")]] nqHighResTimer
-{
+class NQ_API nqHighResTimer {
 public:
     /// Starts, or starts again from zero.
     void start();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "nqExport.h"
+
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -25,8 +27,7 @@ namespace nq {
 /// this class raises a signal, neither SIGPIPE nor SIGXFSZ, and the host's handlers, mask and
 /// pending signals stay as they are. Only allocation exceptions pass through. A thread that is
 /// cancelled meanwhile is cancelled later.
-class [[gnu::visibility("default")]] nqLog
-{
+class NQ_API nqLog {
 public:
     /// The levels index the enable flags.
     enum Level : int {
@@ -38,8 +39,7 @@ public:
     };
 
     /// One message on its way to a logger.
-    struct [[gnu::visibility("default")]] LogEntry
-    {
+    struct NQ_API LogEntry {
         std::string mMessage;       ///< what happened
         std::string mSecondText;    ///< more detail, usually empty
         std::string mSystemLogText; ///< what the system log shows instead of the message, if any
@@ -80,7 +80,7 @@ public:
     /// and the second text in brackets if there is one. Line breaks in the texts become blanks.
     /// With `flush` the entry must have left the process on return, which this class's version
     /// always does; an override that buffers must look at it.
-    virtual void Write(LogEntry & entry, bool flush);
+    virtual void Write(LogEntry& entry, bool flush);
 
     /// Hands the entry's system-log text to syslog under the matching severity. Any thread may
     /// call.

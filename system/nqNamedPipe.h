@@ -1,5 +1,7 @@
 #pragma once
 
+#include "nqExport.h"
+
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -38,8 +40,7 @@ namespace nq {
 ///
 /// @par Ownership
 /// The buffers belong to the pipe, which empties them when it closes.
-class [[gnu::visibility("default")]] nqNamedPipe
-{
+class NQ_API nqNamedPipe {
 public:
     /// Not connected.
     nqNamedPipe();

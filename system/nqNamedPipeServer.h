@@ -1,5 +1,6 @@
 #pragma once
 
+#include "nqExport.h"
 #include "nqNamedPipe.h"
 
 #include <memory>
@@ -24,8 +25,7 @@ namespace nq {
 ///
 /// @par Errors
 /// What fails is a return value. Only allocation exceptions pass through.
-class [[gnu::visibility("default")]] nqNamedPipeServer
-{
+class NQ_API nqNamedPipeServer {
 public:
     /// Idle: not listening.
     nqNamedPipeServer();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "nqExport.h"
+
 #include <cstdint>
 
 namespace nq {
@@ -12,8 +14,7 @@ namespace nq {
 /// that the kernel wipes in it.
 ///
 /// Any thread may call. Nothing blocks, nothing throws, and a question costs no system call.
-class [[gnu::visibility("default")]] nqOwnerProcess
-{
+class NQ_API nqOwnerProcess {
 public:
     /// The calling process is the owner.
     nqOwnerProcess() noexcept;

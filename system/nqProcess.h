@@ -1,5 +1,7 @@
 #pragma once
 
+#include "nqExport.h"
+
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -34,8 +36,7 @@ namespace nq {
 ///
 /// @par Errors
 /// What fails is a return value. Only allocation exceptions pass through.
-class [[gnu::visibility("default")]] nqProcess
-{
+class NQ_API nqProcess {
 public:
     /// The life of the process.
     enum ProcessState : int {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "nqExport.h"
+
 #include <locale>
 #include <string>
 
@@ -13,14 +15,14 @@ namespace nq {
 class nqStringUtils {
 public:
     /// The classic "C" locale: decimal point, no digit grouping, whatever the host's global locale.
-    [[gnu::visibility("default")]] static const std::locale msCplusLocale;
+    NQ_API static const std::locale msCplusLocale;
 
     /// `value` with about `nbSignificantDigits` digits in all, at most `maxNbDecimals` of them
     /// after the point, and a prefix letter for steps of 1024 (`base1024`) or 1000. The unit is the
     /// caller's to append. Exact halves round down, and a value that rounds up to the next step
     /// keeps its prefix ("1024k").
     template <typename T>
-    [[gnu::visibility("default")]] static std::string humanizeNumberGeneric(
+    NQ_API static std::string humanizeNumberGeneric(
         T value,
         int nbSignificantDigits,
         int maxNbDecimals,
@@ -32,8 +34,7 @@ public:
     /// largest component, 2 drops everything below minutes, any other value shows all.
     /// `appendTotalMs` adds the total, " (3723004ms)", from one second on.
     template <typename T>
-    [[gnu::visibility("default")]] static std::string
-    humanizeDuration(T durationMs, int detailLevel, bool appendTotalMs);
+    NQ_API static std::string humanizeDuration(T durationMs, int detailLevel, bool appendTotalMs);
 };
 
 } // namespace nq

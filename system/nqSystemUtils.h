@@ -1,5 +1,7 @@
 #pragma once
 
+#include "nqExport.h"
+
 #include <cstdint>
 #include <string>
 
@@ -7,8 +9,7 @@ namespace nq {
 
 /// Small facts about the machine and the process. Any thread may call; what blocks or fails says
 /// so.
-class [[gnu::visibility("default")]] nqSystemUtils
-{
+class NQ_API nqSystemUtils {
 public:
     /// A fresh random UUID (version 4) in lower-case hexadecimal, from the kernel's random source:
     /// 36 characters with hyphens, 32 without. Throws std::system_error when the kernel gives no

@@ -1,12 +1,13 @@
 #pragma once
 
+#include "nqExport.h"
+
 #include <string>
 
 namespace nq {
 
 /// The calling thread. Nothing blocks, and only allocation throws.
-class [[gnu::visibility("default")]] nqThread
-{
+class NQ_API nqThread {
 public:
     /// The kernel's id of the calling thread, in decimal; the one that debuggers and /proc show.
     static std::string CurrentThreadId();
@@ -21,8 +22,7 @@ public:
     /// Cancellation unwinds the stack like an exception. In a function that lets no exception out
     /// it would end the whole process, and in the middle of a transfer it would lose what has been
     /// moved.
-    class [[gnu::visibility("default")]] Uncancellable
-    {
+    class NQ_API Uncancellable {
     public:
         Uncancellable();
         ~Uncancellable();

@@ -1,11 +1,16 @@
 #!/usr/bin/env bash
-# Compiles every header of a folder alone, with no other folder of the project in sight, so that
-# each one includes what it uses and needs none of the others' folders.
+# Compiles every header of a folder alone, so that each one includes what it uses. Of the project's
+# other folders, only VISIBLE ones are found.
 #
-# usage: check_headers.sh FOLDER COMPILER
+# usage: check_headers.sh FOLDER COMPILER [VISIBLE...]
 set -euo pipefail
 
 folder=$1 compiler=$2
+shift 2
+visible=()
+for other in "$@"; do
+    visible+=(-I "$other")
+done
 shopt -s nullglob
 headers=("$folder"/*.h)
 ((${#headers[@]} > 0)) || {
@@ -16,7 +21,7 @@ headers=("$folder"/*.h)
 failures=0
 for header in "${headers[@]}"; do
     "$compiler" -std=c++17 -Wall -Wextra -Wconversion -Wshadow -Wpedantic -Werror -fsyntax-only \
-        -I "$folder" -include "$header" -x c++ /dev/null || {
+        -I "$folder" "${visible[@]}" -include "$header" -x c++ /dev/null || {
         echo "FAILED: $header does not compile alone" >&2
         failures=$((failures + 1))
     }

@@ -3,12 +3,11 @@
 #
 # usage: check_includes.sh ROOT
 #
-# include/ and system/*.h: the standard library and their own folder. scheduler/, supervision/,
-# worker/, support/: the standard library, include/, system/*.h, their own folder and those after
-# it; of the operating system only select(), and only in the pump, which also names what unwinds the
-# stack of a cancelled thread. One look upwards is allowed: the
-# record of a worker takes jobs from the queues and hands its results to them. system/linux/: the
-# system and system/.
+# include/ and system/*.h: the standard library, their own folder and nqExport.h. scheduler/,
+# supervision/, worker/, support/: the standard library, include/, system/*.h, their own folder and
+# those after it; of the operating system only select(), and only in the pump, which also names what
+# unwinds the stack of a cancelled thread. One look upwards is allowed: the record of a worker takes
+# jobs from the queues and hands its results to them. system/linux/: the system and system/.
 set -euo pipefail
 cd "$1"
 
@@ -18,8 +17,9 @@ standard+='|istream|iterator|limits|list|locale|map|memory|mutex|new|numeric|opt
 standard+='|random|ratio|set|sstream|stdexcept|streambuf|string|string_view|system_error|tuple'
 standard+='|type_traits|typeinfo|unordered_map|unordered_set|utility|variant|vector)>'
 
-public='"(include/)?nq(Scheduler|SchedulerAPIVersion|Worker)\.h"'
+public='"(include/)?nq(Export|Scheduler|SchedulerAPIVersion|Worker)\.h"'
 system='"system/nq[A-Za-z]+\.h"'
+platform_headers=$(cd system && printf '%s|' *.h)nqExport.h
 
 failures=0
 
@@ -56,7 +56,7 @@ below_supervision="$below_worker|\"supervision/[A-Za-z]+\.h\""
 below_scheduler="$below_supervision|\"scheduler/[A-Za-z]+\.h\""
 
 check "include/" "$standard|$public" include/*.h
-check "system/" "$standard|\"nq[A-Za-z]+\.h\"" system/*.h
+check "system/" "$standard|\"($platform_headers)\"" system/*.h
 check "scheduler/" "$below_scheduler" "${scheduler[@]}"
 check "the pump" "$below_scheduler|<sys/select\.h>|<cxxabi\.h>" "$pump"
 check "supervision/" "$below_supervision|\"scheduler/nqJobQueues\.h\"" "${supervision[@]}"
