@@ -93,8 +93,8 @@ public:
     static void WriteToStandardOutput(const LogEntry& entry);
 
 private:
-    struct State;
-    std::unique_ptr<State> mState;
+    struct Private;
+    std::unique_ptr<Private> mPrivate;
 };
 
 } // namespace nq

@@ -102,8 +102,8 @@ public:
 
 private:
     friend class nqNamedPipeServer;
-    struct State;
-    std::unique_ptr<State> mState;
+    struct Private;
+    std::unique_ptr<Private> mPrivate;
 };
 
 } // namespace nq

@@ -76,8 +76,8 @@ public:
     void closeNamedPipeServer();
 
 private:
-    struct State;
-    std::unique_ptr<State> mState;
+    struct Private;
+    std::unique_ptr<Private> mPrivate;
 };
 
 } // namespace nq

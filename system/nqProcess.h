@@ -115,8 +115,8 @@ public:
     bool waitForFinished(unsigned int timeoutMs);
 
 private:
-    struct State;
-    std::unique_ptr<State> mState;
+    struct Private;
+    std::unique_ptr<Private> mPrivate;
 };
 
 } // namespace nq

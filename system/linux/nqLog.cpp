@@ -192,7 +192,7 @@ private:
 
 } // namespace
 
-struct nqLog::State {
+struct nqLog::Private {
     std::array<bool, levels.size()> mEnabled{true, true, true, true};
     nqDescriptor mFile; // none: standard error
 };
@@ -208,7 +208,7 @@ void nqLog::LogEntry::computeLogPrefix(bool withThreadId)
 }
 
 nqLog::nqLog()
-    : mState(std::make_unique<State>())
+    : mPrivate(std::make_unique<Private>())
 {
 }
 
@@ -217,9 +217,9 @@ nqLog::nqLog(const std::string& filePathUtf8)
 {
     constexpr int appendOrCreate = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY;
     constexpr mode_t asTheUmaskAllows = 0666;
-    mState->mFile = nqDescriptor(retryOnSignal(
+    mPrivate->mFile = nqDescriptor(retryOnSignal(
         [&] { return ::open(filePathUtf8.c_str(), appendOrCreate, asTheUmaskAllows); }));
-    mState->mFile.moveOutOfRangeOfSelect();
+    mPrivate->mFile.moveOutOfRangeOfSelect();
 }
 
 nqLog::~nqLog()
@@ -231,18 +231,18 @@ nqLog::~nqLog()
 void nqLog::setLevelEnabled(int level, bool enabled)
 {
     if (isLevel(level))
-        mState->mEnabled[static_cast<std::size_t>(level)] = enabled;
+        mPrivate->mEnabled[static_cast<std::size_t>(level)] = enabled;
 }
 
 bool nqLog::isLevelEnabled(int level) const
 {
-    return isLevel(level) && mState->mEnabled[static_cast<std::size_t>(level)];
+    return isLevel(level) && mPrivate->mEnabled[static_cast<std::size_t>(level)];
 }
 
 void nqLog::Write(LogEntry& entry, bool /*flush*/)
 {
     const nqThread::Uncancellable untilWritten;
-    const int fd = mState->mFile.isOpen() ? mState->mFile.get() : STDERR_FILENO;
+    const int fd = mPrivate->mFile.isOpen() ? mPrivate->mFile.get() : STDERR_FILENO;
     writeLine(fd, formatLine(entry));
 }
 

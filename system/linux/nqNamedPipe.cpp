@@ -1,8 +1,8 @@
 #include "system/nqNamedPipe.h"
 
 #include "system/linux/nqDeadline.h"
+#include "system/linux/nqNamedPipePrivate.h"
 #include "system/linux/nqPipeSocket.h"
-#include "system/linux/nqPipeState.h"
 #include "system/linux/nqSystemCall.h"
 
 #include <algorithm>
@@ -80,7 +80,7 @@ nqDescriptor connectTo(const std::string& name)
 
 } // namespace
 
-void nqNamedPipe::State::adopt(nqDescriptor socket, nqPeer peer)
+void nqNamedPipe::Private::adopt(nqDescriptor socket, nqPeer peer)
 {
     close();
     mSocket = std::move(socket);
@@ -97,7 +97,7 @@ void nqNamedPipe::State::adopt(nqDescriptor socket, nqPeer peer)
     moveIntoRangeOfSelect();
 }
 
-void nqNamedPipe::State::close()
+void nqNamedPipe::Private::close()
 {
     if (mOwner.isThisProcess())
         shutDownAndClose(mSocket);
@@ -110,7 +110,7 @@ void nqNamedPipe::State::close()
     mPhase = Phase::closed;
 }
 
-bool nqNamedPipe::State::isConnected() const
+bool nqNamedPipe::Private::isConnected() const
 {
     switch (mPhase) {
     case Phase::closed:
@@ -123,22 +123,22 @@ bool nqNamedPipe::State::isConnected() const
     return false;
 }
 
-bool nqNamedPipe::State::isWriteChannelClosed() const
+bool nqNamedPipe::Private::isWriteChannelClosed() const
 {
     return mWriteFailed || !isConnected();
 }
 
-bool nqNamedPipe::State::hasPendingWrite() const
+bool nqNamedPipe::Private::hasPendingWrite() const
 {
     return !mOutgoing.empty() && !isWriteChannelClosed();
 }
 
-bool nqNamedPipe::State::isIncomingFull() const
+bool nqNamedPipe::Private::isIncomingFull() const
 {
     return mIncoming.size() >= incomingLimitBytes;
 }
 
-void nqNamedPipe::State::processEvents(int timeoutMs, bool wait)
+void nqNamedPipe::Private::processEvents(int timeoutMs, bool wait)
 {
     if (!mOwner.isThisProcess() || !isConnected() || isForsaken()) {
         close();
@@ -173,7 +173,7 @@ void nqNamedPipe::State::processEvents(int timeoutMs, bool wait)
 
 // An idle worker that died leaving junk must not look alive for ever because nobody takes the junk.
 // When there is more of it than the buffer holds, reading never gets to the end of the stream.
-bool nqNamedPipe::State::isForsaken()
+bool nqNamedPipe::Private::isForsaken()
 {
     const bool somebodyTookBytes = mIncoming.size() < mLeftByLastCall;
     if (mIncoming.empty() || somebodyTookBytes)
@@ -182,7 +182,7 @@ bool nqNamedPipe::State::isForsaken()
 }
 
 // Returns whether there is anything new for the caller, and so does readAvailable.
-bool nqNamedPipe::State::writePending()
+bool nqNamedPipe::Private::writePending()
 {
     if (mWriteFailed)
         mOutgoing.clear();
@@ -208,7 +208,7 @@ bool nqNamedPipe::State::writePending()
 
 // The kernel reports room only when most of its buffer is free. Sending into every little gap would
 // move the rest of a large payload to the front of the outgoing buffer again and again.
-bool nqNamedPipe::State::hasRoomForMore() const
+bool nqNamedPipe::Private::hasRoomForMore() const
 {
     pollfd socket{mSocket.get(), POLLOUT, 0};
     return nqDeadline(0).poll(&socket, 1) > 0;
@@ -220,7 +220,7 @@ bool nqNamedPipe::State::hasRoomForMore() const
 //
 // A peer that has died has sent everything that it will ever send. Its stream ends where the kernel
 // has nothing more, also when a process that it forked holds the socket open.
-bool nqNamedPipe::State::readAvailable(bool mayStopAtShortCount)
+bool nqNamedPipe::Private::readAvailable(bool mayStopAtShortCount)
 {
     bool anythingNew = false;
     const std::size_t enough = std::min(mIncoming.size() + bytesPerCall, incomingLimitBytes);
@@ -257,7 +257,7 @@ bool nqNamedPipe::State::readAvailable(bool mayStopAtShortCount)
 }
 
 // In both, room is made first: no byte is lost when that throws.
-nqTransfer nqNamedPipe::State::readAside(std::size_t wanted)
+nqTransfer nqNamedPipe::Private::readAside(std::size_t wanted)
 {
     mIncoming.reserve(mIncoming.size() + wanted);
     char aside[smallReadBytes];
@@ -266,7 +266,7 @@ nqTransfer nqNamedPipe::State::readAside(std::size_t wanted)
     return received;
 }
 
-nqTransfer nqNamedPipe::State::readInPlace(std::size_t wanted)
+nqTransfer nqNamedPipe::Private::readInPlace(std::size_t wanted)
 {
     const std::size_t before = mIncoming.size();
     mIncoming.resize(before + wanted);
@@ -276,7 +276,7 @@ nqTransfer nqNamedPipe::State::readInPlace(std::size_t wanted)
 }
 
 // Looks now and then only, since a look costs a system call and most passes find nothing.
-bool nqNamedPipe::State::isPeerFoundDead()
+bool nqNamedPipe::Private::isPeerFoundDead()
 {
     const milliseconds now = coarseNow();
     if (now - mLastLookAt < peerLookInterval)
@@ -287,13 +287,13 @@ bool nqNamedPipe::State::isPeerFoundDead()
     return mPeer.hasDied();
 }
 
-bool nqNamedPipe::State::hasPeerLeft()
+bool nqNamedPipe::Private::hasPeerLeft()
 {
     pollfd socket{mSocket.get(), POLLRDHUP, 0};
     return nqDeadline(0).poll(&socket, 1) > 0 || mPeer.hasDied();
 }
 
-void nqNamedPipe::State::waitForActivity(int timeoutMs)
+void nqNamedPipe::Private::waitForActivity(int timeoutMs)
 {
     pollfd watched[] = {
         {mSocket.get(), isIncomingFull() ? short{POLLRDHUP} : short{POLLIN}, 0},
@@ -309,7 +309,7 @@ void nqNamedPipe::State::waitForActivity(int timeoutMs)
 
 // Where answers come quickly, the first part of a wait watches the socket alone, which costs less.
 // A peer that dies then, and leaves its socket to others, is noticed that much later.
-bool nqNamedPipe::State::isReportedWithin(int timeoutMs, pollfd* watched, nfds_t count) const
+bool nqNamedPipe::Private::isReportedWithin(int timeoutMs, pollfd* watched, nfds_t count) const
 {
     const nqDeadline deadline(timeoutMs);
     if (mWaitsAreShort && timeoutMs > briefWaitMs && ::poll(watched, 1, briefWaitMs) > 0)
@@ -319,14 +319,14 @@ bool nqNamedPipe::State::isReportedWithin(int timeoutMs, pollfd* watched, nfds_t
 
 // A number of FD_SETSIZE or more would make select() write outside its set. A lower one may be free
 // later only, so this is tried again from time to time.
-void nqNamedPipe::State::moveIntoRangeOfSelect()
+void nqNamedPipe::Private::moveIntoRangeOfSelect()
 {
     if (mSocket.get() >= FD_SETSIZE)
         mSocket.moveToLowNumber();
 }
 
 nqNamedPipe::nqNamedPipe()
-    : mState(std::make_unique<State>())
+    : mPrivate(std::make_unique<Private>())
 {
 }
 
@@ -338,7 +338,7 @@ nqNamedPipe::~nqNamedPipe()
 bool nqNamedPipe::connectToNamedPipeServerUtf8(const std::string& name)
 {
     closeNamedPipe();
-    if (!mState->mOwner.isThisProcess())
+    if (!mPrivate->mOwner.isThisProcess())
         return false;
     nqDescriptor socket = connectTo(name);
     if (!socket.isOpen())
@@ -346,54 +346,54 @@ bool nqNamedPipe::connectToNamedPipeServerUtf8(const std::string& name)
     nqPeer server(socket.get());
     if (!server.belongsToThisUser())
         return false;
-    mState->adopt(std::move(socket), std::move(server));
+    mPrivate->adopt(std::move(socket), std::move(server));
     return true;
 }
 
 void nqNamedPipe::processNamedPipeEvents(int timeoutMs, bool wait)
 {
-    if (mState->mPhase != State::Phase::closed)
-        mState->processEvents(timeoutMs, wait);
+    if (mPrivate->mPhase != Private::Phase::closed)
+        mPrivate->processEvents(timeoutMs, wait);
 }
 
 bool nqNamedPipe::isConnected() const
 {
-    return mState->isConnected();
+    return mPrivate->isConnected();
 }
 
 bool nqNamedPipe::isReadChannelClosed() const
 {
-    return !mState->isConnected();
+    return !mPrivate->isConnected();
 }
 
 bool nqNamedPipe::isWriteChannelClosed() const
 {
-    return mState->isWriteChannelClosed();
+    return mPrivate->isWriteChannelClosed();
 }
 
 bool nqNamedPipe::hasPendingWrite() const
 {
-    return mState->hasPendingWrite();
+    return mPrivate->hasPendingWrite();
 }
 
 std::vector<char>& nqNamedPipe::incomingBuffer()
 {
-    return mState->mIncoming;
+    return mPrivate->mIncoming;
 }
 
 const std::vector<char>& nqNamedPipe::incomingBuffer() const
 {
-    return mState->mIncoming;
+    return mPrivate->mIncoming;
 }
 
 std::vector<char>& nqNamedPipe::outgoingBuffer()
 {
-    return mState->mOutgoing;
+    return mPrivate->mOutgoing;
 }
 
 const std::vector<char>& nqNamedPipe::outgoingBuffer() const
 {
-    return mState->mOutgoing;
+    return mPrivate->mOutgoing;
 }
 
 std::uint64_t nqNamedPipe::outgoingBufferLimit() const
@@ -403,17 +403,18 @@ std::uint64_t nqNamedPipe::outgoingBufferLimit() const
 
 int nqNamedPipe::getSocket() const
 {
-    if (!mState->isConnected())
+    if (!mPrivate->isConnected())
         return -1;
     // Nothing is read while the buffer is full, so the socket would keep a select from sleeping.
     // What is worth waking up for is then the peer's death.
-    const int watched = mState->isIncomingFull() ? mState->mPeer.watch() : mState->mSocket.get();
+    const int watched =
+        mPrivate->isIncomingFull() ? mPrivate->mPeer.watch() : mPrivate->mSocket.get();
     return watched < FD_SETSIZE ? watched : -1;
 }
 
 void nqNamedPipe::closeNamedPipe()
 {
-    mState->close();
+    mPrivate->close();
 }
 
 } // namespace nq

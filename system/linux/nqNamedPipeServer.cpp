@@ -3,9 +3,9 @@
 #include "system/linux/nqDeadline.h"
 #include "system/linux/nqDescriptor.h"
 #include "system/linux/nqLaunchWatch.h"
+#include "system/linux/nqNamedPipePrivate.h"
 #include "system/linux/nqPeer.h"
 #include "system/linux/nqPipeSocket.h"
-#include "system/linux/nqPipeState.h"
 #include "system/linux/nqStartedProcess.h"
 #include "system/linux/nqSystemCall.h"
 #include "system/nqOwnerProcess.h"
@@ -69,7 +69,7 @@ Acceptance outcomeOfFailedAccept()
 
 } // namespace
 
-struct nqNamedPipeServer::State {
+struct nqNamedPipeServer::Private {
     nqOwnerProcess mOwner;                             // a forked child's copy does nothing
     nqDescriptor mListener;                            // open while listening
     std::string mName;                                 // what it listens, or listened last, under
@@ -86,7 +86,7 @@ struct nqNamedPipeServer::State {
 // A name in use is news at once, unless it is one that we gave up ourselves: a child that another
 // thread has just forked then holds the old listening socket until its exec. The kernel reports
 // nothing when it lets go, so the name is tried again at short intervals.
-bool nqNamedPipeServer::State::bindTo(
+bool nqNamedPipeServer::Private::bindTo(
     int socket, const nqPipeAddress& address, const std::string& name) const
 {
     const bool mayBecomeFree = mFormerNames.count(name) != 0;
@@ -100,13 +100,13 @@ bool nqNamedPipeServer::State::bindTo(
     }
 }
 
-bool nqNamedPipeServer::State::admit(const nqDescriptor& socket, nqPeer& peer) const
+bool nqNamedPipeServer::Private::admit(const nqDescriptor& socket, nqPeer& peer) const
 {
     return peer.belongsToThisUser() && !hasHungUpInSilence(socket, peer) &&
            nqStartedProcess::admit(mName, peer, mFirstStart);
 }
 
-Acceptance nqNamedPipeServer::State::acceptOne()
+Acceptance nqNamedPipeServer::Private::acceptOne()
 {
     const int accepted = retryOnSignal(
         [&] { return ::accept4(mListener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC); });
@@ -121,13 +121,13 @@ Acceptance nqNamedPipeServer::State::acceptOne()
         return Acceptance::refused;
     }
     auto pipe = std::make_unique<nqNamedPipe>();
-    pipe->mState->adopt(std::move(socket), std::move(peer));
+    pipe->mPrivate->adopt(std::move(socket), std::move(peer));
     mPending.push_back(std::move(pipe));
     return Acceptance::accepted;
 }
 
 nqNamedPipeServer::nqNamedPipeServer()
-    : mState(std::make_unique<State>())
+    : mPrivate(std::make_unique<Private>())
 {
 }
 
@@ -138,26 +138,26 @@ nqNamedPipeServer::~nqNamedPipeServer()
 
 bool nqNamedPipeServer::listenUtf8(const std::string& name)
 {
-    if (!mState->mOwner.isThisProcess())
+    if (!mPrivate->mOwner.isThisProcess())
         return false;
-    if (mState->mListener.isOpen() && mState->mName == name)
+    if (mPrivate->mListener.isOpen() && mPrivate->mName == name)
         return true;
     closeNamedPipeServer();
     const auto address = makePipeAddress(name);
     if (!address)
         return false;
     nqDescriptor listener = openPipeSocket();
-    if (!listener.isOpen() || !mState->bindTo(listener.get(), *address, name))
+    if (!listener.isOpen() || !mPrivate->bindTo(listener.get(), *address, name))
         return false;
     if (::listen(listener.get(), SOMAXCONN) != 0)
         return false;
-    mState->mFormerNames.insert(name);
+    mPrivate->mFormerNames.insert(name);
     nqStartedProcess::noteListening(name);
-    if (mState->mName != name)
-        mState->mFirstStart.reset();
-    mState->mName = name;
+    if (mPrivate->mName != name)
+        mPrivate->mFirstStart.reset();
+    mPrivate->mName = name;
     listener.moveOutOfRangeOfSelect();
-    mState->mListener = std::move(listener);
+    mPrivate->mListener = std::move(listener);
     return true;
 }
 
@@ -170,18 +170,18 @@ bool nqNamedPipeServer::waitForNewConnection(int timeoutMs, bool* timedOut)
 {
     if (timedOut)
         *timedOut = false;
-    if (!mState->mListener.isOpen() || !mState->mOwner.isThisProcess())
+    if (!mPrivate->mListener.isOpen() || !mPrivate->mOwner.isThisProcess())
         return false;
-    if (!mState->mFirstStart)
-        mState->mFirstStart = nqStartedProcess::firstStart(mState->mName);
+    if (!mPrivate->mFirstStart)
+        mPrivate->mFirstStart = nqStartedProcess::firstStart(mPrivate->mName);
     const nqDeadline deadline(timeoutMs);
-    nqLaunchWatch launch(mState->mName);
+    nqLaunchWatch launch(mPrivate->mName);
     int refusalsOutOfTime = 0;
     for (;;) {
         // Looked at before the listener, so that a connection made before the end is not missed.
         const bool launchHasFailed = launch.findsFailure();
         bool outOfTime = false;
-        switch (mState->acceptOne()) {
+        switch (mPrivate->acceptOne()) {
         case Acceptance::accepted:
             return true;
         case Acceptance::failed:
@@ -194,7 +194,7 @@ bool nqNamedPipeServer::waitForNewConnection(int timeoutMs, bool* timedOut)
                 launch.report();
                 return false;
             }
-            outOfTime = !launch.wait(mState->mListener.get(), deadline);
+            outOfTime = !launch.wait(mPrivate->mListener.get(), deadline);
             break;
         }
         if (outOfTime) {
@@ -208,26 +208,26 @@ bool nqNamedPipeServer::waitForNewConnection(int timeoutMs, bool* timedOut)
 
 bool nqNamedPipeServer::hasPendingConnections() const
 {
-    return !mState->mPending.empty();
+    return !mPrivate->mPending.empty();
 }
 
 std::unique_ptr<nqNamedPipe> nqNamedPipeServer::takePendingConnection()
 {
-    if (mState->mPending.empty())
+    if (mPrivate->mPending.empty())
         return nullptr;
-    auto oldest = std::move(mState->mPending.front());
-    mState->mPending.pop_front();
+    auto oldest = std::move(mPrivate->mPending.front());
+    mPrivate->mPending.pop_front();
     return oldest;
 }
 
 void nqNamedPipeServer::closeNamedPipeServer()
 {
-    if (mState->mListener.isOpen() && mState->mOwner.isThisProcess()) {
-        nqStartedProcess::noteClosed(mState->mName);
-        shutDownAndClose(mState->mListener);
+    if (mPrivate->mListener.isOpen() && mPrivate->mOwner.isThisProcess()) {
+        nqStartedProcess::noteClosed(mPrivate->mName);
+        shutDownAndClose(mPrivate->mListener);
     }
-    mState->mListener.close();
-    mState->mPending.clear();
+    mPrivate->mListener.close();
+    mPrivate->mPending.clear();
 }
 
 } // namespace nq

@@ -75,7 +75,7 @@ nqDescriptor openMemoryStatistics(pid_t pid)
 
 } // namespace
 
-struct nqProcess::State {
+struct nqProcess::Private {
     nqOwnerProcess mOwner;              // for a forked child, its copy stands for no process
     std::string mWorkingDirectory;      // empty: the host's
     bool mStartWasCalled = false;       // whatever came of it
@@ -92,7 +92,7 @@ struct nqProcess::State {
     bool openMissingMemoryStatistics();
 };
 
-bool nqProcess::State::start(nqSpawnRequest request)
+bool nqProcess::Private::start(nqSpawnRequest request)
 {
     mLeash.emplace();
     nqSpawnResult result;
@@ -115,7 +115,7 @@ bool nqProcess::State::start(nqSpawnRequest request)
 
 // The leader is gone. What it forked into its group goes with it, and a connection from there is
 // nobody's any more.
-void nqProcess::State::enterEnded()
+void nqProcess::Private::enterEnded()
 {
     mProcess = Ended;
     mLeash.reset();
@@ -127,7 +127,7 @@ void nqProcess::State::enterEnded()
 
 // True when it does not run, or not any more. One that has left without an error while a server
 // waits for its connection counts as running: it may have put its program into the background.
-bool nqProcess::State::reapIfEnded()
+bool nqProcess::Private::reapIfEnded()
 {
     if (mProcess != Running)
         return true;
@@ -141,7 +141,7 @@ bool nqProcess::State::reapIfEnded()
 // What could not be opened at the launch is tried again: a limit that was set has to hold, though
 // the host was short of descriptors for a moment. The child must live before and after, since a
 // host that reaps it itself frees its number for another process.
-bool nqProcess::State::openMissingMemoryStatistics()
+bool nqProcess::Private::openMissingMemoryStatistics()
 {
     if (mMemoryStatistics.isOpen() || reapIfEnded())
         return mMemoryStatistics.isOpen();
@@ -152,24 +152,24 @@ bool nqProcess::State::openMissingMemoryStatistics()
 }
 
 nqProcess::nqProcess()
-    : mState(std::make_unique<State>())
+    : mPrivate(std::make_unique<Private>())
 {
 }
 
 nqProcess::~nqProcess()
 {
     const nqThread::Uncancellable untilDestroyed;
-    if (!mState->reapIfEnded()) {
+    if (!mPrivate->reapIfEnded()) {
         killProcess();
-        if (mState->mProcess == Running && !mState->mChild->waitForEnd(maxWaitOfDestructorMs))
-            nqReaper::takeOver(std::move(*mState->mChild));
+        if (mPrivate->mProcess == Running && !mPrivate->mChild->waitForEnd(maxWaitOfDestructorMs))
+            nqReaper::takeOver(std::move(*mPrivate->mChild));
     }
     nqReaper::reapEnded();
 }
 
 void nqProcess::setWorkingDirectory(const std::string& directoryUtf8)
 {
-    mState->mWorkingDirectory = directoryUtf8;
+    mPrivate->mWorkingDirectory = directoryUtf8;
 }
 
 bool nqProcess::startProcess(
@@ -179,10 +179,10 @@ bool nqProcess::startProcess(
     ProcessPriority priority)
 {
     nqReaper::reapEnded();
-    if (!mState->mOwner.isThisProcess() || std::exchange(mState->mStartWasCalled, true))
+    if (!mPrivate->mOwner.isThisProcess() || std::exchange(mPrivate->mStartWasCalled, true))
         return false;
     // The kernel would silently cut such a text short.
-    if (holdsNul(exePathUtf8) || holdsNul(mState->mWorkingDirectory) ||
+    if (holdsNul(exePathUtf8) || holdsNul(mPrivate->mWorkingDirectory) ||
         std::any_of(arguments.begin(), arguments.end(), holdsNul)) {
         logError("Cannot start a process: its path, folder or an argument holds a zero byte");
         return false;
@@ -198,70 +198,70 @@ bool nqProcess::startProcess(
     nqSpawnRequest request;
     request.mExecutable = executable.c_str();
     request.mArguments = texts.data();
-    if (!mState->mWorkingDirectory.empty())
-        request.mWorkingDirectory = mState->mWorkingDirectory.c_str();
+    if (!mPrivate->mWorkingDirectory.empty())
+        request.mWorkingDirectory = mPrivate->mWorkingDirectory.c_str();
     request.mSilenceOutput = silenceOutput;
     request.mNiceness = nicenessOf(priority);
-    mState->mForServers.emplace(executable, arguments);
-    if (mState->start(request))
+    mPrivate->mForServers.emplace(executable, arguments);
+    if (mPrivate->start(request))
         return true;
-    mState->mForServers.reset();
+    mPrivate->mForServers.reset();
     return false;
 }
 
 nqProcess::ProcessState nqProcess::getState() const
 {
-    mState->reapIfEnded();
-    return mState->mProcess;
+    mPrivate->reapIfEnded();
+    return mPrivate->mProcess;
 }
 
 std::int64_t nqProcess::getPid() const
 {
-    return mState->mPid;
+    return mPrivate->mPid;
 }
 
 std::uint64_t nqProcess::getCurrentRamInUse() const
 {
     static const auto pageBytes = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
-    if (!mState->openMissingMemoryStatistics())
+    if (!mPrivate->openMissingMemoryStatistics())
         return 0;
     char line[128]; // seven numbers of at most twenty digits in theory; the second stands well
                     // inside
     const ssize_t count = retryOnSignal(
-        [&] { return ::pread(mState->mMemoryStatistics.get(), line, sizeof(line), 0); });
+        [&] { return ::pread(mPrivate->mMemoryStatistics.get(), line, sizeof(line), 0); });
     return count > 0 ? residentPages(line, line + count) * pageBytes : 0;
 }
 
 bool nqProcess::setWorkingSetMaxSize(std::uint64_t bytes)
 {
     rlimit limit{};
-    if (mState->reapIfEnded() || ::prlimit(mState->mPid, RLIMIT_DATA, nullptr, &limit) != 0)
+    if (mPrivate->reapIfEnded() || ::prlimit(mPrivate->mPid, RLIMIT_DATA, nullptr, &limit) != 0)
         return false;
     limit.rlim_cur = std::min<rlim_t>(bytes, limit.rlim_max);
-    return ::prlimit(mState->mPid, RLIMIT_DATA, &limit, nullptr) == 0;
+    return ::prlimit(mPrivate->mPid, RLIMIT_DATA, &limit, nullptr) == 0;
 }
 
 void nqProcess::killProcess()
 {
-    if (!mState->mForServers || !mState->mOwner.isThisProcess())
+    if (!mPrivate->mForServers || !mPrivate->mOwner.isThisProcess())
         return;
-    mState->mForServers->noteKill(); // first: that it ends from here on is no news for the log
-    if (!mState->reapIfEnded()) {
-        mState->mLeash->killGroup();
-        mState->mChild->kill(); // by a handle of its own, whatever became of the group
+    mPrivate->mForServers->noteKill(); // first: that it ends from here on is no news for the log
+    if (!mPrivate->reapIfEnded()) {
+        mPrivate->mLeash->killGroup();
+        mPrivate->mChild->kill(); // by a handle of its own, whatever became of the group
     }
-    mState->mForServers->killPeer();
+    mPrivate->mForServers->killPeer();
 }
 
 bool nqProcess::waitForFinished(unsigned int timeoutMs)
 {
-    if (mState->mProcess != Running || !mState->mOwner.isThisProcess())
+    if (mPrivate->mProcess != Running || !mPrivate->mOwner.isThisProcess())
         return true;
     if (timeoutMs == noTimeLimit)
-        mState->mChild->waitForEnd();
-    else if (!mState->mChild->waitForEnd(timeoutMs))
+        mPrivate->mChild->waitForEnd();
+    else if (!mPrivate->mChild->waitForEnd(timeoutMs))
         return false;
-    mState->enterEnded();
+    mPrivate->enterEnded();
     return true;
 }
 

@@ -17,7 +17,7 @@ bool isFlagged(int level)
 
 } // namespace
 
-struct nqLog::State {
+struct nqLog::Private {
     std::array<bool, levelCount> isEnabled{true, true, true, true};
 };
 
@@ -32,7 +32,7 @@ void nqLog::LogEntry::computeLogPrefix(bool withThreadId)
 }
 
 nqLog::nqLog()
-    : mState(std::make_unique<State>())
+    : mPrivate(std::make_unique<Private>())
 {
 }
 
@@ -50,12 +50,12 @@ nqLog::~nqLog()
 void nqLog::setLevelEnabled(int level, bool enabled)
 {
     if (isFlagged(level))
-        mState->isEnabled[static_cast<std::size_t>(level)] = enabled;
+        mPrivate->isEnabled[static_cast<std::size_t>(level)] = enabled;
 }
 
 bool nqLog::isLevelEnabled(int level) const
 {
-    return isFlagged(level) && mState->isEnabled[static_cast<std::size_t>(level)];
+    return isFlagged(level) && mPrivate->isEnabled[static_cast<std::size_t>(level)];
 }
 
 void nqLog::Write(LogEntry& entry, bool flush)

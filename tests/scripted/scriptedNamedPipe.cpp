@@ -31,24 +31,24 @@ void takeIn(scripted::Pipe& pipe)
 } // namespace
 
 /// Binds a pipe object to its record.
-struct nqNamedPipe::State {
+struct nqNamedPipe::Private {
     std::shared_ptr<scripted::Pipe> pipe;
 };
 
 nqNamedPipe::nqNamedPipe()
-    : mState(std::make_unique<State>(State{scripted::machine().pipeForNewObject()}))
+    : mPrivate(std::make_unique<Private>(Private{scripted::machine().pipeForNewObject()}))
 {
 }
 
 nqNamedPipe::~nqNamedPipe()
 {
-    mState->pipe->isDestroyed = true;
-    scripted::machine().call(mState->pipe->name + ": destroyed");
+    mPrivate->pipe->isDestroyed = true;
+    scripted::machine().call(mPrivate->pipe->name + ": destroyed");
 }
 
 bool nqNamedPipe::connectToNamedPipeServerUtf8(const std::string& name)
 {
-    scripted::Pipe& pipe = *mState->pipe;
+    scripted::Pipe& pipe = *mPrivate->pipe;
     scripted::machine().call(pipe.name + ": connectToNamedPipeServerUtf8(" + name + ")");
     pipe.isConnected = pipe.connects;
     pipe.isReadChannelClosed = !pipe.connects;
@@ -58,7 +58,7 @@ bool nqNamedPipe::connectToNamedPipeServerUtf8(const std::string& name)
 
 void nqNamedPipe::processNamedPipeEvents(int timeoutMs, bool wait)
 {
-    scripted::Pipe& pipe = *mState->pipe;
+    scripted::Pipe& pipe = *mPrivate->pipe;
     scripted::machine().call(
         pipe.name + ": processNamedPipeEvents(" + std::to_string(timeoutMs) + ", " +
         (wait ? "true" : "false") + ")");
@@ -70,63 +70,63 @@ void nqNamedPipe::processNamedPipeEvents(int timeoutMs, bool wait)
 
 bool nqNamedPipe::isConnected() const
 {
-    scripted::machine().query(mState->pipe->name + ": isConnected()");
-    return mState->pipe->isConnected && !mState->pipe->isAtItsEnd();
+    scripted::machine().query(mPrivate->pipe->name + ": isConnected()");
+    return mPrivate->pipe->isConnected && !mPrivate->pipe->isAtItsEnd();
 }
 
 bool nqNamedPipe::isReadChannelClosed() const
 {
-    scripted::machine().query(mState->pipe->name + ": isReadChannelClosed()");
-    return mState->pipe->isReadChannelClosed || mState->pipe->isAtItsEnd();
+    scripted::machine().query(mPrivate->pipe->name + ": isReadChannelClosed()");
+    return mPrivate->pipe->isReadChannelClosed || mPrivate->pipe->isAtItsEnd();
 }
 
 bool nqNamedPipe::isWriteChannelClosed() const
 {
-    scripted::machine().query(mState->pipe->name + ": isWriteChannelClosed()");
-    return mState->pipe->isWriteChannelClosed;
+    scripted::machine().query(mPrivate->pipe->name + ": isWriteChannelClosed()");
+    return mPrivate->pipe->isWriteChannelClosed;
 }
 
 bool nqNamedPipe::hasPendingWrite() const
 {
-    scripted::machine().query(mState->pipe->name + ": hasPendingWrite()");
-    return mState->pipe->isConnected && !mState->pipe->outgoing.empty();
+    scripted::machine().query(mPrivate->pipe->name + ": hasPendingWrite()");
+    return mPrivate->pipe->isConnected && !mPrivate->pipe->outgoing.empty();
 }
 
 std::vector<char>& nqNamedPipe::incomingBuffer()
 {
-    return mState->pipe->incoming;
+    return mPrivate->pipe->incoming;
 }
 
 const std::vector<char>& nqNamedPipe::incomingBuffer() const
 {
-    return mState->pipe->incoming;
+    return mPrivate->pipe->incoming;
 }
 
 std::vector<char>& nqNamedPipe::outgoingBuffer()
 {
-    return mState->pipe->outgoing;
+    return mPrivate->pipe->outgoing;
 }
 
 const std::vector<char>& nqNamedPipe::outgoingBuffer() const
 {
-    return mState->pipe->outgoing;
+    return mPrivate->pipe->outgoing;
 }
 
 std::uint64_t nqNamedPipe::outgoingBufferLimit() const
 {
-    return mState->pipe->outgoingLimit;
+    return mPrivate->pipe->outgoingLimit;
 }
 
 int nqNamedPipe::getSocket() const
 {
-    scripted::machine().query(mState->pipe->name + ": getSocket()");
-    return mState->pipe->socket;
+    scripted::machine().query(mPrivate->pipe->name + ": getSocket()");
+    return mPrivate->pipe->socket;
 }
 
 void nqNamedPipe::closeNamedPipe()
 {
-    scripted::machine().call(mState->pipe->name + ": closeNamedPipe()");
-    mState->pipe->lose();
+    scripted::machine().call(mPrivate->pipe->name + ": closeNamedPipe()");
+    mPrivate->pipe->lose();
 }
 
 } // namespace nq

@@ -8,7 +8,7 @@
 namespace nq {
 
 /// The server's data stands in the machine; the object needs none of its own.
-struct nqNamedPipeServer::State {};
+struct nqNamedPipeServer::Private {};
 
 nqNamedPipeServer::nqNamedPipeServer()
 {

@@ -17,7 +17,7 @@ std::string joined(const std::vector<std::string>& texts)
 } // namespace
 
 /// Binds a process object to its record.
-struct nqProcess::State {
+struct nqProcess::Private {
     std::shared_ptr<scripted::Process> process;
 
     scripted::Process& operator*() const
@@ -37,21 +37,21 @@ struct nqProcess::State {
 };
 
 nqProcess::nqProcess()
-    : mState(std::make_unique<State>(State{scripted::machine().takeProcess()}))
+    : mPrivate(std::make_unique<Private>(Private{scripted::machine().takeProcess()}))
 {
-    mState->call("created");
+    mPrivate->call("created");
 }
 
 nqProcess::~nqProcess()
 {
-    (**mState).isDestroyed = true;
-    mState->call("destroyed");
+    (**mPrivate).isDestroyed = true;
+    mPrivate->call("destroyed");
 }
 
 void nqProcess::setWorkingDirectory(const std::string& directoryUtf8)
 {
-    mState->call("setWorkingDirectory(" + directoryUtf8 + ")");
-    (**mState).workingDirectory = directoryUtf8;
+    mPrivate->call("setWorkingDirectory(" + directoryUtf8 + ")");
+    (**mPrivate).workingDirectory = directoryUtf8;
 }
 
 bool nqProcess::startProcess(
@@ -60,8 +60,8 @@ bool nqProcess::startProcess(
     bool silenceOutput,
     ProcessPriority priority)
 {
-    mState->call("startProcess(" + exePathUtf8 + ", [" + joined(arguments) + "])");
-    scripted::Process& process = **mState;
+    mPrivate->call("startProcess(" + exePathUtf8 + ", [" + joined(arguments) + "])");
+    scripted::Process& process = **mPrivate;
     process.exePath = exePathUtf8;
     process.arguments = arguments;
     process.silenceOutput = silenceOutput;
@@ -72,42 +72,42 @@ bool nqProcess::startProcess(
 
 nqProcess::ProcessState nqProcess::getState() const
 {
-    mState->query("getState()");
-    return (**mState).state;
+    mPrivate->query("getState()");
+    return (**mPrivate).state;
 }
 
 std::int64_t nqProcess::getPid() const
 {
-    mState->query("getPid()");
-    return (**mState).pid;
+    mPrivate->query("getPid()");
+    return (**mPrivate).pid;
 }
 
 std::uint64_t nqProcess::getCurrentRamInUse() const
 {
-    mState->query("getCurrentRamInUse()");
-    ++(**mState).ramReads;
-    return (**mState).ramInUse;
+    mPrivate->query("getCurrentRamInUse()");
+    ++(**mPrivate).ramReads;
+    return (**mPrivate).ramInUse;
 }
 
 bool nqProcess::setWorkingSetMaxSize(std::uint64_t bytes)
 {
-    mState->call("setWorkingSetMaxSize(" + std::to_string(bytes) + ")");
+    mPrivate->call("setWorkingSetMaxSize(" + std::to_string(bytes) + ")");
     return true;
 }
 
 void nqProcess::killProcess()
 {
-    mState->call("killProcess()");
-    if ((**mState).endsWhenKilled && (**mState).state == Running)
-        (**mState).state = Ended;
+    mPrivate->call("killProcess()");
+    if ((**mPrivate).endsWhenKilled && (**mPrivate).state == Running)
+        (**mPrivate).state = Ended;
 }
 
 bool nqProcess::waitForFinished(unsigned int timeoutMs)
 {
-    mState->call("waitForFinished(" + std::to_string(timeoutMs) + ")");
-    if ((**mState).endsWhenWaitedFor && (**mState).state == Running)
-        (**mState).state = Ended;
-    return (**mState).state != Running;
+    mPrivate->call("waitForFinished(" + std::to_string(timeoutMs) + ")");
+    if ((**mPrivate).endsWhenWaitedFor && (**mPrivate).state == Running)
+        (**mPrivate).state = Ended;
+    return (**mPrivate).state != Running;
 }
 
 } // namespace nq

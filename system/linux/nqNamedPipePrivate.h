@@ -16,7 +16,7 @@ namespace nq {
 
 /// What a pipe consists of. Shared by the pipe itself and the server, which makes pipes of the
 /// connections that it accepts.
-struct nqNamedPipe::State {
+struct nqNamedPipe::Private {
     enum class Phase {
         closed, // no socket, nothing moves
         open,   // bytes may arrive
