@@ -90,7 +90,7 @@ void nqNamedPipe::Private::adopt(nqDescriptor socket, nqPeer peer)
     mSavedReadAfterWrite = false;
     mCongested = false;
     mExpectsMuch = false;
-    mShortLook = nqShortLook();
+    mSpin = nqAdaptiveSpin();
     mWaitsAreShort = false;
     mPhase = Phase::open;
     enlargeKernelBuffer(mSocket.get());
@@ -301,7 +301,7 @@ void nqNamedPipe::Private::waitForActivity(int timeoutMs)
     };
     if (hasPendingWrite())
         watched[0].events = static_cast<short>(watched[0].events | POLLOUT);
-    mWaitsAreShort = mShortLook.findsActivity(watched, std::size(watched)) ||
+    mWaitsAreShort = mSpin.spin(watched, std::size(watched)) ||
                      isReportedWithin(timeoutMs, watched, std::size(watched));
     if (watched[1].revents != 0)
         mPeer.hasDied();

@@ -1,9 +1,9 @@
 #pragma once
 
+#include "system/linux/nqAdaptiveSpin.h"
 #include "system/linux/nqDescriptor.h"
 #include "system/linux/nqPeer.h"
 #include "system/linux/nqPipeSocket.h"
-#include "system/linux/nqShortLook.h"
 #include "system/nqNamedPipe.h"
 #include "system/nqOwnerProcess.h"
 
@@ -34,7 +34,7 @@ struct nqNamedPipe::Private {
     bool mCongested = false;                  // the last write found too little room
     bool mSavedReadAfterWrite = false;        // the last call wrote and did not read
     bool mLeftDry = false;                    // the last read took all that the socket held
-    nqShortLook mShortLook;                   // before a wait sleeps
+    nqAdaptiveSpin mSpin;                     // before a wait sleeps
     bool mWaitsAreShort = false;              // the last wait was not in vain
     std::size_t mLeftByLastCall = 0;          // bytes in mIncoming when the last call returned
     std::chrono::milliseconds mLastLookAt{0}; // when the peer's life was last looked at

@@ -1,17 +1,17 @@
-#include "system/linux/nqShortLook.h"
+#include "system/linux/nqAdaptiveSpin.h"
 
 #include "pipe_helpers.h"
 
-using nq::nqLookingHabit;
-using nq::nqShortLook;
+using nq::nqAdaptiveSpin;
+using nq::nqSpinBackoff;
 using namespace pipe_test;
 
 namespace {
 
-/// A look at the reading end of a pipe that holds nothing until the test says so.
-class ShortLook : public LeavesNothingBehind {
+/// Spins on the reading end of a pipe that holds nothing until the test says so.
+class AdaptiveSpin : public LeavesNothingBehind {
 protected:
-    nqShortLook mLook;
+    nqAdaptiveSpin mSpin;
 
     void SetUp() override
     {
@@ -32,7 +32,7 @@ protected:
     bool finds()
     {
         mWatched = {mReading.get(), POLLIN, 0};
-        return mLook.findsActivity(&mWatched, 1);
+        return mSpin.spin(&mWatched, 1);
     }
 
     short reported() const
@@ -57,7 +57,7 @@ private:
     pollfd mWatched{};
 };
 
-TEST_F(ShortLook, findsWhatIsThere)
+TEST_F(AdaptiveSpin, findsWhatIsThere)
 {
     makeReady();
     EXPECT_TRUE(finds());
@@ -65,18 +65,18 @@ TEST_F(ShortLook, findsWhatIsThere)
     EXPECT_TRUE(finds());
 }
 
-TEST_F(ShortLook, givesUpWhenThereIsNothing)
+TEST_F(AdaptiveSpin, givesUpWhenThereIsNothing)
 {
     EXPECT_FALSE(finds());
     EXPECT_EQ(reported(), 0);
 }
 
-TEST_F(ShortLook, findsWhatComesWhileItLooks)
+TEST_F(AdaptiveSpin, findsWhatComesWhileItSpins)
 {
-    // It may come before or after the look as well, which the next round mends.
+    // It may come before or after the spin as well; then the next round tries again.
     bool isFound = false;
     for (int round = 0; round < 1000 && !isFound; ++round) {
-        mLook = nqShortLook();
+        mSpin = nqAdaptiveSpin();
         Child writer([this] {
             makeReady();
             return 0;
@@ -88,7 +88,7 @@ TEST_F(ShortLook, findsWhatComesWhileItLooks)
     EXPECT_TRUE(isFound);
 }
 
-TEST_F(ShortLook, goesByWhatItsHabitSays)
+TEST_F(AdaptiveSpin, skipsTheWaitsThatItsBackoffSays)
 {
     EXPECT_FALSE(finds());
     makeReady();
@@ -99,64 +99,64 @@ TEST_F(ShortLook, goesByWhatItsHabitSays)
     EXPECT_TRUE(finds());
 }
 
-int countSkipped(nqLookingHabit& habit)
+int countSkipped(nqSpinBackoff& backoff)
 {
     int skipped = 0;
-    while (!habit.wantsToLook())
+    while (!backoff.countWait())
         ++skipped;
     return skipped;
 }
 
-void lookInVain(nqLookingHabit& habit, int times)
+void missRepeatedly(nqSpinBackoff& backoff, int times)
 {
     for (int i = 0; i < times; ++i) {
-        countSkipped(habit);
-        habit.foundNothing();
+        countSkipped(backoff);
+        backoff.noteMiss();
     }
 }
 
-TEST(LookingHabit, looksAtFirst)
+TEST(SpinBackoff, spinsAtFirst)
 {
-    nqLookingHabit habit;
-    EXPECT_TRUE(habit.wantsToLook());
+    nqSpinBackoff backoff;
+    EXPECT_TRUE(backoff.countWait());
 }
 
-TEST(LookingHabit, letsTwiceAsManyWaitsGoByAndOneMoreAfterEachLookInVain)
+TEST(SpinBackoff, skipsTwiceAsManyWaitsAndOneMoreAfterEachMiss)
 {
-    nqLookingHabit habit;
+    nqSpinBackoff backoff;
     for (const int skipped : {1, 3, 7, 15, 31, 63, 127, 255, 511, 1023, 2047, 4095}) {
-        habit.foundNothing();
-        EXPECT_EQ(countSkipped(habit), skipped);
+        backoff.noteMiss();
+        EXPECT_EQ(countSkipped(backoff), skipped);
     }
 }
 
-TEST(LookingHabit, neverLetsMoreThanFourThousandOddWaitsGoBy)
+TEST(SpinBackoff, neverSkipsMoreThanFourThousandOddWaits)
 {
-    nqLookingHabit habit;
-    lookInVain(habit, 40);
-    EXPECT_EQ(countSkipped(habit), 4095);
+    nqSpinBackoff backoff;
+    missRepeatedly(backoff, 40);
+    EXPECT_EQ(countSkipped(backoff), 4095);
 }
 
-TEST(LookingHabit, letsHalfAsManyWaitsGoByAfterEachLookThatPaid)
+TEST(SpinBackoff, skipsHalfAsManyWaitsAfterEachHit)
 {
-    nqLookingHabit habit;
-    lookInVain(habit, 4);
-    EXPECT_EQ(countSkipped(habit), 15);
+    nqSpinBackoff backoff;
+    missRepeatedly(backoff, 4);
+    EXPECT_EQ(countSkipped(backoff), 15);
     for (const int skipped : {7, 3, 1, 0, 0}) {
-        habit.foundWhileLooking();
-        EXPECT_EQ(countSkipped(habit), skipped);
+        backoff.noteHit();
+        EXPECT_EQ(countSkipped(backoff), skipped);
     }
 }
 
-TEST(LookingHabit, learnsNothingFromWhatWasThereAlready)
+TEST(SpinBackoff, learnsNothingFromWhatWasReadyAtOnce)
 {
-    nqLookingHabit habit;
-    habit.foundAtOnce();
-    EXPECT_EQ(countSkipped(habit), 0);
-    lookInVain(habit, 2);
-    EXPECT_EQ(countSkipped(habit), 3);
-    habit.foundAtOnce();
-    EXPECT_EQ(countSkipped(habit), 3);
+    nqSpinBackoff backoff;
+    backoff.noteReadyAtOnce();
+    EXPECT_EQ(countSkipped(backoff), 0);
+    missRepeatedly(backoff, 2);
+    EXPECT_EQ(countSkipped(backoff), 3);
+    backoff.noteReadyAtOnce();
+    EXPECT_EQ(countSkipped(backoff), 3);
 }
 
 } // namespace
