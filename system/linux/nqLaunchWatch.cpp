@@ -12,58 +12,58 @@ namespace nq {
 
 namespace {
 
-// No event tells that a group has become empty, nor, without pidfds, that a child has ended.
-constexpr std::int64_t lookIntervalMs = 200;
+// Nothing reports that a group has become empty or, without pidfds, that a child has ended.
+constexpr std::int64_t probeIntervalMs = 200;
 
 } // namespace
 
 nqLaunchWatch::nqLaunchWatch(const std::string& server)
     : mPid(nqStartedProcess::awaited(server)),
-      mEndIsReadable(mPid ? pidfdOpen(*mPid) : -1)
+      mPidfd(mPid ? pidfdOpen(*mPid) : -1)
 {
 }
 
-bool nqLaunchWatch::findsFailure()
+bool nqLaunchWatch::probeFailure()
 {
     if (mPid && mPhase == Phase::running)
-        look();
-    return mPhase == Phase::endedBadly && nqProcFile::hasLivingMember(*mPid) == false;
+        probe();
+    return mPhase == Phase::failed && nqProcFile::hasLivingMember(*mPid) == false;
 }
 
-void nqLaunchWatch::look()
+void nqLaunchWatch::probe()
 {
     siginfo_t ended{};
     if (::waitid(P_PID, static_cast<id_t>(*mPid), &ended, WEXITED | WNOHANG | WNOWAIT) != 0) {
-        mPhase = Phase::endedWell; // reaped by the host itself, which knows how it has ended
+        mPhase = Phase::succeeded; // reaped by the host itself
         return;
     }
     if (ended.si_pid == 0)
         return;
     mEnd = nqChildEnd::of(ended);
-    mPhase = mEnd->isSuccess() ? Phase::endedWell : Phase::endedBadly;
+    mPhase = mEnd->isSuccess() ? Phase::succeeded : Phase::failed;
 }
 
 bool nqLaunchWatch::wait(int listener, const nqDeadline& deadline)
 {
-    const bool isFollowed = mPid && mPhase == Phase::running;
-    const bool needsLooks = mPhase == Phase::endedBadly || (isFollowed && !mEndIsReadable.isOpen());
+    const bool mayEnd = mPid && mPhase == Phase::running;
+    const bool needsProbes = mPhase == Phase::failed || (mayEnd && !mPidfd.isOpen());
     pollfd watched[] = {
         {listener, POLLIN, 0},
-        {isFollowed ? mEndIsReadable.get() : -1, POLLIN, 0}, // poll passes over a descriptor of -1
+        {mayEnd ? mPidfd.get() : -1, POLLIN, 0}, // poll ignores a descriptor of -1
     };
-    const nqDeadline next = needsLooks ? deadline.orIn(lookIntervalMs) : deadline;
+    const nqDeadline next = needsProbes ? deadline.orIn(probeIntervalMs) : deadline;
     if (next.poll(watched, std::size(watched)) < 0)
         return false;
-    // Reported once, the end stays reported, also while a debugger keeps it from being looked at.
+    // The pidfd stays readable, and a debugger may hold back the status: polling on would spin.
     if (watched[1].revents != 0)
-        mEndIsReadable.close();
+        mPidfd.close();
     return watched[0].revents != 0 || !deadline.hasPassed();
 }
 
 void nqLaunchWatch::report()
 {
     if (mPid && mPhase == Phase::running)
-        look();
+        probe();
     if (mEnd)
         nqStartedProcess::reportEnd(*mPid, *mEnd);
 }

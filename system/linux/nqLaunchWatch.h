@@ -10,40 +10,39 @@
 
 namespace nq {
 
-/// Follows the process whose connection a server waits for, so that nobody waits for one that
-/// cannot come any more: that of a worker which crashed, or left with an error, before it
-/// connected.
+/// Watches the process whose connection a server waits for, so that the wait ends when the process
+/// has crashed, or exited with an error, before it connected.
 ///
-/// Only looks. The process is not reaped, since what it has forked would be killed over that.
+/// Never reaps it: that would kill what it has forked, which may still connect.
 class nqLaunchWatch {
 public:
-    /// Follows the latest process of `server`, if that has not connected yet.
+    /// Watches the latest process of `server`, if that has not connected yet.
     explicit nqLaunchWatch(const std::string& server);
 
-    /// Looks. True when the process has ended by a signal or with a status other than 0, and
-    /// nothing of its group is left. A status of 0 is how programs leave that go on in the
-    /// background.
-    bool findsFailure();
+    /// Checks the process. True when it has ended by a signal or with a status other than 0, and
+    /// its group is empty. After status 0 a connection may still come: that is how a program exits
+    /// that puts itself into the background.
+    bool probeFailure();
 
-    /// Waits until `listener` has something to accept, or it is worth looking again. False when the
+    /// Waits until `listener` has something to accept, or it is time to probe again. False when the
     /// deadline came first.
     bool wait(int listener, const nqDeadline& deadline);
 
-    /// Says in the log how the process has ended, if it has.
+    /// Logs how the process has ended, if it has.
     void report();
 
 private:
     enum class Phase {
-        running,   // or there is none: nothing is known against a connection
-        endedWell, // somebody else may connect in its place, or nobody knows how it has ended
-        endedBadly // what it has forked may still connect
+        running,   // or there is no process to watch
+        succeeded, // ended with status 0, or reaped by the host, which keeps the status to itself
+        failed     // ended otherwise; what it has forked may still connect
     };
 
-    void look();
+    void probe();
 
     Phase mPhase = Phase::running;
-    std::optional<pid_t> mPid;      // none: nobody to follow
-    nqDescriptor mEndIsReadable;    // a pidfd; none where those are refused
+    std::optional<pid_t> mPid;      // none: no process to watch
+    nqDescriptor mPidfd;            // none where pidfds are refused
     std::optional<nqChildEnd> mEnd; // how it has ended, if that is known
 };
 

@@ -16,36 +16,44 @@
 #include <thread>
 #include <utility>
 
+// One call of processNamedPipeEvents writes, reads, and only if neither moved anything may wait.
+// - A pipe goes from open to ended when the kernel reports the end of the stream, or when the peer
+//   is dead and its socket is drained: a process that it forked may hold the socket open for ever.
+// - The caller sees the end only once the incoming buffer is empty; a buffer that nobody empties is
+//   dropped with the pipe.
+// - A dead peer is noticed by a probe now and then, because each probe costs a system call.
+// - No byte is lost over an exception, and no number of FD_SETSIZE or more reaches select().
+
 namespace nq {
 
 namespace {
 
 using std::chrono::milliseconds;
 
-// What the producer appends is still in the processor's cache when the kernel takes it, and the
-// other end begins with it while the rest follows. The page on top is for what frames a payload.
+// Small enough that the bytes are still in the processor's cache when the kernel copies them, and
+// that the peer starts on them while the rest follows. The extra page is for what frames a payload.
 constexpr std::size_t outgoingLimitBytes = (std::size_t{256} << 10) + 4096;
 
-// One flooding worker does not grow the host beyond this. Some calls' worth, and no more: a
-// consumer that takes little at a time moves the rest to the front each time.
+// Bounds what one flooding worker costs the host. No more than two calls' worth: a consumer that
+// takes little at a time moves the rest to the front each time.
 constexpr std::size_t incomingLimitBytes = std::size_t{256} << 10;
 
-// A message of this size is received aside and appended. More than that is received in place, into
-// room that the buffer fills with zeros first, which is less work than copying.
+// Up to this size a message is received on the stack and appended. A larger one is received in
+// place: the buffer fills the room with zeros first, which is cheaper than a copy.
 constexpr std::size_t smallReadBytes = std::size_t{4} << 10;
 
-// What one call takes in. Small enough that these bytes are still in the processor's cache when the
-// consumer takes them, and that the other end fills the socket again meanwhile.
+// What one call reads. Small enough that the bytes are still in the processor's cache when the
+// consumer takes them, and that the peer refills the socket meanwhile.
 constexpr std::size_t bytesPerCall = std::size_t{128} << 10;
 
-// Some outgoing buffers' worth, so that neither end soon waits for the other.
+// Several outgoing buffers' worth, so that neither end has to wait for the other soon.
 constexpr int kernelSendBufferBytes = 1 << 20;
 
-// Soon enough to notice a dead worker, seldom enough to cost a busy pump nothing.
-constexpr milliseconds peerLookInterval{250};
+// Notices a dead worker soon, and costs a busy pump nothing.
+constexpr milliseconds peerProbeInterval{250};
 
-// Longer than most jobs, shorter than anybody waits for the news of a death.
-constexpr int briefWaitMs = 10;
+// Longer than most jobs take, and soon enough for the news of a death.
+constexpr int quickAnswerMs = 10;
 
 milliseconds coarseNow()
 {
@@ -60,7 +68,7 @@ void enlargeKernelBuffer(int socket)
     const int wanted = kernelSendBufferBytes;
     if (::setsockopt(socket, SOL_SOCKET, SO_SNDBUFFORCE, &wanted, sizeof wanted) == 0)
         return;
-    // Without the privilege the system's maximum applies. A smaller buffer is only slower.
+    // Without the privilege the system's maximum applies; a smaller buffer is merely slower.
     ::setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &wanted, sizeof wanted);
 }
 
@@ -85,13 +93,13 @@ void nqNamedPipe::Private::adopt(nqDescriptor socket, nqPeer peer)
     close();
     mSocket = std::move(socket);
     mPeer = std::move(peer);
-    mLastLookAt = coarseNow();
-    mLeftDry = false;
-    mSavedReadAfterWrite = false;
+    mLastProbe = coarseNow();
+    mSocketDrained = false;
+    mSkippedReadAfterWrite = false;
     mCongested = false;
-    mExpectsMuch = false;
+    mExpectsBulk = false;
     mSpin = nqAdaptiveSpin();
-    mWaitsAreShort = false;
+    mAnswersAreQuick = false;
     mPhase = Phase::open;
     enlargeKernelBuffer(mSocket.get());
     moveIntoRangeOfSelect();
@@ -106,7 +114,7 @@ void nqNamedPipe::Private::close()
     mWriteFailed = false;
     mIncoming.clear();
     mOutgoing.clear();
-    mLeftByLastCall = 0;
+    mUnreadAfterLastCall = 0;
     mPhase = Phase::closed;
 }
 
@@ -140,53 +148,55 @@ bool nqNamedPipe::Private::isIncomingFull() const
 
 void nqNamedPipe::Private::processEvents(int timeoutMs, bool wait)
 {
-    if (!mOwner.isThisProcess() || !isConnected() || isForsaken()) {
+    if (!mOwner.isThisProcess() || !isConnected() || (isUndrained() && probeEnd())) {
         close();
         return;
     }
-    // Polling before writing would delay whatever is pending by a whole time-out. The end of the
-    // stream is news for the caller, so it is not waited behind.
+    // Writes come first: a wait before them would delay what is pending by a whole time-out. There
+    // is no wait after the end of the stream, which is news for the caller.
     const bool mayWait = wait && timeoutMs > 0 && mPhase == Phase::open;
     bool moved = writePending();
-    // A read that can hardly find anything is saved: right after a write, because the last call
-    // left the socket dry and the peer has yet to see what was written, and before a wait, which
-    // looks by itself. Not twice in a row after writes: what has come in spite of that is found by
-    // the next call.
-    const bool canSaveRead = mLeftDry && (moved ? !mSavedReadAfterWrite : mayWait);
-    mSavedReadAfterWrite = moved && canSaveRead;
-    if (!canSaveRead)
+    // The read of a drained socket is skipped right after a write, which the peer has yet to
+    // answer, and before a wait, which polls the socket anyway. Never after two writes in a row:
+    // the next call has to find what came unasked.
+    const bool skipRead = mSocketDrained && (moved ? !mSkippedReadAfterWrite : mayWait);
+    mSkippedReadAfterWrite = moved && skipRead;
+    if (!skipRead)
         moved = readAvailable(mayWait) || moved;
     if (!moved && mayWait) {
         waitForActivity(timeoutMs);
         writePending();
         readAvailable(mayWait);
     }
-    // A caller that must not wait comes straight back while the peer has no room for more. It may
-    // need this very processor to make some.
+    // A caller that must not wait comes straight back while the peer's side is full. The peer may
+    // need this very processor to drain it.
     if (!moved && !mayWait && hasPendingWrite())
         std::this_thread::yield();
     if (!isConnected())
         close();
-    mPeer.keepInRangeOfSelect(isIncomingFull()); // for getSocket(), which only asks
-    mLeftByLastCall = mIncoming.size();
+    mPeer.keepInRangeOfSelect(isIncomingFull()); // for getSocket(), which changes nothing
+    mUnreadAfterLastCall = mIncoming.size();
 }
 
-// An idle worker that died leaving junk must not look alive for ever because nobody takes the junk.
-// When there is more of it than the buffer holds, reading never gets to the end of the stream.
-bool nqNamedPipe::Private::isForsaken()
+// Whether the last call left bytes and nobody has taken any of them since.
+bool nqNamedPipe::Private::isUndrained() const
 {
-    const bool somebodyTookBytes = mIncoming.size() < mLeftByLastCall;
-    if (mIncoming.empty() || somebodyTookBytes)
-        return false;
-    return mPhase == Phase::ended || (isIncomingFull() && hasPeerLeft());
+    return !mIncoming.empty() && mIncoming.size() >= mUnreadAfterLastCall;
 }
 
-// Returns whether there is anything new for the caller, and so does readAvailable.
+// Of an undrained pipe: an idle worker that died leaving junk must not look alive for ever because
+// nobody takes the junk. With a full buffer, reads never reach the end of the stream.
+bool nqNamedPipe::Private::probeEnd()
+{
+    return mPhase == Phase::ended || (isIncomingFull() && probeHangUp());
+}
+
+// True when there is news for the caller; likewise in readAvailable.
 bool nqNamedPipe::Private::writePending()
 {
     if (mWriteFailed)
         mOutgoing.clear();
-    if (mOutgoing.empty() || (mCongested && !hasRoomForMore()))
+    if (mOutgoing.empty() || (mCongested && !isWritable()))
         return false;
     const nqTransfer sent = sendOnce(mSocket.get(), mOutgoing.data(), mOutgoing.size());
     switch (sent.mOutcome) {
@@ -206,36 +216,36 @@ bool nqNamedPipe::Private::writePending()
     return true;
 }
 
-// The kernel reports room only when most of its buffer is free. Sending into every little gap would
-// move the rest of a large payload to the front of the outgoing buffer again and again.
-bool nqNamedPipe::Private::hasRoomForMore() const
+// The kernel reports room only when most of its buffer is free. Filling every small gap instead
+// would move the rest of a large payload to the front of the outgoing buffer again and again.
+bool nqNamedPipe::Private::isWritable() const
 {
     pollfd socket{mSocket.get(), POLLOUT, 0};
     return nqDeadline(0).poll(&socket, 1) > 0;
 }
 
-// Reads on until the kernel says that it has nothing more, not only until a short count: a worker
-// that answered and left is then known to have left, and is not given another job. A caller that
-// waits comes back for the end anyway.
+// Reads until the kernel has nothing more, not only until a short count, so that a worker that
+// answered and exited is not given another job. A caller that waits may stop at a short count,
+// since it comes back for the end anyway.
 //
-// A peer that has died has sent everything that it will ever send. Its stream ends where the kernel
-// has nothing more, also when a process that it forked holds the socket open.
+// The stream of a dead peer ends where the kernel has nothing more, even if a process that it
+// forked holds the socket open.
 bool nqNamedPipe::Private::readAvailable(bool mayStopAtShortCount)
 {
     bool anythingNew = false;
     const std::size_t enough = std::min(mIncoming.size() + bytesPerCall, incomingLimitBytes);
-    mLeftDry = false;
+    mSocketDrained = false;
     while (mPhase == Phase::open && mIncoming.size() < enough) {
         const bool peerWasDead = mPeer.isKnownDead();
         const std::size_t room = enough - mIncoming.size();
-        const std::size_t wanted = mExpectsMuch ? room : std::min(smallReadBytes, room);
-        const nqTransfer received = mExpectsMuch ? readInPlace(wanted) : readAside(wanted);
+        const std::size_t wanted = mExpectsBulk ? room : std::min(smallReadBytes, room);
+        const nqTransfer received = mExpectsBulk ? readInPlace(wanted) : readAside(wanted);
         switch (received.mOutcome) {
         case nqTransferOutcome::moved:
             anythingNew = true;
-            mExpectsMuch = received.mCount == wanted;
-            mLeftDry = !mExpectsMuch && mayStopAtShortCount && !peerWasDead;
-            if (mLeftDry)
+            mExpectsBulk = received.mCount == wanted;
+            mSocketDrained = !mExpectsBulk && mayStopAtShortCount && !peerWasDead;
+            if (mSocketDrained)
                 return true;
             break;
         case nqTransferOutcome::closed:
@@ -243,8 +253,8 @@ bool nqNamedPipe::Private::readAvailable(bool mayStopAtShortCount)
             anythingNew = true;
             break;
         case nqTransferOutcome::wouldBlock:
-            if (!peerWasDead && !isPeerFoundDead()) {
-                mLeftDry = true;
+            if (!peerWasDead && !probePeer()) {
+                mSocketDrained = true;
                 return anythingNew;
             }
             if (peerWasDead)
@@ -256,7 +266,7 @@ bool nqNamedPipe::Private::readAvailable(bool mayStopAtShortCount)
     return anythingNew;
 }
 
-// In both, room is made first: no byte is lost when that throws.
+// Both ways of reading make room first, so that no byte is lost if that throws.
 nqTransfer nqNamedPipe::Private::readAside(std::size_t wanted)
 {
     mIncoming.reserve(mIncoming.size() + wanted);
@@ -275,50 +285,51 @@ nqTransfer nqNamedPipe::Private::readInPlace(std::size_t wanted)
     return received;
 }
 
-// Looks now and then only, since a look costs a system call and most passes find nothing.
-bool nqNamedPipe::Private::isPeerFoundDead()
+// Whether the peer was found dead. Only once per interval, since a probe costs a system call; what
+// was short of descriptors earlier is tried again then.
+bool nqNamedPipe::Private::probePeer()
 {
     const milliseconds now = coarseNow();
-    if (now - mLastLookAt < peerLookInterval)
+    if (now - mLastProbe < peerProbeInterval)
         return false;
-    mLastLookAt = now;
+    mLastProbe = now;
     moveIntoRangeOfSelect();
     mPeer.watchWith(mSocket.get());
-    return mPeer.hasDied();
+    return mPeer.probeDeath();
 }
 
-bool nqNamedPipe::Private::hasPeerLeft()
+bool nqNamedPipe::Private::probeHangUp()
 {
     pollfd socket{mSocket.get(), POLLRDHUP, 0};
-    return nqDeadline(0).poll(&socket, 1) > 0 || mPeer.hasDied();
+    return nqDeadline(0).poll(&socket, 1) > 0 || mPeer.probeDeath();
 }
 
 void nqNamedPipe::Private::waitForActivity(int timeoutMs)
 {
     pollfd watched[] = {
         {mSocket.get(), isIncomingFull() ? short{POLLRDHUP} : short{POLLIN}, 0},
-        {mPeer.watch(), POLLIN, 0}, // poll passes over a descriptor of -1
+        {mPeer.watch(), POLLIN, 0}, // poll ignores a descriptor of -1
     };
     if (hasPendingWrite())
         watched[0].events = static_cast<short>(watched[0].events | POLLOUT);
-    mWaitsAreShort = mSpin.spin(watched, std::size(watched)) ||
-                     isReportedWithin(timeoutMs, watched, std::size(watched));
+    mAnswersAreQuick =
+        mSpin.spin(watched, std::size(watched)) || pollFor(timeoutMs, watched, std::size(watched));
     if (watched[1].revents != 0)
-        mPeer.hasDied();
+        mPeer.probeDeath();
 }
 
-// Where answers come quickly, the first part of a wait watches the socket alone, which costs less.
-// A peer that dies then, and leaves its socket to others, is noticed that much later.
-bool nqNamedPipe::Private::isReportedWithin(int timeoutMs, pollfd* watched, nfds_t count) const
+// Where answers are quick, the first part of a wait polls the socket alone, which is cheaper. A
+// peer that dies then, while others hold its socket open, is noticed that much later.
+bool nqNamedPipe::Private::pollFor(int timeoutMs, pollfd* watched, nfds_t count) const
 {
     const nqDeadline deadline(timeoutMs);
-    if (mWaitsAreShort && timeoutMs > briefWaitMs && ::poll(watched, 1, briefWaitMs) > 0)
+    if (mAnswersAreQuick && timeoutMs > quickAnswerMs && ::poll(watched, 1, quickAnswerMs) > 0)
         return true;
     return deadline.poll(watched, count) > 0;
 }
 
-// A number of FD_SETSIZE or more would make select() write outside its set. A lower one may be free
-// later only, so this is tried again from time to time.
+// With a number of FD_SETSIZE or more, select() would write outside its set. A lower number may be
+// free only later, so probePeer() tries again.
 void nqNamedPipe::Private::moveIntoRangeOfSelect()
 {
     if (mSocket.get() >= FD_SETSIZE)
@@ -405,8 +416,8 @@ int nqNamedPipe::getSocket() const
 {
     if (!mPrivate->isConnected())
         return -1;
-    // Nothing is read while the buffer is full, so the socket would keep a select from sleeping.
-    // What is worth waking up for is then the peer's death.
+    // While the buffer is full nothing is read, and the socket would keep select() from sleeping.
+    // Only the peer's death is worth waking up for then.
     const int watched =
         mPrivate->isIncomingFull() ? mPrivate->mPeer.watch() : mPrivate->mSocket.get();
     return watched < FD_SETSIZE ? watched : -1;

@@ -14,35 +14,35 @@
 
 namespace nq {
 
-/// What a pipe consists of. Shared by the pipe itself and the server, which makes pipes of the
-/// connections that it accepts.
+/// The state of a pipe. Shared with the server, which makes pipes of the connections that it
+/// accepts.
 struct nqNamedPipe::Private {
     enum class Phase {
         closed, // no socket, nothing moves
         open,   // bytes may arrive
-        ended,  // no more bytes arrive, but some in the incoming buffer may still be taken
+        ended,  // no more bytes arrive, but the incoming buffer may still hold some
     };
 
     nqOwnerProcess mOwner; // a forked child's copy moves nothing and ends nothing
     Phase mPhase = Phase::closed;
-    nqDescriptor mSocket;      // open unless the phase is closed
-    nqPeer mPeer;              // who is at the other end of it
-    bool mWriteFailed = false; // the peer takes nothing any more; it may still have sent something
+    nqDescriptor mSocket;      // open unless mPhase is closed
+    nqPeer mPeer;              // the process at the other end
+    bool mWriteFailed = false; // the peer receives nothing any more; what it sent may still come
     std::vector<char> mIncoming;
     std::vector<char> mOutgoing;
-    bool mExpectsMuch = false;                // the last read filled the room it was given
-    bool mCongested = false;                  // the last write found too little room
-    bool mSavedReadAfterWrite = false;        // the last call wrote and did not read
-    bool mLeftDry = false;                    // the last read took all that the socket held
-    nqAdaptiveSpin mSpin;                     // before a wait sleeps
-    bool mWaitsAreShort = false;              // the last wait was not in vain
-    std::size_t mLeftByLastCall = 0;          // bytes in mIncoming when the last call returned
-    std::chrono::milliseconds mLastLookAt{0}; // when the peer's life was last looked at
+    bool mExpectsBulk = false;               // the last read filled the room it was given
+    bool mCongested = false;                 // the last write was short or refused
+    bool mSocketDrained = false;             // the last read took all that had arrived
+    bool mSkippedReadAfterWrite = false;     // the last call wrote and did not read
+    nqAdaptiveSpin mSpin;                    // before a wait sleeps
+    bool mAnswersAreQuick = false;           // the last wait did not time out
+    std::size_t mUnreadAfterLastCall = 0;    // size of mIncoming when the last call returned
+    std::chrono::milliseconds mLastProbe{0}; // when the peer was last probed
 
-    /// Makes a closed pipe an open one.
+    /// Opens the pipe over a connected socket.
     void adopt(nqDescriptor socket, nqPeer peer);
 
-    /// Gives up the socket and what both buffers hold.
+    /// Closes the socket and empties both buffers.
     void close();
 
     bool isConnected() const;
@@ -54,16 +54,17 @@ struct nqNamedPipe::Private {
     void processEvents(int timeoutMs, bool wait);
 
 private:
-    bool isForsaken();
+    bool isUndrained() const;
+    bool probeEnd();
+    bool probeHangUp();
+    bool probePeer();
     bool writePending();
-    bool hasRoomForMore() const;
+    bool isWritable() const;
     bool readAvailable(bool mayStopAtShortCount);
     nqTransfer readAside(std::size_t wanted);
     nqTransfer readInPlace(std::size_t wanted);
-    bool isPeerFoundDead();
-    bool hasPeerLeft();
     void waitForActivity(int timeoutMs);
-    bool isReportedWithin(int timeoutMs, pollfd* watched, nfds_t count) const;
+    bool pollFor(int timeoutMs, pollfd* watched, nfds_t count) const;
     void moveIntoRangeOfSelect();
 };
 

@@ -27,18 +27,18 @@ namespace nq {
 
 namespace {
 
-// A forked child drops its copies of descriptors when it reaches exec, which takes milliseconds.
+// A forked child drops its copies of descriptors at its exec, within milliseconds.
 constexpr int formerNameTimeoutMs = 1'000;
 constexpr std::chrono::milliseconds formerNameRetryInterval{1};
 
-// When the time has run out, a stray connection does not hide the good one queued behind it, and
-// somebody who connects without end does not hold up the caller for ever.
-constexpr int maxRefusalsOutOfTime = 64;
+// Connections refused after the time is up: enough that a stray one does not hide the good one
+// behind it, and bounded, so that a flood of them does not hold up the caller for ever.
+constexpr int maxLateRefusals = 64;
 
-// The peer is asked first: what it sent before it died is in the socket by then.
-bool hasHungUpInSilence(const nqDescriptor& socket, nqPeer& peer)
+// The peer is probed first: whatever it sent before it died is in the socket by then.
+bool probeSilentHangUp(const nqDescriptor& socket, nqPeer& peer)
 {
-    const bool died = peer.hasDied();
+    const bool died = peer.probeDeath();
     char byte = 0;
     const ssize_t waiting =
         retryOnSignal([&] { return ::recv(socket.get(), &byte, sizeof byte, MSG_PEEK); });
@@ -50,9 +50,16 @@ bool hasHungUpInSilence(const nqDescriptor& socket, nqPeer& peer)
 
 enum class Acceptance {
     accepted,
-    refused, // somebody connected who does not get in
-    nobody,  // nobody waits to be accepted
-    failed,  // no descriptor or memory is left, or this is no listening socket any more
+    refused, // a connection was closed that must not get in
+    nobody,  // no connection is queued
+    failed,  // out of descriptors or memory, or no longer a listening socket
+};
+
+enum class WaitOutcome {
+    connected,
+    failed,       // as Acceptance::failed
+    launchFailed, // the process that was to connect has ended, and its group with it
+    timedOut,
 };
 
 Acceptance outcomeOfFailedAccept()
@@ -72,24 +79,24 @@ Acceptance outcomeOfFailedAccept()
 struct nqNamedPipeServer::Private {
     nqOwnerProcess mOwner;                             // a forked child's copy does nothing
     nqDescriptor mListener;                            // open while listening
-    std::string mName;                                 // what it listens, or listened last, under
-    std::set<std::string> mFormerNames;                // what it listened under before
+    std::string mName;                                 // of mListener, or the last one's
+    std::set<std::string> mUsedNames;                  // every name that it ever listened under
     std::deque<std::unique_ptr<nqNamedPipe>> mPending; // accepted and not taken, oldest first
-
-    std::optional<nqStart> mFirstStart; // of the first process that it ever had
+    std::optional<nqStart> mFirstStart; // of the first process ever started for mName
 
     bool bindTo(int socket, const nqPipeAddress& address, const std::string& name) const;
     bool admit(const nqDescriptor& socket, nqPeer& peer) const;
     Acceptance acceptOne();
+    WaitOutcome awaitConnection(nqLaunchWatch& launch, const nqDeadline& deadline);
 };
 
-// A name in use is news at once, unless it is one that we gave up ourselves: a child that another
-// thread has just forked then holds the old listening socket until its exec. The kernel reports
-// nothing when it lets go, so the name is tried again at short intervals.
+// A name that is taken is refused at once, unless this server gave it up itself: a child that
+// another thread has just forked may hold the old listening socket until its exec. Nothing reports
+// that exec, so the name is tried again at short intervals.
 bool nqNamedPipeServer::Private::bindTo(
     int socket, const nqPipeAddress& address, const std::string& name) const
 {
-    const bool mayBecomeFree = mFormerNames.count(name) != 0;
+    const bool mayBecomeFree = mUsedNames.count(name) != 0;
     const nqDeadline deadline(mayBecomeFree ? formerNameTimeoutMs : 0);
     for (;;) {
         if (retryOnSignal([&] { return ::bind(socket, address.get(), address.mSize); }) == 0)
@@ -102,7 +109,7 @@ bool nqNamedPipeServer::Private::bindTo(
 
 bool nqNamedPipeServer::Private::admit(const nqDescriptor& socket, nqPeer& peer) const
 {
-    return peer.belongsToThisUser() && !hasHungUpInSilence(socket, peer) &&
+    return peer.belongsToThisUser() && !probeSilentHangUp(socket, peer) &&
            nqStartedProcess::admit(mName, peer, mFirstStart);
 }
 
@@ -124,6 +131,31 @@ Acceptance nqNamedPipeServer::Private::acceptOne()
     pipe->mPrivate->adopt(std::move(socket), std::move(peer));
     mPending.push_back(std::move(pipe));
     return Acceptance::accepted;
+}
+
+WaitOutcome
+nqNamedPipeServer::Private::awaitConnection(nqLaunchWatch& launch, const nqDeadline& deadline)
+{
+    for (int lateRefusals = 0;;) {
+        // Probed before the accept, so that a connection made before the end is not missed.
+        const bool launchHasFailed = launch.probeFailure();
+        switch (acceptOne()) {
+        case Acceptance::accepted:
+            return WaitOutcome::connected;
+        case Acceptance::failed:
+            return WaitOutcome::failed;
+        case Acceptance::refused:
+            if (deadline.hasPassed() && ++lateRefusals > maxLateRefusals)
+                return WaitOutcome::timedOut;
+            break;
+        case Acceptance::nobody:
+            if (launchHasFailed)
+                return WaitOutcome::launchFailed;
+            if (!launch.wait(mListener.get(), deadline))
+                return WaitOutcome::timedOut;
+            break;
+        }
+    }
 }
 
 nqNamedPipeServer::nqNamedPipeServer()
@@ -151,7 +183,7 @@ bool nqNamedPipeServer::listenUtf8(const std::string& name)
         return false;
     if (::listen(listener.get(), SOMAXCONN) != 0)
         return false;
-    mPrivate->mFormerNames.insert(name);
+    mPrivate->mUsedNames.insert(name);
     nqStartedProcess::noteListening(name);
     if (mPrivate->mName != name)
         mPrivate->mFirstStart.reset();
@@ -163,7 +195,7 @@ bool nqNamedPipeServer::listenUtf8(const std::string& name)
 
 void nqNamedPipeServer::processPipeServerEvents(int)
 {
-    // Connections are wanted only where somebody waits for one, and nothing else needs care.
+    // Connections are accepted only by waitForNewConnection(), and there is nothing else to do.
 }
 
 bool nqNamedPipeServer::waitForNewConnection(int timeoutMs, bool* timedOut)
@@ -176,34 +208,12 @@ bool nqNamedPipeServer::waitForNewConnection(int timeoutMs, bool* timedOut)
         mPrivate->mFirstStart = nqStartedProcess::firstStart(mPrivate->mName);
     const nqDeadline deadline(timeoutMs);
     nqLaunchWatch launch(mPrivate->mName);
-    int refusalsOutOfTime = 0;
-    for (;;) {
-        // Looked at before the listener, so that a connection made before the end is not missed.
-        const bool launchHasFailed = launch.findsFailure();
-        bool outOfTime = false;
-        switch (mPrivate->acceptOne()) {
-        case Acceptance::accepted:
-            return true;
-        case Acceptance::failed:
-            return false;
-        case Acceptance::refused:
-            outOfTime = deadline.hasPassed() && ++refusalsOutOfTime > maxRefusalsOutOfTime;
-            break;
-        case Acceptance::nobody:
-            if (launchHasFailed) {
-                launch.report();
-                return false;
-            }
-            outOfTime = !launch.wait(mPrivate->mListener.get(), deadline);
-            break;
-        }
-        if (outOfTime) {
-            launch.report();
-            if (timedOut)
-                *timedOut = true;
-            return false;
-        }
-    }
+    const WaitOutcome outcome = mPrivate->awaitConnection(launch, deadline);
+    if (outcome == WaitOutcome::launchFailed || outcome == WaitOutcome::timedOut)
+        launch.report();
+    if (timedOut)
+        *timedOut = outcome == WaitOutcome::timedOut;
+    return outcome == WaitOutcome::connected;
 }
 
 bool nqNamedPipeServer::hasPendingConnections() const

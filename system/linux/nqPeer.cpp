@@ -15,7 +15,7 @@ namespace {
 // SO_PEERPIDFD of Linux 6.5; the headers of the C library may be older than the kernel.
 constexpr int socketOptionPeerPidfd = 77;
 
-// The kernel hands out the very process that connected, even if its pid is in use again.
+// Names the very process that connected, even if its pid has been recycled.
 int pidfdOfPeer(int socket)
 {
     int pidfd = -1;
@@ -43,8 +43,7 @@ void nqPeer::watchWith(int socket)
         return;
     mWatch = nqDescriptor(pidfdOfPeer(socket));
     if (!mWatch.isOpen()) {
-        mIsWatchedByNumber =
-            errno != ENOPROTOOPT; // a kernel that cannot say it better has no doubts
+        mMayBeRecycled = errno != ENOPROTOOPT; // an older kernel offers nothing better than the pid
         const int pidfd = pidfdOpen(mCredentials.pid);
         mDead = pidfd < 0 && errno == ESRCH;
         mWatch = nqDescriptor(pidfd);
@@ -61,14 +60,14 @@ void nqPeer::keepInRangeOfSelect(bool isSelectedOn)
 {
     if (isSelectedOn && mWatch.get() >= FD_SETSIZE) {
         mWatch.moveToLowNumber();
-        mWatchIsBroughtDown = true;
-    } else if (!isSelectedOn && mWatchIsBroughtDown) {
+        mIsInSelectRange = true;
+    } else if (!isSelectedOn && mIsInSelectRange) {
         mWatch.moveOutOfRangeOfSelect();
-        mWatchIsBroughtDown = false;
+        mIsInSelectRange = false;
     }
 }
 
-bool nqPeer::hasDied()
+bool nqPeer::probeDeath()
 {
     if (mDead || !mWatch.isOpen())
         return mDead;
@@ -79,17 +78,17 @@ bool nqPeer::hasDied()
     return mDead;
 }
 
-// Asked before the look at its life: a number that may be in use again tells nothing.
-std::optional<nqStart> nqPeer::start()
+// Read first, probed second: only a process that lives afterwards still had its pid.
+std::optional<nqStart> nqPeer::readStart()
 {
     const std::optional<nqStart> start = nqProcFile::startOf(mCredentials.pid);
-    return hasDied() ? std::nullopt : start;
+    return probeDeath() ? std::nullopt : start;
 }
 
 nqDescriptor nqPeer::duplicateWatch() const
 {
-    const bool isSure = mWatch.isOpen() && !mIsWatchedByNumber;
-    nqDescriptor copy(isSure ? ::fcntl(mWatch.get(), F_DUPFD_CLOEXEC, 0) : -1);
+    const bool isThePeer = mWatch.isOpen() && !mMayBeRecycled;
+    nqDescriptor copy(isThePeer ? ::fcntl(mWatch.get(), F_DUPFD_CLOEXEC, 0) : -1);
     copy.moveOutOfRangeOfSelect();
     return copy;
 }

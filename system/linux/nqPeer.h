@@ -9,55 +9,52 @@
 
 namespace nq {
 
-/// The process at the other end of a connected Unix-domain socket, as the kernel noted it when the
-/// connection was made, and a watch on its life.
-///
-/// The stream alone does not tell that a process has died: one that it forked may still hold the
-/// socket open.
+/// The process at the other end of a connected Unix-domain socket, as the kernel recorded it when
+/// the connection was made, and a watch on its death: the stream does not end while a process that
+/// it forked holds the socket open.
 class nqPeer {
 public:
-    /// Nobody: of no user, and never dead.
+    /// Nobody: belongs to no user and never dies.
     nqPeer() = default;
 
     /// The peer of `socket`, which is connected.
     explicit nqPeer(int socket);
 
-    /// Begins to watch a peer that there was no descriptor to spare for until now.
+    /// Tries again to watch the peer of `socket`, if no descriptor was free for it before.
     void watchWith(int socket);
 
-    /// Whether its effective user was ours when it connected (or, for a server, began to listen).
+    /// Whether its effective user was ours when it connected or, as a server, began to listen.
     bool belongsToThisUser() const;
 
-    /// 0 when it lives outside our pid namespace.
+    /// 0 when it lives outside our PID namespace.
     pid_t pid() const
     {
         return mCredentials.pid;
     }
 
-    /// What hasDied() has found last, without looking.
+    /// Whether probeDeath() has found it dead.
     bool isKnownDead() const
     {
         return mDead;
     }
 
-    /// Whether the process has died, which is remembered. Costs one system call while it lives, and
-    /// none for a peer in this very process or one that the kernel does not let us watch; those are
-    /// never reported dead.
-    bool hasDied();
+    /// Checks whether the process has died, remembers it, and closes the watch if so. One system
+    /// call while it lives. A peer in this very process, or one that the kernel does not let us
+    /// watch, is never found dead.
+    bool probeDeath();
 
-    /// When it was forked; nothing once it has died, or where /proc does not tell.
-    std::optional<nqStart> start();
+    /// Reads when it was forked; nothing once it has died, or where /proc does not tell.
+    std::optional<nqStart> readStart();
 
-    /// A descriptor of the caller's own for the process, to signal it by; none when there is
-    /// nothing to watch, or when the kernel, which could tell, does not tell that it is the very
-    /// process.
+    /// A copy of the watch, to signal the process by; none when it is not watched, or when the
+    /// watch may have been opened on another process that got its pid.
     nqDescriptor duplicateWatch() const;
 
-    /// Brings the watch into the range of select() while it `isSelectedOn`, if a number is free,
-    /// and out of it afterwards. Costs nothing where it is as it should be.
+    /// Moves the watch below FD_SETSIZE while it `isSelectedOn`, if a number is free, and out of
+    /// the way afterwards. Costs nothing when it is in place.
     void keepInRangeOfSelect(bool isSelectedOn);
 
-    /// Becomes readable when the process dies; -1 when there is nothing to watch.
+    /// Becomes readable when the process dies; -1 when it is not watched.
     int watch() const
     {
         return mWatch.get();
@@ -65,10 +62,10 @@ public:
 
 private:
     ucred mCredentials{0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
-    nqDescriptor mWatch;             // a pidfd, which never comes to mean another process
-    bool mIsWatchedByNumber = false; // which may mean another process by then
-    bool mWatchIsBroughtDown = false;
-    bool mDead = false; // once true, the watch is closed
+    nqDescriptor mWatch;           // a pidfd; closed once mDead
+    bool mMayBeRecycled = false;   // opened by pid on a kernel that could name the very peer
+    bool mIsInSelectRange = false; // as keepInRangeOfSelect() has moved it
+    bool mDead = false;
 };
 
 } // namespace nq

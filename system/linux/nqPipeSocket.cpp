@@ -10,10 +10,10 @@ namespace nq {
 
 namespace {
 
-// An abstract name begins with a zero byte and needs no other at its end.
+// An abstract name begins with a zero byte and does not end in one.
 constexpr std::size_t maxNameBytes = sizeof(sockaddr_un::sun_path) - 1;
 
-nqTransfer refused()
+nqTransfer transferFailure()
 {
     switch (errno) {
     case EAGAIN:
@@ -54,7 +54,7 @@ nqTransfer sendOnce(int socket, const char* bytes, std::size_t size)
 {
     const ssize_t sent = retryOnSignal([&] { return ::send(socket, bytes, size, MSG_NOSIGNAL); });
     if (sent < 0)
-        return refused();
+        return transferFailure();
     return {nqTransferOutcome::moved, static_cast<std::size_t>(sent)};
 }
 
@@ -62,7 +62,7 @@ nqTransfer receiveOnce(int socket, char* bytes, std::size_t size)
 {
     const ssize_t received = retryOnSignal([&] { return ::recv(socket, bytes, size, 0); });
     if (received < 0)
-        return refused(); // a reset comes only after the last byte that the peer has sent
+        return transferFailure(); // a reset is reported only after the last byte received
     if (received == 0)
         return {nqTransferOutcome::closed, 0};
     return {nqTransferOutcome::moved, static_cast<std::size_t>(received)};

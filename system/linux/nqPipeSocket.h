@@ -13,7 +13,7 @@ namespace nq {
 /// The address of a pipe in the kernel's abstract socket namespace.
 struct nqPipeAddress {
     sockaddr_un mAddress;
-    socklen_t mSize; // counts the bytes of the name exactly, so that no name is padded into another
+    socklen_t mSize; // exact: the kernel takes padding for a part of the name
 
     const sockaddr* get() const
     {
@@ -21,20 +21,20 @@ struct nqPipeAddress {
     }
 };
 
-/// Nothing for a name that is empty or longer than the kernel takes.
+/// Nothing for a name that is empty or too long for the kernel.
 std::optional<nqPipeAddress> makePipeAddress(const std::string& name);
 
-/// A stream socket, non-blocking and close-on-exec from birth; not open when there is none to have.
+/// A stream socket, non-blocking and close-on-exec from birth; not open when none can be made.
 nqDescriptor openPipeSocket();
 
-/// Shuts down, then closes: a process that was forked meanwhile may hold a copy of the descriptor,
-/// and must not keep the stream alive with it.
+/// Shuts down, then closes, so that the stream ends even while a forked process holds a copy of the
+/// descriptor.
 void shutDownAndClose(nqDescriptor& socket);
 
 enum class nqTransferOutcome {
-    moved,      // the count says how many bytes, often fewer than offered
+    moved,      // mCount bytes, often fewer than offered
     wouldBlock, // nothing now, perhaps later
-    closed,     // nothing will move in this direction any more
+    closed,     // nothing will ever move in this direction again
 };
 
 struct nqTransfer {
@@ -42,10 +42,10 @@ struct nqTransfer {
     std::size_t mCount; // bytes moved
 };
 
-/// Offers `size` bytes, more than none, to the kernel once. A lost peer raises no SIGPIPE.
+/// Sends what the kernel takes at once of `size` bytes, at least 1. A lost peer raises no SIGPIPE.
 nqTransfer sendOnce(int socket, const char* bytes, std::size_t size);
 
-/// Takes up to `size` bytes, more than none, from the kernel once.
+/// Receives up to `size` bytes, at least 1, that are there at once.
 nqTransfer receiveOnce(int socket, char* bytes, std::size_t size);
 
 } // namespace nq

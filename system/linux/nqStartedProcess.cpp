@@ -225,7 +225,7 @@ bool nqStartedProcess::hasStraggler(nqPeer& peer, const std::optional<nqStart>& 
     const std::optional<nqStart> latestStart = nqProcFile::startOf(mPid);
     if (!latestStart)
         return false;
-    const std::optional<nqStart> peerStart = peer.start();
+    const std::optional<nqStart> peerStart = peer.readStart();
     if (!peerStart) // one that is dead cannot show that it is not
         return peer.isKnownDead();
     return *firstStart < *peerStart && *peerStart < *latestStart;
@@ -239,7 +239,7 @@ void nqStartedProcess::noteConnection(const std::string& server, nqPeer& peer)
     if (peer.pid() == mPid)
         return;
     const std::optional<nqStart> ownStart = nqProcFile::startOf(mPid);
-    const std::optional<nqStart> peerStart = peer.start();
+    const std::optional<nqStart> peerStart = peer.readStart();
     if (!ownStart || !peerStart || *ownStart < *peerStart)
         mPeer = peer.duplicateWatch();
 }

@@ -57,7 +57,7 @@ class CallSites(unittest.TestCase):
                 self.assertIn(f"{call}:{name}", entries)
 
     def test_the_entry_for_one_function_goes_before_the_general_one(self):
-        looks = [fault.name for fault in faults_table.faults_of("recv", "", ["hasHungUpInSilence"])]
+        looks = [fault.name for fault in faults_table.faults_of("recv", "", ["probeSilentHangUp"])]
         reads = [fault.name for fault in faults_table.faults_of("recv", "", ["receiveOnce"])]
         self.assertIn("ENOMEM", looks)
         self.assertNotIn("short-3", looks)

@@ -123,7 +123,7 @@ FAULTS = {
     "recv": transparent("EINTR", "EAGAIN", "ENOBUFS", "ENOMEM") + hang_up("ECONNRESET")
     + short(*LENGTHS, lasting=(3, 4095)),
     # One look at one byte, which decides whether a newcomer gets in.
-    "recv@hasHungUpInSilence": transparent("EINTR", "EAGAIN") + hang_up("ECONNRESET")
+    "recv@probeSilentHangUp": transparent("EINTR", "EAGAIN") + hang_up("ECONNRESET")
     + costly("ENOMEM", "ENOBUFS"),
     "select": transparent("EINTR", "ENOMEM", lasts=True),
     "send": transparent("EINTR", "EAGAIN", "ENOBUFS", "ENOMEM") + hang_up("EPIPE", "ECONNRESET")
