@@ -14,8 +14,8 @@ namespace nq {
 
 namespace {
 
-constexpr std::int64_t firstPauseMs = 1; // a process that was killed is gone within that time
-constexpr std::int64_t maxPauseMs = 16;  // late by no more than that, and hardly any load
+constexpr std::int64_t firstPauseMs = 1; // most killed processes are gone by then
+constexpr std::int64_t maxPauseMs = 16;  // the longest delay, at hardly any load
 
 } // namespace
 
@@ -36,7 +36,7 @@ nqChild::nqChild(pid_t pid)
 bool nqChild::hasFailed() const
 {
     siginfo_t ended{};
-    if (!look(ended, WNOHANG | WNOWAIT))
+    if (!wait(ended, WNOHANG | WNOWAIT))
         return true;
     return ended.si_pid != 0 && !nqChildEnd::of(ended).isSuccess();
 }
@@ -60,14 +60,13 @@ bool nqChild::waitForEnd(std::int64_t timeoutMs)
         if (deadline.hasPassed())
             return false;
         if (watch) {
-            // Reported once, the end stays reported, also while a debugger keeps the child from
-            // being reaped: watching on would spin.
+            // The pidfd stays readable while a debugger keeps the child from being reaped: polling
+            // on would spin.
             pollfd end{mPidfd.get(), POLLIN, 0};
             watch = deadline.poll(&end, 1) == 0;
             continue;
         }
-        // Without a pidfd no event reports the end of one child short of a SIGCHLD handler, and
-        // that signal belongs to the host.
+        // Without a pidfd only SIGCHLD reports an end, and that signal belongs to the host.
         nqDeadline(pauseMs).poll(nullptr, 0);
         pauseMs = std::min(pauseMs * 2, maxPauseMs);
     }
@@ -80,7 +79,7 @@ void nqChild::kill()
         pidfdSendSignal(mPidfd.get(), SIGKILL);
         return;
     }
-    // Only a child that is running this moment is known to own its number.
+    // A pid belongs to the child for certain only until it is reaped, which the host may do.
     siginfo_t ended{};
     if (::waitid(P_PID, static_cast<id_t>(mPid), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
         ended.si_pid == 0)
@@ -90,7 +89,7 @@ void nqChild::kill()
 bool nqChild::reap(int options)
 {
     siginfo_t ended{};
-    if (!look(ended, options))
+    if (!wait(ended, options))
         return errno == ECHILD;
     if (ended.si_pid == 0)
         return false;
@@ -98,7 +97,8 @@ bool nqChild::reap(int options)
     return true;
 }
 
-bool nqChild::look(siginfo_t& ended, int options) const
+// False with errno when the call fails; si_pid stays 0 while the child runs.
+bool nqChild::wait(siginfo_t& ended, int options) const
 {
     const idtype_t kind = mPidfd.isOpen() ? waitForPidfd : P_PID;
     const id_t id = static_cast<id_t>(mPidfd.isOpen() ? mPidfd.get() : mPid);

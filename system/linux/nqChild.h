@@ -26,42 +26,41 @@ struct nqChildEnd {
 
 /// One child of this process, from its start until it is reaped.
 ///
-/// Watched through a pidfd, which means this process whatever becomes of its number. Where the
-/// kernel or a sandbox refuses pidfds, the number serves, and is used only while the child is known
-/// not to be reaped.
+/// Held by a pidfd, which never comes to mean another process. Where the kernel or a sandbox
+/// refuses pidfds, its pid is used, but only while the child is known not to be reaped.
 ///
-/// A host that ignores SIGCHLD, or that reaps every child itself, takes the exit status away. The
-/// kernel then says that there is no such child, which means that it has ended.
+/// A host that ignores SIGCHLD, or reaps every child itself, takes the exit status away. The kernel
+/// then reports no such child, which counts as ended.
 class nqChild {
 public:
     /// A child that this process has just started.
     explicit nqChild(pid_t pid);
 
-    /// Looks without waiting or reaping. True when it has ended by a signal or with a status other
-    /// than 0, or somebody else has taken the status away.
+    /// Whether it has ended by a signal or with a status other than 0, or the host has taken the
+    /// status away. Neither waits nor reaps.
     bool hasFailed() const;
 
-    /// Looks without waiting and reaps. Once true, only end() may be called any more.
+    /// Reaps it if it has ended, without waiting. Once true, only end() may be called.
     bool reapIfEnded();
 
-    /// Waits without limit for the end and reaps.
+    /// Waits without limit for its end and reaps it.
     void waitForEnd();
 
-    /// Waits at most `timeoutMs` milliseconds; 0 looks once. True when it has ended and is reaped.
+    /// Waits at most `timeoutMs` milliseconds, 0 meaning not at all. True when it is reaped.
     bool waitForEnd(std::int64_t timeoutMs);
 
-    /// How it ended, once it was reaped; nothing when somebody else has taken that away.
+    /// How it ended, once it is reaped; nothing when the host has taken the status away.
     const std::optional<nqChildEnd>& end() const
     {
         return mEnd;
     }
 
-    /// Sends SIGKILL to this one process, and returns at once.
+    /// Sends SIGKILL to this process alone, and returns at once.
     void kill();
 
 private:
     bool reap(int options);
-    bool look(siginfo_t& ended, int options) const;
+    bool wait(siginfo_t& ended, int options) const;
 
     pid_t mPid;
     nqDescriptor mPidfd; // none where pidfds are refused

@@ -6,15 +6,15 @@
 
 namespace nq {
 
-/// The one value of its type that all threads of the process share, behind a lock that a fork
-/// neither leaves held in the child nor catches with the value half changed.
+/// The one value of its type in the process, behind a lock that survives a fork: in the child the
+/// lock is free and the value whole, because the fork itself waits for the lock.
 ///
-/// In a forked child the value's inForkedChild() runs, with the lock held, before anything else can
-/// reach it. Never destroyed: static objects of the host may need it until the very end.
+/// In the child the value's resetInChild() runs before anything else reaches it. Never destroyed:
+/// static objects of the host may need it to the very end.
 template <typename Value>
 class nqForkSafe {
 public:
-    /// Access for as long as it lives.
+    /// Holds the lock for as long as it lives.
     class Access {
     public:
         Value* operator->() const
@@ -43,7 +43,7 @@ public:
 private:
     nqForkSafe()
     {
-        if (::pthread_atfork(lock, unlock, startAnew) != 0)
+        if (::pthread_atfork(lock, unlock, resetAndUnlock) != 0)
             throw std::bad_alloc();
     }
 
@@ -61,9 +61,9 @@ private:
     {
         instance().mMutex.unlock();
     }
-    static void startAnew()
+    static void resetAndUnlock()
     {
-        instance().mValue.inForkedChild();
+        instance().mValue.resetInChild();
         unlock();
     }
 

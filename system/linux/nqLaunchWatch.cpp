@@ -18,7 +18,7 @@ constexpr std::int64_t probeIntervalMs = 200;
 } // namespace
 
 nqLaunchWatch::nqLaunchWatch(const std::string& server)
-    : mPid(nqStartedProcess::awaited(server)),
+    : mPid(nqStartedProcess::awaitedPid(server)),
       mPidfd(mPid ? pidfdOpen(*mPid) : -1)
 {
 }

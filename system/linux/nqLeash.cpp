@@ -19,19 +19,19 @@ bool armForOwnGroup(int end) noexcept
            ::fcntl(end, F_SETFL, O_ASYNC | O_NONBLOCK) == 0;
 }
 
-// Laid out when the library is loaded: the first use in a thread must not need memory.
+// Laid out when the library is loaded, so that its first use in a thread allocates nothing.
 [[gnu::tls_model("initial-exec")]] thread_local const nqLeash* leashForChild = nullptr;
 
 } // namespace
 
-/// The leashes of this process. Their sockets are opened and closed under the lock, so that a fork
-/// sees either both ends and the entry or none of them.
+/// The leashes of this process. Sockets are opened and closed under the lock, so that a fork finds
+/// either both ends and the entry, or nothing.
 struct nqLeash::Registry {
     std::vector<nqLeash*> mLeashes;
 
-    void inForkedChild()
+    void resetInChild()
     {
-        // Closed and not shut down: a shutdown would reach the sockets of the parent.
+        // Not shut down: that would reach the parent's sockets.
         for (nqLeash* leash : mLeashes) {
             if (leash == leashForChild)
                 continue;
@@ -67,11 +67,6 @@ nqLeash::ForChild::~ForChild()
     leashForChild = nullptr;
 }
 
-nqLeash::~nqLeash()
-{
-    release();
-}
-
 bool nqLeash::armForOwnGroup() const noexcept
 {
     return nq::armForOwnGroup(mOneEnd.get()) && nq::armForOwnGroup(mOtherEnd.get());
@@ -79,13 +74,13 @@ bool nqLeash::armForOwnGroup() const noexcept
 
 void nqLeash::killGroup() noexcept
 {
-    // Closing would do as well, but too late when a child that another thread has just forked holds
-    // copies until its exec. A shutdown hangs up whoever else holds the socket.
-    if (isMade() && mOwner.isThisProcess())
+    // A close would hang up too, but not before the exec of a child that another thread has just
+    // forked and that holds copies. A shutdown takes effect at once.
+    if (isOpen() && mOwner.isThisProcess())
         ::shutdown(mOneEnd.get(), SHUT_RDWR);
 }
 
-void nqLeash::release() noexcept
+nqLeash::~nqLeash()
 {
     if (!mOneEnd.isOpen() && !mOtherEnd.isOpen())
         return;

@@ -7,25 +7,24 @@ namespace nq {
 
 /// Ties the process group of one child to the life of the host.
 ///
-/// A pair of connected stream sockets, both ends held by the host alone. Before its exec the child
-/// names its own process group as the owner of both ends, and SIGKILL as the signal that reports
-/// activity on them. Owner and signal belong to the open sockets and not to the process that set
-/// them, so they hold in the host, and the child keeps nothing.
+/// A pair of connected stream sockets, both held by the host alone. Between vfork and exec the
+/// child makes its process group the owner of both (F_SETOWN) and SIGKILL the signal that reports
+/// activity on them (F_SETSIG, O_ASYNC). These settings belong to the sockets, not to the process
+/// that made them, so they stay in the host, and the child keeps nothing.
 ///
-/// When the host ends, by whatever means, the kernel closes its descriptors one after the other.
-/// Whichever end goes first hangs up on the other, which still stands for that moment, and the
-/// kernel reports the hang-up by sending SIGKILL to every member of the group. No thread of the
-/// host matters and no worker can prevent it. A host that dies between vfork and exec leaves the
-/// last references to the child, whose own exec closes them and thereby kills it. The owner is a
-/// reference to the group inside the kernel and not a number, so a reused number is never hit.
+/// When the host ends, by whatever means, the kernel closes its descriptors one by one. The first
+/// end to go hangs up the other, and the kernel reports that by sending SIGKILL to the group. No
+/// thread of the host takes part, and no worker can prevent it. If the host dies between vfork and
+/// exec, the child holds the last references; its own exec closes them and so kills it. The kernel
+/// refers to the group by reference, so a recycled pid is never hit.
 ///
 /// A child that the host forks without an exec would hold copies and keep the group alive after the
-/// host's end; a fork handler closes them there, but for the one leash that this child is started
-/// to arm, see ForChild. Not copied and not moved, because that handler knows its address. Any
-/// thread may make and destroy leashes.
+/// host's end. A fork handler closes them there, except those of a leash that this very child is to
+/// arm, see ForChild. The handler knows leashes by address, so they are neither copied nor moved.
+/// Any thread may make and destroy leashes.
 class nqLeash {
 public:
-    /// Makes the pair. isMade() is false when the host has no descriptors left.
+    /// Makes the pair. On failure isOpen() is false, and errno says why.
     nqLeash();
 
     /// Kills what is left of an armed group.
@@ -34,14 +33,13 @@ public:
     nqLeash(const nqLeash&) = delete;
     nqLeash& operator=(const nqLeash&) = delete;
 
-    bool isMade() const
+    bool isOpen() const
     {
         return mOneEnd.isOpen() && mOtherEnd.isOpen();
     }
 
-    /// Lives while its thread starts the child that arms `leash`. Tools that watch every access to
-    /// memory turn vfork into a fork with all its handlers; that child then keeps its copies, and
-    /// its exec closes them.
+    /// Lives while its thread starts the child that arms `leash`. Tools such as sanitizers turn
+    /// vfork into a fork that runs all handlers; the child then needs its copies until its exec.
     class ForChild {
     public:
         explicit ForChild(const nqLeash& leash);
@@ -50,20 +48,17 @@ public:
         ForChild& operator=(const ForChild&) = delete;
     };
 
-    /// Called by the child, which leads its session and group, between vfork and exec: nothing but
+    /// Called by the child between vfork and exec, once it leads its group: makes nothing but
     /// system calls. False when the kernel refuses.
     bool armForOwnGroup() const noexcept;
 
-    /// Kills every member of the group. Does nothing on a leash that nobody armed.
+    /// Kills every member of the group. Without effect until the leash is armed.
     void killGroup() noexcept;
-
-    /// Kills what is left of the group and closes both ends.
-    void release() noexcept;
 
 private:
     struct Registry;
 
-    nqOwnerProcess mOwner; // a forked child kills nobody, not even by a fork that ran no handler
+    nqOwnerProcess mOwner; // a forked child kills nobody, even if its fork ran no handler
     nqDescriptor mOneEnd;
     nqDescriptor mOtherEnd;
 };

@@ -23,16 +23,26 @@
 #include <unistd.h>
 #include <utility>
 
+// How a process ends:
+// - updateState() or waitForFinished() finds that it has ended, and reaps it. Its pid may be
+// recycled
+//   from then on, so nothing is done by it any more.
+// - enterEnded() follows: releasing the leash kills what is left of the group, and the record keeps
+//   servers from letting in anybody of it.
+// - killProcess() only sends the signals; the two above find the end later.
+// - A process that exits with status 0 while a server waits for it is not reaped until somebody has
+//   connected: reaping it would kill the background program that it may have started.
+
 namespace nq {
 
 namespace {
 
 constexpr unsigned int noTimeLimit = std::numeric_limits<unsigned int>::max();
 
-// A killed process normally ends within a millisecond, later when it has gigabytes to give back.
+// A killed process normally ends within a millisecond; one that frees gigabytes takes longer.
 constexpr std::int64_t maxWaitOfDestructorMs = 1'000;
 
-constexpr int lowPriorityNiceness = 10; // half of the way down: runs at a tenth of the usual share
+constexpr int lowPriorityNiceness = 10; // about a tenth of the usual share of a busy processor
 constexpr int idlePriorityNiceness = 19;
 
 int nicenessOf(nqProcess::ProcessPriority priority)
@@ -53,7 +63,7 @@ bool holdsNul(const std::string& text)
     return text.find('\0') != std::string::npos;
 }
 
-// The second number of a statm line; 0 when there is none.
+// The second number of a line of statm; 0 when there is none.
 std::uint64_t residentPages(const char* position, const char* end)
 {
     position = std::find(position, end, ' ');
@@ -73,32 +83,44 @@ nqDescriptor openMemoryStatistics(pid_t pid)
     return statistics;
 }
 
+// Of texts that are borrowed. execve takes them as not const for historical reasons, and changes
+// none.
+std::vector<char*>
+argumentVector(const std::string& executable, const std::vector<std::string>& arguments)
+{
+    std::vector<char*> texts{const_cast<char*>(executable.c_str())};
+    for (const std::string& argument : arguments)
+        texts.push_back(const_cast<char*>(argument.c_str()));
+    texts.push_back(nullptr);
+    return texts;
+}
+
 } // namespace
 
 struct nqProcess::Private {
-    nqOwnerProcess mOwner;              // for a forked child, its copy stands for no process
-    std::string mWorkingDirectory;      // empty: the host's
-    bool mStartWasCalled = false;       // whatever came of it
-    ProcessState mProcess = NotStarted; // changed by start() and enterEnded() only
-    pid_t mPid = 0;                     // kept after the end, for messages
-    std::optional<nqChild> mChild;      // set while mProcess is Running
-    std::optional<nqLeash> mLeash;      // armed while mProcess is Running, else none
-    nqDescriptor mMemoryStatistics;     // kept open, so that it never means another process
-    std::optional<nqStartedProcess> mForServers; // what servers know of it, from its start on
+    nqOwnerProcess mOwner;                   // a forked child's copy stands for no process
+    std::string mWorkingDirectory;           // empty: the host's
+    bool mStartWasCalled = false;            // whatever came of it
+    ProcessState mState = NotStarted;        // as last found
+    pid_t mPid = 0;                          // kept after the end, for messages
+    std::optional<nqChild> mChild;           // set while mState is Running
+    std::optional<nqLeash> mLeash;           // armed while mState is Running, else none
+    nqDescriptor mMemoryStatistics;          // kept open, so that it never means another process
+    std::optional<nqStartedProcess> mRecord; // what servers know of it, once it is being started
 
     bool start(nqSpawnRequest request);
     void enterEnded();
-    bool reapIfEnded();
-    bool openMissingMemoryStatistics();
+    ProcessState updateState();
+    bool keepMemoryStatisticsOpen();
 };
 
 bool nqProcess::Private::start(nqSpawnRequest request)
 {
     mLeash.emplace();
     nqSpawnResult result;
-    result.mError = errno;
+    result.mError = errno; // of the leash, if there is none
     request.mLeash = &*mLeash;
-    if (mLeash->isMade())
+    if (mLeash->isOpen())
         result = nqSpawn(request);
     if (result.mPid == 0) {
         mLeash.reset();
@@ -106,47 +128,45 @@ bool nqProcess::Private::start(nqSpawnRequest request)
         return false;
     }
     mPid = result.mPid;
-    mForServers->noteStart(mPid);
+    mRecord->noteStart(mPid);
     mChild.emplace(mPid);
-    mProcess = Running;
+    mState = Running;
     mMemoryStatistics = openMemoryStatistics(mPid);
     return true;
 }
 
-// The leader is gone. What it forked into its group goes with it, and a connection from there is
-// nobody's any more.
+// The leader is reaped.
 void nqProcess::Private::enterEnded()
 {
-    mProcess = Ended;
-    mLeash.reset();
+    mState = Ended;
+    mLeash.reset(); // kills what is left of the group
     mMemoryStatistics.close();
     const std::optional<nqChildEnd> end = mChild->end();
     mChild.reset();
-    mForServers->noteEnd(end);
+    mRecord->noteEnd(end);
 }
 
-// True when it does not run, or not any more. One that has left without an error while a server
-// waits for its connection counts as running: it may have put its program into the background.
-bool nqProcess::Private::reapIfEnded()
+// Reaps the process if it has ended, unless it may still be waited for by a server.
+nqProcess::ProcessState nqProcess::Private::updateState()
 {
-    if (mProcess != Running)
-        return true;
+    if (mState != Running)
+        return mState;
     if (!mOwner.isThisProcess())
-        mProcess = Ended; // without a look at what is the parent's
-    else if ((!mForServers->isAwaited() || mChild->hasFailed()) && mChild->reapIfEnded())
+        mState = Ended; // the process is the parent's, and left alone
+    else if ((!mRecord->isAwaited() || mChild->hasFailed()) && mChild->reapIfEnded())
         enterEnded();
-    return mProcess != Running;
+    return mState;
 }
 
-// What could not be opened at the launch is tried again: a limit that was set has to hold, though
-// the host was short of descriptors for a moment. The child must live before and after, since a
-// host that reaps it itself frees its number for another process.
-bool nqProcess::Private::openMissingMemoryStatistics()
+// Tried again when it failed at the launch: a memory cap has to hold even if the host was short of
+// descriptors for a moment. The process must run before and after, because a host that reaps it
+// itself frees its pid for another.
+bool nqProcess::Private::keepMemoryStatisticsOpen()
 {
-    if (mMemoryStatistics.isOpen() || reapIfEnded())
+    if (mMemoryStatistics.isOpen() || updateState() != Running)
         return mMemoryStatistics.isOpen();
     nqDescriptor statistics = openMemoryStatistics(mPid);
-    if (!reapIfEnded())
+    if (updateState() == Running)
         mMemoryStatistics = std::move(statistics);
     return mMemoryStatistics.isOpen();
 }
@@ -159,9 +179,9 @@ nqProcess::nqProcess()
 nqProcess::~nqProcess()
 {
     const nqThread::Uncancellable untilDestroyed;
-    if (!mPrivate->reapIfEnded()) {
+    if (mPrivate->updateState() == Running) {
         killProcess();
-        if (mPrivate->mProcess == Running && !mPrivate->mChild->waitForEnd(maxWaitOfDestructorMs))
+        if (mPrivate->mState == Running && !mPrivate->mChild->waitForEnd(maxWaitOfDestructorMs))
             nqReaper::takeOver(std::move(*mPrivate->mChild));
     }
     nqReaper::reapEnded();
@@ -181,7 +201,7 @@ bool nqProcess::startProcess(
     nqReaper::reapEnded();
     if (!mPrivate->mOwner.isThisProcess() || std::exchange(mPrivate->mStartWasCalled, true))
         return false;
-    // The kernel would silently cut such a text short.
+    // The kernel would cut such a text short.
     if (holdsNul(exePathUtf8) || holdsNul(mPrivate->mWorkingDirectory) ||
         std::any_of(arguments.begin(), arguments.end(), holdsNul)) {
         logError("Cannot start a process: its path, folder or an argument holds a zero byte");
@@ -189,30 +209,24 @@ bool nqProcess::startProcess(
     }
 
     const std::string executable = nqDirUtils::GetAbsolutePathUtf8(exePathUtf8);
-    // execve takes its texts as not const for historical reasons and leaves them alone.
-    std::vector<char*> texts{const_cast<char*>(exePathUtf8.c_str())};
-    for (const std::string& argument : arguments)
-        texts.push_back(const_cast<char*>(argument.c_str()));
-    texts.push_back(nullptr);
-
+    const std::vector<char*> argv = argumentVector(exePathUtf8, arguments);
     nqSpawnRequest request;
     request.mExecutable = executable.c_str();
-    request.mArguments = texts.data();
+    request.mArguments = argv.data();
     if (!mPrivate->mWorkingDirectory.empty())
         request.mWorkingDirectory = mPrivate->mWorkingDirectory.c_str();
     request.mSilenceOutput = silenceOutput;
     request.mNiceness = nicenessOf(priority);
-    mPrivate->mForServers.emplace(executable, arguments);
+    mPrivate->mRecord.emplace(executable, arguments);
     if (mPrivate->start(request))
         return true;
-    mPrivate->mForServers.reset();
+    mPrivate->mRecord.reset();
     return false;
 }
 
 nqProcess::ProcessState nqProcess::getState() const
 {
-    mPrivate->reapIfEnded();
-    return mPrivate->mProcess;
+    return mPrivate->updateState();
 }
 
 std::int64_t nqProcess::getPid() const
@@ -223,10 +237,9 @@ std::int64_t nqProcess::getPid() const
 std::uint64_t nqProcess::getCurrentRamInUse() const
 {
     static const auto pageBytes = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
-    if (!mPrivate->openMissingMemoryStatistics())
+    if (!mPrivate->keepMemoryStatisticsOpen())
         return 0;
-    char line[128]; // seven numbers of at most twenty digits in theory; the second stands well
-                    // inside
+    char line[128]; // room for the first two of its seven numbers, whatever they are
     const ssize_t count = retryOnSignal(
         [&] { return ::pread(mPrivate->mMemoryStatistics.get(), line, sizeof(line), 0); });
     return count > 0 ? residentPages(line, line + count) * pageBytes : 0;
@@ -235,7 +248,8 @@ std::uint64_t nqProcess::getCurrentRamInUse() const
 bool nqProcess::setWorkingSetMaxSize(std::uint64_t bytes)
 {
     rlimit limit{};
-    if (mPrivate->reapIfEnded() || ::prlimit(mPrivate->mPid, RLIMIT_DATA, nullptr, &limit) != 0)
+    if (mPrivate->updateState() != Running ||
+        ::prlimit(mPrivate->mPid, RLIMIT_DATA, nullptr, &limit) != 0)
         return false;
     limit.rlim_cur = std::min<rlim_t>(bytes, limit.rlim_max);
     return ::prlimit(mPrivate->mPid, RLIMIT_DATA, &limit, nullptr) == 0;
@@ -243,19 +257,19 @@ bool nqProcess::setWorkingSetMaxSize(std::uint64_t bytes)
 
 void nqProcess::killProcess()
 {
-    if (!mPrivate->mForServers || !mPrivate->mOwner.isThisProcess())
+    if (!mPrivate->mRecord || !mPrivate->mOwner.isThisProcess())
         return;
-    mPrivate->mForServers->noteKill(); // first: that it ends from here on is no news for the log
-    if (!mPrivate->reapIfEnded()) {
+    mPrivate->mRecord->noteKill(); // first, so that an end found from here on is not logged
+    if (mPrivate->updateState() == Running) {
         mPrivate->mLeash->killGroup();
-        mPrivate->mChild->kill(); // by a handle of its own, whatever became of the group
+        mPrivate->mChild->kill(); // by its own handle as well, whatever became of the group
     }
-    mPrivate->mForServers->killPeer();
+    mPrivate->mRecord->killPeer();
 }
 
 bool nqProcess::waitForFinished(unsigned int timeoutMs)
 {
-    if (mPrivate->mProcess != Running || !mPrivate->mOwner.isThisProcess())
+    if (mPrivate->mState != Running || !mPrivate->mOwner.isThisProcess())
         return true;
     if (timeoutMs == noTimeLimit)
         mPrivate->mChild->waitForEnd();

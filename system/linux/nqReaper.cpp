@@ -14,8 +14,8 @@ namespace {
 struct Leftovers {
     std::vector<nqChild> mChildren;
 
-    // What it copied are no children of its own.
-    void inForkedChild()
+    // They are children of its parent.
+    void resetInChild()
     {
         mChildren.clear();
     }
@@ -28,7 +28,7 @@ void nqReaper::takeOver(nqChild&& child) noexcept
     try {
         nqForkSafe<Leftovers>::access()->mChildren.push_back(std::move(child));
     } catch (const std::bad_alloc&) {
-        // One zombie until the host ends, rather than the end of the host.
+        // Better a zombie until the host ends than an exception out of a destructor.
     }
 }
 
@@ -41,7 +41,7 @@ void nqReaper::reapEnded() noexcept
             children.begin(), children.end(), [](nqChild& child) { return child.reapIfEnded(); });
         children.erase(ended, children.end());
     } catch (const std::bad_alloc&) {
-        // Without memory for the list there is nobody in it.
+        // The list could not even be made, so it is empty.
     }
 }
 

@@ -4,13 +4,13 @@
 
 namespace nq {
 
-/// Children that were killed and whose owner is gone, but which the kernel could not end in time: a
-/// process in uninterruptible sleep dies only when its device answers. Any thread may call.
+/// Killed children whose owner is gone, but which the kernel could not end in time: a process in
+/// uninterruptible sleep dies only when its device answers. Any thread may call.
 class nqReaper {
 public:
     static void takeOver(nqChild&& child) noexcept;
 
-    /// Reaps, without waiting, those that have ended since.
+    /// Reaps those that have ended, without waiting.
     static void reapEnded() noexcept;
 };
 

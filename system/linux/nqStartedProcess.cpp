@@ -16,12 +16,12 @@ namespace nq {
 
 namespace {
 
-// What the loader leaves with, after it has said on standard error what it misses.
+// The dynamic loader's, after it has said on standard error what is missing.
 constexpr int loaderFailedExitStatus = 127;
 
 pid_t groupOf(pid_t pid)
 {
-    // A process that is gone has no group any more; it may have led one.
+    // For a process that is gone: it may have led its group.
     const pid_t group = ::getpgid(pid);
     return group > 0 ? group : pid;
 }
@@ -33,47 +33,47 @@ bool contains(const std::vector<std::string>& texts, const std::string& text)
 
 } // namespace
 
-/// The processes in the order of their start, and the names that somebody listens under.
+/// All processes in the order of their start, and the names that servers listen under.
 struct nqStartedProcess::Roster {
     std::vector<nqStartedProcess*> mProcesses;
     std::vector<std::string> mListening;
 
-    nqStartedProcess* find(pid_t pid) const;
+    nqStartedProcess* withPid(pid_t pid) const;
     nqStartedProcess* latestOf(const std::string& server) const;
-    nqStartedProcess* inGroup(const std::string& server, pid_t group) const;
+    nqStartedProcess* leaderOf(pid_t group, const std::string& server) const;
     bool isListenedFor(const nqStartedProcess& process) const;
 
-    void inForkedChild()
+    void resetInChild()
     {
         mProcesses.clear();
         mListening.clear();
     }
+
+private:
+    template <typename Predicate>
+    nqStartedProcess* latest(Predicate isWanted) const
+    {
+        const auto found = std::find_if(mProcesses.rbegin(), mProcesses.rend(), isWanted);
+        return found == mProcesses.rend() ? nullptr : *found;
+    }
 };
 
-nqStartedProcess* nqStartedProcess::Roster::find(pid_t pid) const
+// The latest: the pid of one that has ended may have been recycled. Likewise in leaderOf.
+nqStartedProcess* nqStartedProcess::Roster::withPid(pid_t pid) const
 {
-    const auto isThisOne = [pid](const nqStartedProcess* process) { return process->mPid == pid; };
-    const auto found = std::find_if(mProcesses.rbegin(), mProcesses.rend(), isThisOne);
-    return found == mProcesses.rend() ? nullptr : *found;
+    return latest([&](const nqStartedProcess* process) { return process->mPid == pid; });
 }
 
 nqStartedProcess* nqStartedProcess::Roster::latestOf(const std::string& server) const
 {
-    const auto belongs = [&](const nqStartedProcess* process) {
-        return process->belongsTo(server);
-    };
-    const auto found = std::find_if(mProcesses.rbegin(), mProcesses.rend(), belongs);
-    return found == mProcesses.rend() ? nullptr : *found;
+    return latest([&](const nqStartedProcess* process) { return process->belongsTo(server); });
 }
 
-// The latest, since the number of one that has ended may be in use again.
-nqStartedProcess* nqStartedProcess::Roster::inGroup(const std::string& server, pid_t group) const
+nqStartedProcess* nqStartedProcess::Roster::leaderOf(pid_t group, const std::string& server) const
 {
-    const auto leads = [&](const nqStartedProcess* process) {
+    return latest([&](const nqStartedProcess* process) {
         return process->mPid == group && process->belongsTo(server);
-    };
-    const auto found = std::find_if(mProcesses.rbegin(), mProcesses.rend(), leads);
-    return found == mProcesses.rend() ? nullptr : *found;
+    });
 }
 
 bool nqStartedProcess::Roster::isListenedFor(const nqStartedProcess& process) const
@@ -118,13 +118,13 @@ void nqStartedProcess::noteKill() noexcept
 
 void nqStartedProcess::noteEnd(const std::optional<nqChildEnd>& end) noexcept
 {
-    bool isAwaited = false;
+    bool wasAwaited = false;
     {
         const auto roster = nqForkSafe<Roster>::access();
         mHasEnded = true;
-        isAwaited = mConnectedTo.empty() && roster->isListenedFor(*this);
+        wasAwaited = mConnectedTo.empty() && roster->isListenedFor(*this);
     }
-    if (isAwaited && end)
+    if (wasAwaited && end)
         reportEnd(mPid, *end);
 }
 
@@ -165,14 +165,14 @@ bool nqStartedProcess::admit(
     const auto roster = nqForkSafe<Roster>::access();
     nqStartedProcess* process = nullptr;
     if (peer.pid() > 0)
-        process = roster->inGroup(server, groupOf(peer.pid()));
+        process = roster->leaderOf(groupOf(peer.pid()), server);
     if (process != nullptr && !process->mayConnectTo(server))
         return false;
     if (process == nullptr) {
         process = roster->latestOf(server);
         if (process == nullptr)
             return true;
-        if (process->hasStraggler(peer, firstStart))
+        if (process->probeStraggler(peer, firstStart))
             return false;
     }
     if (process->mayConnectTo(server))
@@ -180,7 +180,7 @@ bool nqStartedProcess::admit(
     return true;
 }
 
-std::optional<pid_t> nqStartedProcess::awaited(const std::string& server)
+std::optional<pid_t> nqStartedProcess::awaitedPid(const std::string& server)
 {
     const auto roster = nqForkSafe<Roster>::access();
     const nqStartedProcess* const latest = roster->latestOf(server);
@@ -195,14 +195,14 @@ void nqStartedProcess::reportEnd(pid_t pid, const nqChildEnd& end) noexcept
         std::string text;
         {
             const auto roster = nqForkSafe<Roster>::access();
-            nqStartedProcess* const process = roster->find(pid);
+            nqStartedProcess* const process = roster->withPid(pid);
             if (process == nullptr || std::exchange(process->mEndIsTold, true))
                 return;
             text = process->describe(end);
         }
-        logError(text); // without the lock: a logger may start processes itself
+        logError(text); // outside the lock: a logger may start processes itself
     } catch (const std::bad_alloc&) {
-        // A line of the log may be lost for want of memory.
+        // Out of memory, the line is lost.
     }
 }
 
@@ -216,9 +216,8 @@ bool nqStartedProcess::mayConnectTo(const std::string& server) const
     return !mHasEnded && !contains(mConnectedTo, server);
 }
 
-// Whether somebody whom an earlier launch has left behind has come in place of this, the latest,
-// process.
-bool nqStartedProcess::hasStraggler(nqPeer& peer, const std::optional<nqStart>& firstStart) const
+// Whether the peer was left behind by an earlier process than this, the latest one.
+bool nqStartedProcess::probeStraggler(nqPeer& peer, const std::optional<nqStart>& firstStart) const
 {
     if (!firstStart || peer.pid() <= 0)
         return false;
@@ -226,13 +225,13 @@ bool nqStartedProcess::hasStraggler(nqPeer& peer, const std::optional<nqStart>& 
     if (!latestStart)
         return false;
     const std::optional<nqStart> peerStart = peer.readStart();
-    if (!peerStart) // one that is dead cannot show that it is not
-        return peer.isKnownDead();
+    if (!peerStart)
+        return peer.isKnownDead(); // its age is unknown for good, so it is refused
     return *firstStart < *peerStart && *peerStart < *latestStart;
 }
 
-// A peer in another session, or the init of a PID namespace, is out of the reach of signals to the
-// group. One that is older than the process connects on its behalf, and is left alone.
+// A signal to the group does not reach a peer in another session, or the init of a PID namespace,
+// so its pidfd is kept. A peer older than the process connects on its behalf and is never killed.
 void nqStartedProcess::noteConnection(const std::string& server, nqPeer& peer)
 {
     mConnectedTo.push_back(server);
