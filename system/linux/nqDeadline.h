@@ -6,23 +6,22 @@
 
 namespace nq {
 
-/// The end of a wait, on the monotonic clock, so that a wait cut short by a signal resumes with the
-/// time left.
+/// When a wait ends, on the monotonic clock: a wait that a signal interrupts resumes with the time
+/// left.
 class nqDeadline {
 public:
     /// No limit.
     nqDeadline() = default;
 
-    /// `timeoutMs` milliseconds from now; 0 or less has passed already.
+    /// `timeoutMs` milliseconds from now; already passed for 0 or less.
     explicit nqDeadline(std::int64_t timeoutMs);
 
-    /// This one, or one `timeoutMs` milliseconds from now if that comes first.
+    /// The earlier of this one and `timeoutMs` milliseconds from now.
     nqDeadline orIn(std::int64_t timeoutMs) const;
 
     bool hasPassed() const;
 
-    /// poll() until something is reported or the deadline is there. Returns what poll() returned
-    /// last, never -1 for a signal.
+    /// As poll(), until the deadline, and not interrupted by signals.
     int poll(pollfd* descriptors, nfds_t count) const;
 
 private:

@@ -28,7 +28,7 @@ nqDescriptor::nqDescriptor(int fresh)
         return;
     moveToLowNumber();
     if (mFd < firstNumberAboveStandardStreams)
-        close(); // no number left: better no descriptor than one that a printed line can reach
+        close();
 }
 
 void nqDescriptor::close() noexcept
@@ -37,7 +37,7 @@ void nqDescriptor::close() noexcept
         return;
     const nqThread::Uncancellable untilClosed;
     const int savedErrno = errno;
-    // Never retried after EINTR: on Linux the number is free again by then.
+    // Never retried after EINTR: on Linux the number is free by then.
     ::close(std::exchange(mFd, -1));
     errno = savedErrno;
 }

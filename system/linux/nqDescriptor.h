@@ -4,9 +4,8 @@
 
 namespace nq {
 
-/// Whether `stream`, one of the numbers 0 to 2, is open as a standard stream that children share.
-/// One that is closed on exec is a file of the host's own, which was opened when the stream was
-/// closed already. Nothing but a system call.
+/// Whether `stream`, 0 to 2, is open and inherited by children. If it is close-on-exec, it is a
+/// file of the host's own that got the number of a closed standard stream. Safe after vfork.
 bool isStandardStream(int stream) noexcept;
 
 /// Owns one file descriptor and closes it once. Closing preserves errno.
@@ -14,9 +13,9 @@ class nqDescriptor {
 public:
     nqDescriptor() = default;
 
-    /// Takes over a descriptor fresh from the kernel, or -1 for none. One that landed on 0, 1 or 2,
-    /// because the host runs with a standard stream closed, moves above them: a line that somebody
-    /// prints must never end up in a socket.
+    /// Takes over a descriptor fresh from the kernel, or -1 for none. In a host with a standard
+    /// stream closed it may be 0, 1 or 2, and is then moved above them, so that no printed line
+    /// ends up in a socket; if that fails, it is closed.
     explicit nqDescriptor(int fresh);
 
     nqDescriptor(nqDescriptor&& other) noexcept
@@ -48,13 +47,11 @@ public:
     }
     void close() noexcept;
 
-    /// Moves the descriptor to the lowest free number above the standard streams; keeps it where it
-    /// is when no number is free.
+    /// Moves to the lowest free number above the standard streams. Without effect if none is free.
     void moveToLowNumber();
 
-    /// Moves the descriptor to a number that select() cannot hold, which leaves the lower ones to
-    /// sockets that are selected on; keeps it where it is when the limit of descriptors does not
-    /// allow that.
+    /// Moves to a number of FD_SETSIZE or more, which leaves the lower ones to sockets that
+    /// select() waits on. Without effect if the limit of descriptors forbids that.
     void moveOutOfRangeOfSelect();
 
 private:

@@ -36,8 +36,8 @@ constexpr std::array<LevelTraits, 4> levels{{
 
 constexpr char separator[] = " | ";
 
-/// How long a full non-blocking stream may hold up a line: long enough for a terminal to catch up,
-/// short enough that the pump that logs does not look dead.
+/// How long a line waits for a full non-blocking stream: long enough for a terminal to catch up,
+/// short enough that the pump does not seem to hang.
 constexpr std::int64_t fullStreamPatienceMs = 1'000;
 
 bool isLevel(int level)
@@ -59,7 +59,7 @@ std::string formatStamp(std::uint64_t timestampMs)
     std::tm local{};
     ::localtime_r(&seconds, &local);
 
-    // Not a stream: a stream would take over the grouping of the host's global locale.
+    // Not a stream, which would group digits as the host's global locale says.
     std::array<char, 96> text{}; // seven numbers of any size
     std::snprintf(
         text.data(),
@@ -86,13 +86,13 @@ std::string formatLine(const nqLog::LogEntry& entry)
     return line;
 }
 
-// What a write raises in the thread that writes: SIGPIPE where nobody reads any more, SIGXFSZ where
-// the file has reached the limit of its size.
+// What a write may raise in its thread: SIGPIPE without a reader, SIGXFSZ at the limit of file
+// sizes.
 constexpr std::array<int, 2> signalsOfWrites{SIGPIPE, SIGXFSZ};
 
-/// Keeps writes from raising signals in the calling thread, without touching the host's handlers:
-/// the signals are blocked, and those that this thread caused meanwhile are taken away. What the
-/// host has blocked and waits for itself stays pending.
+/// Keeps writes from raising signals in the calling thread without touching the host's handlers:
+/// the signals are blocked, and those that became pending meanwhile are consumed. What was pending
+/// before stays pending.
 class QuietWrites {
 public:
     QuietWrites()
@@ -118,7 +118,7 @@ public:
     QuietWrites& operator=(const QuietWrites&) = delete;
 
 private:
-    sigset_t mMine{}; // the others are pending, which they can only be while they are blocked
+    sigset_t mMine{}; // the others are pending, and therefore blocked already
     sigset_t mHostMask{};
 };
 
@@ -128,8 +128,8 @@ bool waitUntilWritable(int fd)
     return nqDeadline(fullStreamPatienceMs).poll(&stream, 1) > 0;
 }
 
-/// One write in the ordinary case, so that lines of several threads and processes stay whole. What
-/// cannot be written is dropped: a log line must not take the host down.
+/// Normally one write, so that lines of several threads and processes stay whole. What cannot be
+/// written is dropped.
 void writeLine(int fd, const std::string& line)
 {
     const QuietWrites quiet;
@@ -143,7 +143,7 @@ void writeLine(int fd, const std::string& line)
     }
 }
 
-/// Lets what the host has printed go first. The buffer is asked and not the stream, whose state and
+/// Flushes what the host has printed so far. Through the buffer and not the stream, whose state and
 /// exceptions are the host's.
 void flushStandardOutput()
 {
@@ -152,14 +152,13 @@ void flushStandardOutput()
         if (std::cout.rdbuf() != nullptr)
             std::cout.rdbuf()->pubsync();
     } catch (...) {
-        // A buffer of the host's own may throw anything. The line is written all the same.
+        // The host's own buffer may throw anything; the line is written all the same.
     }
     std::fflush(stdout);
 }
 
-/// Fills the free numbers among the standard streams for as long as it lives. The C library opens
-/// its socket to the system log by itself; in a host that runs with a standard stream closed, that
-/// socket would receive whatever is printed later.
+/// Occupies the numbers of closed standard streams for as long as it lives, so that the C library's
+/// socket to the system log cannot get one and receive what is printed later.
 class StandardStreamsFiller {
 public:
     StandardStreamsFiller()
@@ -251,8 +250,7 @@ void nqLog::WriteToStandardOutput(const LogEntry& entry)
     const nqThread::Uncancellable untilWritten;
     const std::string line = entry.mPrefix + entry.mMessage + '\n';
     flushStandardOutput();
-    // Not through the buffer: what is left there when a write fails is tried again at exit, when
-    // nobody keeps the signals away.
+    // Past the buffer: what a failed write left in it would be written at exit, signals and all.
     writeLine(::fileno(stdout), line);
 }
 

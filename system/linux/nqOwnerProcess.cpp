@@ -17,10 +17,10 @@ static_assert(Mark::is_always_lock_free);
 constexpr std::uint64_t none = 0;
 
 /// How many marks this process and its ancestors have used. A child continues its parent's count,
-/// so it never uses a mark that an object copied from there may hold.
+/// so its mark differs from those in the objects that it copied.
 Mark usedMarks{none};
 
-/// Where the mark lives when the kernel cannot wipe memory in a child.
+/// Holds the mark where the kernel cannot wipe memory in a child.
 Mark ordinaryMark{none};
 
 void wipeOrdinaryMark()
@@ -37,24 +37,24 @@ Mark& makeMark() noexcept
         return *new (memory) Mark(none);
     if (memory != MAP_FAILED)
         ::munmap(memory, page);
-    // Before Linux 4.14: good for every child but one that skips the fork handlers.
+    // Before Linux 4.14. Misses only a child whose fork runs no handlers.
     ::pthread_atfork(nullptr, nullptr, wipeOrdinaryMark);
     return ordinaryMark;
 }
 
-/// The mark of this process. It is none in a child until it makes, or asks, its first object.
+/// The mark of this process; a forked child gets its own here, at its first call.
 std::uint64_t currentMark() noexcept
 {
     static Mark& mark = makeMark();
     std::uint64_t current = mark.load(std::memory_order_relaxed);
     if (current != none)
         return current;
-    // Counted first: another thread may fork between the two.
+    // Counted before it is stored: another thread may fork in between.
     const std::uint64_t fresh = ++usedMarks;
     return mark.compare_exchange_strong(current, fresh) ? fresh : current;
 }
 
-/// Made when the library is loaded, so that no fork can catch another thread at it.
+/// Made when the library is loaded, before another thread can fork in the middle of it.
 [[maybe_unused]] const std::uint64_t markAtLoad = currentMark();
 
 } // namespace

@@ -8,14 +8,14 @@
 
 namespace nq {
 
-// By the kernel's numbers: the C library names these operations from 2.36 on only, and a program
-// that imports such a name does not start with an older one.
+// By the kernel's numbers: the C library has these names only since 2.36, and a program that
+// imports one does not start with an older library.
 
-/// For waitid(): the child that a pidfd means.
+/// For waitid(): the child that the pidfd refers to.
 constexpr auto waitForPidfd = static_cast<idtype_t>(3);
 
-/// A descriptor, close-on-exec, which means this process whatever becomes of its number; -1 with
-/// errno where there is no such process or the kernel refuses.
+/// A close-on-exec descriptor of the process, which stays its own when the pid is recycled; -1 with
+/// errno when there is no such process or the kernel refuses.
 inline int pidfdOpen(pid_t pid)
 {
     return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));

@@ -24,7 +24,7 @@ void logError(const std::string& message) noexcept
         else
             nqLog::WriteToStandardOutput(entry);
     } catch (...) {
-        // A logger of the host's may throw anything. The line is lost, which harms nobody.
+        // The host's logger may throw anything; the line is lost.
     }
 }
 

@@ -4,11 +4,10 @@
 
 namespace nq {
 
-/// Logs one line of the platform's own at level Error: through the host's logger if that wants the
-/// level, to standard output when there is no logger. Any thread may call that may log.
+/// Logs one line at level Error: through the host's logger, if that wants the level, or to standard
+/// output when there is none. Any thread may call that may log.
 ///
-/// For places that must go on whatever happens: throws nothing, and a line for which there is no
-/// memory, or which the logger fails to write, is lost.
+/// Never throws: a line is lost when there is no memory for it or the logger fails.
 void logError(const std::string& message) noexcept;
 
 } // namespace nq

@@ -46,7 +46,7 @@ bool showsOurNamespace()
     return size > 0 && asNumber({target, static_cast<std::size_t>(size)}) == ::getpid();
 }
 
-// The line is "pid (name) state ...", and the name may hold anything, blanks and brackets included.
+// The line is "pid (name) state ...", and the name may hold anything, even ") ".
 std::optional<Stat> parse(std::string_view line)
 {
     constexpr int fieldsFromStateToStart = 19;
@@ -81,7 +81,7 @@ std::optional<Stat> readStat(pid_t pid)
     return parse({line, static_cast<std::size_t>(size)});
 }
 
-bool canRun(pid_t pid)
+bool isRunning(pid_t pid)
 {
     const std::optional<Stat> stat = readStat(pid);
     return stat && stat->mState != 'Z' && stat->mState != 'X';
@@ -106,7 +106,7 @@ std::optional<bool> nqProcFile::hasLivingMember(pid_t group)
         return std::nullopt;
     while (const dirent* entry = ::readdir(processes.get())) {
         const std::optional<pid_t> pid = asNumber(entry->d_name);
-        if (pid && ::getpgid(*pid) == group && canRun(*pid))
+        if (pid && ::getpgid(*pid) == group && isRunning(*pid))
             return true;
     }
     return false;

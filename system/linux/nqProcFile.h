@@ -7,10 +7,10 @@
 
 namespace nq {
 
-/// When a process was forked, to tell which of two is older.
+/// When a process was forked, to find the older of two.
 struct nqStart {
-    std::uint64_t mTicks; // of 10 ms since the machine was booted
-    pid_t mPid;           // within a tick, numbers go up
+    std::uint64_t mTicks; // of 10 ms, since boot
+    pid_t mPid;           // within a tick, pids go up
 
     friend bool operator<(const nqStart& left, const nqStart& right)
     {
@@ -18,17 +18,17 @@ struct nqStart {
     }
 };
 
-/// What /proc tells about processes. Nothing, where it is not mounted or shows the processes of
-/// another PID namespace, whose numbers would mean other processes here.
+/// What /proc tells about processes: nothing where it is not mounted, or shows another PID
+/// namespace, whose pids mean other processes.
 ///
-/// Answers are about a number. Whoever holds no child or pidfd behind it must ask afterwards
-/// whether the process that was meant still lives.
+/// Answers are about a pid, which may be recycled. Whoever holds neither the child nor a pidfd has
+/// to check afterwards that the process still lives.
 class nqProcFile {
 public:
     static std::optional<nqStart> startOf(pid_t pid);
 
-    /// Whether any process of the group can still run; one that has ended and was not reaped
-    /// cannot. Nothing when the processes cannot be listed.
+    /// Whether any process of the group still runs; zombies do not. Nothing when the processes
+    /// cannot be listed.
     static std::optional<bool> hasLivingMember(pid_t group);
 };
 

@@ -16,16 +16,22 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+// The child of vfork borrows the host's memory and the calling thread's stack until its exec:
+// - it makes system calls only, and writes to no memory of the host but mSharesMemory;
+// - signals are blocked meanwhile, or a handler of the host would run in it;
+// - what fails in it is written to a pipe whose last copy its exec closes;
+// - where a tool turns vfork into fork, its memory is a copy, and the parent waits on that pipe.
+
 namespace nq {
 
 namespace {
 
 constexpr int lastSignal = 64;
-constexpr int failedLaunchExitCode = 127;  // what a shell reports for a program that it cannot run
+constexpr int failedLaunchExitCode = 127;  // as a shell's for a program that it cannot run
 constexpr rlim_t maxDescriptors = 1 << 20; // the kernel's own default ceiling for one process
 
-// The kernel's set of signals. The C library's functions leave out the two signals that its threads
-// use among themselves; a child must neither inherit those ignored nor receive one too early.
+// The kernel's set of signals. The C library's functions leave out the two that its threads use; a
+// child must neither inherit those ignored nor receive one before its exec.
 using KernelSignalSet = std::uint64_t;
 
 // The kernel's form of struct sigaction, which differs from the C library's.
@@ -36,8 +42,7 @@ struct KernelSignalAction {
     KernelSignalSet mMask;
 };
 
-/// Blocks every signal on the calling thread for as long as it lives. The child borrows the memory
-/// of the host: a handler that ran in it would change the host's data.
+/// Blocks every signal on the calling thread for as long as it lives.
 class SignalsBlocked {
 public:
     SignalsBlocked()
@@ -60,15 +65,13 @@ private:
     KernelSignalSet mBefore = 0;
 };
 
-/// One launch under way, prepared by the parent and read by the child.
+/// Prepared by the parent, read by the child.
 struct Launch {
     const nqSpawnRequest& mRequest;
     nqDescriptor mNullDevice;
     nqDescriptor mFailureReader;
-    nqDescriptor mFailureWriter; // the child says what failed; its exec closes the last copy
-
-    // Set by the child and seen by the parent only where vfork shares memory. Tools that run a
-    // program on a simulated processor turn vfork into fork, and then the parent has to wait.
+    nqDescriptor mFailureWriter;
+    // Set by the child, and seen by the parent only after a true vfork.
     volatile bool mSharesMemory = false;
 };
 
@@ -89,9 +92,8 @@ bool pointAt(int descriptor, int standardStream)
     return retryOnSignal([&] { return ::dup2(descriptor, standardStream); }) >= 0;
 }
 
-// A stream that the host has closed goes to the null device too, or the child's first socket would
-// get its number and receive what the child prints. So does one whose number a file of the host's
-// own has taken.
+// A stream that the host has closed goes to the null device, or the child's first socket would get
+// its number and receive what the child prints. So does one whose number the host has reused.
 bool prepareOutput(int stream, const Launch& launch)
 {
     if (launch.mRequest.mSilenceOutput || !isStandardStream(stream))
@@ -120,7 +122,7 @@ void keepOtherDescriptorsFromTheProgram()
 
 void lowerPriority(int niceness)
 {
-    // A host that is nicer already must not get a worker that is less so.
+    // Never less nice than the host.
     if (niceness > ::getpriority(PRIO_PROCESS, 0))
         ::setpriority(PRIO_PROCESS, 0, niceness);
 }
@@ -129,8 +131,8 @@ void lowerPriority(int niceness)
 nqSpawnResult::Step execute(const Launch& launch)
 {
     const nqSpawnRequest& request = launch.mRequest;
-    // Not a group alone: one in the session of the host would be stopped when it prints on a
-    // terminal that stops background output.
+    // A session and not only a group: in the host's session, the child would be stopped when it
+    // prints on a terminal that stops background output.
     if (::setsid() < 0 || !request.mLeash->armForOwnGroup() || !prepareStandardStreams(launch))
         return nqSpawnResult::Step::preparing;
     if (request.mWorkingDirectory != nullptr && ::chdir(request.mWorkingDirectory) != 0)
@@ -153,12 +155,11 @@ nqSpawnResult::Step execute(const Launch& launch)
     ::_exit(failedLaunchExitCode);
 }
 
-// A function of its own and never inlined: the child runs on this stack, and nothing that the
-// parent still needs may live in a frame that the compiler rearranges around the call.
+// Never inlined: the child runs on this stack, and must not overwrite a slot of the caller's frame
+// that the compiler has reused around the call.
 [[gnu::noinline]] pid_t vforkAndRun(Launch& launch)
 {
-    // fork would copy the page tables of the host, and posix_spawn cannot arm the leash. The child
-    // makes system calls only.
+    // fork would copy the page tables of a large host, and posix_spawn cannot arm the leash.
     // NOLINTBEGIN(clang-analyzer-security.insecureAPI.vfork,clang-analyzer-unix.Vfork)
     const pid_t pid = ::vfork();
     if (pid == 0)
@@ -183,13 +184,13 @@ bool prepare(Launch& launch)
 std::optional<nqSpawnResult> awaitFailure(Launch& launch)
 {
     launch.mFailureWriter.close();
-    // After a true vfork the outcome stands already. Waiting for the end of the stream would then
-    // only mean waiting for children of other threads that hold a copy of the writing end.
+    // After a true vfork the outcome is known. Waiting for the end of the stream would only mean
+    // waiting for children of other threads that hold copies of its writing end.
     if (!launch.mSharesMemory) {
         pollfd reader{launch.mFailureReader.get(), POLLIN, 0};
         retryOnSignal([&] { return ::poll(&reader, 1, -1); });
     }
-    nqSpawnResult failure; // small enough that a pipe never hands over a part of it
+    nqSpawnResult failure; // small enough that a pipe never splits it
     const ssize_t size = retryOnSignal(
         [&] { return ::read(launch.mFailureReader.get(), &failure, sizeof failure); });
     return size > 0 ? std::optional(failure) : std::nullopt;
@@ -221,9 +222,7 @@ nqSpawnResult nqSpawn(const nqSpawnRequest& request)
     const std::optional<nqSpawnResult> failure = awaitFailure(launch);
     if (!failure)
         return {pid, {}, 0};
-    // The host may ignore SIGCHLD or reap everything itself; then there is nothing left to wait
-    // for.
-    retryOnSignal([&] { return ::waitpid(pid, nullptr, 0); });
+    retryOnSignal([&] { return ::waitpid(pid, nullptr, 0); }); // fails in a host that reaps itself
     return *failure;
 }
 

@@ -6,35 +6,33 @@
 
 namespace nq {
 
-/// What nqSpawn starts and how. Everything pointed to is borrowed for the call.
+/// What to start and how. Everything pointed to is borrowed for the call.
 struct nqSpawnRequest {
-    const char* mExecutable = nullptr;       // absolute path; execve looks nowhere else
+    const char* mExecutable = nullptr;       // absolute path; PATH is not searched
     char* const* mArguments = nullptr;       // with the program's name first and null last
     const char* mWorkingDirectory = nullptr; // null: the host's
-    bool mSilenceOutput = false;             // 1 and 2 go to the null device
-    int mNiceness = 0;                       // 0: the host's, which is also the least
-    const nqLeash* mLeash = nullptr;         // armed for the group that the child leads
+    bool mSilenceOutput = false;             // output and error go to the null device
+    int mNiceness = 0;                       // never less than the host's
+    const nqLeash* mLeash = nullptr;         // to be armed for the child's group
 };
 
-/// What came of a launch.
 struct nqSpawnResult {
     enum class Step {
-        preparing,          // descriptors, streams, the death watch
+        preparing,          // descriptors, standard streams, session, leash
         enteringTheFolder,  // the working directory
         executingTheProgram // the executable, or what it needs to run
     };
 
-    pid_t mPid = 0; // 0: it failed
-    Step mFailedAt = Step::preparing;
-    int mError = 0; // errno of the failure
+    pid_t mPid = 0;                   // 0: not started
+    Step mFailedAt = Step::preparing; // if not started
+    int mError = 0;                   // errno of that
 };
 
 /// Starts a child that leads a session and a process group of its own, with an empty signal mask,
 /// default dispositions, a null standard input, the host's environment and no descriptor above 2.
 ///
-/// Returns its process id once the program is executing; when it could not be started, no child is
-/// left behind. Copies no memory of the host, whatever its size, and is safe in a host with many
-/// threads: between vfork and exec there are only system calls.
+/// Returns once the program is executing; when it could not be started, no child is left behind.
+/// Costs the same whatever the size of the host, and is safe in a host with many threads.
 nqSpawnResult nqSpawn(const nqSpawnRequest& request);
 
 } // namespace nq

@@ -9,7 +9,7 @@ namespace nq {
 
 namespace {
 
-// The kernel gives one and the same answer for several mistakes.
+// The kernel reports several mistakes by one error.
 std::string causeOfRefusedExecution(const char* executable, int error)
 {
     struct stat file {};

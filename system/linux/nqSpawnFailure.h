@@ -6,8 +6,8 @@
 
 namespace nq {
 
-/// Says for people why a program could not be started: what the kernel said, and where that leaves
-/// several causes open, which of them it is.
+/// Why a program could not be started, for people: the kernel's error and, where that leaves
+/// several causes open, the likely one.
 std::string describeSpawnFailure(const nqSpawnRequest& request, const nqSpawnResult& failure);
 
 } // namespace nq

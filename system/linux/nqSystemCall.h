@@ -6,11 +6,11 @@
 
 namespace nq {
 
-/// Calls again for as long as a signal cuts the call short. Not for close(), which must never be
-/// called twice, and not for waits with a time-out, which nqDeadline resumes with the time left.
+/// Repeats a call that a signal interrupts. Not for close(), which must never be called twice, nor
+/// for waits with a time-out, which nqDeadline resumes with the time left.
 ///
-/// Cancellation of the thread has to wait: it acts after a call that succeeded as well, and would
-/// lose what came of it, a descriptor or bytes.
+/// Holds off cancellation of the thread, which could strike after a call that succeeded and lose
+/// its result, a descriptor or bytes.
 template <typename Call>
 auto retryOnSignal(Call call) -> decltype(call())
 {
