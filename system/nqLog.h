@@ -19,14 +19,14 @@ namespace nq {
 /// called from any thread, since each entry is one write of one whole line.
 ///
 /// @par Blocking
-/// Write() and WriteToStandardOutput() wait while their file or stream takes nothing, on a
-/// non-blocking one for a second at most. WriteToSystemLog() waits as long as syslog does.
+/// Write() and WriteToStandardOutput() block while their file or stream is full, on a non-blocking
+/// one for a second at most. WriteToSystemLog() blocks as long as syslog does.
 ///
 /// @par Errors
 /// What cannot be written is dropped: a line of the log must not take the host down. No write of
 /// this class raises a signal, neither SIGPIPE nor SIGXFSZ, and the host's handlers, mask and
-/// pending signals stay as they are. Only allocation exceptions pass through. A thread that is
-/// cancelled meanwhile is cancelled later.
+/// pending signals stay as they are. Only allocation exceptions pass through. Cancellation of the
+/// thread acts after the write.
 class NQ_API nqLog {
 public:
     /// The levels index the enable flags.
@@ -69,8 +69,7 @@ public:
     nqLog(const nqLog&) = delete;
     nqLog& operator=(const nqLog&) = delete;
 
-    /// Whether messages of `level` are wanted; all are at the start. A level outside 0 to 3 is
-    /// refused in silence.
+    /// Enables or disables one level; all are enabled at the start. Ignores a level outside 0 to 3.
     void setLevelEnabled(int level, bool enabled);
 
     /// Whether messages of `level` are wanted; false for every level outside 0 to 3.
@@ -87,9 +86,9 @@ public:
     static void WriteToSystemLog(const LogEntry& entry);
 
     /// Writes prefix, message and a newline to standard output, after what the host has printed so
-    /// far: std::cout and stdout are flushed first, and the line itself passes by their buffers, so
-    /// that nothing of it is left there when it cannot be written. Needs no logger. Any thread may
-    /// call that may print.
+    /// far: std::cout and stdout are flushed first. The line itself bypasses their buffers, so that
+    /// nothing of it stays there when it cannot be written. Needs no logger. Any thread may call
+    /// that may print.
     static void WriteToStandardOutput(const LogEntry& entry);
 
 private:

@@ -22,8 +22,8 @@ namespace nq {
 /// | end seen, bytes taken      | true                | false       | true                 |
 ///
 /// The peer's end becomes visible only when the bytes sent before it have been taken out of the
-/// incoming buffer, so that a last message is never lost. When a call finds that nobody has taken a
-/// byte since the call before saw the end, the pipe is closed for good and the bytes are dropped.
+/// incoming buffer, so that a last message is never lost. If nobody takes any of them between two
+/// calls after the end, the pipe closes for good and drops them.
 ///
 /// @par Threads
 /// Not locked: one thread per object.
@@ -35,8 +35,8 @@ namespace nq {
 /// Only allocation exceptions pass through, and no byte is lost over one.
 ///
 /// @par Forked children
-/// In a child of the process that made it, a pipe does not connect, and the first operation that
-/// would move or end something makes it a closed one, which leaves the parent's connection alone.
+/// In a child of the process that made it, a pipe does not connect. The first operation that would
+/// transfer bytes or end the connection closes the child's copy and leaves the parent's alone.
 ///
 /// @par Ownership
 /// The buffers belong to the pipe, which empties them when it closes.
@@ -78,14 +78,14 @@ public:
     /// Received and not yet consumed. The consumer takes bytes from the front and erases them.
     std::vector<char>& incomingBuffer();
 
-    /// The same, to look at.
+    /// The same, read-only.
     const std::vector<char>& incomingBuffer() const;
 
     /// Waiting to be sent. The producer appends at the end and keeps the size within
     /// outgoingBufferLimit().
     std::vector<char>& outgoingBuffer();
 
-    /// The same, to look at.
+    /// The same, read-only.
     const std::vector<char>& outgoingBuffer() const;
 
     /// How many bytes the outgoing buffer may hold; the same for every pipe.

@@ -16,12 +16,12 @@ namespace nq {
 /// Not locked: one thread per object.
 ///
 /// @par Blocking
-/// Only waitForNewConnection() waits for as long as it is told to, and listenUtf8() for a name of
-/// its own.
+/// Only waitForNewConnection() waits for as long as it is told to, and listenUtf8() for a name that
+/// this object gave up a moment ago.
 ///
 /// @par Forked children
-/// In a child of the process that made it, a server neither listens nor accepts, and its end leaves
-/// the parent listening.
+/// In a child of the process that made it, a server neither listens nor accepts, and destroying it
+/// leaves the parent listening.
 ///
 /// @par Errors
 /// What fails is a return value. Only allocation exceptions pass through.
@@ -43,14 +43,14 @@ public:
     /// waited for, up to a second.
     bool listenUtf8(const std::string& name);
 
-    /// Handles what a server may have to do between connections, for at most `timeoutMs`
-    /// milliseconds; never blocks when that is 0. Connections are taken in only by
-    /// waitForNewConnection(), so this costs nothing.
+    /// Does what a server has to do between connections, for at most `timeoutMs` milliseconds;
+    /// never blocks when that is 0. Only waitForNewConnection() accepts connections, so this costs
+    /// nothing.
     void processPipeServerEvents(int timeoutMs);
 
-    /// Waits up to `timeoutMs` milliseconds for a connection, 0 or less meaning one look, and puts
-    /// it at the end of the pending list. False when none came, when not listening, or when the
-    /// process has no descriptor left. `*timedOut`, if given, says whether the time ran out.
+    /// Waits up to `timeoutMs` milliseconds for a connection, 0 or less meaning not at all, and
+    /// puts it at the end of the pending list. False when none came, when not listening, or when
+    /// the process has no descriptor left. `*timedOut`, if given, says whether the time ran out.
     ///
     /// A process that an nqProcess has started with the name among its arguments belongs to this
     /// server. The wait ends early, within a second, when the latest of these has ended by a signal

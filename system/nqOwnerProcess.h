@@ -8,12 +8,12 @@ namespace nq {
 
 /// Remembers the process that made it.
 ///
-/// A forked child has a copy of every object of its parent, and shares the sockets behind them. An
-/// object that holds one of these asks before it acts, so that its copy leaves the parent's
-/// connections and processes alone. Whichever way the child was made: the memory that tells is one
-/// that the kernel wipes in it.
+/// A forked child has a copy of every object of its parent and shares the sockets behind them. An
+/// object that holds one of these checks it before it acts, so that its copy leaves the parent's
+/// connections and processes alone. Works however the child was made, because the kernel wipes the
+/// memory that tells in it.
 ///
-/// Any thread may call. Nothing blocks, nothing throws, and a question costs no system call.
+/// Any thread may call. Nothing blocks, nothing throws, and a check costs no system call.
 class NQ_API nqOwnerProcess {
 public:
     /// The calling process is the owner.

@@ -83,9 +83,9 @@ public:
         bool silenceOutput,
         ProcessPriority priority);
 
-    /// What is known after a look without waiting, which reaps a process that has ended. One that
-    /// has left with status 0 while a server waits for its connection counts as running: it may
-    /// have put its program into the background.
+    /// The state now; reaps a process that has ended, without waiting. One that has exited with
+    /// status 0 while a server waits for its connection counts as running: it may have put its
+    /// program into the background.
     ProcessState getState() const;
 
     /// The process id; 0 when none was started. Kept after the end, for messages.
@@ -110,8 +110,8 @@ public:
     /// reaped is signalled.
     void killProcess();
 
-    /// Waits at most `timeoutMs` milliseconds for the end and reaps; 0 looks once, 0xFFFFFFFF waits
-    /// without limit. True when the process has ended, or none was started.
+    /// Waits at most `timeoutMs` milliseconds for the end and reaps; 0 does not wait, 0xFFFFFFFF
+    /// waits without limit. True when the process has ended, or none was started.
     bool waitForFinished(unsigned int timeoutMs);
 
 private:

@@ -7,7 +7,7 @@
 
 namespace nq {
 
-/// Small facts about the machine and the process. Any thread may call; what blocks or fails says
+/// Small services of the machine and the process. Any thread may call; what may block or fail says
 /// so.
 class NQ_API nqSystemUtils {
 public:
@@ -23,10 +23,10 @@ public:
     /// Milliseconds of wall time since 1970-01-01T00:00:00Z. Meant for stamps, never for deadlines.
     static std::uint64_t GetMSecElapsedSinceEpoch();
 
-    /// Gives memory that the process has freed, and that its allocator keeps for the next blocks,
-    /// back to the kernel. Takes the longer the more there is: for moments of rest. The allocator
-    /// gives nothing back from below a block that is in use: a worker whose hook kept 64 KiB from
-    /// each of eight jobs of 16 MiB came to rest at 4 MiB with this call, and at 36 MiB without it.
+    /// Returns freed memory that the allocator keeps to the kernel. Takes longer the more there is:
+    /// call it when idle. By itself, the allocator returns nothing below a block in use: a worker
+    /// whose hook kept 64 KiB from each of eight jobs of 16 MiB idled at 4 MiB with this call, and
+    /// at 36 MiB without it.
     static void ReleaseFreeMemory();
 };
 

@@ -12,16 +12,15 @@ public:
     /// The kernel's id of the calling thread, in decimal; the one that debuggers and /proc show.
     static std::string CurrentThreadId();
 
-    /// Ends the calling thread here if it has been cancelled and may be: the stack is unwound, by
-    /// something that no handler may keep.
+    /// Ends the calling thread here if it has been cancelled and may be. The stack is unwound by an
+    /// exception that no handler may swallow.
     static void EndIfCancelled();
 
-    /// Keeps pthread_cancel() from acting on the calling thread for as long as it lives; what was
-    /// asked for meanwhile acts at the thread's next cancellation point afterwards. May be nested.
+    /// Holds off pthread_cancel() for the calling thread for as long as it lives; a cancellation
+    /// requested meanwhile acts at the thread's next cancellation point afterwards. May be nested.
     ///
-    /// Cancellation unwinds the stack like an exception. In a function that lets no exception out
-    /// it would end the whole process, and in the middle of a transfer it would lose what has been
-    /// moved.
+    /// Cancellation unwinds the stack like an exception: out of a noexcept function it would end
+    /// the whole process, and in the middle of a transfer it would lose bytes.
     class NQ_API Uncancellable {
     public:
         Uncancellable();
