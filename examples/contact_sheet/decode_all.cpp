@@ -18,8 +18,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Time-outs and memory caps act only while the host pumps, and a worker that eats memory does so at
-// gigabytes a second: between two looks it must not get far.
+// Time-outs and memory caps act only while the host pumps, and a worker can grow by gigabytes a
+// second: the pauses between two pumps have to be short.
 constexpr int pumpMs = 20;
 
 constexpr std::chrono::milliseconds connectionTimeout{5'000}; // for a machine under heavy load
@@ -42,12 +42,10 @@ FailureKind kindOf(nq::nqScheduler::FailReason reason)
     return FailureKind::crash;
 }
 
-// A worker that dies is replaced, but a replacement that fails to start is not tried again, and no
-// call tells how many workers are left. A host finds out by the one thing that a pool without
-// workers never does: as long as there is one worker, some job is resolved within its time-out and
-// the second that is added to it, and within the time that replacements take to connect, during
-// which nothing is pumped. Longer silence, with a reserve for a slow machine, means that nobody is
-// there.
+// A replacement that fails to start is not tried again, and no call tells how many workers are
+// left. While there is one, some job is resolved within its time-out, the second that is added to
+// it, and the time that replacements take to connect, during which nothing is pumped. Longer
+// silence, with a reserve for a slow machine, means that no worker is left.
 std::chrono::milliseconds longestSilence(const PoolLimits& limits)
 {
     constexpr std::chrono::seconds reserve{5};
@@ -122,8 +120,7 @@ RunEnd Run::go()
     return end(RunEnd::complete);
 }
 
-// Once all results and failures are popped, what is neither to be pushed nor counted by the
-// scheduler has come back.
+// Asked when all results and failures are popped, so what the scheduler no longer counts is done.
 bool Run::isUnderWay() const
 {
     return mNextToPush < mEntries.size() || mScheduler.jobCount() > 0;
@@ -133,7 +130,7 @@ void Run::pushSome()
 {
     while (mNextToPush < mEntries.size() &&
            mScheduler.jobCount() < jobsPerWorker * mLimits.workers) {
-        // Workers run in the folder of their executable, so a relative path would lead astray.
+        // Workers run in the folder of their executable, so a relative path would not be found.
         const std::string path = std::filesystem::absolute(mEntries[mNextToPush].path).string();
         mScheduler.push(encodeJob({static_cast<JobId>(mNextToPush), mEdge, path}));
         ++mNextToPush;
@@ -198,9 +195,8 @@ void Run::failTheRest(const char* reason)
         resolve(index, Failure{FailureKind::notDone, reason});
 }
 
-// stopScheduler waits for every job that is pending, without any limit when no worker is left to
-// take it. What nobody holds is dropped first; what a worker holds ends by itself or by its
-// time-out.
+// stopScheduler waits for every pending job, without limit when no worker is left. Jobs that no
+// worker holds are dropped first; one that a worker holds ends by itself or by its time-out.
 RunEnd Run::end(RunEnd how)
 {
     mScheduler.clearPendingJobs();

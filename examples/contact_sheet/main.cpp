@@ -105,7 +105,7 @@ int run(const Options& options)
     return failures == 0 ? exitAllGood : exitSomeFailed;
 }
 
-// A program that was stopped says so by dying of the signal, which its shell then sees.
+// A stopped program dies of the signal, so that its shell sees why it ended.
 void dieOfStopSignal()
 {
     if (stopSignal() == 0)

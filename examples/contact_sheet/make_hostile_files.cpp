@@ -1,6 +1,6 @@
-// make-hostile-files FOLDER PHOTOGRAPH...: writes files into FOLDER that hurt a program which
-// decodes pictures without care. The photographs (JPEG) serve as the stuff of damaged copies. The
-// same input gives the same files.
+// make-hostile-files FOLDER PHOTOGRAPH...: writes files into FOLDER that hurt a careless picture
+// decoder. The photographs (JPEG) are the source of damaged copies. The same input gives the same
+// files.
 
 #include <algorithm>
 #include <csetjmp>
@@ -53,7 +53,7 @@ Bytes readFile(const std::string& path)
 void writeFile(const std::string& path, const Bytes& bytes)
 {
     const File file = openToWrite(path);
-    // No bytes have no address either, which fwrite does not take.
+    // An empty vector may have a null address, which fwrite does not take.
     if (!bytes.empty() && std::fwrite(bytes.data(), 1, bytes.size(), file.get()) != bytes.size())
         throw std::runtime_error("cannot write " + path);
 }

@@ -9,7 +9,7 @@ namespace sheet {
 
 namespace {
 
-constexpr std::chrono::milliseconds redrawEvery{200}; // faster cannot be read
+constexpr std::chrono::milliseconds redrawEvery{200}; // as fast as people read
 
 std::string timeText(double seconds)
 {

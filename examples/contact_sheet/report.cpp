@@ -8,7 +8,7 @@ namespace sheet {
 
 namespace {
 
-using Json = nlohmann::ordered_json; // keeps the order in which a person wants to read
+using Json = nlohmann::ordered_json; // keeps the order of insertion, which is the reading order
 
 constexpr const char* goodStatus = "ok";
 constexpr int indent = 2;

@@ -1,6 +1,6 @@
 // The pump inside somebody else's loop. The loop here is poll(), which waits for lines on standard
-// input and for a timer; a GUI toolkit's loop and timer take their places as they are. Each line is
-// a number, which a worker factorises while the loop goes on.
+// input and for a timer; a GUI toolkit's loop and timer can take their places. Each line is a
+// number, which a worker factorises while the loop goes on.
 #include "line_input.h"
 #include "ticker.h"
 
@@ -24,7 +24,7 @@ constexpr milliseconds idleTick{500}; // how late a worker that dies idle may be
 void pushLines(nq::nqScheduler& scheduler, const std::vector<std::string>& lines)
 {
     for (const std::string& line : lines) {
-        if (!line.empty()) // an empty job would be waited for for ever
+        if (!line.empty()) // an empty job is counted, but never sent
             scheduler.push({line.begin(), line.end()});
     }
 }

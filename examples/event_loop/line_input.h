@@ -40,6 +40,6 @@ public:
 
 private:
     std::string mText; // the beginning of a line
-    // A program may be started with it closed, and its number is then given to what is opened next.
+    // A program may be started without standard input, whose number the next file then gets.
     bool mHasEnded = ::fcntl(STDIN_FILENO, F_GETFD) < 0;
 };

@@ -20,7 +20,7 @@ int main(int argc, char* argv[])
     }
 
     for (std::string line; std::getline(std::cin, line);) {
-        if (!line.empty()) // an empty job would be waited for for ever
+        if (!line.empty()) // an empty job is counted, but never sent
             scheduler.push({line.begin(), line.end()});
     }
 
