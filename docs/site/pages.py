@@ -22,7 +22,7 @@ HEADING = re.compile(r"^(#{1,6}) +(.+?) *$")
 LINK = re.compile(r"(?P<code>`+[^`]*`+)|(?P<image>!?)\[(?P<text>[^][]*)\]\((?P<target>[^()\s]+)\)")
 
 # A class of the interface, or a namespace of functions.
-DECLARATION = re.compile(r"^(?:class(?: NQ_API)? (\w+) \{|namespace (\w+::\w+) \{)$", re.MULTILINE)
+DECLARATION = re.compile(r"^(?:class(?: \[\[.*\]\])? (\w+)(?: \{)?|namespace (\w+::\w+) \{)$", re.MULTILINE)
 
 
 def slug_of(heading):
