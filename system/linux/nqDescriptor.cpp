@@ -9,12 +9,6 @@
 
 namespace nq {
 
-namespace {
-
-constexpr int firstNumberAboveStandardStreams = STDERR_FILENO + 1;
-
-} // namespace
-
 bool isStandardStream(int stream) noexcept
 {
     const int flags = ::fcntl(stream, F_GETFD);
@@ -24,10 +18,10 @@ bool isStandardStream(int stream) noexcept
 nqDescriptor::nqDescriptor(int fresh)
     : mFd(fresh)
 {
-    if (mFd < 0 || mFd >= firstNumberAboveStandardStreams)
+    if (mFd < 0 || mFd >= standardStreamCount)
         return;
     moveToLowNumber();
-    if (mFd < firstNumberAboveStandardStreams)
+    if (mFd < standardStreamCount)
         close();
 }
 
@@ -44,7 +38,7 @@ void nqDescriptor::close() noexcept
 
 void nqDescriptor::moveToLowNumber()
 {
-    moveToNumberFrom(firstNumberAboveStandardStreams);
+    moveToNumberFrom(standardStreamCount);
 }
 
 void nqDescriptor::moveOutOfRangeOfSelect()

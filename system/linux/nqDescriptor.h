@@ -1,8 +1,12 @@
 #pragma once
 
+#include <unistd.h>
 #include <utility>
 
 namespace nq {
+
+/// The numbers from 0 to 2; also the first number above them.
+constexpr int standardStreamCount = STDERR_FILENO + 1;
 
 /// Whether `stream`, 0 to 2, is open and inherited by children. If it is close-on-exec, it is a
 /// file of the host's own that got the number of a closed standard stream. Safe after vfork.

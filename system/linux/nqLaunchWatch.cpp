@@ -25,13 +25,14 @@ nqLaunchWatch::nqLaunchWatch(const std::string& server)
 
 bool nqLaunchWatch::probeFailure()
 {
-    if (mPid && mPhase == Phase::running)
-        probe();
+    probe();
     return mPhase == Phase::failed && nqProcFile::hasLivingMember(*mPid) == false;
 }
 
 void nqLaunchWatch::probe()
 {
+    if (!mPid || mPhase != Phase::running)
+        return;
     siginfo_t ended{};
     if (::waitid(P_PID, static_cast<id_t>(*mPid), &ended, WEXITED | WNOHANG | WNOWAIT) != 0) {
         mPhase = Phase::succeeded; // reaped by the host itself
@@ -62,8 +63,7 @@ bool nqLaunchWatch::wait(int listener, const nqDeadline& deadline)
 
 void nqLaunchWatch::report()
 {
-    if (mPid && mPhase == Phase::running)
-        probe();
+    probe();
     if (mEnd)
         nqStartedProcess::reportEnd(*mPid, *mEnd);
 }

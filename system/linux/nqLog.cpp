@@ -167,7 +167,7 @@ public:
             const int fd = retryOnSignal([] { return ::open("/dev/null", O_RDWR | O_CLOEXEC); });
             if (fd < 0)
                 return;
-            if (fd > STDERR_FILENO) {
+            if (fd >= standardStreamCount) {
                 ::close(fd);
                 return;
             }
@@ -185,7 +185,7 @@ public:
     StandardStreamsFiller& operator=(const StandardStreamsFiller&) = delete;
 
 private:
-    std::array<int, STDERR_FILENO + 1> mFillers{};
+    std::array<int, standardStreamCount> mFillers{};
     std::size_t mCount = 0;
 };
 

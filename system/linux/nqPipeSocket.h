@@ -13,7 +13,7 @@ namespace nq {
 /// The address of a pipe in the kernel's abstract socket namespace.
 struct nqPipeAddress {
     sockaddr_un mAddress;
-    socklen_t mSize; // exact: the kernel takes padding for a part of the name
+    socklen_t mSize; // exact, since padding would be a part of the name
 
     const sockaddr* get() const
     {

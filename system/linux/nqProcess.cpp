@@ -83,8 +83,7 @@ nqDescriptor openMemoryStatistics(pid_t pid)
     return statistics;
 }
 
-// Of texts that are borrowed. execve takes them as not const for historical reasons, and changes
-// none.
+// Borrows the texts. execve takes them as not const for historical reasons, and changes none.
 std::vector<char*>
 argumentVector(const std::string& executable, const std::vector<std::string>& arguments)
 {

@@ -27,8 +27,8 @@ namespace nq {
 namespace {
 
 constexpr int lastSignal = 64;
-constexpr int failedLaunchExitCode = 127;  // as a shell's for a program that it cannot run
-constexpr rlim_t maxDescriptors = 1 << 20; // the kernel's own default ceiling for one process
+constexpr int failedLaunchExitStatus = 127; // as a shell's for a program that it cannot run
+constexpr rlim_t maxDescriptors = 1 << 20;  // the kernel's own default ceiling for one process
 
 // The kernel's set of signals. The C library's functions leave out the two that its threads use; a
 // child must neither inherit those ignored nor receive one before its exec.
@@ -109,14 +109,13 @@ bool prepareStandardStreams(const Launch& launch)
 
 void keepOtherDescriptorsFromTheProgram()
 {
-    constexpr int first = STDERR_FILENO + 1;
-    if (::close_range(first, ~0U, CLOSE_RANGE_CLOEXEC) == 0)
+    if (::close_range(standardStreamCount, ~0U, CLOSE_RANGE_CLOEXEC) == 0)
         return;
     rlimit limit{};
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
         limit.rlim_cur = maxDescriptors;
     const int end = static_cast<int>(std::min(limit.rlim_cur, maxDescriptors));
-    for (int descriptor = first; descriptor < end; ++descriptor)
+    for (int descriptor = standardStreamCount; descriptor < end; ++descriptor)
         ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
 }
 
@@ -152,7 +151,7 @@ nqSpawnResult::Step execute(const Launch& launch)
     const nqSpawnResult::Step failedAt = execute(launch);
     const nqSpawnResult failure{0, failedAt, errno};
     retryOnSignal([&] { return ::write(launch.mFailureWriter.get(), &failure, sizeof failure); });
-    ::_exit(failedLaunchExitCode);
+    ::_exit(failedLaunchExitStatus);
 }
 
 // Never inlined: the child runs on this stack, and must not overwrite a slot of the caller's frame
