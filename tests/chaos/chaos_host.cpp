@@ -12,11 +12,14 @@
 #include "tests/chaos/sanitizer.h"
 #include "tests/chaos/surroundings.h"
 #include "tests/chaos/violation.h"
+#include "tests/common/descriptors.h"
+#include "tests/common/signalStorm.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <iostream>
@@ -40,7 +43,8 @@ using chaos::RoundPlan;
 constexpr std::int64_t nanosecondsPerSecond = 1'000'000'000;
 constexpr std::uint64_t warmUpRounds = 15; // one of every kind: what is allocated once, is by then
 constexpr std::uint64_t leastRounds = 2 * warmUpRounds; // growth is measured over the rest
-constexpr int helperEndMs = 1'000; // a killed group is gone within that time on a loaded machine
+constexpr std::chrono::seconds helperEnd{
+    1}; // a killed group is gone within that time on a loaded machine
 constexpr int roundBits = 40;
 constexpr int poolBits = 32;
 
@@ -153,8 +157,8 @@ void checkNobodyIsLeft(const std::string& tag)
             child.si_pid != 0 ? "a zombie is left" : "a child of this host is left");
     // A helper is nobody's child any more, and killed together with its worker.
     for (const pid_t survivor : chaos::processesWith(tag)) {
-        const chaos::ProcessHandle handle(survivor);
-        if (!handle.endsWithin(helperEndMs))
+        const chaos::ProcessWatch watch(survivor);
+        if (!watch.endsWithin(helperEnd))
             chaos::reportViolation("an orphan is left: " + chaos::commandLine(survivor));
     }
 }
@@ -176,7 +180,7 @@ bool isDisturbed(const RoundPlan& plan)
 
 Figures play(const RoundPlan& plan, std::uint64_t round, CountingLog& log)
 {
-    const std::size_t descriptorsBefore = chaos::openDescriptorCount();
+    const std::size_t descriptorsBefore = common::openDescriptorNumbers().size();
     const std::string tag = "chaos-" + std::to_string(getpid()) + "-" + std::to_string(round) + "-";
     Figures figures;
     log.failedJobs = 0;
@@ -202,7 +206,8 @@ Figures play(const RoundPlan& plan, std::uint64_t round, CountingLog& log)
     if (figures.failedLaunches != 0 && !isDisturbed(plan))
         chaos::reportViolation(
             "a launch fails although nobody disturbs it:" + log.launchFailures());
-    if (const std::size_t after = chaos::openDescriptorCount(); after != descriptorsBefore)
+    if (const std::size_t after = common::openDescriptorNumbers().size();
+        after != descriptorsBefore)
         chaos::reportViolation(
             std::to_string(descriptorsBefore) + " descriptors were open before the round, " +
             std::to_string(after) + " after it");
@@ -218,7 +223,7 @@ struct Footprint {
     static Footprint now()
     {
         malloc_trim(0); // what threads and large jobs have given back is no growth
-        return {mallinfo2().uordblks, chaos::residentBytes()};
+        return {mallinfo2().uordblks, common::residentBytes()};
     }
 };
 
@@ -264,7 +269,7 @@ void run(const Options& options)
     const Footprint atEnd = Footprint::now();
     std::cout << "chaos_host --seconds " << options.seconds << " --seed " << options.seed << '\n';
     print(all, std::cout);
-    std::cout << "  timer signals handled by the host: " << chaos::handledTimerSignals() << '\n'
+    std::cout << "  timer signals handled by the host: " << common::SignalStorm::handled() << '\n'
               << "  resident KiB at start, warm, end: " << atStart.resident / 1024 << ", "
               << (warm ? warm->resident / 1024 : 0) << ", " << atEnd.resident / 1024 << '\n'
               << "  heap bytes in use at start, warm, end: " << atStart.heap << ", "

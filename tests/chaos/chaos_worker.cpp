@@ -9,31 +9,29 @@
 #include "nqWorker.h"
 #include "tests/chaos/board.h"
 #include "tests/chaos/job.h"
+#include "tests/common/frame.h"
+#include "tests/common/rawSocket.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace {
 
 using chaos::Behaviour;
 using chaos::Job;
+using common::frame;
 
 constexpr int stepMs = 1000; // how often an idle worker looks at hasFinished
 constexpr int slowSteps = 20;
@@ -46,41 +44,10 @@ void pauseFor(int milliseconds)
     poll(nullptr, 0, milliseconds);
 }
 
-/// The library keeps its socket to itself, so the worker finds it the way a stray library would.
-int socketOfPipe()
+/// Past the library, so that the bytes are out before what follows.
+void sendRaw(const std::vector<char>& bytes)
 {
-    constexpr int highest = 64; // a worker starts with three descriptors
-    for (int fd = STDERR_FILENO + 1; fd < highest; ++fd) {
-        struct stat status {};
-        if (fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode))
-            return fd;
-    }
-    std::abort();
-}
-
-/// Sends past the library, so that the bytes are out before what follows.
-void sendRaw(std::string_view bytes)
-{
-    const int fd = socketOfPipe();
-    while (!bytes.empty()) {
-        const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (sent >= 0) {
-            bytes.remove_prefix(static_cast<std::size_t>(sent));
-        } else if (errno == EAGAIN) {
-            pollfd writable{fd, POLLOUT, 0};
-            poll(&writable, 1, -1);
-        } else if (errno != EINTR) {
-            return; // the host has gone
-        }
-    }
-}
-
-std::string frame(const std::vector<char>& payload)
-{
-    const auto length = static_cast<std::uint32_t>(payload.size());
-    std::string bytes(sizeof length, '\0');
-    std::memcpy(bytes.data(), &length, sizeof length);
-    return bytes.append(payload.data(), payload.size());
+    common::sendPastTheLibrary({bytes.data(), bytes.size()});
 }
 
 class ChaosWorker : public nq::nqWorker {
@@ -136,7 +103,7 @@ private:
             isDoomed(job);
             _exit(0);
         case Behaviour::answerHalfAndDie:
-            sendRaw(std::string_view(frame(result)).substr(0, result.size() / 2));
+            sendRaw(firstHalf(frame(result)));
             isDoomed(job);
             _exit(0);
         case Behaviour::crash:
@@ -160,7 +127,7 @@ private:
             _exit(1);
         case Behaviour::closePipeAndLinger:
             isDoomed(job);
-            shutdown(socketOfPipe(), SHUT_RDWR);
+            shutdown(common::socketOfPipe(), SHUT_RDWR);
             pauseFor(milliseconds);
             _exit(0);
         case Behaviour::growAndAnswer:
@@ -183,11 +150,16 @@ private:
         mEntry->doomedAt = chaos::now();
     }
 
-    static void dribble(const std::string& bytes, int milliseconds)
+    static common::Bytes firstHalf(common::Bytes bytes)
+    {
+        return common::takeFront(bytes, bytes.size() / 2);
+    }
+
+    static void dribble(common::Bytes bytes, int milliseconds)
     {
         const std::size_t piece = std::max<std::size_t>(bytes.size() / dribbleSteps, 1);
-        for (std::size_t at = 0; at < bytes.size(); at += piece) {
-            sendRaw(std::string_view(bytes).substr(at, piece));
+        while (!bytes.empty()) {
+            sendRaw(common::takeFront(bytes, std::min(piece, bytes.size())));
             pauseFor(milliseconds);
         }
     }

@@ -118,12 +118,12 @@ void Disturber::disturbOne()
     const std::optional<pid_t> worker = chooseWorker();
     if (!worker)
         return;
-    // The handle first: when the command line is then still the right one, so is the handle.
-    ProcessHandle handle(*worker);
-    if (!handle.lives() || commandLine(*worker).find(mTag) == std::string::npos)
+    // The watch first: when the command line is then still the right one, so is the process.
+    ProcessWatch watch(*worker);
+    if (!watch.lives() || commandLine(*worker).find(mTag) == std::string::npos)
         return;
     if (choice >= wanted.kills + wanted.crashes)
-        return stop(*worker, std::move(handle));
+        return stop(*worker, std::move(watch));
 
     const bool isKill = choice < wanted.kills;
     const std::lock_guard guard(mMutex); // a failure that follows finds the entry
@@ -131,22 +131,22 @@ void Disturber::disturbOne()
     if (!isKill && mEverStopped.count(*worker) != 0)
         return;
     const std::int64_t time = now();
-    if (!handle.send(isKill ? SIGKILL : SIGSEGV))
+    if (!watch.kill(isKill ? SIGKILL : SIGSEGV))
         return;
     mFatal.emplace(*worker, time);
     ++(isKill ? mFigures.kills : mFigures.crashes);
 }
 
-void Disturber::stop(pid_t worker, ProcessHandle handle)
+void Disturber::stop(pid_t worker, ProcessWatch watch)
 {
     const auto durationMs =
         static_cast<std::int64_t>(1 + mRandom.below(mDisturbance.longestStopMs));
     const std::lock_guard guard(mMutex);
-    if (!handle.send(SIGSTOP))
+    if (!watch.kill(SIGSTOP))
         return;
     mEverStopped.insert(worker);
     ++mFigures.stops;
-    mStopped.push_back({std::move(handle), now() + durationMs * nanosecondsPerMs});
+    mStopped.push_back({std::move(watch), now() + durationMs * nanosecondsPerMs});
 }
 
 void Disturber::continueDue(std::int64_t time)
@@ -154,7 +154,7 @@ void Disturber::continueDue(std::int64_t time)
     std::vector<Stopped> still;
     for (Stopped& stopped : mStopped)
         if (stopped.until <= time)
-            stopped.worker.send(SIGCONT);
+            stopped.worker.kill(SIGCONT);
         else
             still.push_back(std::move(stopped));
     mStopped.swap(still);

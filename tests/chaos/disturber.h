@@ -4,7 +4,7 @@
 #include "tests/chaos/figures.h"
 #include "tests/chaos/plan.h"
 #include "tests/chaos/processes.h"
-#include "tests/model/random.h"
+#include "tests/common/random.h"
 
 #include <condition_variable>
 #include <map>
@@ -46,20 +46,20 @@ public:
 
 private:
     struct Stopped {
-        ProcessHandle worker;
+        ProcessWatch worker;
         std::int64_t until;
     };
 
     void run();
     void disturbOne();
-    void stop(pid_t worker, ProcessHandle handle);
+    void stop(pid_t worker, ProcessWatch watch);
     void continueDue(std::int64_t time);
     std::optional<pid_t> chooseWorker();
 
     const BoardMapping& mBoard;
     const std::string mTag;
     const Disturbance mDisturbance;
-    model::Random mRandom;
+    common::Random mRandom;
     std::vector<Stopped> mStopped; // of the thread alone
 
     std::mutex mMutex; // of what follows

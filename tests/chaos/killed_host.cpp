@@ -6,7 +6,7 @@
 
 #include "nqScheduler.h"
 #include "tests/chaos/job.h"
-#include "tests/model/random.h"
+#include "tests/common/random.h"
 
 #include <cstdlib>
 #include <string>
@@ -116,7 +116,7 @@ private:
         }
     }
 
-    model::Random mRandom;
+    common::Random mRandom;
     nq::nqScheduler mScheduler;
     std::uint64_t mLastId = 0;
 };

@@ -5,7 +5,9 @@
 
 #include "tests/chaos/processes.h"
 #include "tests/chaos/sanitizer.h"
-#include "tests/model/random.h"
+#include "tests/common/files.h"
+#include "tests/common/random.h"
+#include "tests/common/waiting.h"
 
 #include <gtest/gtest.h>
 
@@ -73,20 +75,6 @@ void PrintTo(const State& state, std::ostream* out)
 constexpr State states[] = {
     {"idle", false}, {"busy", false}, {"losing", false}, {"starting", true}, {"stopping", false}};
 
-/// Waits for a signal, an event or the time, whichever comes first.
-bool becomesReadable(int fd, Clock::time_point deadline)
-{
-    for (;;) {
-        const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now()).count();
-        pollfd watched{fd, POLLIN, 0};
-        const int ready = poll(&watched, 1, static_cast<int>(std::max<long>(left, 0)));
-        if (ready > 0)
-            return true;
-        if (ready == 0 || errno != EINTR)
-            return false;
-    }
-}
-
 /// One host program, whose output this process reads.
 class Host {
 public:
@@ -133,7 +121,7 @@ public:
 
     bool showsWorkerWithin(milliseconds limit) const
     {
-        return becomesReadable(mOutput, Clock::now() + limit);
+        return common::becomesReadable(mOutput, limit);
     }
 
     void kill() const
@@ -144,11 +132,7 @@ public:
     /// The names of its pipes, as far as its workers have told. Call when all of them are gone.
     std::set<std::string> pipeNames() const
     {
-        std::string text;
-        char bytes[4096];
-        for (ssize_t count = 0; (count = read(mOutput, bytes, sizeof bytes)) > 0;)
-            text.append(bytes, static_cast<std::size_t>(count));
-        std::istringstream lines(text);
+        std::istringstream lines(common::readAll(mOutput));
         std::set<std::string> names;
         for (std::string word; lines >> word;)
             if (word.size() == uuidLength)
@@ -194,7 +178,7 @@ public:
             }
             if (ended == -1 && errno == ECHILD)
                 return true;
-            if (!becomesReadable(mEvents, deadline))
+            if (!common::becomesReady(mEvents, POLLIN, deadline))
                 return false;
         }
     }
@@ -209,34 +193,27 @@ class Folder {
 public:
     Folder()
     {
-        std::string path =
-            (std::filesystem::temp_directory_path() / "killed_hosts_XXXXXX").string();
-        if (!mkdtemp(path.data()))
-            throw std::runtime_error("no folder");
-        mPath = path;
-        setenv("TMPDIR", mPath.c_str(), 1);
+        setenv("TMPDIR", mFolder.path().c_str(), 1);
     }
     ~Folder()
     {
         unsetenv("TMPDIR");
-        std::error_code leftAsItIs;
-        std::filesystem::remove_all(mPath, leftAsItIs);
     }
     Folder(const Folder&) = delete;
     Folder& operator=(const Folder&) = delete;
 
     std::string path() const
     {
-        return mPath.string();
+        return mFolder.path();
     }
 
     bool isEmpty() const
     {
-        return std::filesystem::is_empty(mPath);
+        return std::filesystem::is_empty(path());
     }
 
 private:
-    std::filesystem::path mPath;
+    common::TemporaryFolder mFolder;
 };
 
 std::set<std::string> namesIn(const std::string& folder)
@@ -321,7 +298,7 @@ protected:
         EXPECT_EQ(survivors, std::vector<pid_t>());
         for (const pid_t survivor : survivors) {
             ADD_FAILURE() << "lives on: " << chaos::commandLine(survivor);
-            chaos::ProcessHandle(survivor).send(SIGKILL);
+            chaos::ProcessWatch(survivor).kill(SIGKILL);
         }
         ASSERT_TRUE(mUndertaker.everybodyEndsBefore(Clock::now() + limitForFirstWorker));
     }
@@ -334,7 +311,7 @@ protected:
             poll(nullptr, 0, 1);
     }
 
-    model::Random mRandom{options().seed};
+    common::Random mRandom{options().seed};
     Folder mFolder;
     Undertaker mUndertaker;
     Clock::time_point mLastKill;

@@ -2,6 +2,7 @@
 
 #include "tests/chaos/processes.h"
 #include "tests/chaos/violation.h"
+#include "tests/common/descriptors.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -57,8 +58,8 @@ bool PoolRound::advance()
 {
     tellProgress();
     if (++mSteps % descriptorsEverySteps == 1)
-        mFigures.peakDescriptors =
-            std::max<std::uint64_t>(mFigures.peakDescriptors, openDescriptorCount());
+        mFigures.peakDescriptors = std::max<std::uint64_t>(
+            mFigures.peakDescriptors, common::openDescriptorNumbers().size());
     switch (mPhase) {
     case Phase::starting:
         start();

@@ -6,7 +6,7 @@
 #include "tests/chaos/figures.h"
 #include "tests/chaos/ledger.h"
 #include "tests/chaos/plan.h"
-#include "tests/model/random.h"
+#include "tests/common/random.h"
 
 #include <cstdint>
 #include <string>
@@ -56,7 +56,7 @@ private:
     const PoolPlan mPlan;
     const std::string mTag;
     BoardMapping mBoard;
-    model::Random mRandom;
+    common::Random mRandom;
     Disturber mDisturber;
     Ledger mLedger;
     nq::nqScheduler mScheduler;

@@ -1,6 +1,6 @@
 #include "tests/chaos/plan.h"
 #include "tests/chaos/sanitizer.h"
-#include "tests/model/random.h"
+#include "tests/common/random.h"
 
 #include <iterator>
 #include <sstream>
@@ -9,7 +9,7 @@ namespace chaos {
 
 namespace {
 
-using model::Random;
+using common::Random;
 
 constexpr std::uint64_t mebibyte = std::uint64_t{1} << 20;
 

@@ -1,7 +1,9 @@
 #pragma once
 
 #include "tests/chaos/plan.h"
+#include "tests/common/signalStorm.h"
 
+#include <optional>
 #include <vector>
 
 namespace chaos {
@@ -16,14 +18,11 @@ public:
 
 private:
     void openMany(std::uint32_t count);
-    static void setTimer(long intervalUs);
 
     Surroundings mWanted;
     std::vector<int> mOthers;
+    std::optional<common::SignalStorm> mStorm;
 };
-
-/// How many signals of the timer have been handled in the whole run.
-std::uint64_t handledTimerSignals();
 
 /// For a host with thousands of descriptors.
 void raiseDescriptorLimit();

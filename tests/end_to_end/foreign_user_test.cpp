@@ -1,148 +1,51 @@
 #include "fixture.h"
 #include "nqWorker.h"
+#include "tests/common/frame.h"
+#include "tests/common/rawSocket.h"
 
 #include <fcntl.h>
-#include <grp.h>
-#include <poll.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace {
 
+using common::Descriptor;
 using end_to_end::EndToEnd;
 using end_to_end::Pool;
 using end_to_end::TemporaryFolder;
 using end_to_end::workerPath;
 
-constexpr uid_t foreignUser = 65'534;
 constexpr int limitMs = 60'000; // only a test that fails waits for so long
 
 class ForeignUser : public EndToEnd {
 protected:
     void SetUp() override
     {
-        if (::geteuid() != 0)
+        if (!common::mayChangeUser())
             GTEST_SKIP() << "only root can start a process of another user";
     }
 
     TemporaryFolder mFolder;
 };
 
-/// A forked process that runs `body`, ends with the number that it returns, and does not outlive
-/// the test.
-class Child {
-public:
-    template <typename Body>
-    explicit Child(Body body)
-        : mPid(::fork())
-    {
-        if (mPid != 0)
-            return;
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        ::_exit(body());
-    }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-    ~Child()
-    {
-        if (mPid <= 0)
-            return;
-        ::kill(mPid, SIGKILL);
-        wait();
-    }
-
-    /// The exit code, or -1 when a signal ended it.
-    int wait()
-    {
-        int status = 0;
-        while (::waitpid(std::exchange(mPid, -1), &status, 0) == -1 && errno == EINTR)
-            continue;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-private:
-    pid_t mPid;
-};
-
-bool becomeForeignUser()
-{
-    return ::setgroups(0, nullptr) == 0 &&
-           ::setresgid(foreignUser, foreignUser, foreignUser) == 0 &&
-           ::setresuid(foreignUser, foreignUser, foreignUser) == 0;
-}
-
-std::pair<sockaddr_un, socklen_t> addressOf(const std::string& pipeName)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path + 1, pipeName.data(), pipeName.size());
-    return {address, static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + pipeName.size())};
-}
-
-int openSocket()
-{
-    return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-}
-
-bool connectTo(int socket, const std::string& pipeName)
-{
-    const auto [address, size] = addressOf(pipeName);
-    return ::connect(socket, reinterpret_cast<const sockaddr*>(&address), size) == 0;
-}
-
-bool listenUnder(int socket, const std::string& pipeName)
-{
-    const auto [address, size] = addressOf(pipeName);
-    return ::bind(socket, reinterpret_cast<const sockaddr*>(&address), size) == 0 &&
-           ::listen(socket, 1) == 0;
-}
-
-/// A job or a result as it stands on the pipe.
-std::string frame(const std::string& payload)
-{
-    const auto length = static_cast<std::uint32_t>(payload.size());
-    std::string bytes(sizeof length, '\0');
-    std::memcpy(bytes.data(), &length, sizeof length);
-    return bytes + payload;
-}
-
 /// The other side may have hung up already, which is for the caller to find out.
-void offerFrame(int socket, const std::string& payload)
+void offerFrame(const Descriptor& socket, const std::string& payload)
 {
-    const std::string bytes = frame(payload);
-    ::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    common::rawSend(socket, common::text(common::frame(payload)));
 }
 
 /// Whether the other side ends the connection without having sent a byte.
-bool endsInSilence(int socket)
+bool endsInSilence(const Descriptor& socket)
 {
-    pollfd readable{socket, POLLIN, 0};
-    if (::poll(&readable, 1, limitMs) != 1)
-        return false;
     char byte = 0;
-    const ssize_t count = ::recv(socket, &byte, 1, MSG_DONTWAIT);
+    if (!common::becomesReadable(socket.get()))
+        return false;
+    const ssize_t count = ::recv(socket.get(), &byte, 1, MSG_DONTWAIT);
     return count == 0 || (count == -1 && errno == ECONNRESET);
-}
-
-std::string readAll(int fd)
-{
-    std::string text;
-    char bytes[256];
-    for (ssize_t count = 0; (count = ::read(fd, bytes, sizeof bytes)) > 0;)
-        text.append(bytes, static_cast<std::size_t>(count));
-    return text;
 }
 
 class CountingWorker : public nq::nqWorker {
@@ -169,12 +72,12 @@ TEST_F(ForeignUser, doesNotGetIntoAPoolAsAWorker)
         "printf %s \"$1\" >'" + nameFifo + "'\nread -r line <'" + goFifo + "'\nexec '" +
             workerPath() + "' \"$1\"\n");
 
-    Child foreigner([&] {
+    common::Child foreigner([&] {
         const int nameReader = ::open(nameFifo.c_str(), O_RDONLY | O_CLOEXEC);
-        const std::string pipeName = readAll(nameReader);
+        const std::string pipeName = common::readAll(nameReader);
         const int goWriter = ::open(goFifo.c_str(), O_WRONLY | O_CLOEXEC);
-        const int socket = openSocket();
-        if (!becomeForeignUser() || !connectTo(socket, pipeName))
+        const Descriptor socket = common::rawSocket();
+        if (!common::becomeForeignUser() || !common::rawConnect(socket, pipeName))
             return 1;
         offerFrame(socket, "forged");
         if (::write(goWriter, "go\n", 3) != 3)
@@ -193,18 +96,18 @@ TEST_F(ForeignUser, cannotPoseAsTheSchedulerOfAWorker)
 {
     const std::string pipeName = "nq-foreign-scheduler-" + std::to_string(::getpid());
     const std::string listeningFifo = mFolder.addFifo("listening");
-    Child foreigner([&] {
+    common::Child foreigner([&] {
         const int listening = ::open(listeningFifo.c_str(), O_WRONLY | O_CLOEXEC);
-        const int listener = openSocket();
-        if (!becomeForeignUser() || !listenUnder(listener, pipeName))
+        const Descriptor listener = common::rawSocket();
+        if (!common::becomeForeignUser() || !common::rawListen(listener, pipeName))
             return 1;
         ::close(listening);
-        const int connection = ::accept(listener, nullptr, nullptr);
+        const Descriptor connection(::accept(listener.get(), nullptr, nullptr));
         offerFrame(connection, "job");
         return endsInSilence(connection) ? 0 : 2;
     });
     const int listening = ::open(listeningFifo.c_str(), O_RDONLY | O_CLOEXEC);
-    readAll(listening);
+    common::readAll(listening);
     ::close(listening);
 
     CountingWorker worker(pipeName);

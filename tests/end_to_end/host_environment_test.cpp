@@ -1,8 +1,8 @@
 #include "fixture.h"
+#include "tests/common/signalStorm.h"
 
 #include <fcntl.h>
 #include <sys/resource.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,6 +18,7 @@
 
 namespace {
 
+using common::SignalStorm;
 using end_to_end::EndToEnd;
 using end_to_end::Pool;
 using end_to_end::ProcessWatch;
@@ -45,40 +46,6 @@ private:
     int mSignal;
     struct sigaction mBefore {};
 };
-
-/// Raises SIGALRM each millisecond until the end of the scope. The handler interrupts system calls.
-class TimerSignal {
-public:
-    TimerSignal()
-        : mDisposition(SIGALRM, &TimerSignal::count)
-    {
-        raised = 0;
-        const itimerval eachMillisecond{{0, 1000}, {0, 1000}};
-        setitimer(ITIMER_REAL, &eachMillisecond, nullptr);
-    }
-    ~TimerSignal()
-    {
-        const itimerval never{};
-        setitimer(ITIMER_REAL, &never, nullptr);
-        // A tool that delivers signals late may still hold one, which the former disposition would
-        // turn into the end of the test program. Ignoring a signal discards what is pending.
-        std::signal(SIGALRM, SIG_IGN);
-    }
-    TimerSignal(const TimerSignal&) = delete;
-    TimerSignal& operator=(const TimerSignal&) = delete;
-
-    static volatile std::sig_atomic_t raised;
-
-private:
-    static void count(int)
-    {
-        raised = raised + 1;
-    }
-
-    SignalDisposition mDisposition;
-};
-
-volatile std::sig_atomic_t TimerSignal::raised = 0;
 
 void reapEverything(int)
 {
@@ -157,13 +124,9 @@ TEST_F(HostEnvironment, aHostMayReapEveryChildItself)
 
 TEST_F(HostEnvironment, theOtherChildrenOfTheHostStayItsOwn)
 {
-    const pid_t own = fork();
-    if (own == 0)
-        _exit(7);
+    common::Child own([] { return 7; });
     expectServiceOfEveryKind();
-    int status = 0;
-    ASSERT_EQ(waitpid(own, &status, 0), own);
-    EXPECT_EQ(WEXITSTATUS(status), 7);
+    EXPECT_EQ(own.wait(), 7);
 }
 
 TEST_F(HostEnvironment, aForkedChildThatDestroysItsCopyOfASchedulerDisturbsNobody)
@@ -171,15 +134,12 @@ TEST_F(HostEnvironment, aForkedChildThatDestroysItsCopyOfASchedulerDisturbsNobod
     std::optional<Pool> pool(std::in_place);
     ASSERT_TRUE(pool->start(2));
     pool->push("echo pending");
-    const pid_t child = fork();
-    if (child == 0) {
+    common::Child child([&] {
         pool->scheduler().processScheduler(0);
         pool.reset(); // would have to answer the job first
-        _exit(0);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+        return 0;
+    });
+    EXPECT_EQ(child.wait(), 0);
     EXPECT_TRUE(pool->collect(1));
     EXPECT_EQ(pool->answers(), std::vector<std::string>{"pending"});
     EXPECT_TRUE(pool->scheduler().stopScheduler());
@@ -221,14 +181,15 @@ TEST_F(HostEnvironment, aWorkerStartsWithoutTheSignalSettingsOfTheHost)
 
 TEST_F(HostEnvironment, aSignalEachMillisecondDisturbsNothing)
 {
-    const TimerSignal timer;
+    const auto before = SignalStorm::handled();
+    const SignalStorm storm;
     expectServiceOfEveryKind();
-    EXPECT_GT(TimerSignal::raised, 0);
+    EXPECT_GT(SignalStorm::handled(), before);
 }
 
 TEST_F(HostEnvironment, aSignalEachMillisecondDoesNotLengthenALaunch)
 {
-    const TimerSignal timer;
+    const SignalStorm storm;
     const auto before = std::chrono::steady_clock::now();
     Pool pool({"--never-connect"});
     EXPECT_FALSE(pool.scheduler().startScheduler(1, 200));

@@ -3,21 +3,20 @@
 
 #include "nqLog.h"
 #include "nqWorker.h"
+#include "tests/common/descriptors.h"
+#include "tests/common/frame.h"
+#include "tests/common/processes.h"
+#include "tests/common/rawSocket.h"
 
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -40,59 +39,15 @@ constexpr std::size_t mebibyte = std::size_t{1} << 20;
         pause();
 }
 
-/// The numbers of the open descriptors, without the one that is needed to look.
-std::vector<int> openDescriptors()
-{
-    std::vector<int> open;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
-        open.push_back(std::stoi(entry.path().filename().string()));
-    const auto closedByNow = [](int fd) { return fcntl(fd, F_GETFD) == -1; };
-    open.erase(std::remove_if(open.begin(), open.end(), closedByNow), open.end());
-    std::sort(open.begin(), open.end());
-    return open;
-}
-
-/// The library keeps its socket to itself, so the worker finds it the way a stray library would.
-int socketOfPipe()
-{
-    for (const int fd : openDescriptors()) {
-        struct stat status {};
-        if (fd > STDERR_FILENO && fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode))
-            return fd;
-    }
-    std::fputs("no socket found\n", stderr);
-    std::abort();
-}
-
-/// Writes all of `bytes` past the library. False when the host has gone.
+/// Without waiting for what the library still has to send. False when the host has gone.
 bool sendRaw(std::string_view bytes)
 {
-    const int fd = socketOfPipe();
-    while (!bytes.empty()) {
-        const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (sent >= 0) {
-            bytes.remove_prefix(static_cast<std::size_t>(sent));
-        } else if (errno == EAGAIN) {
-            pollfd writable{fd, POLLOUT, 0};
-            poll(&writable, 1, -1);
-        } else if (errno != EINTR) {
-            return false;
-        }
-    }
-    return true;
-}
-
-std::string frameHeader(std::size_t length)
-{
-    const auto value = static_cast<std::uint32_t>(length);
-    std::string header(sizeof value, '\0');
-    std::memcpy(header.data(), &value, sizeof value);
-    return header;
+    return common::sendPastTheLibrary(bytes);
 }
 
 std::string frame(std::string_view payload)
 {
-    return frameHeader(payload.size()).append(payload);
+    return common::text(common::frame(payload));
 }
 
 /// The value behind `name` in /proc/self/status.
@@ -115,10 +70,8 @@ std::string joined(const std::vector<std::string>& texts)
 
 std::string exitStatusOf(pid_t child)
 {
-    int status = 0;
-    while (waitpid(child, &status, 0) == -1 && errno == EINTR)
-        continue;
-    return WIFEXITED(status) ? std::to_string(WEXITSTATUS(status)) : "a signal";
+    const int exitCode = common::waitForExitCode(child);
+    return exitCode == -1 ? "a signal" : std::to_string(exitCode);
 }
 
 class MisbehavingWorker : public nq::nqWorker {
@@ -323,19 +276,19 @@ private:
 
     std::string sendHalfFrame(std::string_view)
     {
-        sendRaw(frameHeader(1000) + std::string(500, 'h'));
+        sendRaw(common::text(common::header(1000)) + std::string(500, 'h'));
         _exit(0);
     }
 
     std::string sendHalfHeader(std::string_view)
     {
-        sendRaw(frameHeader(1000).substr(0, 2));
+        sendRaw(common::text(common::header(1000)).substr(0, 2));
         _exit(0);
     }
 
     std::string closePipeAndLinger(std::string_view milliseconds)
     {
-        shutdown(socketOfPipe(), SHUT_RDWR);
+        shutdown(common::socketOfPipe(), SHUT_RDWR);
         poll(nullptr, 0, std::stoi(std::string(milliseconds)));
         _exit(0);
     }
@@ -527,7 +480,7 @@ bool has(const std::vector<std::string>& arguments, const std::string& wanted)
 int main(int argc, char** argv)
 {
     std::string descriptors;
-    for (const int fd : openDescriptors())
+    for (const int fd : common::openDescriptorNumbers())
         descriptors += (descriptors.empty() ? "" : " ") + std::to_string(fd);
     const std::vector<std::string> arguments(argv + 1, argv + argc);
     const auto pipeName = std::find_if_not(arguments.begin(), arguments.end(), isOption);

@@ -105,11 +105,8 @@ void Pool::popAll()
     while (mScheduler.pop(bytes))
         mAnswers.emplace_back(bytes.begin(), bytes.end());
 
-    Failure failure;
-    while (mScheduler.popFail(bytes, failure.reason, failure.message)) {
-        failure.job.assign(bytes.begin(), bytes.end());
-        mFailures.push_back(failure);
-    }
+    while (const auto failure = common::popFailure(mScheduler))
+        mFailures.push_back(*failure);
 }
 
 } // namespace end_to_end

@@ -2,6 +2,7 @@
 
 #include "nqLog.h"
 #include "nqScheduler.h"
+#include "tests/common/failure.h"
 
 #include <functional>
 #include <mutex>
@@ -38,11 +39,7 @@ private:
     std::vector<Line> mLines;
 };
 
-struct Failure {
-    std::string job;
-    nq::nqScheduler::FailReason reason;
-    std::string message;
-};
+using common::Failure;
 
 /// How a test's host uses a scheduler: it pumps, pops as it pumps, and keeps what it popped.
 class Pool {

@@ -9,6 +9,8 @@
 
 #include "jobs.h"
 #include "remains.h"
+#include "tests/common/descriptors.h"
+#include "tests/common/failure.h"
 
 #include "nqLog.h"
 #include "nqProcess.h"
@@ -181,12 +183,10 @@ private:
         std::vector<char> result;
         while (mScheduler.pop(result))
             takeResult(std::string(result.begin(), result.end()));
-        std::vector<char> job;
-        nqScheduler::FailReason reason = nqScheduler::NoFailure;
-        std::string message;
         while (mScheduler.failCount() != 0) {
-            require(mScheduler.popFail(job, reason, message), "a counted failure is not there");
-            takeFailure(std::string(job.begin(), job.end()), reason, message);
+            const auto failure = common::popFailure(mScheduler);
+            require(failure.has_value(), "a counted failure is not there");
+            takeFailure(*failure);
         }
     }
 
@@ -199,9 +199,9 @@ private:
         require(mayEnd, std::string("a result for a job of kind ") + kind);
     }
 
-    void
-    takeFailure(const std::string& job, nqScheduler::FailReason reason, const std::string& message)
+    void takeFailure(const common::Failure& failure)
     {
+        const auto& [job, reason, message] = failure;
         takeOut(job);
         const char kind = job.front();
         require(!message.empty(), "a failure without a message");
@@ -381,7 +381,7 @@ Tolerance toleranceNamed(const std::string& name)
 
 void checkNothingLeft(const std::map<int, std::string>& descriptorsBefore)
 {
-    const std::map<int, std::string> after = faults::openDescriptors();
+    const std::map<int, std::string> after = common::openDescriptors();
     std::string leaked;
     for (const auto& [number, target] : after)
         if (descriptorsBefore.count(number) == 0)
@@ -403,7 +403,7 @@ try {
     const std::string scenario = argv[2];
     const std::string worker = scenario == "bare-pool" ? bareWorker(argv[1]) : argv[1];
     faults::adoptOrphans();
-    const auto before = faults::openDescriptors();
+    const auto before = common::openDescriptors();
     runUntilConstructed(worker, scenario, toleranceNamed(argv[3]));
     checkNothingLeft(before);
     std::cout << "over" << std::endl;

@@ -2,28 +2,12 @@
 
 #include <cerrno>
 #include <csignal>
-#include <fcntl.h>
-#include <filesystem>
-#include <iterator>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
 
 namespace faults {
-
-std::map<int, std::string> openDescriptors()
-{
-    std::map<int, std::string> open;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        std::error_code gone;
-        const auto target = std::filesystem::read_symlink(entry.path(), gone);
-        open[std::stoi(entry.path().filename().string())] = target.string();
-    }
-    for (auto entry = open.begin(); entry != open.end();) // the iteration's own is closed by now
-        entry = fcntl(entry->first, F_GETFD) == -1 ? open.erase(entry) : std::next(entry);
-    return open;
-}
 
 void adoptOrphans()
 {

@@ -1,13 +1,9 @@
 #pragma once
 
-#include <map>
 #include <string>
 
-/// What a host could leave behind: descriptors and processes.
+/// The processes that a host could leave behind.
 namespace faults {
-
-/// The numbers of this process's open descriptors, each with what it refers to.
-std::map<int, std::string> openDescriptors();
 
 /// Makes this process the parent of whatever its descendants leave behind.
 void adoptOrphans();

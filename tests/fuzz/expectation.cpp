@@ -8,7 +8,9 @@ namespace fuzz {
 
 namespace {
 
-constexpr std::size_t headerBytes = 4;
+using common::append;
+using common::eraseFront;
+using common::headerBytes;
 
 /// Least significant byte first, as on every machine that the libraries are built for.
 std::size_t lengthAt(const Bytes& bytes, std::size_t offset)
@@ -27,16 +29,6 @@ void require(bool isTrue, const char* what)
         return;
     std::cerr << "fuzz: not so: " << what << std::endl;
     std::abort();
-}
-
-void append(Bytes& bytes, const Bytes& more)
-{
-    bytes.insert(bytes.end(), more.begin(), more.end());
-}
-
-void eraseFront(Bytes& bytes, std::size_t count)
-{
-    bytes.erase(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count));
 }
 
 std::deque<Bytes> payloadsOf(const Bytes& stream)
@@ -77,9 +69,7 @@ ExpectedReader::Outcome ExpectedReader::step()
             return Outcome::waits;
     }
     const std::size_t count = std::min(mUnread.size(), mLength - mPayload.size());
-    const auto end = mUnread.begin() + static_cast<std::ptrdiff_t>(count);
-    mPayload.insert(mPayload.end(), mUnread.begin(), end);
-    mUnread.erase(mUnread.begin(), end);
+    append(mPayload, common::takeFront(mUnread, count));
     if (mPayload.size() < mLength)
         return Outcome::waits;
     mLength = 0;
@@ -115,7 +105,7 @@ void ExpectedWriter::start(const Bytes& payload, bool isWritable)
 {
     require(mOutgoing.empty(), "a frame starts on an empty buffer");
     if (isWritable) {
-        mOutgoing = framed(payload);
+        mOutgoing = common::frame(payload);
         mOutgoing.resize(std::min<std::uint64_t>(headerBytes, mLimit));
     }
     mPending = payload;
@@ -126,9 +116,7 @@ void ExpectedWriter::goOn(bool isWritable)
     if (!isWritable || mLimit <= mOutgoing.size())
         return;
     const std::size_t count = std::min<std::uint64_t>(mPending.size(), mLimit - mOutgoing.size());
-    const auto end = mPending.begin() + static_cast<std::ptrdiff_t>(count);
-    mOutgoing.insert(mOutgoing.end(), mPending.begin(), end);
-    mPending.erase(mPending.begin(), end);
+    append(mOutgoing, common::takeFront(mPending, count));
 }
 
 void ExpectedWriter::passOn(std::uint64_t count)

@@ -11,9 +11,6 @@ namespace fuzz {
 /// Ends the program with `what` when it is not true; to a fuzzer that is a finding.
 void require(bool isTrue, const char* what);
 
-void append(Bytes& bytes, const Bytes& more);
-void eraseFront(Bytes& bytes, std::size_t count);
-
 /// The payloads of a whole stream, however it was cut: without those that are empty, those whose
 /// memory is refused, and what is not complete.
 std::deque<Bytes> payloadsOf(const Bytes& stream);

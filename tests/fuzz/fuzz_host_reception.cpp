@@ -1,10 +1,10 @@
 // The receiver of frames as the host uses it: bytes of a hostile worker, cut anywhere, over a pipe
 // that may lose its connection between any two of them.
 
+#include "tests/common/refusedMemory.h"
 #include "tests/fuzz/expectation.h"
 #include "tests/fuzz/input.h"
 #include "tests/scripted/scriptedMachine.h"
-#include "tests/unit/refusedMemory.h"
 
 #include "system/nqNamedPipe.h"
 #include "worker/nqFrame.h"
@@ -61,7 +61,7 @@ private:
     /// In pieces of the size set before; what is left after a number of them comes at once.
     void deliver(const Bytes& bytes)
     {
-        fuzz::append(mStream, bytes);
+        common::append(mStream, bytes);
         Bytes rest = bytes;
         for (int pieces = 16; mPieceBytes != 0 && rest.size() > mPieceBytes && pieces > 0;
              --pieces) {
@@ -99,7 +99,7 @@ private:
 
     Outcome receive()
     {
-        const support::RefusedMemory refused(fuzz::refusedBytes);
+        const common::RefusedMemory refused(fuzz::refusedBytes);
         try {
             return nq::nqFrame::receive(mPipe, mPayload, mReceived, true) ? Outcome::isWhole
                                                                           : Outcome::waits;

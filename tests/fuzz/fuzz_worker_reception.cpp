@@ -1,9 +1,9 @@
 // A worker whose host sends anything, cut anywhere, reads slowly and goes at any time.
 
+#include "tests/common/refusedMemory.h"
 #include "tests/fuzz/expectation.h"
 #include "tests/fuzz/input.h"
 #include "tests/scripted/scriptedMachine.h"
-#include "tests/unit/refusedMemory.h"
 
 #include "include/nqWorker.h"
 
@@ -126,7 +126,7 @@ private:
 
     void deliver(const Bytes& bytes)
     {
-        fuzz::append(mStream, bytes);
+        common::append(mStream, bytes);
         mRecord.arrivals.push_back(bytes);
     }
 
@@ -169,7 +169,7 @@ private:
 
     bool stepWorker()
     {
-        const support::RefusedMemory refused(fuzz::refusedBytes);
+        const common::RefusedMemory refused(fuzz::refusedBytes);
         try {
             mWorker.processWorker(0);
             return true;

@@ -1,10 +1,10 @@
 // Records of hostile workers on the queues of one host: anything may come through their pipes, and
 // the workers grow, hang, answer unasked, die and stay at any moment.
 
+#include "tests/common/refusedMemory.h"
 #include "tests/fuzz/expectation.h"
 #include "tests/fuzz/input.h"
 #include "tests/scripted/scriptedMachine.h"
-#include "tests/unit/refusedMemory.h"
 
 #include "scheduler/nqJobQueues.h"
 #include "supervision/nqSchedulerWorker.h"
@@ -168,7 +168,7 @@ private:
         mMachine.trace.clear();
         mMachine.logged.clear();
         mPipe->passedOn.clear();
-        const support::RefusedMemory refused(fuzz::refusedBytes);
+        const common::RefusedMemory refused(fuzz::refusedBytes);
         try {
             mRecord->superviseStep();
             return true;

@@ -1,7 +1,6 @@
 #include "tests/fuzz/input.h"
 
 #include <algorithm>
-#include <cstring>
 #include <limits>
 
 namespace fuzz {
@@ -10,13 +9,6 @@ namespace {
 
 // More than a header has, so that headers in a row do not all fall alike.
 constexpr std::size_t bytesPerRandomOne = 5;
-
-Bytes headerOf(std::uint32_t length)
-{
-    Bytes header(sizeof length);
-    std::memcpy(header.data(), &length, sizeof length);
-    return header;
-}
 
 } // namespace
 
@@ -94,25 +86,16 @@ Bytes Input::sent()
 {
     switch (byte() % 5) {
     case 0:
-        return framed(rawBytes());
+        return common::frame(rawBytes());
     case 1:
-        return framed(manyBytes());
+        return common::frame(manyBytes());
     case 2:
-        return headerOf(length());
+        return common::header(length());
     case 3:
         return manyBytes();
     default:
         return rawBytes();
     }
-}
-
-Bytes framed(const Bytes& payload)
-{
-    const auto length = static_cast<std::uint32_t>(payload.size());
-    Bytes frame(sizeof length + payload.size());
-    std::memcpy(frame.data(), &length, sizeof length);
-    std::copy(payload.begin(), payload.end(), frame.begin() + sizeof length);
-    return frame;
 }
 
 } // namespace fuzz

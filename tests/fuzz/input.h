@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tests/common/frame.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
@@ -7,7 +9,7 @@
 
 namespace fuzz {
 
-using Bytes = std::vector<char>;
+using common::Bytes;
 
 /// Under a target, memory of this many bytes and more is refused, so that a length that a hostile
 /// peer announces costs what it costs on a host that does not have that memory.
@@ -49,8 +51,5 @@ private:
     std::size_t mMayMake = mostBytes;
     std::uint32_t mPattern = 1;
 };
-
-/// The payload behind its header.
-Bytes framed(const Bytes& payload);
 
 } // namespace fuzz

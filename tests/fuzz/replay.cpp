@@ -1,6 +1,6 @@
 // Runs every file of a folder through a target, without a fuzzer: replay FOLDER
 
-#include "tests/unit/refusedMemory.h"
+#include "tests/common/refusedMemory.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -48,7 +48,7 @@ int fail(const fs::path& path, const char* why)
 
 int replayFolder(const fs::path& folder)
 {
-    if (!support::RefusedMemory::isPossible())
+    if (!common::RefusedMemory::isPossible())
         return fail(folder, " needs memory that can be refused, which this tool does not allow");
     const std::vector<fs::path> files = filesIn(folder);
     if (files.empty())

@@ -1,4 +1,6 @@
-#include "tests/model/random.h"
+#include "tests/common/failure.h"
+#include "tests/common/frame.h"
+#include "tests/common/random.h"
 #include "tests/model/rounds.h"
 #include "tests/scripted/scriptedMachine.h"
 
@@ -23,27 +25,14 @@
 
 namespace {
 
-using model::Random;
-using Bytes = std::vector<char>;
+using common::append;
+using common::Bytes;
+using common::Random;
 
 constexpr std::uint64_t usualRounds = 300;
 constexpr int stepsPerRound = 800;
-constexpr std::size_t headerBytes = 4;
 /// Far more turns than the longest job of these rounds takes through the narrowest pipe.
 constexpr int endlessTurnCount = 200'000;
-
-void append(Bytes& bytes, const Bytes& more)
-{
-    bytes.insert(bytes.end(), more.begin(), more.end());
-}
-
-/// The bytes that must travel for one payload.
-void appendFrame(Bytes& wire, const Bytes& payload)
-{
-    for (std::size_t i = 0; i < headerBytes; ++i)
-        wire.push_back(static_cast<char>(payload.size() >> (8 * i)));
-    append(wire, payload);
-}
 
 /// What the hook makes of a job: of another length, never empty, and different for each job.
 Bytes answerTo(const Bytes& job)
@@ -82,9 +71,7 @@ public:
         const std::size_t count = std::min(most, mUnderway.size());
         if (count == 0)
             return;
-        const auto end = mUnderway.begin() + static_cast<std::ptrdiff_t>(count);
-        to.arrivals.emplace_back(mUnderway.begin(), end);
-        mUnderway.erase(mUnderway.begin(), end);
+        to.arrivals.push_back(common::takeFront(mUnderway, count));
         mCarried += count;
     }
 
@@ -240,9 +227,9 @@ private:
     /// The record has taken `job`.
     void expectFrames(const Bytes& job)
     {
-        appendFrame(mConnection.expectedToWorker, job);
+        append(mConnection.expectedToWorker, common::frame(job));
         const auto before = mConnection.expectedToRecord.size();
-        appendFrame(mConnection.expectedToRecord, answerTo(job));
+        append(mConnection.expectedToRecord, common::frame(answerTo(job)));
         mConnection.answerBytes += mConnection.expectedToRecord.size() - before;
         ++mConnection.dispatched;
     }
@@ -356,11 +343,10 @@ private:
 
     void takeFailures()
     {
-        Bytes job;
-        nq::nqScheduler::FailReason reason = nq::nqScheduler::NoFailure;
-        std::string message;
-        while (mQueues.popFail(job, reason, message)) {
-            expect(!mUnresolved.empty() && job == mUnresolved.front(), "the oldest job's failure");
+        for (const common::Failure& failure : common::failures(mQueues)) {
+            expect(
+                !mUnresolved.empty() && failure.job == common::text(mUnresolved.front()),
+                "the oldest job's failure");
             resolve("failure");
         }
     }
@@ -379,8 +365,7 @@ private:
                              std::equal(bytes.begin(), bytes.end(), expected.begin());
         expect(isRight, what);
         if (isRight)
-            expected.erase(
-                expected.begin(), expected.begin() + static_cast<std::ptrdiff_t>(bytes.size()));
+            common::eraseFront(expected, bytes.size());
     }
 
     void expect(bool isTrue, const char* what)

@@ -15,8 +15,8 @@
 
 namespace {
 
+using common::Random;
 using model::Bytes;
-using model::Random;
 using nq::nqScheduler;
 
 constexpr std::uint64_t usualRounds = 800;
@@ -200,7 +200,7 @@ private:
             failures.pop_front();
         }
         expectSame("popFail", mReal->popFail(job, reason, message), has);
-        expectSame("popFail's job", job == modelled.job, true);
+        expectSame("popFail's job", common::text(job), modelled.job);
         expectSame("popFail's reason", reason, modelled.reason);
         expectSame("popFail's message", message, modelled.message);
         if (has)

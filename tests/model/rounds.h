@@ -1,7 +1,7 @@
 #pragma once
 
+#include "tests/common/random.h"
 #include "tests/model/options.h"
-#include "tests/model/random.h"
 
 #include <gtest/gtest.h>
 
@@ -22,7 +22,7 @@ constexpr std::uint64_t roundsPerReport = 100;
 template <typename Round>
 void playRound(std::uint64_t seed, int steps, Seen& seen)
 {
-    Random random(seed);
+    common::Random random(seed);
     Round round(random, seen);
     std::string difference;
     for (int step = 1; step <= steps; ++step) {

@@ -285,20 +285,12 @@ Bytes Twin::nextPiece(Bytes& backlog)
     if (backlog.empty() || mRandom.percent(10)) {
         const std::size_t size =
             mRandom.percent(8) ? 0 : 1 + mRandom.index(mRandom.pick<std::size_t>({3, 40, 300}));
-        const auto length = static_cast<std::uint32_t>(size);
-        Bytes header(sizeof length);
-        std::memcpy(header.data(), &length, sizeof length);
-        const Bytes payload = randomBytes(size);
-        backlog.insert(backlog.end(), header.begin(), header.end());
-        backlog.insert(backlog.end(), payload.begin(), payload.end());
+        common::append(backlog, common::frame(randomBytes(size)));
     }
     const std::size_t count = mRandom.percent(60)
                                   ? backlog.size()
                                   : 1 + mRandom.index(std::min<std::size_t>(backlog.size(), 9));
-    const auto end = backlog.begin() + static_cast<std::ptrdiff_t>(count);
-    Bytes piece(backlog.begin(), end);
-    backlog.erase(backlog.begin(), end);
-    return piece;
+    return common::takeFront(backlog, count);
 }
 
 void Twin::bytesArrive()
@@ -449,10 +441,7 @@ void Twin::letEverythingEnd(std::size_t jobs)
     const auto leave = [this](PipePair& pair) {
         // At least two calls, so that each worker can take a job and fail it.
         LeavingPeer peer{2 + mRandom.below(6), 1 + mRandom.below(4), {}};
-        const Bytes answer = randomBytes(1 + mRandom.index(20));
-        peer.answer.resize(sizeof(std::uint32_t));
-        peer.answer[0] = static_cast<char>(answer.size());
-        peer.answer.insert(peer.answer.end(), answer.begin(), answer.end());
+        peer.answer = common::frame(randomBytes(1 + mRandom.index(20)));
         pair.real->onEvents = peer;
         pair.modelled->onEvents = peer;
     };

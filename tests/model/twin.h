@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tests/model/random.h"
+#include "tests/common/random.h"
 #include "tests/model/workerModel.h"
 #include "tests/scripted/scriptedMachine.h"
 
@@ -9,6 +9,8 @@
 #include <vector>
 
 namespace model {
+
+using common::Random;
 
 /// The scripted machine under the library and the world under the model, kept alike: every event
 /// happens to both, and whatever differs afterwards was done by the library or by the model.

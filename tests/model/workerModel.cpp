@@ -11,9 +11,8 @@ namespace model {
 
 namespace {
 
+using common::headerBytes;
 using nq::nqScheduler;
-
-constexpr std::size_t headerBytes = 4;
 
 /// What a table's row says about one condition.
 enum class Is { no, yes, any };
@@ -21,14 +20,6 @@ enum class Is { no, yes, any };
 bool fits(Is wanted, bool fact)
 {
     return wanted == Is::any || (wanted == Is::yes) == fact;
-}
-
-Bytes headerOf(const Bytes& payload)
-{
-    const auto length = static_cast<std::uint32_t>(payload.size());
-    Bytes header(headerBytes);
-    std::memcpy(header.data(), &length, headerBytes);
-    return header;
 }
 
 /// What happens to a worker's process. The first row that fits decides.
@@ -217,7 +208,7 @@ void Worker::failJob()
             false,
             "Job failed error (" + std::to_string(mReason) + ") " + mMessage + " (PID " +
                 std::to_string(mPid) + ")");
-        mQueues->pushFailure({mJob, mReason, mMessage});
+        mQueues->pushFailure({common::text(mJob), mReason, mMessage});
         mIsReady = true;
         mJob.clear();
     }
@@ -282,7 +273,7 @@ void Worker::dispatch()
         const std::size_t count = std::min(headerBytes, room());
         if (count < headerBytes)
             ++mWorld->seen["header cut"];
-        write(headerOf(mJob), 0, count);
+        write(common::header(static_cast<std::uint32_t>(mJob.size())), 0, count);
     }
     stream();
 }
@@ -312,7 +303,7 @@ bool Worker::receive()
         std::uint32_t length = 0;
         if (isConnected(*mPipe)) {
             std::memcpy(&length, incoming.data(), headerBytes);
-            incoming.erase(incoming.begin(), incoming.begin() + headerBytes);
+            common::eraseFront(incoming, headerBytes);
         }
         mResult.resize(length);
         if (length == 0) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "include/nqScheduler.h"
+#include "tests/common/failure.h"
 #include "tests/model/world.h"
 
 #include <chrono>
@@ -12,12 +13,7 @@
 
 namespace model {
 
-/// One failure as popFail gives it.
-struct Failure {
-    Bytes job;
-    nq::nqScheduler::FailReason reason = nq::nqScheduler::NoFailure;
-    std::string message;
-};
+using common::Failure;
 
 /// The queues between a host and its workers.
 struct Queues {

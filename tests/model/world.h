@@ -1,5 +1,6 @@
 #pragma once
 
+#include "tests/common/frame.h"
 #include "tests/scripted/scriptedMachine.h"
 
 #include <array>
@@ -15,7 +16,7 @@
 /// A plain model of the scheduler and of what it stands on, to compare the library with.
 namespace model {
 
-using Bytes = std::vector<char>;
+using common::Bytes;
 
 /// One log entry as far as a host can tell entries apart.
 struct LogLine {

@@ -1,4 +1,5 @@
 #include "system/nqDirUtils.h"
+#include "tests/common/files.h"
 
 #include <climits>
 #include <cstdlib>
@@ -15,20 +16,11 @@ class DirUtils : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        mPrevious = nqDirUtils::GetCurrentWorkingDirUtf8();
-        std::string pattern = ::testing::TempDir() + "nqDirUtils-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        ASSERT_EQ(::chdir(pattern.c_str()), 0);
         mDirectory = nqDirUtils::GetCurrentWorkingDirUtf8();
     }
 
-    void TearDown() override
-    {
-        EXPECT_EQ(::chdir(mPrevious.c_str()), 0);
-        ::rmdir(mDirectory.c_str());
-    }
-
-    std::string mPrevious;
+    const common::TemporaryFolder mFolder;
+    const common::CurrentFolder mHere{mFolder.path()};
     std::string mDirectory; // physical, as the kernel names it
 };
 

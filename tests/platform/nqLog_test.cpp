@@ -1,4 +1,7 @@
 #include "system/nqLog.h"
+#include "tests/common/descriptors.h"
+#include "tests/common/files.h"
+#include "tests/common/waiting.h"
 
 #include <array>
 #include <csignal>
@@ -12,6 +15,7 @@
 #include <gtest/gtest.h>
 #include <iostream>
 #include <locale>
+#include <map>
 #include <optional>
 #include <sstream>
 #include <sys/resource.h>
@@ -68,14 +72,6 @@ extern "C" void __syslog_chk(int priority, int /*flag*/, const char* format, ...
 }
 
 namespace {
-
-std::size_t openDescriptorCount()
-{
-    std::size_t count = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
-        ++count;
-    return count;
-}
 
 nqLog::LogEntry entryWithMessage(const std::string& message)
 {
@@ -152,14 +148,7 @@ public:
     /// All bytes up to the end of the stream.
     std::string drain() const
     {
-        std::string bytes;
-        std::array<char, 4'096> piece{};
-        for (;;) {
-            const ssize_t count = ::read(readEnd(), piece.data(), piece.size());
-            if (count <= 0)
-                return bytes;
-            bytes.append(piece.data(), static_cast<std::size_t>(count));
-        }
+        return common::readAll(readEnd());
     }
 
 private:
@@ -196,43 +185,32 @@ protected:
     void SetUp() override
     {
         systemLogCalls.clear();
-        std::string pattern = ::testing::TempDir() + "nqLog-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        mDirectory = pattern;
-        mPath = pattern + "/log";
-        mDescriptorsBefore = openDescriptorCount();
+        mDescriptorsBefore = common::openDescriptors();
     }
 
     void TearDown() override
     {
-        EXPECT_EQ(openDescriptorCount(), mDescriptorsBefore);
+        EXPECT_EQ(common::openDescriptors(), mDescriptorsBefore);
         EXPECT_EQ(nqLog::msInstance, nullptr);
-        std::filesystem::remove_all(mDirectory);
     }
 
     std::string fileContent() const
     {
-        std::ifstream file(mPath);
-        std::ostringstream content;
-        content << file.rdbuf();
-        return content.str();
+        return common::contentOf(mPath);
     }
 
     /// The descriptor under which this process holds the log file open; -1 for none.
     int descriptorOfFile() const
     {
-        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-            std::error_code ignored;
-            if (std::filesystem::read_symlink(entry, ignored) ==
-                std::filesystem::canonical(mDirectory) / "log")
-                return std::stoi(entry.path().filename());
-        }
+        for (const auto& [number, target] : common::openDescriptors())
+            if (target == std::filesystem::canonical(mFolder.path()) / "log")
+                return number;
         return -1;
     }
 
-    std::filesystem::path mDirectory;
-    std::string mPath;
-    std::size_t mDescriptorsBefore = 0;
+    common::TemporaryFolder mFolder;
+    const std::string mPath = mFolder.file("log");
+    std::map<int, std::string> mDescriptorsBefore;
 };
 
 TEST_F(Log, startsWithEveryLevelEnabled)
@@ -439,7 +417,7 @@ TEST_F(Log, aFileNeverTakesThePlaceOfAStandardStream)
 
 TEST_F(Log, aFileThatCannotBeOpenedLeavesStandardError)
 {
-    nqLog log(mDirectory / "missing" / "log");
+    nqLog log(mFolder.file("missing/log"));
     EXPECT_EQ(standardErrorOf(log, entryWithMessage("seen")), "seen\n");
 }
 

@@ -15,7 +15,7 @@ namespace {
 
 std::set<int> descriptorsSince(const std::set<int>& before)
 {
-    const std::set<int> now = openDescriptors();
+    const std::set<int> now = openDescriptorNumbers();
     std::set<int> added;
     std::set_difference(
         now.begin(), now.end(), before.begin(), before.end(), std::inserter(added, added.end()));
@@ -215,7 +215,7 @@ TEST_F(NamedPipeDescriptors, leaveTheRangeOfSelectToTheSocketsOfPipes)
     if (!limit.set(enoughDescriptors))
         GTEST_SKIP() << "the hard limit of descriptors is below " << enoughDescriptors;
     Event done;
-    const std::set<int> before = openDescriptors();
+    const std::set<int> before = openDescriptorNumbers();
     nqNamedPipeServer server;
     const std::string name = freshName();
     ASSERT_TRUE(server.listenUtf8(name));
@@ -235,7 +235,7 @@ TEST_F(NamedPipeDescriptors, stayWhereTheyAreWhereTheLimitDoesNotAllowMore)
     const DescriptorLimit limit;
     ASSERT_TRUE(limit.set(FD_SETSIZE));
     Event done;
-    const std::set<int> before = openDescriptors();
+    const std::set<int> before = openDescriptorNumbers();
     nqNamedPipeServer server;
     const std::string name = freshName();
     ASSERT_TRUE(server.listenUtf8(name));
@@ -258,7 +258,7 @@ TEST_F(NamedPipeDescriptors, reportAWatchThatSelectCanHoldWhileTheBufferIsFull)
     if (!limit.set(enoughDescriptors))
         GTEST_SKIP() << "the hard limit of descriptors is below " << enoughDescriptors;
     Event done;
-    const std::set<int> before = openDescriptors();
+    const std::set<int> before = openDescriptorNumbers();
     nqNamedPipeServer server;
     const std::string name = freshName();
     ASSERT_TRUE(server.listenUtf8(name));

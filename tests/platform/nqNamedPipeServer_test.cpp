@@ -148,7 +148,7 @@ TEST_F(NamedPipeServer, listensAgainThoughAForkedChildStillHoldsTheOldSocket)
     ListeningServer listening;
     const std::set<int> before = descriptorsAtStart();
     int listener = -1;
-    for (const int descriptor : openDescriptors())
+    for (const int descriptor : openDescriptorNumbers())
         listener = before.count(descriptor) == 0 ? descriptor : listener;
     Event forked;
     Child child([&] {

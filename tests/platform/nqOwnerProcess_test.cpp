@@ -21,10 +21,7 @@ int exitStatusOf(pid_t (*fork)(), Body body)
     const pid_t child = fork();
     if (child == 0)
         ::_exit(body());
-    int status = 0;
-    while (::waitpid(child, &status, 0) == -1 && errno == EINTR)
-        continue;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return common::waitForExitCode(child);
 }
 
 /// Both ways to fork: one that runs the handlers which libraries register, and one that skips them.

@@ -1,6 +1,8 @@
 #include "tests/platform/process_helpers.h"
 
 #include "system/linux/nqPidfd.h"
+#include "tests/common/processes.h"
+#include "tests/common/signalStorm.h"
 
 #include <atomic>
 #include <csignal>
@@ -9,12 +11,12 @@
 #include <optional>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
-#include <sys/time.h>
 #include <thread>
 
 namespace {
 
 using namespace nq::test;
+using common::SignalStorm;
 using nq::nqProcess;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
@@ -57,37 +59,6 @@ public:
 private:
     int mSignal;
     struct sigaction mBefore {};
-};
-
-std::atomic<int> alarmsSeen{0};
-
-/// Interrupts whatever this thread waits for, again and again.
-class SignalStorm {
-public:
-    SignalStorm()
-    {
-        // Stays: an alarm on its way when the timer stops must still find a handler.
-        struct sigaction count {};
-        count.sa_handler = [](int) { ++alarmsSeen; };
-        count.sa_flags = 0; // no SA_RESTART: the system calls of this thread are cut short
-        ::sigaction(SIGALRM, &count, nullptr);
-        setTimer(500);
-    }
-    ~SignalStorm()
-    {
-        setTimer(0);
-    }
-    SignalStorm(const SignalStorm&) = delete;
-    SignalStorm& operator=(const SignalStorm&) = delete;
-
-private:
-    static void setTimer(suseconds_t microseconds)
-    {
-        itimerval timer{};
-        timer.it_interval.tv_usec = microseconds;
-        timer.it_value.tv_usec = microseconds;
-        ::setitimer(ITIMER_REAL, &timer, nullptr);
-    }
 };
 
 /// A process of its own that holds a worker at its exit, as a device that does not answer would:
@@ -239,23 +210,23 @@ TEST_F(ProcessEnd, isNotReportedEarlyUnderAStormOfSignals)
 {
     launch("answer");
     const SignalStorm storm;
-    const int alarmsBefore = alarmsSeen;
+    const auto handledBefore = SignalStorm::handled();
     const auto start = steady_clock::now();
     EXPECT_FALSE(mProcess.waitForFinished(100));
     EXPECT_GE(steady_clock::now() - start, milliseconds(100));
-    EXPECT_GT(alarmsSeen, alarmsBefore);
+    EXPECT_GT(SignalStorm::handled(), handledBefore);
 }
 
 TEST_F(ProcessEnd, isWaitedForWithoutLimitUnderAStormOfSignals)
 {
     launch("answer");
-    alarmsSeen = 0;
+    const auto enough = SignalStorm::handled() + 20;
     sigset_t alarms;
     ::sigemptyset(&alarms);
     ::sigaddset(&alarms, SIGALRM);
     ::pthread_sigmask(SIG_BLOCK, &alarms, nullptr); // inherited by the thread: none lands there
-    std::thread killer([worker = pid()] {
-        while (alarmsSeen < 20)
+    std::thread killer([worker = pid(), enough] {
+        while (SignalStorm::handled() < enough)
             std::this_thread::yield();
         ::kill(worker, SIGKILL);
     });
@@ -265,7 +236,7 @@ TEST_F(ProcessEnd, isWaitedForWithoutLimitUnderAStormOfSignals)
         EXPECT_TRUE(mProcess.waitForFinished(withoutLimit));
         killer.join();
     }
-    EXPECT_GE(alarmsSeen, 20);
+    EXPECT_GE(SignalStorm::handled(), enough);
     EXPECT_EQ(mProcess.getState(), nqProcess::Ended);
 }
 
@@ -342,10 +313,7 @@ TEST_F(ProcessEnd, isNotTheEndOfOtherWorkers)
 TEST_F(ProcessEnd, isNotBroughtByAForkedCopyOfTheHostThatExits)
 {
     launch("answer");
-    const pid_t copy = ::fork();
-    if (copy == 0)
-        ::_exit(0);
-    ::waitpid(copy, nullptr, 0);
+    EXPECT_EQ(common::Child([] { return 0; }).wait(), 0);
     ::kill(pid(), SIGUSR1);
     EXPECT_EQ(mOutput.readLine(), "pong");
 }

@@ -14,63 +14,21 @@
 namespace {
 
 using namespace nq::test;
+using common::CurrentFolder;
+using common::TemporaryFolder;
 using nq::nqLog;
 using nq::nqProcess;
-
-/// A folder that is gone when the test is.
-class TemporaryFolder {
-public:
-    TemporaryFolder()
-    {
-        std::string pattern = std::filesystem::temp_directory_path() / "nqProcess.XXXXXX";
-        if (::mkdtemp(pattern.data()) == nullptr)
-            std::abort();
-        mPath = pattern;
-    }
-    ~TemporaryFolder()
-    {
-        std::filesystem::remove_all(mPath);
-    }
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-
-    std::string path(const std::string& name = "") const
-    {
-        return mPath / name;
-    }
-
-    std::string makeFile(const std::string& name, const std::string& content, mode_t mode) const
-    {
-        std::ofstream(path(name)) << content;
-        ::chmod(path(name).c_str(), mode);
-        return path(name);
-    }
-
-private:
-    std::filesystem::path mPath;
-};
-
-/// Another current directory for as long as it lives.
-class CurrentDirectory {
-public:
-    explicit CurrentDirectory(const std::string& path)
-    {
-        std::filesystem::current_path(path);
-    }
-    ~CurrentDirectory()
-    {
-        std::filesystem::current_path(mBefore);
-    }
-    CurrentDirectory(const CurrentDirectory&) = delete;
-    CurrentDirectory& operator=(const CurrentDirectory&) = delete;
-
-private:
-    std::filesystem::path mBefore = std::filesystem::current_path();
-};
 
 bool start(nqProcess& process, const std::string& program)
 {
     return process.startProcess(program, {}, true, nqProcess::InheritedPriority);
+}
+
+/// Starts the worker program while this process may hold so many descriptors only.
+bool startWithDescriptors(rlim_t allowed, nqProcess& process)
+{
+    const common::DescriptorLimit limit;
+    return limit.set(allowed) && start(process, workerProgram);
 }
 
 /// Keeps the last message.
@@ -122,7 +80,7 @@ TEST_F(ProcessLaunch, runsTheProgramWithItsArguments)
 
 TEST_F(ProcessLaunch, isRefusedForAMissingProgram)
 {
-    expectRefused(mFolder.path("missing"));
+    expectRefused(mFolder.file("missing"));
 }
 
 TEST_F(ProcessLaunch, isRefusedForAnEmptyPath)
@@ -137,19 +95,19 @@ TEST_F(ProcessLaunch, isRefusedForADirectory)
 
 TEST_F(ProcessLaunch, isRefusedForAFileThatIsNotExecutable)
 {
-    expectRefused(mFolder.makeFile("program", "#!/bin/sh\n", 0644));
+    expectRefused(mFolder.addFile("program", "#!/bin/sh\n", 0644));
 }
 
 TEST_F(ProcessLaunch, isRefusedForATextThatNamesNoInterpreter)
 {
-    expectRefused(mFolder.makeFile("program", "echo never\n", 0755));
+    expectRefused(mFolder.addFile("program", "echo never\n", 0755));
 }
 
 TEST_F(ProcessLaunch, isRefusedForAScriptWhoseInterpreterIsMissing)
 {
     if (runsUnderValgrind())
         GTEST_SKIP() << "an exec that fails that late is fatal here";
-    expectRefused(mFolder.makeFile("program", "#!" + mFolder.path("missing") + "\n", 0755));
+    expectRefused(mFolder.addFile("program", "#!" + mFolder.file("missing") + "\n", 0755));
 }
 
 TEST_F(ProcessLaunch, isRefusedForATextThatTheKernelWouldCutShort)
@@ -163,27 +121,21 @@ TEST_F(ProcessLaunch, isRefusedForATextThatTheKernelWouldCutShort)
 TEST_F(ProcessLaunch, isRefusedForAMissingWorkingDirectory)
 {
     nqProcess process;
-    process.setWorkingDirectory(mFolder.path("missing"));
+    process.setWorkingDirectory(mFolder.file("missing"));
     EXPECT_FALSE(start(process, workerProgram));
     EXPECT_EQ(process.getState(), nqProcess::NotStarted);
 }
 
 TEST_F(ProcessLaunch, isRefusedWhenTheHostHasNoDescriptorsLeft)
 {
-    rlimit before{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
     // A sanitizer that meets a class for the first time needs descriptors itself, also when a line
     // of the log is written.
     nqProcess missing;
     EXPECT_FALSE(start(missing, "/missing"));
     // However many are free: none, one for a part of what a launch needs, or just enough.
     for (rlim_t allowed = 3; allowed < 20; ++allowed) {
-        rlimit few = before;
-        few.rlim_cur = allowed;
         nqProcess process; // made before, for the same reason
-        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
-        const bool started = start(process, workerProgram);
-        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+        const bool started = startWithDescriptors(allowed, process);
         EXPECT_EQ(process.getState() != nqProcess::NotStarted, started);
         if (allowed == 3) {
             EXPECT_FALSE(started);
@@ -194,16 +146,10 @@ TEST_F(ProcessLaunch, isRefusedWhenTheHostHasNoDescriptorsLeft)
 TEST_F(ProcessLaunch, saysThatNoDescriptorsAreLeft)
 {
     OneLineLog log;
-    rlimit before{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-    const rlimit none{3, before.rlim_max};
     nqProcess missing; // for a sanitizer, as above
     EXPECT_FALSE(start(missing, "/missing"));
     nqProcess process;
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-    const bool started = start(process, workerProgram);
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
-    EXPECT_FALSE(started);
+    EXPECT_FALSE(startWithDescriptors(3, process));
     EXPECT_EQ(
         log.mMessage, "Cannot prepare the start of " + workerProgram + ": Too many open files");
 }
@@ -231,32 +177,32 @@ TEST_F(ProcessLaunch, happensOncePerObject)
     EXPECT_FALSE(start(process, workerProgram));
 
     nqProcess refused;
-    EXPECT_FALSE(start(refused, mFolder.path("missing")));
+    EXPECT_FALSE(start(refused, mFolder.file("missing")));
     EXPECT_FALSE(start(refused, workerProgram));
     EXPECT_EQ(refused.getState(), nqProcess::NotStarted);
 }
 
 TEST_F(ProcessLaunch, countsARelativePathFromTheDirectoryOfTheHost)
 {
-    std::filesystem::create_symlink(workerProgram, mFolder.path("worker"));
-    std::filesystem::create_directory(mFolder.path("elsewhere"));
-    const CurrentDirectory here(mFolder.path());
+    std::filesystem::create_symlink(workerProgram, mFolder.file("worker"));
+    std::filesystem::create_directory(mFolder.file("elsewhere"));
+    const CurrentFolder here(mFolder.path());
     OutputPipe output;
     nqProcess process;
-    process.setWorkingDirectory(mFolder.path("elsewhere"));
+    process.setWorkingDirectory(mFolder.file("elsewhere"));
     ASSERT_TRUE(output.during([&] {
         return process.startProcess("./worker", {"answer"}, false, nqProcess::InheritedPriority);
     }));
     EXPECT_EQ(output.readLine(), "ready");
     const auto pid = static_cast<pid_t>(process.getPid());
-    EXPECT_EQ(procLink(pid, "cwd"), std::filesystem::canonical(mFolder.path("elsewhere")));
+    EXPECT_EQ(procLink(pid, "cwd"), std::filesystem::canonical(mFolder.file("elsewhere")));
     const std::string arguments = procFile(pid, "cmdline");
     EXPECT_EQ(arguments.substr(0, arguments.find('\0')), "./worker");
 }
 
 TEST_F(ProcessLaunch, startsInTheDirectoryOfTheHostUnlessToldOtherwise)
 {
-    const CurrentDirectory here(mFolder.path());
+    const CurrentFolder here(mFolder.path());
     OutputPipe output;
     nqProcess process;
     ASSERT_TRUE(startWorker(process, output, "answer"));
@@ -268,14 +214,14 @@ TEST_F(ProcessLaunch, startsInTheDirectoryOfTheHostUnlessToldOtherwise)
 
 TEST_F(ProcessLaunch, doesNotSearchThePath)
 {
-    const CurrentDirectory here(mFolder.path());
+    const CurrentFolder here(mFolder.path());
     expectRefused("sh");
 }
 
 TEST_F(ProcessLaunch, runsAProgramOfThatNameInTheCurrentDirectory)
 {
-    std::filesystem::create_symlink(workerProgram, mFolder.path("sh"));
-    const CurrentDirectory here(mFolder.path());
+    std::filesystem::create_symlink(workerProgram, mFolder.file("sh"));
+    const CurrentFolder here(mFolder.path());
     nqProcess process;
     ASSERT_TRUE(process.startProcess("sh", {"rest"}, true, nqProcess::InheritedPriority));
     EXPECT_EQ(
@@ -341,7 +287,7 @@ TEST_F(ProcessLaunch, leavesMaskAndDispositionsOfTheHostAlone)
         nqProcess process;
         nqProcess refused;
         EXPECT_TRUE(start(process, workerProgram));
-        EXPECT_FALSE(start(refused, mFolder.path("missing")));
+        EXPECT_FALSE(start(refused, mFolder.file("missing")));
     }
     const std::string after = statusLine(::getpid(), "SigBlk") + statusLine(::getpid(), "SigIgn") +
                               statusLine(::getpid(), "SigCgt");
@@ -360,7 +306,7 @@ TEST_F(ProcessLaunch, passesNoDescriptorOnBeyondTheStandardStreams)
     EXPECT_EQ(output.readLine(), "ready");
     ASSERT_TRUE(startWorker(process, output, "answer"));
     EXPECT_EQ(output.readLine(), "ready");
-    const auto held = descriptorsOf(static_cast<pid_t>(process.getPid()));
+    const auto held = common::openDescriptors(static_cast<pid_t>(process.getPid()));
     EXPECT_EQ(held.size(), 3U);
     EXPECT_EQ(held.rbegin()->first, 2);
     EXPECT_EQ(::fcntl(leaking, F_GETFD), 0) << "the host's own descriptor must stay as it was";
@@ -374,7 +320,7 @@ TEST_F(ProcessLaunch, givesANullStandardInput)
     nqProcess process;
     ASSERT_TRUE(startWorker(process, output, "answer"));
     EXPECT_EQ(output.readLine(), "ready");
-    EXPECT_EQ(descriptorsOf(static_cast<pid_t>(process.getPid())).at(0), "/dev/null");
+    EXPECT_EQ(common::openDescriptors(static_cast<pid_t>(process.getPid())).at(0), "/dev/null");
 }
 
 TEST_F(ProcessLaunch, letsOutputThroughUnlessSilenced)
@@ -418,13 +364,13 @@ TEST_F(ProcessLaunch, pointsStreamsThatTheHostHasClosedAtTheNullDevice)
     nqProcess process;
     const bool started =
         process.startProcess(workerProgram, {"allocate"}, false, nqProcess::InheritedPriority);
-    const auto ofHost = descriptorsOf(::getpid());
+    const auto ofHost = common::openDescriptors();
     for (int stream = 0; stream < 3; ++stream) {
         ::dup2(saved[stream], stream);
         ::close(saved[stream]);
     }
     ASSERT_TRUE(started);
-    auto held = descriptorsOf(static_cast<pid_t>(process.getPid()));
+    auto held = common::openDescriptors(static_cast<pid_t>(process.getPid()));
     for (int stream = 0; stream < 3; ++stream) {
         EXPECT_EQ(held[stream], "/dev/null");
         EXPECT_EQ(ofHost.count(stream), 0U) << "nothing of the host's may land there";
@@ -442,30 +388,28 @@ TEST_F(ProcessLaunch, pointsAStreamWhoseNumberAFileOfTheHostHasTakenAtTheNullDev
                 workerProgram, {"allocate"}, false, nqProcess::InheritedPriority);
         };
         ASSERT_TRUE(file.during(start, stream));
-        EXPECT_EQ(descriptorsOf(static_cast<pid_t>(process.getPid()))[stream], "/dev/null");
+        EXPECT_EQ(
+            common::openDescriptors(static_cast<pid_t>(process.getPid()))[stream], "/dev/null");
     }
 }
 
 TEST_F(ProcessLaunch, leavesTheRangeOfSelectToTheHost)
 {
-    rlimit before{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-    rlimit more = before;
-    more.rlim_cur = FD_SETSIZE + 64;
-    if (::setrlimit(RLIMIT_NOFILE, &more) != 0)
-        GTEST_SKIP() << "the hard limit of descriptors is below " << more.rlim_cur;
-    const auto descriptorsBefore = descriptorsOf(::getpid());
+    constexpr rlim_t more = FD_SETSIZE + 64;
+    const common::DescriptorLimit limit;
+    if (!limit.set(more))
+        GTEST_SKIP() << "the hard limit of descriptors is below " << more;
+    const auto descriptorsBefore = common::openDescriptors();
     nqProcess process;
     EXPECT_TRUE(
         process.startProcess(workerProgram, {"allocate"}, true, nqProcess::InheritedPriority));
     EXPECT_GT(process.getCurrentRamInUse(), 0U);
-    auto added = descriptorsOf(::getpid());
+    auto added = common::openDescriptors();
     for (const auto& known : descriptorsBefore)
         added.erase(known.first);
     EXPECT_FALSE(added.empty());
     for (const auto& [number, target] : added)
         EXPECT_GE(number, FD_SETSIZE) << target;
-    ::setrlimit(RLIMIT_NOFILE, &before);
 }
 
 TEST_F(ProcessLaunch, makesTheChildTheLeaderOfASessionAndAGroupOfItsOwn)
@@ -533,7 +477,7 @@ TEST_F(ProcessLaunch, worksOnManyThreadsAtOnce)
             nqProcess missing;
             if (start(process, workerProgram) && process.waitForFinished(withoutLimit))
                 ++ended;
-            if (!start(missing, mFolder.path("missing")))
+            if (!start(missing, mFolder.file("missing")))
                 ++refused;
         }
     };

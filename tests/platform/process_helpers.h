@@ -1,6 +1,9 @@
 #pragma once
 
 #include "system/nqProcess.h"
+#include "tests/common/descriptors.h"
+#include "tests/common/files.h"
+#include "tests/common/waiting.h"
 
 #include <cerrno>
 #include <chrono>
@@ -26,25 +29,7 @@ constexpr int hangLimitMs = 60'000; // reached by a hang only, however loaded th
 
 inline const std::string workerProgram = NQ_PROCESS_WORKER_PROGRAM;
 
-/// The descriptors of a process, by number, and what each refers to.
-inline std::map<int, std::string> descriptorsOf(pid_t pid)
-{
-    std::map<int, std::string> descriptors;
-    const std::string folder = "/proc/" + std::to_string(pid) + "/fd";
-    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-        std::error_code goneMeanwhile;
-        const std::string target = std::filesystem::read_symlink(entry.path(), goneMeanwhile);
-        if (target != folder && !goneMeanwhile) // not the descriptor of this very listing
-            descriptors[std::stoi(entry.path().filename())] = target;
-    }
-    return descriptors;
-}
-
-inline std::string contentOf(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
+using common::contentOf;
 
 inline std::string procFile(pid_t pid, const std::string& name)
 {
@@ -133,7 +118,8 @@ public:
     {
         std::string line;
         char letter = 0;
-        while (readableWithin(hangLimitMs) && ::read(mEnds[0], &letter, 1) == 1 && letter != '\n')
+        while (common::becomesReadable(mEnds[0]) && ::read(mEnds[0], &letter, 1) == 1 &&
+               letter != '\n')
             line += letter;
         return line;
     }
@@ -143,28 +129,15 @@ public:
     {
         closeWriter();
         const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
-        for (;;) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                end - std::chrono::steady_clock::now());
-            if (left.count() < 0 || !readableWithin(static_cast<int>(left.count())))
-                return false;
-            char dropped[256];
+        char dropped[256];
+        while (common::becomesReady(mEnds[0], POLLIN, end)) {
             if (::read(mEnds[0], dropped, sizeof(dropped)) == 0)
                 return true;
         }
+        return false;
     }
 
 private:
-    bool readableWithin(int milliseconds)
-    {
-        pollfd reader{mEnds[0], POLLIN, 0};
-        int reported = -1;
-        do
-            reported = ::poll(&reader, 1, milliseconds);
-        while (reported < 0 && errno == EINTR);
-        return reported == 1;
-    }
-
     int mEnds[2] = {-1, -1};
 };
 
@@ -191,14 +164,14 @@ inline void waitWithoutReaping(std::int64_t pid)
 class ProcessTest : public ::testing::Test {
 protected:
     ProcessTest()
-        : mDescriptorsBefore(descriptorsOf(::getpid()))
+        : mDescriptorsBefore(common::openDescriptors())
     {
     }
 
     ~ProcessTest() override
     {
         EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
-        EXPECT_EQ(descriptorsOf(::getpid()), mDescriptorsBefore);
+        EXPECT_EQ(common::openDescriptors(), mDescriptorsBefore);
     }
 
 private:

@@ -1,6 +1,6 @@
 #include "worker/nqFrame.h"
 
-#include "tests/unit/refusedMemory.h"
+#include "tests/common/refusedMemory.h"
 #include "tests/unit/testSupport.h"
 
 #include <gtest/gtest.h>
@@ -32,7 +32,7 @@ constexpr bool isSanitized = false;
 /// byte of it.
 bool mayTake(std::size_t bytesWanted)
 {
-    if (isSanitized || !support::RefusedMemory::isPossible())
+    if (isSanitized || !common::RefusedMemory::isPossible())
         return false;
     std::ifstream figures("/proc/meminfo");
     std::string name;
@@ -246,12 +246,12 @@ TEST_F(Frame, isWholeAtOnceWhenItMayNotStartAndNothingIsAwaitedOnPurpose)
 
 TEST_F(Frame, closesThePipeWhenThereIsNoMemoryForItSoThatNoPayloadIsTakenForAHeader)
 {
-    if (!support::RefusedMemory::isPossible())
+    if (!common::RefusedMemory::isPossible())
         GTEST_SKIP();
     constexpr std::uint32_t large = 1U << 20;
     script.incoming = header(large) + bytes("payload");
     {
-        const support::RefusedMemory refused(large);
+        const common::RefusedMemory refused(large);
         EXPECT_THROW(receive(), std::bad_alloc);
     }
     EXPECT_FALSE(pipe.isConnected());

@@ -1,5 +1,5 @@
 #include "scheduler/nqJobQueues.h"
-#include "tests/unit/refusedMemory.h"
+#include "tests/common/refusedMemory.h"
 #include "tests/unit/testSupport.h"
 
 #include <gtest/gtest.h>
@@ -11,11 +11,11 @@
 
 namespace {
 
+using common::RefusedMemory;
 using nq::nqJobQueues;
 using nq::nqScheduler;
 using support::Bytes;
 using support::bytes;
-using support::RefusedMemory;
 
 /// Larger than any block that a queue needs for itself.
 const Bytes largeData(std::size_t{1} << 20, 'd');

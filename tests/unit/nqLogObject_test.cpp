@@ -1,5 +1,5 @@
 #include "support/nqLogObject.h"
-#include "tests/unit/refusedMemory.h"
+#include "tests/common/refusedMemory.h"
 #include "tests/unit/testSupport.h"
 
 #include <gtest/gtest.h>
@@ -117,10 +117,10 @@ TEST_F(LogObject, ignoresInsertionsAtALevelThatTheLoggerDisabled)
 
 TEST_F(LogObject, makesNoStreamUntilSomethingIsInsertedAtAnEnabledLevel)
 {
-    if (!support::RefusedMemory::isPossible())
+    if (!common::RefusedMemory::isPossible())
         GTEST_SKIP();
     logger.setLevelEnabled(2, false);
-    const support::RefusedMemory refused(sizeof(std::stringstream));
+    const common::RefusedMemory refused(sizeof(std::stringstream));
     nqLogObject(2, true) << "text";
     const nqLogObject withoutInsertion(3, true);
     EXPECT_THROW(nqLogObject(3, true) << "text", std::bad_alloc);

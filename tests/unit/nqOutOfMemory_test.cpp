@@ -1,5 +1,5 @@
 #include "include/nqWorker.h"
-#include "tests/unit/refusedMemory.h"
+#include "tests/common/refusedMemory.h"
 #include "tests/unit/schedulerFixture.h"
 #include "tests/unit/workerRecordFixture.h"
 
@@ -7,6 +7,7 @@
 #include <optional>
 #include <stdexcept>
 
+using common::RefusedMemory;
 using namespace support;
 
 namespace {
@@ -130,8 +131,7 @@ TEST_F(RecordWithoutMemory, judgesTheJobAgainWhenTheTextOfAVerdictHasNoRoom)
     step();
     EXPECT_EQ(
         failures(queues),
-        std::vector<Failure>(
-            {{bytes("job"), nq::nqScheduler::UnexpectedCrash, "Unexpected crash"}}));
+        std::vector<Failure>({{"job", nq::nqScheduler::UnexpectedCrash, "Unexpected crash"}}));
 }
 
 /// A record whose worker has died, and whose memory is refused from its line in the log on.
@@ -174,8 +174,7 @@ TEST_F(FailureWithoutMemory, isTriedAgainUntilThereIsSome)
     EXPECT_TRUE(worker->hasFinished());
     EXPECT_EQ(
         failures(queues),
-        std::vector<Failure>(
-            {{bytes("job"), nq::nqScheduler::UnexpectedCrash, "Unexpected crash"}}));
+        std::vector<Failure>({{"job", nq::nqScheduler::UnexpectedCrash, "Unexpected crash"}}));
 }
 
 TEST_F(FailureWithoutMemory, countsItsJobDownOnce)
@@ -229,8 +228,7 @@ struct SchedulerWithAnOwedFailure : SchedulerFixture {
     {
         EXPECT_EQ(
             failures(*scheduler),
-            std::vector<Failure>(
-                {{bytes("job"), nq::nqScheduler::UnexpectedCrash, "Unexpected crash"}}));
+            std::vector<Failure>({{"job", nq::nqScheduler::UnexpectedCrash, "Unexpected crash"}}));
     }
 };
 

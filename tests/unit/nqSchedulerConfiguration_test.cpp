@@ -231,9 +231,13 @@ TEST_F(SchedulerConfiguration, leavesThePoppedVectorAloneButClearsTheFailureOnPu
     EXPECT_FALSE(scheduler->pop(result));
     EXPECT_EQ(result, bytes("mine"));
 
-    support::Failure failure{bytes("mine"), nqScheduler::Timeout, "mine"};
-    EXPECT_FALSE(scheduler->popFail(failure.job, failure.reason, failure.message));
-    EXPECT_EQ(failure, support::Failure{});
+    support::Bytes job = bytes("mine");
+    nqScheduler::FailReason reason = nqScheduler::Timeout;
+    std::string message = "mine";
+    EXPECT_FALSE(scheduler->popFail(job, reason, message));
+    EXPECT_TRUE(job.empty());
+    EXPECT_EQ(reason, nqScheduler::NoFailure);
+    EXPECT_EQ(message, "");
 }
 
 } // namespace

@@ -133,8 +133,7 @@ TEST_F(InsideAPass, theQueuesAreOpenWhenAJobFails)
     startWithALostJob(1);
     scheduler->push(bytes("dropped"));
     logger.onWrite = [this] {
-        Failure failure;
-        EXPECT_FALSE(scheduler->popFail(failure.job, failure.reason, failure.message));
+        EXPECT_FALSE(common::popFailure(*scheduler));
         EXPECT_EQ(scheduler->jobCount(), 2U);
         scheduler->clearPendingJobs();
         scheduler->push(bytes("again"));
@@ -143,8 +142,7 @@ TEST_F(InsideAPass, theQueuesAreOpenWhenAJobFails)
     logger.onWrite = nullptr;
     EXPECT_EQ(
         failures(*scheduler),
-        std::vector<Failure>(
-            {{bytes("job"), nq::nqScheduler::UnexpectedCrash, "Unexpected crash"}}));
+        std::vector<Failure>({{"job", nq::nqScheduler::UnexpectedCrash, "Unexpected crash"}}));
     answer(1, "result");
     scheduler->processScheduler(0);
     scheduler->processScheduler(0);

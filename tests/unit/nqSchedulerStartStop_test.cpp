@@ -384,7 +384,7 @@ TEST_F(SchedulerStop, keepsResultsAndFailuresForTheHost)
     EXPECT_EQ(results(), Lines{"A"});
     EXPECT_EQ(
         support::failures(*scheduler),
-        (std::vector<Failure>{{bytes("b"), nqScheduler::UnexpectedCrash, "Unexpected crash"}}));
+        (std::vector<Failure>{{"b", nqScheduler::UnexpectedCrash, "Unexpected crash"}}));
 }
 
 TEST_F(SchedulerStop, allowsAnotherStartUnderTheSameName)

@@ -18,7 +18,7 @@ using support::operator+; // NOLINT(misc-unused-using-decls): the check overlook
 class WorkerReception : public support::WorkerRecordFixture {
 protected:
     const std::vector<Failure> unexpectedCrash{
-        {bytes("job"), nqScheduler::UnexpectedCrash, "Unexpected crash"}};
+        {"job", nqScheduler::UnexpectedCrash, "Unexpected crash"}};
 
     void arrive(const Bytes& chunk)
     {
@@ -152,7 +152,7 @@ TEST_F(WorkerReception, handsAFailedJobBackWithAllItsBytesHoweverManyWereSent)
     step();
     die();
     step();
-    EXPECT_EQ(failures(queues).at(0).job, bytes("0123456789"));
+    EXPECT_EQ(failures(queues).at(0).job, "0123456789");
 
     makeWorker(machine.planProcess());
     dispatch("0123456789");
@@ -161,7 +161,7 @@ TEST_F(WorkerReception, handsAFailedJobBackWithAllItsBytesHoweverManyWereSent)
     ASSERT_EQ(pipe->passedOn, frame("0123456789"));
     die();
     step();
-    EXPECT_EQ(failures(queues).at(0).job, bytes("0123456789"));
+    EXPECT_EQ(failures(queues).at(0).job, "0123456789");
 }
 
 TEST_F(WorkerReception, logsAFailureBeforeItIsQueued)

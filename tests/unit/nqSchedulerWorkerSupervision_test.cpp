@@ -117,7 +117,7 @@ TEST_F(WorkerSupervision, killsAWorkerThatIsOneByteAboveTheCap)
     EXPECT_FALSE(worker->hasFinished());
     EXPECT_EQ(
         failureOfTheKilled(),
-        (Failure{bytes("job"), nqScheduler::TooMuchRam, "using too much RAM (97.7kB)"}));
+        (Failure{"job", nqScheduler::TooMuchRam, "using too much RAM (97.7kB)"}));
     EXPECT_TRUE(worker->hasFinished());
 }
 
@@ -259,7 +259,7 @@ TEST_F(WorkerSupervision, killsAJobFrom11SecondsOnWithATimeoutOfTen)
     stepAfter(11s);
     EXPECT_EQ(
         failureOfTheKilled(),
-        (Failure{bytes("job"), nqScheduler::Timeout, "killing scheduler worker : timeout (11s)"}));
+        (Failure{"job", nqScheduler::Timeout, "killing scheduler worker : timeout (11s)"}));
     EXPECT_EQ(
         machine.messages(),
         Lines{"Job failed error (3) killing scheduler worker : timeout (11s) (PID 4242)"});
@@ -355,7 +355,7 @@ TEST_F(WorkerSupervision, reportsTheTimeoutWhenMemoryAndTimeAreBothExceeded)
     stepAfter(11s);
     EXPECT_EQ(
         failureOfTheKilled(),
-        (Failure{bytes("job"), nqScheduler::Timeout, "killing scheduler worker : timeout (11s)"}));
+        (Failure{"job", nqScheduler::Timeout, "killing scheduler worker : timeout (11s)"}));
 }
 
 TEST_F(WorkerSupervision, reportsTheMemoryWhenTheTimeoutIsNotYetExceeded)
@@ -379,7 +379,7 @@ TEST_F(WorkerSupervision, keepsTheMemoryReasonWhenTheTimeoutPassesAfterTheKill)
     stepAfter(1h);
     EXPECT_EQ(
         failureOfTheKilled(),
-        (Failure{bytes("job"), nqScheduler::TooMuchRam, "using too much RAM (97.7kB)"}));
+        (Failure{"job", nqScheduler::TooMuchRam, "using too much RAM (97.7kB)"}));
 }
 
 TEST_F(WorkerSupervision, keepsTheTimeoutReasonWhenTheMemoryGrowsAfterTheKill)
@@ -393,7 +393,7 @@ TEST_F(WorkerSupervision, keepsTheTimeoutReasonWhenTheMemoryGrowsAfterTheKill)
     stepAfter(10s);
     EXPECT_EQ(
         failureOfTheKilled(),
-        (Failure{bytes("job"), nqScheduler::Timeout, "killing scheduler worker : timeout (11s)"}));
+        (Failure{"job", nqScheduler::Timeout, "killing scheduler worker : timeout (11s)"}));
 }
 
 TEST_F(WorkerSupervision, goesOnReceivingFromAWorkerThatSurvivesItsKill)

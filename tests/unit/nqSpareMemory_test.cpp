@@ -1,6 +1,7 @@
-#include "tests/unit/refusedMemory.h"
+#include "tests/common/refusedMemory.h"
 #include "tests/unit/workerRecordFixture.h"
 
+using common::RefusedMemory;
 using namespace support;
 
 namespace {

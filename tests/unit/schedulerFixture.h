@@ -1,6 +1,7 @@
 #pragma once
 
 #include "include/nqScheduler.h"
+#include "tests/common/failure.h"
 #include "tests/unit/testSupport.h"
 
 #include <gtest/gtest.h>
@@ -10,6 +11,9 @@
 #include <vector>
 
 namespace support {
+
+using common::Failure;
+using common::failures;
 
 /// A scheduler on a scripted machine, with a logger. Workers leave when their pipe is closed.
 class SchedulerFixture : public testing::Test {
@@ -84,34 +88,5 @@ protected:
         return all;
     }
 };
-
-/// One failure as popFail gives it.
-struct Failure {
-    Bytes job;
-    nq::nqScheduler::FailReason reason = nq::nqScheduler::NoFailure;
-    std::string message;
-
-    friend bool operator==(const Failure& left, const Failure& right)
-    {
-        return left.job == right.job && left.reason == right.reason &&
-               left.message == right.message;
-    }
-    friend std::ostream& operator<<(std::ostream& stream, const Failure& failure)
-    {
-        return stream << '"' << std::string(failure.job.begin(), failure.job.end()) << "\" failed ("
-                      << failure.reason << "): " << failure.message;
-    }
-};
-
-/// Every failure that waits in a scheduler or in its queues.
-template <typename Queues>
-std::vector<Failure> failures(Queues& queues)
-{
-    std::vector<Failure> all;
-    Failure failure;
-    while (queues.popFail(failure.job, failure.reason, failure.message))
-        all.push_back(failure);
-    return all;
-}
 
 } // namespace support

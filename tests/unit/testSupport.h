@@ -1,10 +1,9 @@
 #pragma once
 
 #include "system/nqLog.h"
+#include "tests/common/frame.h"
 #include "tests/scripted/scriptedMachine.h"
 
-#include <cstdint>
-#include <cstring>
 #include <functional>
 #include <locale>
 #include <ostream>
@@ -15,32 +14,16 @@
 /// Small words that the unit tests share.
 namespace support {
 
-using Bytes = std::vector<char>;
+using common::Bytes;
+using common::bytes;
+using common::frame;
+using common::header;
 using Lines = std::vector<std::string>;
-
-inline Bytes bytes(const std::string& text)
-{
-    return {text.begin(), text.end()};
-}
-
-/// The four bytes in front of a payload.
-inline Bytes header(std::uint32_t length)
-{
-    Bytes raw(sizeof length);
-    std::memcpy(raw.data(), &length, sizeof length);
-    return raw;
-}
 
 inline Bytes operator+(Bytes left, const Bytes& right)
 {
-    left.insert(left.end(), right.begin(), right.end());
+    common::append(left, right);
     return left;
-}
-
-/// A payload as it travels on a pipe.
-inline Bytes frame(const std::string& payload)
-{
-    return header(static_cast<std::uint32_t>(payload.size())) + bytes(payload);
 }
 
 /// Digits in groups of three, as a host in another country may have set it up for itself.

@@ -1,4 +1,4 @@
-#include "tests/unit/refusedMemory.h"
+#include "tests/common/refusedMemory.h"
 
 #include <cstdlib>
 #include <limits>
@@ -11,7 +11,7 @@ std::size_t smallestRefused = nothing;
 
 } // namespace
 
-namespace support {
+namespace common {
 
 RefusedMemory::RefusedMemory(std::size_t bytes)
 {
@@ -34,7 +34,7 @@ bool RefusedMemory::isPossible()
     }
 }
 
-} // namespace support
+} // namespace common
 
 // Not inlined: the compiler would see the library's memory handed to free, and say so.
 [[gnu::noinline]] void* operator new(std::size_t size)

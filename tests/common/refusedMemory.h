@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-namespace support {
+namespace common {
 
 /// While it lives, the program is out of memory for every block of at least `bytes`. The tests are
 /// single-threaded, and so is this.
@@ -17,4 +17,4 @@ public:
     static bool isPossible();
 };
 
-} // namespace support
+} // namespace common

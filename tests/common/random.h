@@ -5,7 +5,7 @@
 #include <initializer_list>
 #include <random>
 
-namespace model {
+namespace common {
 
 /// Choices that a seed settles on every machine: nothing here depends on the standard library's
 /// distributions.
@@ -38,4 +38,4 @@ private:
     std::mt19937_64 mEngine;
 };
 
-} // namespace model
+} // namespace common
