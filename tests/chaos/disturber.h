@@ -59,7 +59,7 @@ private:
     const BoardMapping& mBoard;
     const std::string mTag;
     const Disturbance mDisturbance;
-    common::Random mRandom;
+    common::SeededRandom mRandom;
     std::vector<Stopped> mStopped; // of the thread alone
 
     std::mutex mMutex; // of what follows

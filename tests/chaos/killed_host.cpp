@@ -116,7 +116,7 @@ private:
         }
     }
 
-    common::Random mRandom;
+    common::SeededRandom mRandom;
     nq::nqScheduler mScheduler;
     std::uint64_t mLastId = 0;
 };

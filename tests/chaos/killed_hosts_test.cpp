@@ -311,7 +311,7 @@ protected:
             poll(nullptr, 0, 1);
     }
 
-    common::Random mRandom{options().seed};
+    common::SeededRandom mRandom{options().seed};
     Folder mFolder;
     Undertaker mUndertaker;
     Clock::time_point mLastKill;

@@ -56,7 +56,7 @@ private:
     const PoolPlan mPlan;
     const std::string mTag;
     BoardMapping mBoard;
-    common::Random mRandom;
+    common::SeededRandom mRandom;
     Disturber mDisturber;
     Ledger mLedger;
     nq::nqScheduler mScheduler;

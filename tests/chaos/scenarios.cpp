@@ -274,7 +274,7 @@ const char* nameOf(Pumping pumping)
 /// Every scenario has its turn before one comes again; only what is random in it differs.
 RoundPlan makeRound(std::uint64_t seed, std::uint64_t round)
 {
-    Random random(seed * 1'000'003 + round);
+    common::SeededRandom random(seed * 1'000'003 + round);
     const Scenario& scenario = scenarios[(seed + round) % std::size(scenarios)];
     RoundPlan plan = scenario.make(random);
     plan.scenario = scenario.name;

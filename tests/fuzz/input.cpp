@@ -10,6 +10,8 @@ namespace {
 // More than a header has, so that headers in a row do not all fall alike.
 constexpr std::size_t bytesPerRandomOne = 5;
 
+constexpr std::size_t fewBytes = 32;
+
 } // namespace
 
 Input::Input(const std::uint8_t* data, std::size_t size)
@@ -56,12 +58,36 @@ Bytes Input::manyBytes()
 {
     const std::size_t count = std::min<std::size_t>(twoBytes(), mMayMake);
     mMayMake -= count;
-    Bytes made(count);
+    return made(count);
+}
+
+Bytes Input::bytes(std::size_t count)
+{
+    if (count <= fewBytes) {
+        Bytes taken = take(count);
+        taken.resize(count);
+        return taken;
+    }
+    mPattern ^= byte();
+    return made(count);
+}
+
+std::uint64_t Input::below(std::uint64_t end)
+{
+    std::uint64_t number = 0;
+    for (std::uint64_t reach = end - 1; reach != 0; reach >>= 8)
+        number = number << 8 | byte();
+    return number % end;
+}
+
+Bytes Input::made(std::size_t count)
+{
+    Bytes all(count);
     for (std::size_t i = 0; i < count; i += bytesPerRandomOne) {
         mPattern = mPattern * 1664525u + 1013904223u;
-        made[i] = static_cast<char>(mPattern >> 24);
+        all[i] = static_cast<char>(mPattern >> 24);
     }
-    return made;
+    return all;
 }
 
 std::uint32_t Input::length()

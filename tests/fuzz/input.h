@@ -1,11 +1,10 @@
 #pragma once
 
 #include "tests/common/frame.h"
+#include "tests/common/random.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <initializer_list>
-#include <vector>
 
 namespace fuzz {
 
@@ -20,7 +19,7 @@ constexpr std::size_t refusedBytes = std::size_t{1} << 16;
 constexpr std::size_t mostBytes = std::size_t{1} << 14;
 
 /// Reads an input of the fuzzer as a row of choices. Behind its end, every choice is the first.
-class Input {
+class Input : public common::Random {
 public:
     Input(const std::uint8_t* data, std::size_t size);
 
@@ -28,11 +27,11 @@ public:
     std::uint8_t byte();
     std::uint16_t twoBytes();
 
-    template <typename Value>
-    Value pick(std::initializer_list<Value> values)
-    {
-        return *(values.begin() + byte() % values.size());
-    }
+    /// Takes as many bytes as `end` needs.
+    std::uint64_t below(std::uint64_t end) override;
+
+    /// As they stand in the input if they are few, and else made of one byte of it.
+    Bytes bytes(std::size_t count) override;
 
     /// Bytes as they stand in the input.
     Bytes rawBytes();
@@ -43,6 +42,7 @@ public:
     Bytes sent();
 
 private:
+    Bytes made(std::size_t count);
     Bytes take(std::size_t count);
     std::uint32_t length();
 

@@ -2,19 +2,16 @@
 
 #include "tests/common/random.h"
 #include "tests/model/options.h"
+#include "tests/model/world.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <iostream>
-#include <map>
 #include <string>
 #include <vector>
 
 namespace model {
-
-/// How often each kind of thing happened.
-using Seen = std::map<std::string, long>;
 
 constexpr std::uint64_t roundsPerReport = 100;
 
@@ -22,7 +19,7 @@ constexpr std::uint64_t roundsPerReport = 100;
 template <typename Round>
 void playRound(std::uint64_t seed, int steps, Seen& seen)
 {
-    common::Random random(seed);
+    common::SeededRandom random(seed);
     Round round(random, seen);
     std::string difference;
     for (int step = 1; step <= steps; ++step) {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
+#include <limits>
 #include <sstream>
 #include <utility>
 
@@ -161,8 +161,9 @@ struct LeavingPeer {
 
 } // namespace
 
-Twin::Twin(Random& random)
-    : mRandom(random)
+Twin::Twin(Random& random, Peers peers)
+    : mRandom(random),
+      mPeers(peers)
 {
     const std::uint64_t mega = std::uint64_t{1} << 20;
     mLimits.maxRam = random.pick<std::uint64_t>({0, 0, 0, 1, 999, mega, 1536 * mega, 1023 * mega});
@@ -272,21 +273,28 @@ void Twin::somethingEnds()
     }
 }
 
-Bytes Twin::randomBytes(std::size_t count)
+std::uint32_t Twin::hostileLength()
 {
-    Bytes bytes(count);
-    for (char& byte : bytes)
-        byte = static_cast<char>(mRandom.below(256));
-    return bytes;
+    constexpr std::uint32_t most = std::numeric_limits<std::uint32_t>::max();
+    return mRandom.pick<std::uint32_t>(
+        {0, 1, 5, 4096, refusedBytes, most / 2, most / 2 + 1, most - 1, most});
+}
+
+Bytes Twin::nextFrame()
+{
+    if (mPeers == Peers::hostile && mRandom.percent(2)) {
+        return mRandom.percent(50) ? common::header(hostileLength())
+                                   : mRandom.bytes(1 + mRandom.index(20));
+    }
+    const std::size_t size =
+        mRandom.percent(8) ? 0 : 1 + mRandom.index(mRandom.pick<std::size_t>({3, 40, 300}));
+    return common::frame(mRandom.bytes(size));
 }
 
 Bytes Twin::nextPiece(Bytes& backlog)
 {
-    if (backlog.empty() || mRandom.percent(10)) {
-        const std::size_t size =
-            mRandom.percent(8) ? 0 : 1 + mRandom.index(mRandom.pick<std::size_t>({3, 40, 300}));
-        common::append(backlog, common::frame(randomBytes(size)));
-    }
+    if (backlog.empty() || mRandom.percent(10))
+        common::append(backlog, nextFrame());
     const std::size_t count = mRandom.percent(60)
                                   ? backlog.size()
                                   : 1 + mRandom.index(std::min<std::size_t>(backlog.size(), 9));
@@ -348,7 +356,7 @@ Bytes Twin::randomJob(bool mayBeEmpty)
 {
     if (mayBeEmpty && mRandom.percent(20))
         return {};
-    return randomBytes(1 + mRandom.index(mRandom.pick<std::size_t>({1, 5, 60, 60, 3000})));
+    return mRandom.bytes(1 + mRandom.index(mRandom.pick<std::size_t>({1, 5, 60, 60, 3000})));
 }
 
 void Twin::planProcess()
@@ -441,7 +449,7 @@ void Twin::letEverythingEnd(std::size_t jobs)
     const auto leave = [this](PipePair& pair) {
         // At least two calls, so that each worker can take a job and fail it.
         LeavingPeer peer{2 + mRandom.below(6), 1 + mRandom.below(4), {}};
-        peer.answer = common::frame(randomBytes(1 + mRandom.index(20)));
+        peer.answer = common::frame(mRandom.bytes(1 + mRandom.index(20)));
         pair.real->onEvents = peer;
         pair.modelled->onEvents = peer;
     };

@@ -12,12 +12,18 @@ namespace model {
 
 using common::Random;
 
+/// What the workers' ends of the pipes send.
+enum class Peers {
+    framing, ///< whole frames, however they are cut
+    hostile  ///< anything as well
+};
+
 /// The scripted machine under the library and the world under the model, kept alike: every event
 /// happens to both, and whatever differs afterwards was done by the library or by the model.
 class Twin {
 public:
     /// Settles by chance what this round is like.
-    explicit Twin(Random& random);
+    explicit Twin(Random& random, Peers peers = Peers::framing);
     Twin(const Twin&) = delete;
     Twin& operator=(const Twin&) = delete;
 
@@ -52,7 +58,7 @@ private:
     struct PipePair {
         scripted::Pipe* real;
         std::shared_ptr<scripted::Pipe> modelled;
-        Bytes backlog; ///< what its peer has yet to send: whole frames, however they are cut
+        Bytes backlog; ///< what its peer has yet to send
     };
     struct ProcessPair {
         scripted::Process* real;
@@ -73,7 +79,8 @@ private:
     std::uint64_t randomSeconds();
     std::uint64_t randomLimit();
     std::uint64_t randomFlow();
-    Bytes randomBytes(std::size_t count);
+    Bytes nextFrame();
+    std::uint32_t hostileLength();
     Bytes nextPiece(Bytes& backlog);
     void bytesArrive();
     void somethingEnds();
@@ -81,6 +88,7 @@ private:
     std::string differenceOfRecords();
 
     Random& mRandom;
+    Peers mPeers;
     Limits mLimits;
     std::uint64_t mUsualOutgoingLimit;
     std::uint64_t mFailedLaunchPercent;

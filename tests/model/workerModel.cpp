@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <utility>
 
 namespace model {
@@ -304,6 +305,11 @@ bool Worker::receive()
         if (isConnected(*mPipe)) {
             std::memcpy(&length, incoming.data(), headerBytes);
             common::eraseFront(incoming, headerBytes);
+        }
+        if (length >= refusedBytes) {
+            ++mWorld->seen["received a length that nobody has memory for"];
+            close(*mWorld, *mPipe);
+            throw std::bad_alloc();
         }
         mResult.resize(length);
         if (length == 0) {

@@ -70,10 +70,15 @@ bool hasPendingWrite(const scripted::Pipe& pipe)
     return pipe.isConnected && !pipe.outgoing.empty();
 }
 
-void closeAndDestroy(World& world, scripted::Pipe& pipe)
+void close(World& world, scripted::Pipe& pipe)
 {
     world.say(pipe.name + ": closeNamedPipe()");
     pipe.lose();
+}
+
+void closeAndDestroy(World& world, scripted::Pipe& pipe)
+{
+    close(world, pipe);
     world.say(pipe.name + ": destroyed");
     pipe.isDestroyed = true;
 }

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -17,6 +18,14 @@
 namespace model {
 
 using common::Bytes;
+
+/// How often each kind of thing happened.
+using Seen = std::map<std::string, long>;
+
+/// Memory of this many bytes and more is refused while a record is stepped, so that a length that a
+/// hostile peer announces costs what it costs on a host that does not have that memory. Nothing
+/// else that happens in a round is nearly as large.
+constexpr std::size_t refusedBytes = std::size_t{1} << 20;
 
 /// One log entry as far as a host can tell entries apart.
 struct LogLine {
@@ -43,7 +52,7 @@ struct World {
     std::vector<std::string> trace; ///< calls and those questions whose place is settled
     std::vector<LogLine> logged;
     std::vector<scripted::Select> selects;
-    std::map<std::string, long> seen; ///< how often each row of the model's tables was used
+    Seen seen; ///< how often each row of the model's tables was used
 
     void say(const std::string& line);
     void log(int level, bool flush, const std::string& text);
@@ -58,6 +67,7 @@ void processEvents(World& world, scripted::Pipe& pipe);
 bool isConnected(const scripted::Pipe& pipe);
 bool isReadChannelClosed(const scripted::Pipe& pipe);
 bool hasPendingWrite(const scripted::Pipe& pipe);
+void close(World& world, scripted::Pipe& pipe);
 void closeAndDestroy(World& world, scripted::Pipe& pipe);
 
 bool isRunning(World& world, const scripted::Process& process);
