@@ -1,63 +1,65 @@
-// Runs every file of a folder through a target, without a fuzzer: replay FOLDER
+// Runs every input of a pack through a target, without a fuzzer: replay PACK
 
 #include "tests/common/refusedMemory.h"
 
-#include <algorithm>
 #include <cstdint>
-#include <filesystem>
+#include <cstring>
+#include <exception>
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <string>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 namespace {
 
-namespace fs = std::filesystem;
+using Input = std::vector<std::uint8_t>;
 
-std::vector<fs::path> filesIn(const fs::path& folder)
+int fail(const std::string& path, const char* why)
 {
-    std::vector<fs::path> files;
-    for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
-        if (entry.is_regular_file())
-            files.push_back(entry.path());
-    }
-    std::sort(files.begin(), files.end());
-    return files;
-}
-
-bool replay(const fs::path& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    const std::vector<char> read{std::istreambuf_iterator<char>(file), {}};
-    if (!file.is_open() || file.bad())
-        return false;
-    // The last words of a target that ends the program are then preceded by the input's name.
-    std::cout << path.filename().string() << std::endl;
-    const std::vector<std::uint8_t> bytes(read.begin(), read.end());
-    LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
-    return true;
-}
-
-int fail(const fs::path& path, const char* why)
-{
-    std::cerr << "replay: " << path.string() << why << std::endl;
+    std::cerr << "replay: " << path << why << std::endl;
     return 1;
 }
 
-int replayFolder(const fs::path& folder)
+/// The inputs of a pack, each behind the four bytes of its length. False when the end comes earlier
+/// than these say.
+bool unpack(const Input& pack, std::vector<Input>& inputs)
+{
+    std::uint32_t length = 0;
+    for (std::size_t at = 0; at < pack.size(); at += length) {
+        if (pack.size() - at < sizeof length)
+            return false;
+        std::memcpy(&length, pack.data() + at, sizeof length);
+        at += sizeof length;
+        if (pack.size() - at < length)
+            return false;
+        const auto first = pack.begin() + static_cast<std::ptrdiff_t>(at);
+        inputs.emplace_back(first, first + static_cast<std::ptrdiff_t>(length));
+    }
+    return true;
+}
+
+int replay(const std::string& path)
 {
     if (!common::RefusedMemory::isPossible())
-        return fail(folder, " needs memory that can be refused, which this tool does not allow");
-    const std::vector<fs::path> files = filesIn(folder);
-    if (files.empty())
-        return fail(folder, " holds no inputs");
-    for (const fs::path& file : files) {
-        if (!replay(file))
-            return fail(file, " cannot be read");
+        return fail(path, " needs memory that can be refused, which this tool does not allow");
+    std::ifstream file(path, std::ios::binary);
+    const Input pack{std::istreambuf_iterator<char>(file), {}};
+    if (!file.is_open() || file.bad())
+        return fail(path, " cannot be read");
+    std::vector<Input> inputs;
+    if (!unpack(pack, inputs))
+        return fail(path, " is damaged");
+    if (inputs.empty())
+        return fail(path, " holds no inputs");
+    for (std::size_t number = 0; number < inputs.size(); ++number) {
+        // The last words of a target that ends the program are then preceded by the input's number.
+        std::cout << "input " << number << std::endl;
+        LLVMFuzzerTestOneInput(inputs[number].data(), inputs[number].size());
     }
-    std::cout << "replay: " << files.size() << " inputs, nothing found" << std::endl;
+    std::cout << "replay: " << inputs.size() << " inputs, nothing found" << std::endl;
     return 0;
 }
 
@@ -66,8 +68,8 @@ int replayFolder(const fs::path& folder)
 int main(int count, char** arguments)
 try {
     if (count != 2)
-        return fail("FOLDER", " is the one argument");
-    return replayFolder(arguments[1]);
+        return fail("PACK", " is the one argument");
+    return replay(arguments[1]);
 } catch (const std::exception& error) {
-    return fail("FOLDER", error.what());
+    return fail("PACK", error.what());
 }
