@@ -164,6 +164,19 @@ TEST_F(MemoryCap, anIdleWorkerAboveItIsReplacedWithoutAFailure)
     EXPECT_TRUE(mLog.lines().empty());
 }
 
+TEST_F(MemoryCap, countsNoMemoryThatAWorkerHasNotTouched)
+{
+    Pool pool;
+    pool.scheduler().setMaxCapMemory(cap);
+    pool.scheduler().setMaxCapMemoryAfterProcessingAJob(cap);
+    ASSERT_TRUE(pool.start(1));
+    const std::string pid = pool.ask("pid");
+    EXPECT_EQ(pool.ask("map-untouched " + std::to_string(512UL << 20)), "mapped");
+    for (int job = 0; job < 5; ++job)
+        EXPECT_EQ(pool.ask("pid"), pid);
+    EXPECT_TRUE(mLog.lines().empty());
+}
+
 TEST_F(MemoryCapAfterAJob, aWorkerAboveItIsRestartedAndNoJobIsLost)
 {
     Pool pool;

@@ -10,6 +10,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -140,6 +141,7 @@ private:
             {"ignore-end", &MisbehavingWorker::ignoreEnd},
             {"junk-and-die", &MisbehavingWorker::junkAndDie},
             {"log", &MisbehavingWorker::log},
+            {"map-untouched", &MisbehavingWorker::mapUntouched},
             {"pid", &MisbehavingWorker::tellPid},
             {"print", &MisbehavingWorker::print},
             {"print-and-hang", &MisbehavingWorker::printAndHang},
@@ -370,6 +372,14 @@ private:
     {
         mHoard.emplace_back(std::stoull(std::string(bytes)), 'x'); // written to, thus resident
         return "grown";
+    }
+
+    std::string mapUntouched(std::string_view bytes)
+    {
+        const std::size_t size = std::stoull(std::string(bytes));
+        void* const memory =
+            mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        return memory != MAP_FAILED ? "mapped" : "refused";
     }
 
     std::string allocateUntilFail(std::string_view)

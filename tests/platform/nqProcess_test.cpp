@@ -437,6 +437,23 @@ TEST_F(ProcessLaunch, lowersThePriorityAsAsked)
     EXPECT_EQ(::getpriority(PRIO_PROCESS, 0), own);
 }
 
+TEST_F(ProcessLaunch, raisesNoPriorityOfAHostThatIsNicer)
+{
+    constexpr int nicer = 15;
+    const pid_t host = ::fork();
+    if (host == 0) {
+        ::setpriority(PRIO_PROCESS, 0, nicer);
+        nqProcess process;
+        const bool started =
+            process.startProcess(workerProgram, {"rest"}, true, nqProcess::LowPriority);
+        const auto pid = static_cast<id_t>(process.getPid());
+        ::_exit(started && ::getpriority(PRIO_PROCESS, pid) == nicer ? 0 : 1);
+    }
+    int status = 0;
+    ::waitpid(host, &status, 0);
+    EXPECT_EQ(status, 0);
+}
+
 TEST_F(ProcessLaunch, copiesNoMemoryOfTheHost)
 {
     if (vforkIsAFork())
@@ -500,6 +517,16 @@ TEST_F(ProcessLaunch, doesNotTieTheChildToTheLaunchingThread)
     ::kill(static_cast<pid_t>(process.getPid()), SIGUSR1);
     EXPECT_EQ(output.readLine(), "pong");
     EXPECT_EQ(process.getState(), nqProcess::Running);
+}
+
+TEST_F(ProcessLaunch, measuresNoMemoryThatIsNotResident)
+{
+    OutputPipe output;
+    nqProcess process;
+    ASSERT_TRUE(startWorker(process, output, "allocate-without-touch"));
+    EXPECT_EQ(output.readLine(), "ready");
+    EXPECT_GT(process.getCurrentRamInUse(), 0U);
+    EXPECT_LT(process.getCurrentRamInUse(), std::uint64_t{512} << 20);
 }
 
 TEST_F(ProcessLaunch, measuresMemoryUntilTheEnd)

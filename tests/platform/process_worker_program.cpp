@@ -12,6 +12,7 @@ namespace {
 
 constexpr unsigned int lifeLimitSeconds = 300; // no test that failed leaves a process for ever
 constexpr std::size_t growthBytes = std::size_t{64} << 20;
+constexpr std::size_t untouchedBytes = std::size_t{512} << 20;
 
 void say(const std::string& line)
 {
@@ -64,9 +65,9 @@ void forkHelper()
         std::_Exit(EXIT_FAILURE);
 }
 
-void* allocate()
+void* allocate(std::size_t bytes)
 {
-    return ::mmap(nullptr, growthBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    return ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
 }
 
 [[noreturn]] void allocateAtSignals()
@@ -74,7 +75,7 @@ void* allocate()
     say("ready");
     for (;;) {
         waitForSignal();
-        void* memory = allocate();
+        void* memory = allocate(growthBytes);
         if (memory == MAP_FAILED) {
             say("refused");
             continue;
@@ -114,6 +115,8 @@ int main(int argc, char** argv)
     }
     if (behaviour == "allocate")
         allocateAtSignals();
+    if (behaviour == "allocate-without-touch" && allocate(untouchedBytes) != MAP_FAILED)
+        answerSignals();
     if (behaviour == "speak-on-both") {
         say("on output");
         return ::write(STDERR_FILENO, "on error\n", 9) == 9 ? EXIT_SUCCESS : EXIT_FAILURE;
