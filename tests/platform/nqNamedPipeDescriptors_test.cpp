@@ -174,6 +174,43 @@ TEST_F(NamedPipeDescriptors, outOfTheRangeOfSelectAreNotReportedAndServedAllTheS
     EXPECT_EQ(text(pair.mServerSide->incomingBuffer()), "x");
 }
 
+// The first number that a select() set has no room for.
+TEST_F(NamedPipeDescriptors, atTheVeryLimitOfSelectAreNotReportedAndMoveBelowItWhenANumberIsFree)
+{
+    const DescriptorLimit limit;
+    if (!limit.set(enoughDescriptors))
+        GTEST_SKIP() << "the hard limit of descriptors is below " << enoughDescriptors;
+    auto occupied = occupyNumbersBelowSelectLimit();
+    ASSERT_EQ(occupied.back().get(), FD_SETSIZE);
+    nqNamedPipeServer server;
+    const std::string name = freshName();
+    ASSERT_TRUE(server.listenUtf8(name));
+    occupied.pop_back();
+    nqNamedPipe pipe;
+    ASSERT_TRUE(pipe.connectToNamedPipeServerUtf8(name));
+    // It moves to the lowest free number each time that it looks for a better one.
+    ASSERT_TRUE(pumpUntil(pipe, [&] { return isSocket(FD_SETSIZE); }));
+    EXPECT_EQ(pipe.getSocket(), -1);
+
+    occupied.clear();
+    ASSERT_TRUE(pumpUntil(pipe, [&] { return pipe.getSocket() >= 0; }));
+    EXPECT_LT(pipe.getSocket(), FD_SETSIZE);
+    EXPECT_FALSE(isOpen(FD_SETSIZE));
+}
+
+TEST_F(NamedPipeDescriptors, moveOutOfTheRangeOfSelectFromItsLastNumber)
+{
+    const DescriptorLimit limit;
+    if (!limit.set(enoughDescriptors))
+        GTEST_SKIP() << "the hard limit of descriptors is below " << enoughDescriptors;
+    nq::nqDescriptor descriptor(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, FD_SETSIZE - 1));
+    ASSERT_EQ(descriptor.get(), FD_SETSIZE - 1);
+    descriptor.moveOutOfRangeOfSelect();
+    EXPECT_EQ(descriptor.get(), FD_SETSIZE);
+    descriptor.moveOutOfRangeOfSelect();
+    EXPECT_EQ(descriptor.get(), FD_SETSIZE) << "it is where it should be";
+}
+
 TEST_F(NamedPipeDescriptors, moveIntoTheRangeOfSelectWhenANumberIsFree)
 {
     const DescriptorLimit limit;
