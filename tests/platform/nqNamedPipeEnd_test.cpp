@@ -284,6 +284,59 @@ TEST_F(NamedPipeEnd, aFailedWriteClosesTheWriteChannelAndReadingGoesOn)
     expectClosed(*link.mPipe);
 }
 
+TEST_F(NamedPipeEnd, aFailedWriteIsForgottenByTheNextConnection)
+{
+    nqNamedPipeServer server;
+    const std::string name = freshName();
+    ASSERT_TRUE(server.listenUtf8(name));
+    nqNamedPipe pipe;
+    ASSERT_TRUE(pipe.connectToNamedPipeServerUtf8(name));
+    acceptOne(server).reset();
+    append(pipe.outgoingBuffer(), "nobody reads this");
+    pipe.processNamedPipeEvents(0, false);
+    expectClosed(pipe);
+
+    ASSERT_TRUE(pipe.connectToNamedPipeServerUtf8(name));
+    const auto other = acceptOne(server);
+    ASSERT_TRUE(other);
+    EXPECT_FALSE(pipe.isWriteChannelClosed());
+    append(pipe.outgoingBuffer(), "somebody reads this");
+    pipe.processNamedPipeEvents(0, false);
+    other->processNamedPipeEvents(0, false);
+    EXPECT_EQ(takeAll(*other), "somebody reads this");
+}
+
+TEST_F(NamedPipeEnd, comesToThePeerOfADestroyedPipeThoughAForkedChildHoldsItsSocket)
+{
+    PipeToRawSocket link;
+    ASSERT_TRUE(link.mPipe);
+    Event mayEnd;
+    Child holder([&] { return mayEnd.await() ? 0 : 1; });
+    link.mPipe.reset();
+    EXPECT_TRUE(rawSeesTheEnd(link.mPeer));
+    mayEnd.raise();
+    EXPECT_EQ(holder.wait(), 0);
+}
+
+TEST_F(NamedPipeEnd, leavesNoDescriptorOpenInThePipe)
+{
+    nqNamedPipeServer server;
+    const std::string name = freshName();
+    ASSERT_TRUE(server.listenUtf8(name));
+    Event mayDie;
+    Child worker([&] {
+        nqNamedPipe pipe;
+        return pipe.connectToNamedPipeServerUtf8(name) && mayDie.await() ? 0 : 1;
+    });
+    const std::set<int> before = openDescriptorNumbers();
+    const auto pipe = acceptOne(server);
+    ASSERT_TRUE(pipe);
+    EXPECT_NE(openDescriptorNumbers(), before);
+    mayDie.raise();
+    EXPECT_TRUE(pumpUntilClosed(*pipe));
+    EXPECT_EQ(openDescriptorNumbers(), before);
+}
+
 TEST_F(NamedPipeEnd, aClosedWriteChannelKeepsTheReadChannelOfALivingPeerOpen)
 {
     PipeToRawSocket link;

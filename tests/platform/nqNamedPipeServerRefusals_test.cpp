@@ -368,6 +368,33 @@ TEST_F(NamedPipeServerRefuses, noProcessThatIsOlderThanAllThatWereStartedForIt)
 }
 
 // What a launch that was given up leaves behind must not be taken for the next launch's worker.
+TEST_F(NamedPipeServerRefuses, noOlderProcessAndHasItSparedWhenTheWorkerIsKilled)
+{
+    Worker older(mServer, mName);
+    awaitNextTick();
+    Worker launched(mServer, mName);
+    nqStartedProcess& process = noteStart(launched.mChild.pid());
+    older.connect();
+    EXPECT_TRUE(admitsSomebody());
+    process.killPeer();
+    const auto pipe = mServer.takePendingConnection();
+    ASSERT_TRUE(pipe);
+    pipe->closeNamedPipe();
+    EXPECT_EQ(older.mChild.wait(), 0) << "it saw the end of its connection, and no signal";
+}
+
+TEST_F(NamedPipeServerRefuses, noYoungerProcessAndHasItKilledWithTheWorker)
+{
+    Worker launched(mServer, mName);
+    awaitNextTick();
+    Worker younger(mServer, mName);
+    nqStartedProcess& process = noteStart(launched.mChild.pid());
+    younger.connect();
+    EXPECT_TRUE(admitsSomebody());
+    process.killPeer();
+    EXPECT_EQ(younger.mChild.wait(), -1) << "a signal has ended it";
+}
+
 TEST_F(NamedPipeServerRefuses, everyLateConnectionOfALaunchThatWasGivenUp)
 {
     EXPECT_FALSE(mServer.waitForNewConnection(0, nullptr)); // the launch gives up here
