@@ -1,13 +1,17 @@
 #include "tests/platform/process_helpers.h"
 
+#include "system/linux/nqLeash.h"
 #include "system/linux/nqPidfd.h"
 #include "tests/common/processes.h"
 #include "tests/common/signalStorm.h"
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <fcntl.h>
+#include <iterator>
 #include <linux/sched.h>
+#include <new>
 #include <optional>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
@@ -157,6 +161,16 @@ TEST_F(ProcessEnd, ofAProcessThatLeavesByItselfIsSeenAndReaped)
     EXPECT_GT(mProcess.getPid(), 0);
     EXPECT_TRUE(mProcess.waitForFinished(0));
     EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);
+}
+
+TEST_F(ProcessEnd, leavesNoDescriptorOpenInTheObject)
+{
+    const auto before = descriptorsOf(::getpid());
+    launch("answer");
+    EXPECT_NE(descriptorsOf(::getpid()), before);
+    mProcess.killProcess();
+    EXPECT_TRUE(mProcess.waitForFinished(withoutLimit));
+    EXPECT_EQ(descriptorsOf(::getpid()), before);
 }
 
 TEST_F(ProcessEnd, isSeenByALookAtTheState)
@@ -316,6 +330,29 @@ TEST_F(ProcessEnd, isNotBroughtByAForkedCopyOfTheHostThatExits)
     EXPECT_EQ(common::Child([] { return 0; }).wait(), 0);
     ::kill(pid(), SIGUSR1);
     EXPECT_EQ(mOutput.readLine(), "pong");
+}
+
+TEST_F(ProcessEnd, isWatchedByNobodyInAForkedCopyOfTheHost)
+{
+    // What the copy puts where the death watch was: numbers of a descriptor of its own. A list that
+    // still named the watch would close that in the copy's own child.
+    alignas(nq::nqLeash) int storage[sizeof(nq::nqLeash) / sizeof(int)];
+    auto* const leash = new (storage) nq::nqLeash;
+    const auto runInACopy = [](auto body) {
+        const pid_t copy = ::fork();
+        if (copy == 0)
+            ::_exit(body());
+        int status = 0;
+        ::waitpid(copy, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    };
+    const int exitStatus = runInACopy([&] {
+        leash->~nqLeash();
+        std::fill(std::begin(storage), std::end(storage), mOutput.writer());
+        return runInACopy([&] { return ::fcntl(mOutput.writer(), F_GETFD) != -1 ? 0 : 1; });
+    });
+    EXPECT_EQ(exitStatus, 0);
+    leash->~nqLeash();
 }
 
 TEST_F(ProcessEnd, isNotWaitedForByAKill)
