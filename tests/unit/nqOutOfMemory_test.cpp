@@ -33,6 +33,15 @@ TEST_F(PumpWithoutMemory, givesTheOtherWorkersTheirTurnAndPassesTheExceptionOn)
     EXPECT_EQ(results(), Lines{"result"});
 }
 
+TEST_F(PumpWithoutMemory, passesTheFirstOfSeveralExceptionsOn)
+{
+    start(2);
+    pipe(0).onEvents = throwOnce;
+    pipe(1).onEvents = [](scripted::Pipe&) { throw std::logic_error("a later one"); };
+    EXPECT_THROW(scheduler->processScheduler(0), std::bad_alloc);
+    pipe(1).onEvents = nullptr;
+}
+
 TEST_F(PumpWithoutMemory, replacesTheWorkersThatEndedInTheSamePass)
 {
     start(2);
