@@ -18,6 +18,11 @@ Function* next(const char* name)
     return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
 }
 
+void countWait(bool maySleep)
+{
+    ++(maySleep ? current.mWaitCalls : current.mLooks);
+}
+
 } // namespace
 
 cost::Counts cost::counts()
@@ -62,14 +67,21 @@ ssize_t recv(int socket, void* bytes, size_t size, int flags)
 int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, timeval* timeout)
 {
     static const auto call = next<decltype(select)>("select");
-    ++current.mWaitCalls;
+    countWait(timeout == nullptr || timeout->tv_sec != 0 || timeout->tv_usec != 0);
     return call(count, readable, writable, exceptional, timeout);
 }
 
 int ppoll(pollfd* descriptors, nfds_t count, const timespec* timeout, const sigset_t* mask)
 {
     static const auto call = next<decltype(ppoll)>("ppoll");
-    ++current.mWaitCalls;
+    countWait(timeout == nullptr || timeout->tv_sec != 0 || timeout->tv_nsec != 0);
     return call(descriptors, count, timeout, mask);
+}
+
+int poll(pollfd* descriptors, nfds_t count, int timeoutMs)
+{
+    static const auto call = next<decltype(poll)>("poll");
+    countWait(timeoutMs != 0);
+    return call(descriptors, count, timeoutMs);
 }
 }

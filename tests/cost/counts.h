@@ -8,7 +8,8 @@ namespace cost {
 
 struct Counts {
     std::uint64_t mMessageCalls = 0; // send and recv
-    std::uint64_t mWaitCalls = 0;    // select and ppoll
+    std::uint64_t mWaitCalls = 0;    // select, ppoll and poll, of those that may sleep
+    std::uint64_t mLooks = 0;        // the same with no time to sleep
     std::uint64_t mAllocations = 0;
 };
 
@@ -17,6 +18,7 @@ inline Counts operator-(const Counts& left, const Counts& right)
     return {
         left.mMessageCalls - right.mMessageCalls,
         left.mWaitCalls - right.mWaitCalls,
+        left.mLooks - right.mLooks,
         left.mAllocations - right.mAllocations};
 }
 
