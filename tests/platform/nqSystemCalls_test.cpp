@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <sys/select.h>
 #include <sys/syscall.h>
 
 using namespace pipe_test;
@@ -331,6 +332,19 @@ TEST_F(ALivingPeer, isNotSignalledByItsNumberWhereTheKernelDoesNotTellWhetherItI
     nq::nqPeer peer(mAccepted.get());
     EXPECT_GE(peer.watch(), 0);
     EXPECT_FALSE(peer.duplicateWatch().isOpen());
+}
+
+TEST_F(ALivingPeer, isWatchedAtTheVeryLimitOfSelectUntilItIsSelectedOn)
+{
+    const DescriptorLimit limit;
+    if (!limit.set(FD_SETSIZE + 64))
+        GTEST_SKIP() << "the hard limit of descriptors is too low";
+    nq::nqPeer peer(mAccepted.get());
+    ASSERT_EQ(peer.watch(), FD_SETSIZE);
+    peer.keepInRangeOfSelect(true);
+    EXPECT_LT(peer.watch(), FD_SETSIZE);
+    peer.keepInRangeOfSelect(false);
+    EXPECT_EQ(peer.watch(), FD_SETSIZE);
 }
 
 TEST_F(ALivingPeer, isOfNoUserWhereTheKernelDoesNotTellWhose)
