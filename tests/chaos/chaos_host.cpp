@@ -1,10 +1,13 @@
 // A host under fire: plays rounds of chaos until the time is over, accounts for everything, and
 // prints the figures. Ends with 1, the seed and the story as soon as something does not add up.
 //
-// chaos_host [--seconds N] [--seed S] [--first-round R] [--rounds N] [--verbose]
+// chaos_host [--seconds N] [--seed S] [--first-round R] [--rounds N] [--verbose] [--disarmed]
+//
+// Disarmed, nobody disturbs the workers, and the run has to fail: its plans want them to suffer.
 
 #include "nqScheduler.h"
 #include "system/nqLog.h"
+#include "tests/chaos/demands.h"
 #include "tests/chaos/figures.h"
 #include "tests/chaos/plan.h"
 #include "tests/chaos/pool_round.h"
@@ -61,6 +64,7 @@ struct Options {
     std::uint64_t firstRound = 0;
     std::uint64_t rounds = std::numeric_limits<std::uint64_t>::max();
     bool isVerbose = false;
+    bool isDisarmed = false;
 };
 
 /// Beside what is counted: workers that are restarted, and those that were killed, or ended by a
@@ -178,6 +182,13 @@ bool isDisturbed(const RoundPlan& plan)
     });
 }
 
+RoundPlan disarmed(RoundPlan plan)
+{
+    for (chaos::PoolPlan& pool : plan.pools)
+        pool.disturbance = {};
+    return plan;
+}
+
 Figures play(const RoundPlan& plan, std::uint64_t round, CountingLog& log)
 {
     const std::size_t descriptorsBefore = common::openDescriptorNumbers().size();
@@ -250,6 +261,7 @@ void run(const Options& options)
     const std::int64_t end =
         chaos::now() + static_cast<std::int64_t>(options.seconds) * nanosecondsPerSecond;
     Figures all;
+    chaos::Demands demands;
     const Footprint atStart = Footprint::now();
     std::optional<Footprint> warm;
     for (std::uint64_t i = 0; i < options.rounds && (i < leastRounds || chaos::now() < end); ++i) {
@@ -261,7 +273,8 @@ void run(const Options& options)
                                   std::to_string(round) + ": " + describe(plan);
         chaos::setStory(story);
         const std::int64_t before = chaos::now();
-        all.add(play(plan, round, log));
+        demands.add(plan);
+        all.add(play(options.isDisarmed ? disarmed(plan) : plan, round, log));
         if (options.isVerbose)
             std::cout << story << "\n  took " << (chaos::now() - before) / 1'000'000 << " ms"
                       << std::endl;
@@ -276,6 +289,8 @@ void run(const Options& options)
               << (warm ? warm->heap : 0) << ", " << atEnd.heap << std::endl;
     if (warm)
         checkGrowth(*warm, atEnd);
+    if (const std::string unmet = demands.unmetBy(all); !unmet.empty())
+        chaos::reportViolation("too little has happened\n" + unmet);
     nq::nqLog::msInstance = nullptr;
 }
 
@@ -295,6 +310,10 @@ std::optional<Options> understand(const std::vector<std::string>& arguments)
     for (std::size_t i = 0; i < arguments.size(); ++i) {
         if (arguments[i] == "--verbose") {
             options.isVerbose = true;
+            continue;
+        }
+        if (arguments[i] == "--disarmed") {
+            options.isDisarmed = true;
             continue;
         }
         if (i + 1 == arguments.size())
@@ -324,7 +343,8 @@ int main(int argc, char** argv)
     mallopt(M_ARENA_MAX, 1); // trimming would not reach the free tops of further arenas
     const auto options = understand({argv + 1, argv + argc});
     if (!options) {
-        std::cerr << "options: --seconds N, --seed S, --first-round R, --rounds N, --verbose\n";
+        std::cerr << "options: --seconds N, --seed S, --first-round R, --rounds N, --verbose, "
+                     "--disarmed\n";
         return 2;
     }
     chaos::raiseDescriptorLimit();

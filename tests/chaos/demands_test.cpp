@@ -1,0 +1,110 @@
+// That a run of chaos in which nothing happens is not taken for a good one.
+
+#include "tests/chaos/demands.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <sys/wait.h>
+
+namespace {
+
+using chaos::Demands;
+using chaos::Figures;
+using chaos::PoolPlan;
+using chaos::RoundPlan;
+
+Demands demandsOf(const PoolPlan& pool, std::uint64_t pools)
+{
+    RoundPlan plan;
+    plan.pools.assign(pools, pool);
+    Demands demands;
+    demands.add(plan);
+    return demands;
+}
+
+PoolPlan disturbedPool()
+{
+    PoolPlan pool;
+    pool.disturbance.intervalUs = 1'000;
+    return pool;
+}
+
+TEST(Demands, areMetByAnUndisturbedRunInWhichNothingHappens)
+{
+    EXPECT_EQ(demandsOf(PoolPlan(), 10).unmetBy(Figures()), "");
+}
+
+TEST(Demands, nameKillsThatAreTooRare)
+{
+    PoolPlan pool = disturbedPool();
+    pool.disturbance.kills = 1;
+    Figures figures;
+    figures.kills = 4;
+    EXPECT_EQ(demandsOf(pool, 10).unmetBy(figures), "workers killed: 4, planned for 10 pools\n");
+}
+
+TEST(Demands, areMetWhenHalfOfThePoolsSuffer)
+{
+    PoolPlan pool = disturbedPool();
+    pool.disturbance.kills = 1;
+    Figures figures;
+    figures.kills = 5;
+    EXPECT_EQ(demandsOf(pool, 10).unmetBy(figures), "");
+}
+
+TEST(Demands, wantCrashesFromOutside)
+{
+    PoolPlan pool = disturbedPool();
+    pool.disturbance.crashes = 1;
+    EXPECT_NE(demandsOf(pool, 2).unmetBy(Figures()), "");
+}
+
+TEST(Demands, wantStops)
+{
+    PoolPlan pool = disturbedPool();
+    pool.disturbance.stops = 1;
+    EXPECT_NE(demandsOf(pool, 2).unmetBy(Figures()), "");
+}
+
+TEST(Demands, wantDeathsByAJobsWish)
+{
+    PoolPlan pool;
+    pool.mix = {{chaos::Behaviour::answer, 1}, {chaos::Behaviour::crash, 1}};
+    EXPECT_NE(demandsOf(pool, 2).unmetBy(Figures()), "");
+}
+
+TEST(Demands, wantFailuresForMemoryUnderACap)
+{
+    PoolPlan pool;
+    pool.maxCapMemory = 1;
+    EXPECT_NE(demandsOf(pool, 2).unmetBy(Figures()), "");
+}
+
+TEST(Demands, wantTimeOuts)
+{
+    PoolPlan pool;
+    pool.timeoutSeconds = 1;
+    EXPECT_NE(demandsOf(pool, 2).unmetBy(Figures()), "");
+}
+
+// A round of several pools, all of them disturbed.
+TEST(Chaos, failsWhenItsDisturberNeverStrikes)
+{
+    const std::string command =
+        NQ_CHAOS_HOST " --seed 1 --first-round 12 --rounds 1 --seconds 0 --disarmed";
+    FILE* const output = popen(command.c_str(), "r");
+    ASSERT_NE(output, nullptr);
+    std::string text;
+    char bytes[4096];
+    for (std::size_t count = 0; (count = fread(bytes, 1, sizeof bytes, output)) > 0;)
+        text.append(bytes, count);
+    const int status = pclose(output);
+    EXPECT_EQ(WEXITSTATUS(status), 1) << text;
+    EXPECT_NE(text.find("VIOLATION: too little has happened"), std::string::npos) << text;
+    EXPECT_NE(text.find("workers killed: 0, planned for "), std::string::npos) << text;
+}
+
+} // namespace
