@@ -22,6 +22,7 @@ function(nq_add_consumer_test name compiler way place)
         -DCMAKE_CXX_COMPILER=${compiler} ${ARGN})
     set_tests_properties(
         Package.${name}.${compiler} PROPERTIES FIXTURES_REQUIRED placesToBuildFrom)
+    nq_is_slow(Package.${name}.${compiler} 2)
 endfunction()
 
 # Libraries with sanitizers in them load only into programs that are built the same way.
@@ -35,9 +36,12 @@ if(CMAKE_CXX_FLAGS MATCHES "-fsanitize")
 endif()
 
 set(debian ${CMAKE_CURRENT_BINARY_DIR}/debian)
+set(debianTools dpkg-dev file lintian)
 nq_add_package_test(
     debianPackages ${here}/check_debian_packages.sh ${PROJECT_SOURCE_DIR} ${debian})
 nq_prepares_for(debianPackages debianRoot)
+nq_is_slow(Package.debianPackages 15)
+nq_needs(Package.debianPackages ${debianTools})
 # Stands for the loader's own folders, where the packages put the libraries on a real system.
 set(debianLoader LD_LIBRARY_PATH=${debian}/root/usr/lib/x86_64-linux-gnu)
 
@@ -48,6 +52,8 @@ function(nq_add_pkg_config_test name compiler prefix)
         ${consumers}/${name}.${compiler} ${compiler})
     set_tests_properties(
         Package.${name}.${compiler} PROPERTIES FIXTURES_REQUIRED placesToBuildFrom)
+    nq_is_slow(Package.${name}.${compiler} 2)
+    nq_needs(Package.${name}.${compiler} pkg-config)
 endfunction()
 
 foreach(compiler g++ clang++)
@@ -61,6 +67,8 @@ foreach(compiler g++ clang++)
     set_tests_properties(
         Package.debian.${compiler} Package.debianByPkgConfig.${compiler}
         PROPERTIES FIXTURES_REQUIRED debianRoot ENVIRONMENT ${debianLoader})
+    nq_needs(Package.debian.${compiler} ${debianTools})
+    nq_needs(Package.debianByPkgConfig.${compiler} ${debianTools})
 
     nq_add_consumer_test(
         addSubdirectory ${compiler} add_subdirectory ${PROJECT_SOURCE_DIR})
@@ -70,7 +78,19 @@ foreach(compiler g++ clang++)
     # These build the libraries, and take every core for it.
     set_tests_properties(
         Package.addSubdirectory.${compiler} Package.fetchContent.${compiler}
-        PROPERTIES PROCESSORS 2)
+        PROPERTIES PROCESSORS 2 COST 10)
+endforeach()
+foreach(
+    name
+    installed
+    moved
+    installedByPkgConfig
+    movedByPkgConfig
+    debian
+    debianByPkgConfig
+    addSubdirectory
+    fetchContent)
+    nq_needs(Package.${name}.clang++ clang)
 endforeach()
 set_tests_properties(Package.debianPackages PROPERTIES PROCESSORS 2)
 
@@ -78,3 +98,5 @@ nq_add_package_test(
     compilersMix ${here}/check_mixed_compilers.sh ${consumers}/addSubdirectory.g++/build
     ${consumers}/addSubdirectory.clang++/build)
 set_tests_properties(Package.compilersMix PROPERTIES FIXTURES_REQUIRED librariesOfBothCompilers)
+nq_is_slow(Package.compilersMix 1)
+nq_needs(Package.compilersMix clang)
