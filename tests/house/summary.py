@@ -20,7 +20,7 @@ def reason_of(case):
 
 
 def was_skipped(case):
-    """By itself: a test whose preparation has failed is reported in the same way, but for the cause."""
+    """By itself: a test whose preparation has failed differs from it in the cause only."""
     element = case.find("skipped")
     return element is not None and element.get("message", "").startswith("SKIP_")
 
@@ -40,7 +40,8 @@ def summary_of(cases):
             names["failed"].append(name)
 
     passed = len(names["passed"])
-    parts = [f"{'All ' if passed == len(cases) > 1 else ''}{passed} test{'s' * (passed != 1)} passed"]
+    all_of = "All " if passed == len(cases) > 1 else ""
+    parts = [f"{all_of}{passed} {'test' if passed == 1 else 'tests'} passed"]
     for kind in ("skipped", "disabled", "failed"):
         if names[kind]:
             parts.append(f"{len(names[kind])} {kind}: {', '.join(names[kind])}")
