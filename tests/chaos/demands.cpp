@@ -2,25 +2,29 @@
 
 #include "nqScheduler.h"
 
-#include <algorithm>
-
 namespace chaos {
 
 namespace {
 
-bool hasJobThatEndsItsWorker(const PoolPlan& pool)
+/// How many jobs of that behaviour are to be expected; none of one that is rarer than one.
+std::uint64_t jobsThat(Behaviour behaviour, const PoolPlan& pool)
 {
-    return std::any_of(pool.mix.begin(), pool.mix.end(), [](const MixEntry& entry) {
-        return entry.behaviour == Behaviour::crash || entry.behaviour == Behaviour::answerAndDie;
-    });
+    std::uint64_t wanted = 0;
+    std::uint64_t all = 0;
+    for (const MixEntry& entry : pool.mix) {
+        all += entry.frequency;
+        wanted += entry.behaviour == behaviour ? entry.frequency : 0;
+    }
+    return all == 0 ? 0 : std::uint64_t{pool.cycles} * pool.jobsPerCycle * wanted / all;
 }
 
-std::string tooRare(const std::string& what, std::uint64_t happened, std::uint64_t pools)
+std::string tooRare(const std::string& what, std::uint64_t happened, std::uint64_t planned)
 {
-    if (happened >= pools / 2)
+    const std::uint64_t least = planned / 2;
+    if (happened >= least)
         return "";
-    return what + ": " + std::to_string(happened) + ", planned for " + std::to_string(pools) +
-           " pools\n";
+    return what + ": " + std::to_string(happened) + ", at least " + std::to_string(least) +
+           " are wanted\n";
 }
 
 } // namespace
@@ -28,13 +32,15 @@ std::string tooRare(const std::string& what, std::uint64_t happened, std::uint64
 void Demands::add(const RoundPlan& plan)
 {
     for (const PoolPlan& pool : plan.pools) {
-        const bool isDisturbed = pool.disturbance.intervalUs != 0;
-        mKills += isDisturbed && pool.disturbance.kills != 0 ? 1 : 0;
-        mCrashes += isDisturbed && pool.disturbance.crashes != 0 ? 1 : 0;
-        mStops += isDisturbed && pool.disturbance.stops != 0 ? 1 : 0;
-        mOwnDeaths += hasJobThatEndsItsWorker(pool) ? 1 : 0;
-        mGrowth += pool.maxCapMemory != 0 ? 1 : 0;
-        mTimeouts += pool.timeoutSeconds != 0 ? 1 : 0;
+        mOwnDeaths += jobsThat(Behaviour::crash, pool);
+        mTimeouts += jobsThat(Behaviour::hang, pool);
+        if (pool.disturbance.intervalUs == 0) {
+            mTooMuchRam += jobsThat(Behaviour::growAndWait, pool);
+            continue;
+        }
+        mKills += pool.disturbance.kills != 0 ? 1 : 0;
+        mCrashes += pool.disturbance.crashes != 0 ? 1 : 0;
+        mStops += pool.disturbance.stops != 0 ? 1 : 0;
     }
 }
 
@@ -45,7 +51,7 @@ std::string Demands::unmetBy(const Figures& figures) const
            tooRare("workers crashed from outside", figures.crashes, mCrashes) +
            tooRare("workers stopped", figures.stops, mStops) +
            tooRare("workers that ended by a job's wish", figures.ownDeaths, mOwnDeaths) +
-           tooRare("failures: TooMuchRam", figures.failures[nqScheduler::TooMuchRam], mGrowth) +
+           tooRare("failures: TooMuchRam", figures.failures[nqScheduler::TooMuchRam], mTooMuchRam) +
            tooRare("failures: Timeout", figures.failures[nqScheduler::Timeout], mTimeouts);
 }
 

@@ -14,17 +14,18 @@ class Demands {
 public:
     void add(const RoundPlan& plan);
 
-    /// What has happened too rarely, one line each. Chance may spare a pool, but not more than half
-    /// of those that were to suffer something.
+    /// What has happened too rarely, one line each. Chance may take away half of what was planned.
     std::string unmetBy(const Figures& figures) const;
 
 private:
-    // How many pools are planned to suffer each.
+    // How many pools are to suffer each.
     std::uint64_t mKills = 0;
     std::uint64_t mCrashes = 0;
     std::uint64_t mStops = 0;
+
+    // How many jobs are to end in each way.
     std::uint64_t mOwnDeaths = 0;
-    std::uint64_t mGrowth = 0; // over the cap that fails a job
+    std::uint64_t mTooMuchRam = 0;
     std::uint64_t mTimeouts = 0;
 };
 
