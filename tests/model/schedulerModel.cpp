@@ -84,7 +84,6 @@ bool Scheduler::start(unsigned long workerCount, int connectionTimeout)
         return false;
     }
 
-    mWorld->say("system: GetIdealThreadCount()");
     mWorkerCount = workerCount;
     const int limit = std::max(2 * mWorld->idealThreadCount, 4);
     if (workerCount > static_cast<unsigned long>(limit)) {
@@ -115,9 +114,9 @@ bool Scheduler::stop()
     for (Worker& worker : mWorkers) {
         worker.closePipe();
         scripted::Process& process = worker.process();
-        if (isRunning(*mWorld, process)) {
+        if (isRunning(process)) {
             wait(*mWorld, process, 30000);
-            if (isRunning(*mWorld, process)) {
+            if (isRunning(process)) {
                 ++mWorld->seen["stop: killed"];
                 kill(*mWorld, process);
                 wait(*mWorld, process, 0);
@@ -170,11 +169,7 @@ void Scheduler::pump(int timeoutMs)
             continue;
         }
         const scripted::Pipe& pipe = *worker->pipe();
-        if (!hasBytesToWrite) {
-            mWorld->say(pipe.name + ": hasPendingWrite()");
-            hasBytesToWrite = hasPendingWrite(pipe);
-        }
-        mWorld->say(pipe.name + ": getSocket()");
+        hasBytesToWrite = hasBytesToWrite || hasPendingWrite(pipe);
         if (pipe.socket != -1)
             sockets.push_back(pipe.socket);
         hasIdle = hasIdle || worker->isReady();
@@ -220,10 +215,7 @@ bool Scheduler::launch()
     const std::vector<std::string> arguments = commandLine();
     const auto process = mWorld->takeProcess();
     mWorld->say(process->name + ": created");
-    mWorld->say("dirs: GetAbsolutePathUtf8(" + exePath + ")");
-    const std::string absolutePath = absolute(*mWorld, exePath);
-    mWorld->say("dirs: ExtractFolder(" + absolutePath + ")");
-    process->workingDirectory = folderOf(absolutePath);
+    process->workingDirectory = folderOf(absolute(*mWorld, exePath));
     mWorld->say(process->name + ": setWorkingDirectory(" + process->workingDirectory + ")");
     mWorld->say(
         process->name + ": startProcess(" + exePath + ", [" + joined(arguments, ", ") + "])");
@@ -233,7 +225,7 @@ bool Scheduler::launch()
     process->priority = nq::nqProcess::InheritedPriority;
     process->state = process->stateAfterStart;
 
-    if (!isRunning(*mWorld, *process)) {
+    if (!isRunning(*process)) {
         reportFailedLaunch("Process state is not 'running'", arguments, *process);
         return false;
     }

@@ -163,12 +163,10 @@ void Worker::step()
         break;
     }
 
-    mWorld->say(mPipe->name + ": isReadChannelClosed()");
     const bool completed = !isReadChannelClosed(*mPipe) && !mPipe->incoming.empty() && receive();
 
-    mWorld->say(mPipe->name + ": isReadChannelClosed()");
     const bool isReadClosed = isReadChannelClosed(*mPipe);
-    const bool runs = !isReadClosed || isRunning(*mWorld, *mProcess);
+    const bool runs = !isReadClosed || isRunning(*mProcess);
     for (const AfterReceiving& row : fates) {
         if (!fits(row.isReadClosed, isReadClosed) || !fits(row.isRunning, runs) ||
             !fits(row.isConnected, isConnected(*mPipe)))

@@ -6,7 +6,7 @@ namespace model {
 
 void World::say(const std::string& line)
 {
-    trace.push_back(line);
+    calls.push_back(line);
 }
 
 void World::log(int level, bool flush, const std::string& text)
@@ -83,9 +83,8 @@ void closeAndDestroy(World& world, scripted::Pipe& pipe)
     pipe.isDestroyed = true;
 }
 
-bool isRunning(World& world, const scripted::Process& process)
+bool isRunning(const scripted::Process& process)
 {
-    world.say(process.name + ": getState()");
     return process.state == nq::nqProcess::Running;
 }
 

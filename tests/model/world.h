@@ -49,7 +49,7 @@ struct World {
     std::deque<std::shared_ptr<scripted::Process>> plannedProcesses;
     std::deque<std::shared_ptr<scripted::Pipe>> plannedPipes;
 
-    std::vector<std::string> trace; ///< calls and those questions whose place is settled
+    std::vector<std::string> calls; ///< in order, with those questions that have their place
     std::vector<LogLine> logged;
     std::vector<scripted::Select> selects;
     Seen seen; ///< how often each row of the model's tables was used
@@ -70,7 +70,7 @@ bool hasPendingWrite(const scripted::Pipe& pipe);
 void close(World& world, scripted::Pipe& pipe);
 void closeAndDestroy(World& world, scripted::Pipe& pipe);
 
-bool isRunning(World& world, const scripted::Process& process);
+bool isRunning(const scripted::Process& process);
 void kill(World& world, scripted::Process& process);
 void wait(World& world, scripted::Process& process, unsigned int timeoutMs);
 void destroy(World& world, scripted::Process& process);

@@ -89,11 +89,6 @@ std::vector<std::string> Machine::takeCalls()
     return std::exchange(calls, {});
 }
 
-std::vector<std::string> Machine::takeTrace()
-{
-    return std::exchange(trace, {});
-}
-
 std::ptrdiff_t Machine::count(const std::string& line) const
 {
     return std::count(trace.begin(), trace.end(), line);

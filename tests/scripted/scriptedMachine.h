@@ -153,7 +153,6 @@ struct Machine {
 
     /// The calls so far, forgetting them.
     std::vector<std::string> takeCalls();
-    std::vector<std::string> takeTrace();
     /// How often `line` stands in the trace.
     std::ptrdiff_t count(const std::string& line) const;
     /// The messages of `logged`.

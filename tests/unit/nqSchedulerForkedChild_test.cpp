@@ -9,7 +9,7 @@ class SchedulerInAForkedChild : public SchedulerFixture {
 protected:
     void fork()
     {
-        machine.takeTrace();
+        machine.takeCalls();
         machine.isForkedChild = true;
     }
 };
@@ -24,7 +24,7 @@ TEST_F(SchedulerInAForkedChild, neitherStartsNorStopsNorPumps)
     EXPECT_FALSE(scheduler->stopScheduler());
     scheduler->processScheduler(1000);
     scheduler->waitForFinished();
-    EXPECT_EQ(machine.takeTrace(), Lines{});
+    EXPECT_EQ(machine.takeCalls(), Lines{});
     EXPECT_EQ(machine.messages(), Lines{});
     EXPECT_EQ(scheduler->jobCount(), 1U);
 }
@@ -33,7 +33,7 @@ TEST_F(SchedulerInAForkedChild, doesNotStartWhatTheParentHadNotStarted)
 {
     fork();
     EXPECT_FALSE(scheduler->startScheduler(1, connectionTimeout));
-    EXPECT_EQ(machine.takeTrace(), Lines{});
+    EXPECT_EQ(machine.takeCalls(), Lines{});
 }
 
 TEST_F(SchedulerInAForkedChild, isDestroyedWithoutDrainingItsJobs)

@@ -16,14 +16,14 @@ protected:
     {
         logger.onWrite = [this] {
             ++linesSeen;
-            const Lines callsBefore = machine.trace;
+            const Lines callsBefore = machine.calls;
             const std::size_t loggedBefore = machine.logged.size();
             EXPECT_FALSE(scheduler->startScheduler(1, connectionTimeout));
             EXPECT_FALSE(scheduler->startWorker());
             EXPECT_FALSE(scheduler->stopScheduler());
             scheduler->processScheduler(1000);
             scheduler->waitForFinished();
-            EXPECT_EQ(machine.trace, callsBefore);
+            EXPECT_EQ(machine.calls, callsBefore);
             EXPECT_EQ(machine.logged.size(), loggedBefore);
         };
     }

@@ -61,11 +61,17 @@ TEST_F(SchedulerStart, listensUnderItsUuidAndLaunchesTheWorkersOneAfterTheOther)
     EXPECT_TRUE(machine.logged.empty());
 }
 
-TEST_F(SchedulerStart, asksForTheThreadCountOnlyOnceItListens)
+TEST_F(SchedulerStart, refusesTooManyWorkersOnlyOnceItListens)
 {
-    scheduler->startScheduler(0, 0);
-    const Lines expected{"server: listenUtf8(uuid-1)", "system: GetIdealThreadCount()"};
-    EXPECT_EQ(Lines(machine.trace.end() - 2, machine.trace.end()), expected);
+    machine.server.listens = false;
+    EXPECT_FALSE(scheduler->startScheduler(17, 0));
+    machine.server.listens = true;
+    EXPECT_FALSE(scheduler->startScheduler(17, 0));
+    EXPECT_EQ(
+        machine.messages(),
+        (Lines{
+            "Fail to startScheduler - cannot listen",
+            "Too many workers (17), limit to ideal thread count"}));
 }
 
 TEST_F(SchedulerStart, passesTheConnectionTimeoutOnUnchanged)
@@ -110,7 +116,7 @@ TEST_F(SchedulerStart, reportsThatItCannotListen)
         support::entries(machine),
         (std::vector<Entry>{{3, true, "Fail to startScheduler - cannot listen"}}));
     EXPECT_EQ(
-        machine.trace,
+        machine.calls,
         (Lines{
             "server: listenUtf8(uuid-1)",
             "entry: computeLogPrefix(true)",

@@ -61,7 +61,7 @@ TEST_F(WorkerRecord, closesItsPipeAndWaitsWithoutLimitWhenDestroyed)
 {
     worker.reset();
     EXPECT_EQ(
-        machine.trace,
+        machine.calls,
         (Lines{
             "pipe 1: closeNamedPipe()",
             "pipe 1: destroyed",
@@ -91,10 +91,10 @@ TEST_F(WorkerRecord, doesNothingMoreWhenItsPipeIsClosedAgain)
     worker->closePipe();
     forgetCalls();
     worker->closePipe();
-    EXPECT_EQ(machine.trace, Lines{});
+    EXPECT_EQ(machine.calls, Lines{});
     worker.reset();
     EXPECT_EQ(
-        machine.trace,
+        machine.calls,
         (Lines{"process 4242: waitForFinished(4294967295)", "process 4242: destroyed"}));
 }
 
