@@ -165,12 +165,12 @@ TEST_F(ProcessEnd, ofAProcessThatLeavesByItselfIsSeenAndReaped)
 
 TEST_F(ProcessEnd, leavesNoDescriptorOpenInTheObject)
 {
-    const auto before = descriptorsOf(::getpid());
+    const auto before = common::openDescriptors();
     launch("answer");
-    EXPECT_NE(descriptorsOf(::getpid()), before);
+    EXPECT_NE(common::openDescriptors(), before);
     mProcess.killProcess();
     EXPECT_TRUE(mProcess.waitForFinished(withoutLimit));
-    EXPECT_EQ(descriptorsOf(::getpid()), before);
+    EXPECT_EQ(common::openDescriptors(), before);
 }
 
 TEST_F(ProcessEnd, isSeenByALookAtTheState)
@@ -338,20 +338,13 @@ TEST_F(ProcessEnd, isWatchedByNobodyInAForkedCopyOfTheHost)
     // still named the watch would close that in the copy's own child.
     alignas(nq::nqLeash) int storage[sizeof(nq::nqLeash) / sizeof(int)];
     auto* const leash = new (storage) nq::nqLeash;
-    const auto runInACopy = [](auto body) {
-        const pid_t copy = ::fork();
-        if (copy == 0)
-            ::_exit(body());
-        int status = 0;
-        ::waitpid(copy, &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    };
-    const int exitStatus = runInACopy([&] {
+    common::Child copy([&] {
         leash->~nqLeash();
         std::fill(std::begin(storage), std::end(storage), mOutput.writer());
-        return runInACopy([&] { return ::fcntl(mOutput.writer(), F_GETFD) != -1 ? 0 : 1; });
+        const auto isOpen = [&] { return ::fcntl(mOutput.writer(), F_GETFD) != -1; };
+        return common::Child([&] { return isOpen() ? 0 : 1; }).wait();
     });
-    EXPECT_EQ(exitStatus, 0);
+    EXPECT_EQ(copy.wait(), 0);
     leash->~nqLeash();
 }
 

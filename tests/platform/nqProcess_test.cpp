@@ -1,4 +1,5 @@
 #include "system/nqLog.h"
+#include "tests/common/processes.h"
 #include "tests/platform/process_helpers.h"
 
 #include <algorithm>
@@ -440,18 +441,15 @@ TEST_F(ProcessLaunch, lowersThePriorityAsAsked)
 TEST_F(ProcessLaunch, raisesNoPriorityOfAHostThatIsNicer)
 {
     constexpr int nicer = 15;
-    const pid_t host = ::fork();
-    if (host == 0) {
+    common::Child host([] {
         ::setpriority(PRIO_PROCESS, 0, nicer);
         nqProcess process;
         const bool started =
             process.startProcess(workerProgram, {"rest"}, true, nqProcess::LowPriority);
         const auto pid = static_cast<id_t>(process.getPid());
-        ::_exit(started && ::getpriority(PRIO_PROCESS, pid) == nicer ? 0 : 1);
-    }
-    int status = 0;
-    ::waitpid(host, &status, 0);
-    EXPECT_EQ(status, 0);
+        return started && ::getpriority(PRIO_PROCESS, pid) == nicer ? 0 : 1;
+    });
+    EXPECT_EQ(host.wait(), 0);
 }
 
 TEST_F(ProcessLaunch, copiesNoMemoryOfTheHost)

@@ -1,8 +1,8 @@
 // What no real kernel does on demand, and how long things would wait: the system calls are answered
 // by the tests.
+#include "system/linux/nqAdaptiveSpin.h"
 #include "system/linux/nqChild.h"
 #include "system/linux/nqPeer.h"
-#include "system/linux/nqAdaptiveSpin.h"
 #include "system/nqLog.h"
 #include "tests/platform/pipe_helpers.h"
 #include "tests/platform/process_helpers.h"
