@@ -6,6 +6,9 @@ namespace chaos {
 
 namespace {
 
+// A pool with fewer is often done before the first of its workers is stopped.
+constexpr std::uint32_t jobsUntilAStop = 200;
+
 /// How many jobs of that behaviour are to be expected; none of one that is rarer than one.
 std::uint64_t jobsThat(Behaviour behaviour, const PoolPlan& pool)
 {
@@ -40,7 +43,8 @@ void Demands::add(const RoundPlan& plan)
         }
         mKills += pool.disturbance.kills != 0 ? 1 : 0;
         mCrashes += pool.disturbance.crashes != 0 ? 1 : 0;
-        mStops += pool.disturbance.stops != 0 ? 1 : 0;
+        const bool lastsUntilAStop = pool.jobsPerCycle >= jobsUntilAStop;
+        mStops += pool.disturbance.stops != 0 && lastsUntilAStop ? 1 : 0;
     }
 }
 

@@ -74,6 +74,7 @@ TEST(Demands, wantStops)
 {
     PoolPlan pool = disturbedPool();
     pool.disturbance.stops = 1;
+    pool.jobsPerCycle = 200;
     EXPECT_NE(demandsOf(pool, 2).unmetBy(Figures()), "");
 }
 
