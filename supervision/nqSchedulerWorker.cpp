@@ -1,27 +1,33 @@
+// A worker's life on the scheduler's side, from top to bottom: its record is made, stepped once in
+// each pass of the pump, and destroyed.
+//
+// Nothing here waits but the destructor. A worker is killed in one place, condemnIfOverLimit, and
+// its death is noticed by a later step. A job leaves the record in two: receiveStep delivers its
+// result, failCurrentJob hands it back. The failure that it gets is armed before its first byte
+// leaves, so that a worker may be lost at any point.
 #include "supervision/nqSchedulerWorker.h"
 
-#include "supervision/nqSchedulerWorkerPrivate.h"
+#include "include/nqScheduler.h"
+#include "scheduler/nqJobQueues.h"
+#include "support/nqLogObject.h"
+#include "system/nqHighResTimer.h"
 #include "system/nqStringUtils.h"
 #include "system/nqThread.h"
+#include "worker/nqFrame.h"
 
+#include <exception>
+#include <string>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 namespace nq {
 
 namespace {
 
 constexpr unsigned int withoutLimit = 0xFFFFFFFF;
-
-} // namespace
-
-nqSchedulerWorkerPrivate::nqSchedulerWorkerPrivate(
-    std::unique_ptr<nqNamedPipe> pipe, std::unique_ptr<nqProcess> process, nqJobQueues* queues)
-    : mPipe(std::move(pipe)),
-      mQueues(queues),
-      mProcess(std::move(process)),
-      mPid(static_cast<std::uint64_t>(mProcess->getPid()))
-{
-}
+constexpr std::uint64_t msPerSecond = 1000;
+constexpr std::string_view unexpectedCrash = "Unexpected crash";
 
 std::string memoryText(std::uint64_t bytes)
 {
@@ -29,11 +35,295 @@ std::string memoryText(std::uint64_t bytes)
            "B";
 }
 
+std::string timeoutMessage(std::uint64_t elapsedSeconds)
+{
+    return "killing scheduler worker : timeout (" +
+           nqStringUtils::humanizeDuration<unsigned long>(elapsedSeconds * msPerSecond, 1, false) +
+           ")";
+}
+
+} // namespace
+
+/// What the flags say, and the functions that alone change them:
+///
+/// mReadyForJob, by beginJob and completeJob: no job is in flight, and mJob is empty. While it is
+/// false, mJob holds the job, and mFailReason and mFailMessage say what it becomes if it fails.
+/// mKilled, by condemn: the process has been killed; it takes no new job. Stays.
+/// mFinished, by endRecord: the pump destroys the record and launches another worker. Stays.
+class nqSchedulerWorkerPrivate {
+public:
+    nqSchedulerWorkerPrivate(
+        std::unique_ptr<nqNamedPipe> pipe, std::unique_ptr<nqProcess> process, nqJobQueues* queues)
+        : mPipe(std::move(pipe)),
+          mQueues(queues),
+          mProcess(std::move(process)),
+          mPid(static_cast<std::uint64_t>(mProcess->getPid()))
+    {
+    }
+
+    void beginJob();
+    std::vector<char> completeJob();
+    void condemn();
+    void endRecord();
+
+    std::uint64_t jobSeconds() const;
+
+    std::unique_ptr<nqNamedPipe> mPipe; // null once closed
+    nqJobQueues* mQueues;               // borrowed; null when detached: nothing more is delivered
+    std::unique_ptr<nqProcess> mProcess;
+    std::uint64_t mMaxCapMemory = 0;                    // bytes; 0 = off
+    std::uint64_t mJobProcessTimeout = 0;               // whole seconds; 0 = off
+    std::uint64_t mMaxCapMemoryAfterProcessingAJob = 0; // bytes; 0 = off
+    nqHighResTimer mJobTimer;                           // started when a job is dispatched
+    std::vector<char> mJob;    // kept after it is sent, since a failure hands it back
+    std::vector<char> mResult; // being received
+    nqScheduler::FailReason mFailReason = nqScheduler::NoFailure;
+    std::string mFailMessage;
+    std::uint64_t mPid;         // read once, for messages
+    std::int32_t mReceived = 0; // bytes of mResult
+    std::int32_t mSent = 0;     // bytes of mJob handed to the pipe
+    bool mReadyForJob = true;
+    bool mFinished = false;
+    bool mKilled = false;
+    bool mFailureOwed = false; // the job in flight has failed, is logged and no longer counted, but
+                               // has found no memory in the queue yet
+};
+
+void nqSchedulerWorkerPrivate::beginJob()
+{
+    mReadyForJob = false;
+    mFailReason = nqScheduler::UnexpectedCrash;
+    mFailMessage = unexpectedCrash;
+    mJobTimer.start();
+}
+
+/// Gives back the bytes of the job, which is over: its result is whole, or it has failed.
+std::vector<char> nqSchedulerWorkerPrivate::completeJob()
+{
+    mReadyForJob = true;
+    mReceived = 0;
+    return std::exchange(mJob, {});
+}
+
+void nqSchedulerWorkerPrivate::condemn()
+{
+    mProcess->killProcess();
+    mKilled = true;
+}
+
+void nqSchedulerWorkerPrivate::endRecord()
+{
+    mFinished = true;
+}
+
+/// Truncated, so that a time-out of T seconds acts once T + 1 seconds have passed.
+std::uint64_t nqSchedulerWorkerPrivate::jobSeconds() const
+{
+    return static_cast<std::uint64_t>(mJobTimer.getElapsedTimeInSec());
+}
+
 nqSchedulerWorker::nqSchedulerWorker(
     std::unique_ptr<nqNamedPipe> pipe, std::unique_ptr<nqProcess> process, nqJobQueues* queues)
     : mPrivate(
           std::make_unique<nqSchedulerWorkerPrivate>(std::move(pipe), std::move(process), queues))
 {
+}
+
+void nqSchedulerWorker::superviseStep()
+{
+    nqSchedulerWorkerPrivate& state = *mPrivate;
+    if (state.mPipe == nullptr || state.mFinished) {
+        state.endRecord();
+        return;
+    }
+    if (state.mFailureOwed) {
+        storeOwedFailure();
+        return;
+    }
+
+    state.mPipe->processNamedPipeEvents(0, false);
+    if (condemnIfOverLimit())
+        return;
+    const bool hasBytes =
+        !state.mPipe->isReadChannelClosed() && !state.mPipe->incomingBuffer().empty();
+    const bool jobJustCompleted = hasBytes && receiveStep();
+    if (isLost())
+        failCurrentJob();
+    else
+        sendStep(jobJustCompleted);
+}
+
+/// True when the worker was killed in this step, which happens at most once. The reason is stored
+/// for the job that it may hold; when memory and time are both exceeded, that is the time-out.
+bool nqSchedulerWorker::condemnIfOverLimit()
+{
+    nqSchedulerWorkerPrivate& state = *mPrivate;
+    bool isOverLimit = false;
+    if (state.mMaxCapMemory != 0) {
+        const std::uint64_t ramInUse = state.mProcess->getCurrentRamInUse();
+        if (ramInUse > state.mMaxCapMemory && !state.mKilled) {
+            state.mFailMessage = "using too much RAM (" + memoryText(ramInUse) + ")";
+            state.mFailReason = nqScheduler::TooMuchRam; // after the text, which may find no memory
+            isOverLimit = true;
+        }
+    }
+    if (state.mJobProcessTimeout != 0 && !state.mReadyForJob) {
+        const std::uint64_t seconds = state.jobSeconds();
+        if (seconds > state.mJobProcessTimeout && !state.mKilled) {
+            state.mFailMessage = timeoutMessage(seconds);
+            state.mFailReason = nqScheduler::Timeout;
+            isOverLimit = true;
+        }
+    }
+    if (isOverLimit)
+        state.condemn();
+    return isOverLimit;
+}
+
+/// True when a whole result was taken in now. What a worker sends without a job stays unread.
+bool nqSchedulerWorker::receiveStep()
+{
+    nqSchedulerWorkerPrivate& state = *mPrivate;
+    if (state.mReadyForJob)
+        return false;
+    std::vector<char> spare;
+    if (state.mResult.empty() && state.mQueues != nullptr)
+        spare = state.mQueues->takeSpare(nqFrame::announcedBytes(*state.mPipe));
+    if (!nqFrame::receive(*state.mPipe, state.mResult, state.mReceived, true, std::move(spare)))
+        return false;
+
+    // The record lets go of the job before the queue, which may find no memory, takes the result: a
+    // job that is over must not be failed and counted down once more when the worker ends.
+    std::vector<char> result = std::exchange(state.mResult, {});
+    std::vector<char> job = state.completeJob();
+    if (state.mQueues != nullptr) {
+        state.mQueues->pushResult(std::move(result));
+        state.mQueues->recycle(std::move(job));
+    }
+    return true;
+}
+
+/// A process that runs on behind a closed read channel may still take what is being sent to it.
+bool nqSchedulerWorker::isLost() const
+{
+    const nqNamedPipe& pipe = *mPrivate->mPipe;
+    if (pipe.isReadChannelClosed() && mPrivate->mProcess->getState() != nqProcess::Running)
+        return true;
+    return !pipe.isConnected();
+}
+
+void nqSchedulerWorker::sendStep(bool jobJustCompleted)
+{
+    nqSchedulerWorkerPrivate& state = *mPrivate;
+    if (state.mReadyForJob) {
+        if (state.mQueues == nullptr)
+            return;
+        if (jobJustCompleted && restartIfTooMuchRam())
+            return;
+        if (!startNextJob())
+            return;
+    }
+    nqFrame::sendPayload(*state.mPipe, state.mJob, state.mSent);
+}
+
+/// The memory check right after a job, while the worker holds none, so that no job is lost. The
+/// closed pipe tells the worker to leave; the pump waits for it and launches the replacement.
+bool nqSchedulerWorker::restartIfTooMuchRam()
+{
+    nqSchedulerWorkerPrivate& state = *mPrivate;
+    if (state.mMaxCapMemoryAfterProcessingAJob == 0)
+        return false;
+    const std::uint64_t ramInUse = state.mProcess->getCurrentRamInUse();
+    if (ramInUse <= state.mMaxCapMemoryAfterProcessingAJob)
+        return false;
+
+    closePipe();
+    state.endRecord();
+    nqLogObject(nqLog::Info, false)
+        << "restarting scheduler worker : using too much RAM after job processing ("
+        << memoryText(ramInUse) << ") (no job lost) (PID " << std::to_string(state.mPid) << ")";
+    return true;
+}
+
+/// Takes the oldest pending job and sends its header, once everything before it has left the
+/// buffer: a header that is cut is never made up for. An empty job is dropped here: it is never
+/// sent, and the queues count it as in progress for good.
+bool nqSchedulerWorker::startNextJob()
+{
+    nqSchedulerWorkerPrivate& state = *mPrivate;
+    state.mSent = 0;
+    if (!state.mPipe->outgoingBuffer().empty())
+        return false;
+    // What may find no memory comes before the job is taken: from then on its failure must be armed
+    // and its header sent.
+    state.mFailMessage.reserve(unexpectedCrash.size());
+    state.mPipe->outgoingBuffer().reserve(nqFrame::headerBytes);
+    if (state.mKilled || !state.mQueues->takeNextJob(state.mJob) || state.mJob.empty())
+        return false;
+    state.beginJob();
+    nqFrame::sendHeader(*state.mPipe, state.mJob);
+    return true;
+}
+
+namespace {
+
+/// Writes the line about the job in flight. One that finds no memory is lost, but must not cost the
+/// job; its exception is returned.
+std::exception_ptr reportFailure(const nqSchedulerWorkerPrivate& state)
+{
+    try {
+        nqLogObject(nqLog::Info, false)
+            << "Job failed error (" << std::to_string(state.mFailReason) << ") "
+            << state.mFailMessage << " (PID " << std::to_string(state.mPid) << ")";
+        return nullptr;
+    } catch (const std::exception&) {
+        return std::current_exception();
+    }
+}
+
+/// Counts the job down when it is called first, and never again.
+void handBackFailedJob(nqSchedulerWorkerPrivate& state)
+{
+    nqJobQueues& queues = *state.mQueues;
+    if (std::exchange(state.mFailureOwed, true))
+        queues.storeFailedJob(std::move(state.mJob), state.mFailReason, state.mFailMessage);
+    else
+        queues.pushFailedJob(std::move(state.mJob), state.mFailReason, state.mFailMessage);
+    state.mFailureOwed = false;
+}
+
+} // namespace
+
+/// Ends the record of a lost worker; the job in flight, if there is one, goes back as failed. A
+/// failure that finds no memory leaves the record as it is, to be stepped again until it is stored.
+void nqSchedulerWorker::failCurrentJob()
+{
+    nqSchedulerWorkerPrivate& state = *mPrivate;
+    std::exception_ptr lostLine;
+    if (!state.mReadyForJob && state.mQueues != nullptr) {
+        if (!state.mFailureOwed)
+            lostLine = reportFailure(state);
+        handBackFailedJob(state);
+    }
+    state.completeJob();
+    state.endRecord();
+    if (lostLine != nullptr)
+        std::rethrow_exception(lostLine);
+}
+
+void nqSchedulerWorker::storeOwedFailure()
+{
+    if (mPrivate->mFailureOwed)
+        failCurrentJob();
+}
+
+void nqSchedulerWorker::closePipe()
+{
+    mPrivate->mQueues = nullptr;
+    if (mPrivate->mPipe == nullptr)
+        return;
+    mPrivate->mPipe->closeNamedPipe();
+    mPrivate->mPipe.reset();
 }
 
 nqSchedulerWorker::~nqSchedulerWorker()
@@ -57,15 +347,6 @@ void nqSchedulerWorker::setJobProcessTimeout(std::uint64_t seconds)
 void nqSchedulerWorker::setMaxCapMemoryAfterProcessingAJob(std::uint64_t bytes)
 {
     mPrivate->mMaxCapMemoryAfterProcessingAJob = bytes;
-}
-
-void nqSchedulerWorker::closePipe()
-{
-    mPrivate->mQueues = nullptr;
-    if (mPrivate->mPipe == nullptr)
-        return;
-    mPrivate->mPipe->closeNamedPipe();
-    mPrivate->mPipe.reset();
 }
 
 bool nqSchedulerWorker::isReadyForJob() const

@@ -33,7 +33,8 @@ public:
     void setMaxCapMemoryAfterProcessingAJob(std::uint64_t bytes);
 
     /// One pass: moves the pipe's bytes, holds memory and age against the limits, receives, notices
-    /// a lost worker, dispatches. Never blocks.
+    /// a lost worker, dispatches. Never blocks. Without memory, the allocation exception leaves; no
+    /// job is lost, and the record can be stepped again.
     void superviseStep();
 
     /// Stores the failure that an earlier step found no memory for, if there is one; when there is
@@ -43,21 +44,26 @@ public:
     /// Detaches from the queues, so that nothing more is delivered, and closes the pipe.
     void closePipe();
 
+    /// Whether no job is in flight.
     bool isReadyForJob() const;
+
+    /// Whether the record is over: the pump then destroys and replaces it.
     bool hasFinished() const;
+
     nqProcess* process() const;
+
+    /// Null once the pipe is closed.
     nqNamedPipe* pipe() const;
 
 private:
-    // The steps of superviseStep; each lives in a file of its own.
+    // The steps of superviseStep, in the order in which they happen.
+    bool condemnIfOverLimit();
     bool receiveStep();
-    void failCurrentJob();
-    void handBackFailedJob();
+    bool isLost() const;
     void sendStep(bool jobJustCompleted);
-
-    bool exceedsLimit();
     bool restartIfTooMuchRam();
     bool startNextJob();
+    void failCurrentJob();
 
     std::unique_ptr<nqSchedulerWorkerPrivate> mPrivate;
 };
