@@ -41,7 +41,7 @@ bool nqScheduler::setMaxCapMemory(unsigned long bytes)
 {
     if (mPrivate->mStarted)
         return false;
-    mPrivate->mMaxCapMemory = bytes;
+    mPrivate->mLimits.mMaxCapMemory = bytes;
     return true;
 }
 
@@ -49,7 +49,7 @@ bool nqScheduler::setJobProcessTimeout(unsigned long seconds)
 {
     if (mPrivate->mStarted)
         return false;
-    mPrivate->mJobProcessTimeout = seconds;
+    mPrivate->mLimits.mJobProcessTimeout = seconds;
     return true;
 }
 
@@ -57,7 +57,7 @@ bool nqScheduler::setMaxCapMemoryAfterProcessingAJob(unsigned long bytes)
 {
     if (mPrivate->mStarted)
         return false;
-    mPrivate->mMaxCapMemoryAfterProcessingAJob = bytes;
+    mPrivate->mLimits.mMaxCapMemoryAfterProcessingAJob = bytes;
     return true;
 }
 
@@ -65,7 +65,7 @@ bool nqScheduler::setMaxPhysicalMemory(unsigned long bytes)
 {
     if (mPrivate->mStarted)
         return false;
-    mPrivate->mMaxPhysicalMemory = bytes;
+    mPrivate->mLimits.mMaxPhysicalMemory = bytes;
     return true;
 }
 

@@ -2,6 +2,7 @@
 
 #include "scheduler/nqJobQueues.h"
 #include "supervision/nqSchedulerWorker.h"
+#include "supervision/nqWorkerLaunch.h"
 #include "system/nqNamedPipeServer.h"
 #include "system/nqOwnerProcess.h"
 
@@ -41,11 +42,8 @@ public:
     void drain();
     void stop();
 
-    std::uint64_t mMaxCapMemory = 0;                    // bytes; 0 = off
-    std::uint64_t mJobProcessTimeout = 0;               // whole seconds; 0 = off
-    std::uint64_t mMaxCapMemoryAfterProcessingAJob = 0; // bytes; 0 = off
-    std::uint64_t mMaxPhysicalMemory = 0;               // bytes; 0 = off
-    const std::string mPipeName;                        // a UUID, the same for every start
+    nqWorkerLimits mLimits;
+    const std::string mPipeName; // a UUID, the same for every start
     std::string mExeUtf8Path;
     nqNamedPipeServer mPipeServer;
     std::vector<std::string> mArgumentsUtf8;

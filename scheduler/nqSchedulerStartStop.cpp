@@ -11,6 +11,7 @@
 #include <exception>
 #include <iostream>
 #include <string>
+#include <utility>
 
 namespace nq {
 
@@ -73,6 +74,23 @@ bool nqSchedulerPrivate::start(std::uint64_t nbWorkers, std::int32_t workerConne
     return allLaunched;
 }
 
+bool nqSchedulerPrivate::addWorker()
+{
+    const nqWorkerLaunch launch{
+        mExeUtf8Path,
+        mArgumentsUtf8,
+        mPrependChannelId,
+        mPipeName,
+        mStartProcessFlag,
+        mWorkerConnectionTimeout,
+        mLimits};
+    std::unique_ptr<nqSchedulerWorker> worker = launchWorker(launch, mPipeServer, mQueues.get());
+    if (worker == nullptr)
+        return false;
+    mWorkers.push_back(std::move(worker));
+    return true;
+}
+
 void nqSchedulerPrivate::drain()
 {
     const nqFlagGuard waiting(mWaitingForFinished);
@@ -125,6 +143,14 @@ bool nqScheduler::startScheduler(unsigned long nbWorkers, int workerConnectionTi
         return false;
     const nqFlagGuard pass(mPrivate->mInPass);
     return mPrivate->start(nbWorkers, workerConnectionTimeout);
+}
+
+bool nqScheduler::startWorker()
+{
+    if (!mPrivate->mayAct())
+        return false;
+    const nqFlagGuard pass(mPrivate->mInPass);
+    return mPrivate->addWorker();
 }
 
 void nqScheduler::waitForFinished()

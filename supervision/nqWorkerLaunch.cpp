@@ -80,16 +80,17 @@ launchWorker(const nqWorkerLaunch& launch, nqNamedPipeServer& server, nqJobQueue
         return nullptr;
     }
 
+    const nqWorkerLimits& limits = launch.mLimits;
     // Only now: a limit set before the start would hit the loading of the program itself.
-    if (launch.mMaxPhysicalMemory != 0)
-        process->setWorkingSetMaxSize(launch.mMaxPhysicalMemory);
+    if (limits.mMaxPhysicalMemory != 0)
+        process->setWorkingSetMaxSize(limits.mMaxPhysicalMemory);
 
     // Nothing says that this connection comes from the process just started; the oldest is taken.
     auto worker = std::make_unique<nqSchedulerWorker>(
         server.takePendingConnection(), std::move(process), queues);
-    worker->setMaxCapMemory(launch.mMaxCapMemory);
-    worker->setJobProcessTimeout(launch.mJobProcessTimeout);
-    worker->setMaxCapMemoryAfterProcessingAJob(launch.mMaxCapMemoryAfterProcessingAJob);
+    worker->setMaxCapMemory(limits.mMaxCapMemory);
+    worker->setJobProcessTimeout(limits.mJobProcessTimeout);
+    worker->setMaxCapMemoryAfterProcessingAJob(limits.mMaxCapMemoryAfterProcessingAJob);
     return worker;
 }
 

@@ -12,6 +12,14 @@ namespace nq {
 
 class nqJobQueues;
 
+/// What a worker may use; 0 is off.
+struct nqWorkerLimits {
+    std::uint64_t mMaxCapMemory = 0;                    // bytes
+    std::uint64_t mJobProcessTimeout = 0;               // whole seconds
+    std::uint64_t mMaxCapMemoryAfterProcessingAJob = 0; // bytes
+    std::uint64_t mMaxPhysicalMemory = 0;               // bytes
+};
+
 /// What a launch needs to know of the scheduler's configuration. Borrowed for the call.
 struct nqWorkerLaunch {
     const std::string& mExeUtf8Path;
@@ -20,10 +28,7 @@ struct nqWorkerLaunch {
     const std::string& mPipeName;
     bool mStartProcessFlag;
     std::int32_t mWorkerConnectionTimeout; // milliseconds
-    std::uint64_t mMaxPhysicalMemory;      // bytes; 0 = off, and so for the other limits
-    std::uint64_t mMaxCapMemory;
-    std::uint64_t mJobProcessTimeout; // whole seconds
-    std::uint64_t mMaxCapMemoryAfterProcessingAJob;
+    const nqWorkerLimits& mLimits;
 };
 
 /// Starts one worker process and waits for its connection to `server`, which must be listening.
