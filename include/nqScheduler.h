@@ -149,7 +149,7 @@ public:
 
     /// Pumps until no job is pending or in progress. There is no time limit: one hanging job
     /// without a job time-out, one empty job ever pushed, or one pending job when no worker is left
-    /// keeps it waiting for ever. It does not sleep while a result waits to be popped or no worker
+    /// keeps it waiting forever. It does not sleep while a result waits to be popped or no worker
     /// is left. Returns at once when not started.
     void waitForFinished();
 
@@ -171,7 +171,7 @@ public:
 
     /// Appends a copy; without memory for it, throws and appends nothing. Never push an empty job:
     /// it is accepted and counted, but never sent, and waitForFinished and stopScheduler then wait
-    /// for it for ever. Jobs of 2^31 bytes or more are not supported.
+    /// for it forever. Jobs of 2^31 bytes or more are not supported.
     void push(const std::vector<char>& job);
 
     /// Moves the oldest result into `result`. False, and `result` untouched, when there is none.

@@ -66,7 +66,8 @@ public:
     /// One step: waits up to `timeoutMs` milliseconds (0 or less: none) for the pipe, takes in what
     /// came, runs the hook when a job is whole, and hands over the next slice of its result. The
     /// result leaves the process in the steps that follow, so keep stepping. The memory of a large
-    /// job and its result is kept for the next one, and given back by a step that waits in vain.
+    /// job and its result is kept for the next one, and given back by a step that waits and gets no
+    /// bytes.
     void processWorker(int timeoutMs);
 
     /// @name Steps of processWorker, rarely called by themselves
@@ -98,8 +99,7 @@ public:
     /// host is still there. Inside the hook that only moves bytes, and calls endOfWork() when the
     /// pipe has gone; the other steps do nothing.
     ///
-    /// Results of 2^31 bytes
-    /// or more are not supported.
+    /// Results of 2^31 bytes or more are not supported.
     virtual void processJob(std::vector<char>& job, std::vector<char>& result) = 0;
 
     /// Called by the step that finds the pipe closed and by every step after it. This version calls

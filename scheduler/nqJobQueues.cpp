@@ -7,13 +7,13 @@ namespace nq {
 
 namespace {
 
-// Smaller ones are quickly had and quickly filled.
+// Below this the allocator hands out memory that it has at hand.
 constexpr std::size_t smallestSpareBytes = std::size_t{64} << 10;
 
-// A host whose payloads have become small does not hold on to the memory of large ones.
-constexpr std::uint32_t maxSparesInVain = 64;
+// In a row; a host whose payloads have become small then lets go of the memory of large ones.
+constexpr std::uint32_t maxSpareMisses = 64;
 
-// Such memory would make a small payload hold on to the room of a large one.
+// A small payload must not occupy the memory of a large one.
 bool isMuchLarger(const std::vector<char>& spare, std::size_t bytes)
 {
     return spare.capacity() / 2 > bytes;
@@ -43,7 +43,7 @@ bool nqJobQueues::pop(std::vector<char>& result)
     if (mResults.empty())
         return false;
     result.swap(mResults.front());
-    // What the host had there may be of a time when its payloads were larger.
+    // The host's old buffer may stem from a time when its payloads were larger.
     if (!isMuchLarger(mResults.front(), result.size()))
         recycle(std::move(mResults.front()));
     mResults.pop_front();
@@ -103,10 +103,10 @@ void nqJobQueues::recycle(std::vector<char>&& buffer) noexcept
         return;
     std::rotate(mSpares.begin(), mSpares.end() - 1, mSpares.end());
     mSpares.front() = std::move(buffer);
-    mSparesInVain = 0;
+    mSpareMisses = 0;
 }
 
-// The latest is the one that the processor's cache still knows.
+// The latest spare that fits: the processor's cache still holds its bytes.
 std::vector<char> nqJobQueues::takeSpare(std::size_t bytes)
 {
     if (!hasSpares())
@@ -116,7 +116,7 @@ std::vector<char> nqJobQueues::takeSpare(std::size_t bytes)
     };
     const auto spare = std::find_if(mSpares.begin(), mSpares.end(), fits);
     if (spare == mSpares.end()) {
-        if (++mSparesInVain == maxSparesInVain)
+        if (++mSpareMisses == maxSpareMisses)
             dropSpares();
         return {};
     }
@@ -179,7 +179,7 @@ void nqJobQueues::storeFailedJob(
     std::vector<char>&& job, nqScheduler::FailReason reason, const std::string& message)
 {
     mFailedJobs.push_back(nqFailedJob{{}, reason, message});
-    mFailedJobs.back().mJob = std::move(job); // last, since what comes before may find no memory
+    mFailedJobs.back().mJob = std::move(job); // last: the line above may find no memory
 }
 
 } // namespace nq

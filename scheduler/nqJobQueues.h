@@ -36,8 +36,8 @@ public:
     /// changes, when there is none.
     bool takeNextJob(std::vector<char>& job);
 
-    /// These lower the counter first, so it stays lowered when there is no memory for the entry.
-    /// The second of each saves a worker's record, which is done with the bytes, a copy of them.
+    /// Both lower the counter first; it stays lowered when the entry finds no memory. The second of
+    /// each moves the bytes instead of copying them.
     void pushResult(const std::vector<char>& result);
     void pushResult(std::vector<char>&& result);
     void pushFailedJob(
@@ -45,16 +45,15 @@ public:
     void pushFailedJob(
         std::vector<char>&& job, nqScheduler::FailReason reason, const std::string& message);
 
-    /// What pushFailedJob does after it has counted the job down, to be tried again when there was
-    /// no memory for it. Both leave `job` alone then.
+    /// The second half of pushFailedJob, to be called again after one that found no memory. Without
+    /// memory, both throw and leave `job` as it is.
     void storeFailedJob(
         std::vector<char>&& job, nqScheduler::FailReason reason, const std::string& message);
 
-    /// Large payloads that are over leave their memory to those that follow: fresh memory costs
-    /// more than copying into it. takeSpare gives a buffer with room for `bytes`, and old bytes in
-    /// it, if a spare one of about that size is there, and an empty one otherwise. The spares are
-    /// few, and go when pop finds that no job and no result is left, or when a number of payloads
-    /// in a row had no use for them.
+    /// The memory of large payloads is kept for later ones, since fresh memory costs more than the
+    /// copy into it. takeSpare returns a spare buffer of about that size with room for `bytes`,
+    /// which holds old bytes, or an empty one. The spares are few. They are freed when pop finds
+    /// neither a job nor a result left, and when a number of payloads in a row fitted none.
     void recycle(std::vector<char>&& buffer) noexcept;
     std::vector<char> takeSpare(std::size_t bytes);
 
@@ -70,7 +69,7 @@ private:
     std::deque<std::vector<char>> mResults;
     std::int32_t mJobsInProgress = 0;
     std::array<std::vector<char>, maxSpares> mSpares; // the latest first, none at the end
-    std::uint32_t mSparesInVain = 0;                  // payloads in a row that fitted into none
+    std::uint32_t mSpareMisses = 0;                   // payloads in a row that fitted none
 };
 
 } // namespace nq

@@ -36,9 +36,9 @@ void eraseFront(std::vector<char>& bytes, std::size_t count)
     bytes.erase(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count));
 }
 
-/// Makes `payload` `size` bytes large, in the memory of `spare` if that is large enough. What it
-/// holds stays where it is: every byte is overwritten before the payload is whole, and zeros cost
-/// as much as the bytes. Sizes that the counters cannot hold are whole at once, and all zeros.
+/// Makes `payload` `size` bytes large, in the memory of `spare` if that is large enough. The old
+/// bytes there are not cleared: each is overwritten before the payload is whole, and clearing costs
+/// as much as receiving. A size that the counters cannot hold is whole at once, and all zeros.
 void resizeInSpareMemory(std::vector<char>& payload, std::vector<char>&& spare, std::size_t size)
 {
     if (spare.capacity() < size || size > std::numeric_limits<std::int32_t>::max())
@@ -60,8 +60,8 @@ bool startFrame(nqNamedPipe& pipe, std::vector<char>& payload, std::vector<char>
     try {
         resizeInSpareMemory(payload, std::move(spare), length);
     } catch (...) {
-        // What follows would be taken for another header. One job and one exception is all that a
-        // size may cost that nobody has memory for.
+        // The bytes that follow would be read as another header. A length that finds no memory
+        // costs one job and one exception, and nothing after that.
         pipe.closeNamedPipe();
         throw;
     }

@@ -12,8 +12,8 @@ namespace nq {
 /// 32-bit integer in host byte order, then the payload; the next frame follows directly. Both ends
 /// count a payload's bytes in a signed 32-bit integer.
 ///
-/// None of these steps blocks, and none does anything on a pipe that is not connected. Each is run
-/// again and again until its frame is through.
+/// None of these steps blocks, and none does anything on a pipe that is not connected. Each is
+/// repeated until its frame is through.
 class nqFrame {
 public:
     static constexpr std::size_t headerBytes = 4;
@@ -37,9 +37,9 @@ public:
     /// Takes bytes of one frame out of the incoming buffer. A header is looked for only while
     /// `payload` is empty and `mayStart` is set; it gives `payload` its final size, in the memory
     /// of `spare` if that is large enough, and only then takes the spare. Until the frame is whole,
-    /// the bytes of `payload` from `received` on mean nothing. True when `received` has reached the
-    /// size. A frame of length 0 is consumed and gives false. A payload that finds no memory closes
-    /// the pipe and passes the exception on.
+    /// the bytes of `payload` from `received` on are unspecified. True when `received` has reached
+    /// the size. A frame of length 0 is consumed and gives false. A payload that finds no memory
+    /// closes the pipe and passes the exception on.
     static bool receive(
         nqNamedPipe& pipe,
         std::vector<char>& payload,

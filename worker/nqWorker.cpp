@@ -13,8 +13,8 @@ namespace nq {
 
 namespace {
 
-constexpr std::size_t keptBytesAtRest = std::size_t{1} << 20; // not worth the trouble
-constexpr std::uint32_t smallJobsBeforeRest = 64; // in a row: more of them than of large ones
+constexpr std::size_t keptBytesAtRest = std::size_t{1} << 20; // little to a memory cap
+constexpr std::uint32_t smallJobsBeforeRest = 64;             // in a row
 
 enum class Hook {
     returned, // or has never run: job and result are what they seem
@@ -72,10 +72,10 @@ struct nqWorker::Private {
     std::uint32_t mSmallJobs = 0; // in a row
 };
 
-// False when nothing may be received, run or sent: inside the hook, and for good after one that was
-// left. Only now does that close the pipe, whereupon the scheduler fails the job and replaces the
-// worker: it waits for a process whose pipe has closed, and a main that has caught the exception
-// may have much to do before its next step.
+// False when nothing may be received, run or sent: inside the hook, and for good once an exception
+// has left it. In that case the pipe is closed, so that the scheduler fails the job and replaces
+// the worker. Not before this step: the scheduler waits for a process whose pipe is closed, and a
+// main that has caught the exception may have much to do first.
 bool nqWorker::Private::beginStep()
 {
     switch (mHook) {
@@ -91,8 +91,8 @@ bool nqWorker::Private::beginStep()
 }
 
 // A busy worker keeps the memory of a large payload for the next one, since fresh memory costs more
-// than what is done with it. One that has waited in vain, or has had small jobs for a while, gives
-// it back, so as not to look fat to the scheduler's memory caps for the size of a job long done.
+// than the copy into it. An idle one, or one that has had only small jobs for a while, gives it
+// back: the scheduler's memory caps would count it against the jobs to come.
 void nqWorker::Private::releaseMemoryAtRest()
 {
     if (!mJob.empty() || !mResult.empty())
@@ -109,8 +109,8 @@ void nqWorker::Private::releaseMemoryAtRest()
         nqSystemUtils::ReleaseFreeMemory();
 }
 
-// Nothing is missing unless a derived class calls onProcess by itself. It must not find bytes of an
-// earlier job there.
+// Only a derived class that calls onProcess by itself can find its job incomplete. It must not see
+// bytes of an earlier job there.
 void nqWorker::Private::blankUnreceived()
 {
     const auto received = static_cast<std::size_t>(mReceived);
