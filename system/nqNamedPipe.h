@@ -22,8 +22,9 @@ namespace nq {
 /// | end seen, bytes taken      | true                | false       | true                 |
 ///
 /// The peer's end becomes visible only when the bytes sent before it have been taken out of the
-/// incoming buffer, so that a last message is never lost. If nobody takes any of them between two
-/// calls after the end, the pipe closes for good and drops them.
+/// incoming buffer, so that a last message is never lost. If none of them is taken between the call
+/// that sees the end and the next, or between two later ones, the second closes the pipe for good
+/// and drops them.
 ///
 /// @par Threads
 /// Not locked: one thread per object.

@@ -16,8 +16,8 @@ namespace nq {
 /// Not locked: one thread per object.
 ///
 /// @par Blocking
-/// Only waitForNewConnection() waits for as long as it is told to, and listenUtf8() for a name that
-/// this object gave up a moment ago.
+/// Only waitForNewConnection() waits, as long as it is told to; listenUtf8() waits up to a second
+/// for a name that this object has just given up.
 ///
 /// @par Forked children
 /// In a child of the process that made it, a server neither listens nor accepts, and destroying it

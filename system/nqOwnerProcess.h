@@ -10,8 +10,8 @@ namespace nq {
 ///
 /// A forked child has a copy of every object of its parent and shares the sockets behind them. An
 /// object that holds one of these checks it before it acts, so that its copy leaves the parent's
-/// connections and processes alone. Works however the child was made, because the kernel wipes the
-/// memory that tells in it.
+/// connections and processes alone. Works however the child was made: the kernel zeroes the page of
+/// the mark in it.
 ///
 /// Any thread may call. Nothing blocks, nothing throws, and a check costs no system call.
 class NQ_API nqOwnerProcess {

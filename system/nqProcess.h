@@ -31,8 +31,8 @@ namespace nq {
 /// that its process has ended. Destroying it leaves the parent's process alone.
 ///
 /// @par Blocking
-/// Only waitForFinished() waits for as long as it is told to, startProcess() until the child runs
-/// its program, and the destructor for a moment.
+/// waitForFinished() waits as long as it is told to, startProcess() until the child runs its
+/// program, the destructor up to a second. Nothing else waits.
 ///
 /// @par Errors
 /// What fails is a return value. Only allocation exceptions pass through.
@@ -51,6 +51,9 @@ public:
         LowPriority = 1,       ///< a niceness of 10
         IdlePriority = 2       ///< a niceness of 19
     };
+
+    /// For waitForFinished(), in place of a number of milliseconds.
+    static constexpr unsigned int withoutLimit = 0xFFFFFFFF;
 
     /// No process yet.
     nqProcess();
@@ -110,8 +113,8 @@ public:
     /// reaped is signalled.
     void killProcess();
 
-    /// Waits at most `timeoutMs` milliseconds for the end and reaps; 0 does not wait, 0xFFFFFFFF
-    /// waits without limit. True when the process has ended, or none was started.
+    /// Waits at most `timeoutMs` milliseconds for the end and reaps; 0 does not wait, withoutLimit
+    /// waits until the end. True when the process has ended, or none was started.
     bool waitForFinished(unsigned int timeoutMs);
 
 private:

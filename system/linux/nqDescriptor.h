@@ -5,7 +5,8 @@
 
 namespace nq {
 
-/// The numbers from 0 to 2; also the first number above them.
+/// How many standard streams there are. They are 0 to 2, so this is also the first number above
+/// them.
 constexpr int standardStreamCount = STDERR_FILENO + 1;
 
 /// Whether `stream`, 0 to 2, is open and inherited by children. If it is close-on-exec, it is a

@@ -34,7 +34,7 @@ public:
         std::lock_guard<std::mutex> mGuard;
     };
 
-    /// Throws std::bad_alloc when the first call finds no memory.
+    /// Throws std::bad_alloc when the first call cannot allocate.
     static Access access()
     {
         return Access(instance());

@@ -16,7 +16,7 @@ namespace nq {
 /// end to go hangs up the other, and the kernel reports that by sending SIGKILL to the group. No
 /// thread of the host takes part, and no worker can prevent it. If the host dies between vfork and
 /// exec, the child holds the last references; its own exec closes them and so kills it. The kernel
-/// refers to the group by reference, so a recycled pid is never hit.
+/// holds the group itself, not its number, so a recycled pid is never hit.
 ///
 /// A child that the host forks without an exec would hold copies and keep the group alive after the
 /// host's end. A fork handler closes them there, except those of a leash that this very child is to
@@ -24,7 +24,7 @@ namespace nq {
 /// Any thread may make and destroy leashes.
 class nqLeash {
 public:
-    /// Makes the pair. On failure isOpen() is false, and errno says why.
+    /// Makes the pair. On failure isOpen() is false, and errno says why, as far as it is known.
     nqLeash();
 
     /// Kills what is left of an armed group.
@@ -48,8 +48,8 @@ public:
         ForChild& operator=(const ForChild&) = delete;
     };
 
-    /// Called by the child between vfork and exec, once it leads its group: makes nothing but
-    /// system calls. False when the kernel refuses.
+    /// Called by the child between vfork and exec, once it leads its group: calls only what is safe
+    /// there, and changes no memory of the host but errno. False when the kernel refuses.
     bool armForOwnGroup() const noexcept;
 
     /// Kills every member of the group. Without effect until the leash is armed.

@@ -32,7 +32,7 @@ constexpr int formerNameTimeoutMs = 1'000;
 constexpr std::chrono::milliseconds formerNameRetryInterval{1};
 
 // Connections refused after the time is up: enough that a stray one does not hide the good one
-// behind it, and bounded, so that a flood of them does not hold up the caller for ever.
+// behind it, and bounded, so that a flood of them does not hold up the caller forever.
 constexpr int maxLateRefusals = 64;
 
 // The peer is probed first: whatever it sent before it died is in the socket by then.

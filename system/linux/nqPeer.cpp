@@ -60,10 +60,10 @@ void nqPeer::keepInRangeOfSelect(bool isSelectedOn)
 {
     if (isSelectedOn && mWatch.get() >= FD_SETSIZE) {
         mWatch.moveToLowNumber();
-        mIsInSelectRange = true;
-    } else if (!isSelectedOn && mIsInSelectRange) {
+        mWasMovedDown = true;
+    } else if (!isSelectedOn && mWasMovedDown) {
         mWatch.moveOutOfRangeOfSelect();
-        mIsInSelectRange = false;
+        mWasMovedDown = false;
     }
 }
 

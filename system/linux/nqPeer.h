@@ -62,9 +62,9 @@ public:
 
 private:
     ucred mCredentials{0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
-    nqDescriptor mWatch;           // a pidfd; closed once mDead
-    bool mMayBeRecycled = false;   // opened by pid on a kernel that could name the very peer
-    bool mIsInSelectRange = false; // as keepInRangeOfSelect() has moved it
+    nqDescriptor mWatch;         // a pidfd; closed once mDead
+    bool mMayBeRecycled = false; // opened by pid on a kernel that could name the very peer
+    bool mWasMovedDown = false;  // by keepInRangeOfSelect(), to be undone by it
     bool mDead = false;
 };
 

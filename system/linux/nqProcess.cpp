@@ -17,27 +17,23 @@
 #include <cerrno>
 #include <charconv>
 #include <fcntl.h>
-#include <limits>
 #include <optional>
 #include <sys/resource.h>
 #include <unistd.h>
 #include <utility>
 
 // How a process ends:
-// - updateState() or waitForFinished() finds that it has ended, and reaps it. Its pid may be
-// recycled
-//   from then on, so nothing is done by it any more.
-// - enterEnded() follows: releasing the leash kills what is left of the group, and the record keeps
-//   servers from letting in anybody of it.
+// - updateState() or waitForFinished() finds that it has ended and reaps it. From then on its pid
+//   may be recycled, so nothing is done by pid any more.
+// - enterEnded() follows: releasing the leash kills what is left of the group, and the roster entry
+//   keeps servers from letting in anybody of it.
 // - killProcess() only sends the signals; the two above find the end later.
-// - A process that exits with status 0 while a server waits for it is not reaped until somebody has
-//   connected: reaping it would kill the background program that it may have started.
+// - updateState() does not reap a process that exited with status 0 while a server waits for it:
+//   that would kill the background program it may have started.
 
 namespace nq {
 
 namespace {
-
-constexpr unsigned int noTimeLimit = std::numeric_limits<unsigned int>::max();
 
 // A killed process normally ends within a millisecond; one that frees gigabytes takes longer.
 constexpr std::int64_t maxWaitOfDestructorMs = 1'000;
@@ -97,15 +93,15 @@ argumentVector(const std::string& executable, const std::vector<std::string>& ar
 } // namespace
 
 struct nqProcess::Private {
-    nqOwnerProcess mOwner;                   // a forked child's copy stands for no process
-    std::string mWorkingDirectory;           // empty: the host's
-    bool mStartWasCalled = false;            // whatever came of it
-    ProcessState mState = NotStarted;        // as last found
-    pid_t mPid = 0;                          // kept after the end, for messages
-    std::optional<nqChild> mChild;           // set while mState is Running
-    std::optional<nqLeash> mLeash;           // armed while mState is Running, else none
-    nqDescriptor mMemoryStatistics;          // kept open, so that it never means another process
-    std::optional<nqStartedProcess> mRecord; // what servers know of it, once it is being started
+    nqOwnerProcess mOwner;            // a forked child's copy stands for no process
+    std::string mWorkingDirectory;    // empty: the host's
+    bool mStartWasCalled = false;     // whatever came of it
+    ProcessState mState = NotStarted; // as last found
+    pid_t mPid = 0;                   // kept after the end, for messages
+    std::optional<nqChild> mChild;    // set while mState is Running
+    std::optional<nqLeash> mLeash;    // armed while mState is Running, else none
+    nqDescriptor mMemoryStatistics;   // kept open, so that it never means another process
+    std::optional<nqStartedProcess> mRosterEntry; // for servers, once it is being started
 
     bool start(nqSpawnRequest request);
     void enterEnded();
@@ -127,7 +123,7 @@ bool nqProcess::Private::start(nqSpawnRequest request)
         return false;
     }
     mPid = result.mPid;
-    mRecord->noteStart(mPid);
+    mRosterEntry->noteStart(mPid);
     mChild.emplace(mPid);
     mState = Running;
     mMemoryStatistics = openMemoryStatistics(mPid);
@@ -142,17 +138,18 @@ void nqProcess::Private::enterEnded()
     mMemoryStatistics.close();
     const std::optional<nqChildEnd> end = mChild->end();
     mChild.reset();
-    mRecord->noteEnd(end);
+    mRosterEntry->noteEnd(end);
 }
 
-// Reaps the process if it has ended, unless it may still be waited for by a server.
+// Reaps the process if it has ended, but not after status 0 while a server still waits for its
+// connection.
 nqProcess::ProcessState nqProcess::Private::updateState()
 {
     if (mState != Running)
         return mState;
     if (!mOwner.isThisProcess())
         mState = Ended; // the process is the parent's, and left alone
-    else if ((!mRecord->isAwaited() || mChild->hasFailed()) && mChild->reapIfEnded())
+    else if ((!mRosterEntry->isAwaited() || mChild->hasFailed()) && mChild->reapIfEnded())
         enterEnded();
     return mState;
 }
@@ -216,10 +213,10 @@ bool nqProcess::startProcess(
         request.mWorkingDirectory = mPrivate->mWorkingDirectory.c_str();
     request.mSilenceOutput = silenceOutput;
     request.mNiceness = nicenessOf(priority);
-    mPrivate->mRecord.emplace(executable, arguments);
+    mPrivate->mRosterEntry.emplace(executable, arguments);
     if (mPrivate->start(request))
         return true;
-    mPrivate->mRecord.reset();
+    mPrivate->mRosterEntry.reset();
     return false;
 }
 
@@ -256,21 +253,21 @@ bool nqProcess::setWorkingSetMaxSize(std::uint64_t bytes)
 
 void nqProcess::killProcess()
 {
-    if (!mPrivate->mRecord || !mPrivate->mOwner.isThisProcess())
+    if (!mPrivate->mRosterEntry || !mPrivate->mOwner.isThisProcess())
         return;
-    mPrivate->mRecord->noteKill(); // first, so that an end found from here on is not logged
+    mPrivate->mRosterEntry->noteKill(); // first, so that an end found from here on is not logged
     if (mPrivate->updateState() == Running) {
         mPrivate->mLeash->killGroup();
         mPrivate->mChild->kill(); // by its own handle as well, whatever became of the group
     }
-    mPrivate->mRecord->killPeer();
+    mPrivate->mRosterEntry->killPeer();
 }
 
 bool nqProcess::waitForFinished(unsigned int timeoutMs)
 {
     if (mPrivate->mState != Running || !mPrivate->mOwner.isThisProcess())
         return true;
-    if (timeoutMs == noTimeLimit)
+    if (timeoutMs == withoutLimit)
         mPrivate->mChild->waitForEnd();
     else if (!mPrivate->mChild->waitForEnd(timeoutMs))
         return false;

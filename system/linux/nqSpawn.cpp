@@ -17,7 +17,8 @@
 #include <unistd.h>
 
 // The child of vfork borrows the host's memory and the calling thread's stack until its exec:
-// - it makes system calls only, and writes to no memory of the host but mSharesMemory;
+// - it calls only what is safe there, and changes no memory of the host but mSharesMemory and
+//   errno (its cancel state is put back);
 // - signals are blocked meanwhile, or a handler of the host would run in it;
 // - what fails in it is written to a pipe whose last copy its exec closes;
 // - where a tool turns vfork into fork, its memory is a copy, and the parent waits on that pipe.

@@ -225,8 +225,9 @@ bool nqStartedProcess::probeStraggler(nqPeer& peer, const std::optional<nqStart>
     if (!latestStart)
         return false;
     const std::optional<nqStart> peerStart = peer.readStart();
+    // A dead peer's age can no longer be read: refused; a living one is let in.
     if (!peerStart)
-        return peer.isKnownDead(); // its age is unknown for good, so it is refused
+        return peer.isKnownDead();
     return *firstStart < *peerStart && *peerStart < *latestStart;
 }
 

@@ -11,18 +11,18 @@
 
 namespace nq {
 
-/// The record that servers keep of one process, for as long as its nqProcess exists. A process
-/// belongs to a server when the server's name is among its arguments.
+/// The roster entry of one process: what servers know of it, for as long as its nqProcess exists. A
+/// process belongs to a server when the server's name is among its arguments.
 ///
-/// A launch takes the oldest connection for its worker's. One too many would be taken for the next
-/// worker's, whose own would be left over, and whoever waits for that worker to exit would wait for
-/// ever. So each process gets one connection, none after its end, and none for stragglers, which an
-/// earlier process has left behind.
+/// A launch takes the oldest connection for its worker's. A surplus connection would be taken as
+/// the next worker's. That worker's own would then never be closed, and whoever waits for it to
+/// exit would wait forever. So each process gets one connection, none after its end, and none for
+/// stragglers, which an earlier process has left behind.
 ///
 /// Start times have a resolution of 10 ms, within which the pid decides, and whoever forks anew
 /// looks younger: this guards against accidents, not against attacks.
 ///
-/// Any thread may call. A forked child starts with no records.
+/// Any thread may call. A forked child starts with an empty roster.
 class nqStartedProcess {
 public:
     /// Of a process about to be started. The executable is for messages.
@@ -56,7 +56,7 @@ public:
     /// When the server's oldest process was started; nothing while it has none.
     static std::optional<nqStart> firstStart(const std::string& server);
 
-    /// Decides whether `peer` gets in, and records for which process. `firstStart` is that of the
+    /// Decides whether `peer` gets in, and notes for which process. `firstStart` is that of the
     /// first process that the server ever had.
     static bool
     admit(const std::string& server, nqPeer& peer, const std::optional<nqStart>& firstStart);
