@@ -10,8 +10,8 @@ namespace {
 // Below this the allocator hands out memory that it has at hand.
 constexpr std::size_t smallestSpareBytes = std::size_t{64} << 10;
 
-// In a row; a host whose payloads have become small then lets go of the memory of large ones.
-constexpr std::uint32_t maxSpareMisses = 64;
+// This many misses in a row: the host's payloads have become small, and the spares are freed.
+constexpr std::uint32_t missesBeforeRelease = 64;
 
 // A small payload must not occupy the memory of a large one.
 bool isMuchLarger(const std::vector<char>& spare, std::size_t bytes)
@@ -39,7 +39,7 @@ void nqJobQueues::push(const std::vector<char>& job)
 
 bool nqJobQueues::pop(std::vector<char>& result)
 {
-    dropSparesAtRest();
+    dropSparesWhenIdle();
     if (mResults.empty())
         return false;
     result.swap(mResults.front());
@@ -103,7 +103,7 @@ void nqJobQueues::recycle(std::vector<char>&& buffer) noexcept
         return;
     std::rotate(mSpares.begin(), mSpares.end() - 1, mSpares.end());
     mSpares.front() = std::move(buffer);
-    mSpareMisses = 0;
+    mMissesInARow = 0;
 }
 
 // The latest spare that fits: the processor's cache still holds its bytes.
@@ -116,7 +116,7 @@ std::vector<char> nqJobQueues::takeSpare(std::size_t bytes)
     };
     const auto spare = std::find_if(mSpares.begin(), mSpares.end(), fits);
     if (spare == mSpares.end()) {
-        if (++mSpareMisses == maxSpareMisses)
+        if (++mMissesInARow == missesBeforeRelease)
             dropSpares();
         return {};
     }
@@ -135,7 +135,7 @@ void nqJobQueues::dropSpares()
     mSpares = {};
 }
 
-void nqJobQueues::dropSparesAtRest()
+void nqJobQueues::dropSparesWhenIdle()
 {
     if (hasSpares() && allJobsDone() && mResults.empty())
         dropSpares();
@@ -179,7 +179,7 @@ void nqJobQueues::storeFailedJob(
     std::vector<char>&& job, nqScheduler::FailReason reason, const std::string& message)
 {
     mFailedJobs.push_back(nqFailedJob{{}, reason, message});
-    mFailedJobs.back().mJob = std::move(job); // last: the line above may find no memory
+    mFailedJobs.back().mJob = std::move(job); // last: the line above may throw
 }
 
 } // namespace nq

@@ -17,8 +17,8 @@ namespace nq {
 ///
 /// A job counts from push until it is a result or a failure. takeNextJob moves it from the pending
 /// queue to the counter, pushResult and pushFailedJob take it off the counter; nothing else may
-/// touch the queues, or the count goes wrong. The counter is not clamped: a result that no
-/// takeNextJob stands behind drives it below zero.
+/// touch the queues, or the count goes wrong. The counter is not clamped: a result without a
+/// matching takeNextJob drives it below zero.
 class nqJobQueues {
 public:
     void push(const std::vector<char>& job);
@@ -36,8 +36,8 @@ public:
     /// changes, when there is none.
     bool takeNextJob(std::vector<char>& job);
 
-    /// Both lower the counter first; it stays lowered when the entry finds no memory. The second of
-    /// each moves the bytes instead of copying them.
+    /// Each lowers the counter first; it stays lowered when the entry cannot be allocated. The
+    /// overloads that take the bytes by && move them.
     void pushResult(const std::vector<char>& result);
     void pushResult(std::vector<char>&& result);
     void pushFailedJob(
@@ -45,14 +45,14 @@ public:
     void pushFailedJob(
         std::vector<char>&& job, nqScheduler::FailReason reason, const std::string& message);
 
-    /// The second half of pushFailedJob, to be called again after one that found no memory. Without
-    /// memory, both throw and leave `job` as it is.
+    /// The second half of pushFailedJob, to be repeated when that threw. If either of the two that
+    /// move throws, `job` is unchanged.
     void storeFailedJob(
         std::vector<char>&& job, nqScheduler::FailReason reason, const std::string& message);
 
     /// The memory of large payloads is kept for later ones, since fresh memory costs more than the
-    /// copy into it. takeSpare returns a spare buffer of about that size with room for `bytes`,
-    /// which holds old bytes, or an empty one. The spares are few. They are freed when pop finds
+    /// copy into it. takeSpare returns a spare buffer with room for `bytes` and not much more,
+    /// still holding old bytes, or an empty one. The spares are few. They are freed when pop finds
     /// neither a job nor a result left, and when a number of payloads in a row fitted none.
     void recycle(std::vector<char>&& buffer) noexcept;
     std::vector<char> takeSpare(std::size_t bytes);
@@ -62,14 +62,14 @@ private:
 
     bool hasSpares() const;
     void dropSpares();
-    void dropSparesAtRest();
+    void dropSparesWhenIdle();
 
     std::deque<nqFailedJob> mFailedJobs;
     std::deque<std::vector<char>> mPendingJobs;
     std::deque<std::vector<char>> mResults;
     std::int32_t mJobsInProgress = 0;
-    std::array<std::vector<char>, maxSpares> mSpares; // the latest first, none at the end
-    std::uint32_t mSpareMisses = 0;                   // payloads in a row that fitted none
+    std::array<std::vector<char>, maxSpares> mSpares; // latest first, empty ones last
+    std::uint32_t mMissesInARow = 0;                  // payloads that fitted none
 };
 
 } // namespace nq

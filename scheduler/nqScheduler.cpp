@@ -11,7 +11,8 @@ nqSchedulerPrivate::nqSchedulerPrivate()
 {
 }
 
-// The workers that a failed start left behind go first, while the queues they refer to still exist.
+// The order is fixed: the workers that a failed start left behind end before the members, while the
+// queues they refer to still exist.
 nqSchedulerPrivate::~nqSchedulerPrivate()
 {
     mExeUtf8Path.clear();

@@ -23,19 +23,20 @@ public:
     nqSchedulerPrivate(const nqSchedulerPrivate&) = delete;
     nqSchedulerPrivate& operator=(const nqSchedulerPrivate&) = delete;
 
-    /// Whether an operation that starts, stops or pumps may: not while one is under way, which the
-    /// host's logger may call from, and not in a forked child, where all workers are the parent's.
+    /// Whether an operation that starts, stops or pumps may run: not inside another one, from a
+    /// logger that calls back, and not in a forked child, whose workers are the parent's.
     bool mayAct() const
     {
-        return !mInPass && mOwner.isThisProcess();
+        return !mInOperation && mOwner.isThisProcess();
     }
 
+    /// Started, and not half stopped.
     bool isPumped() const
     {
-        return mStarted && !mStopping;
+        return mStarted && !mDrained;
     }
 
-    /// What those operations consist of. These do not ask again.
+    /// The bodies of those operations, without that check.
     bool start(std::uint64_t nbWorkers, std::int32_t workerConnectionTimeout);
     bool addWorker();
     void pump(int timeoutMs);
@@ -52,12 +53,13 @@ public:
     std::uint64_t mNbWorkers = 0;         // asked for by the last start that got past listening
     std::int32_t mWorkerConnectionTimeout = 0; // milliseconds
     bool mStarted = false;
-    bool mWaitingForFinished = false;   // against re-entry on the same thread
+    // Set while drain() runs; mInOperation already keeps re-entry out.
+    bool mWaitingForFinished = false;
     bool mStartProcessFlag = false;     // true silences the workers
     bool mPrependChannelId = true;      // the pipe's name is the first argument, else the last
     std::uint32_t mReplacementsDue = 0; // for records that ended, not launched yet
-    bool mStopping = false; // a stop has drained the jobs, and may have been interrupted since
-    bool mInPass = false;   // something that may log is under way
+    bool mDrained = false;     // a stop has drained the jobs; it may have been interrupted since
+    bool mInOperation = false; // one that may log is under way
     nqOwnerProcess mOwner;
 };
 

@@ -61,8 +61,8 @@ struct Pass {
     std::exception_ptr mFirstException;
 };
 
-/// Runs `action` and keeps the first exception for later: one worker that finds no memory must cost
-/// neither the other workers their turn nor the pool a replacement.
+/// Runs `action` and keeps the first exception for later: an allocation that fails for one worker
+/// must cost neither the other workers their turn nor the pool a replacement.
 template <typename Action>
 void keepException(std::exception_ptr& first, Action action)
 {
@@ -103,7 +103,7 @@ Pass stepWorkers(nqSchedulerPrivate& state)
 
 void nqSchedulerPrivate::pump(int timeoutMs)
 {
-    nqThread::EndIfCancelled(); // nothing below does unless it waits
+    nqThread::EndIfCancelled(); // further down, only waits are cancellation points
     Pass pass;
     {
         const nqThread::Uncancellable held;
@@ -131,7 +131,7 @@ void nqScheduler::processScheduler(int timeoutMs)
 {
     if (!mPrivate->isPumped() || !mPrivate->mayAct())
         return;
-    const nqFlagGuard pass(mPrivate->mInPass);
+    const nqFlagGuard operation(mPrivate->mInOperation);
     mPrivate->pump(timeoutMs);
 }
 

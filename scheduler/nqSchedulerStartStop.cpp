@@ -96,18 +96,18 @@ void nqSchedulerPrivate::drain()
     const nqFlagGuard waiting(mWaitingForFinished);
     while (!mQueues->allJobsDone())
         pump(pumpSliceMs);
-    // A failure that has found no memory is not counted any more.
+    // An owed failure is no longer counted as a job.
     for (const std::unique_ptr<nqSchedulerWorker>& worker : mWorkers)
         worker->storeOwedFailure();
 }
 
-// Whatever interrupts this, what is left in the list is whole and can be ended later. Without its
-// server, a pool can only be ended: it is neither pumped nor drained any more.
+// May be interrupted anywhere and called again: the workers left in the list are complete. Once the
+// jobs are drained, only stopping goes on.
 void nqSchedulerPrivate::stop()
 {
-    if (!mStopping)
+    if (!mDrained)
         drain();
-    mStopping = true;
+    mDrained = true;
     {
         const nqThread::Uncancellable held;
         mPipeServer.closeNamedPipeServer();
@@ -115,16 +115,16 @@ void nqSchedulerPrivate::stop()
     for (; !mWorkers.empty(); mWorkers.pop_front())
         endWorker(*mWorkers.front());
     mReplacementsDue = 0;
-    mStopping = false;
+    mDrained = false;
     mStarted = false;
 }
 
-// Held to its end, the members included: a cancellation must not get out of a destructor.
+// Cancellation is held off to the end, members included: it must not leave a destructor.
 nqScheduler::~nqScheduler()
 {
     const nqThread::Uncancellable held;
-    if (mPrivate->mInPass && mPrivate->mOwner.isThisProcess()) {
-        // The pass would go on with memory that is free.
+    if (mPrivate->mInOperation && mPrivate->mOwner.isThisProcess()) {
+        // The operation would go on in freed memory.
         std::cerr << "nqScheduler: destroyed by a logger inside one of its own operations"
                   << std::endl;
         std::abort();
@@ -141,7 +141,7 @@ bool nqScheduler::startScheduler(unsigned long nbWorkers, int workerConnectionTi
 {
     if (!mPrivate->mayAct())
         return false;
-    const nqFlagGuard pass(mPrivate->mInPass);
+    const nqFlagGuard operation(mPrivate->mInOperation);
     return mPrivate->start(nbWorkers, workerConnectionTimeout);
 }
 
@@ -149,7 +149,7 @@ bool nqScheduler::startWorker()
 {
     if (!mPrivate->mayAct())
         return false;
-    const nqFlagGuard pass(mPrivate->mInPass);
+    const nqFlagGuard operation(mPrivate->mInOperation);
     return mPrivate->addWorker();
 }
 
@@ -157,7 +157,7 @@ void nqScheduler::waitForFinished()
 {
     if (!mPrivate->isPumped() || mPrivate->mWaitingForFinished || !mPrivate->mayAct())
         return;
-    const nqFlagGuard pass(mPrivate->mInPass);
+    const nqFlagGuard operation(mPrivate->mInOperation);
     mPrivate->drain();
 }
 
@@ -165,7 +165,7 @@ bool nqScheduler::stopScheduler()
 {
     if (!mPrivate->mStarted || !mPrivate->mayAct())
         return false;
-    const nqFlagGuard pass(mPrivate->mInPass);
+    const nqFlagGuard operation(mPrivate->mInOperation);
     mPrivate->stop();
     return true;
 }

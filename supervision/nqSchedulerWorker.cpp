@@ -1,10 +1,10 @@
 // A worker's life on the scheduler's side, from top to bottom: its record is made, stepped once in
 // each pass of the pump, and destroyed.
 //
-// Nothing here waits but the destructor. A worker is killed in one place, condemnIfOverLimit, and
-// its death is noticed by a later step. A job leaves the record in two: receiveStep delivers its
-// result, failCurrentJob hands it back. The failure that it gets is armed before its first byte
-// leaves, so that a worker may be lost at any point.
+// Nothing here waits but the destructor. Only condemnIfOverLimit kills here (a stop that takes too
+// long kills in nqSchedulerStartStop.cpp); the death is noticed by a later step. A job leaves in
+// one of two places: receiveStep delivers its result, failCurrentJob hands it back. How it fails is
+// decided before its first byte is sent, so the worker may be lost at any point.
 #include "supervision/nqSchedulerWorker.h"
 
 #include "include/nqScheduler.h"
@@ -25,7 +25,6 @@ namespace nq {
 
 namespace {
 
-constexpr unsigned int withoutLimit = 0xFFFFFFFF;
 constexpr std::uint64_t msPerSecond = 1000;
 constexpr std::string_view unexpectedCrash = "Unexpected crash";
 
@@ -46,10 +45,13 @@ std::string timeoutMessage(std::uint64_t elapsedSeconds)
 
 /// What the flags say, and the functions that alone change them:
 ///
-/// mReadyForJob, by beginJob and completeJob: no job is in flight, and mJob is empty. While it is
-/// false, mJob holds the job, and mFailReason and mFailMessage say what it becomes if it fails.
-/// mKilled, by condemn: the process has been killed; it takes no new job. Stays.
-/// mFinished, by endRecord: the pump destroys the record and launches another worker. Stays.
+/// - mReadyForJob, by beginJob and completeJob: no job is in flight, and mJob is empty. While it is
+///   false, mJob holds the job, and mFailReason and mFailMessage say what it becomes if it fails.
+/// - mKilled, by condemn: the process has been killed; it takes no new job. Never cleared.
+/// - mFinished, by endRecord: the pump destroys the record and launches another worker. Never
+///   cleared.
+/// - mFailureOwed, by handBackFailedJob: the job in flight has failed, which is logged, and is no
+///   longer counted; its failure is not stored yet.
 class nqSchedulerWorkerPrivate {
 public:
     nqSchedulerWorkerPrivate(
@@ -69,7 +71,9 @@ public:
     std::uint64_t jobSeconds() const;
 
     std::unique_ptr<nqNamedPipe> mPipe; // null once closed
-    nqJobQueues* mQueues;               // borrowed; null when detached: nothing more is delivered
+    // Borrowed; null when detached: nothing more is delivered. The pipe is then null as well, and
+    // ends every step early, so the checks for null are belts.
+    nqJobQueues* mQueues;
     std::unique_ptr<nqProcess> mProcess;
     std::uint64_t mMaxCapMemory = 0;                    // bytes; 0 = off
     std::uint64_t mJobProcessTimeout = 0;               // whole seconds; 0 = off
@@ -77,6 +81,8 @@ public:
     nqHighResTimer mJobTimer;                           // started when a job is dispatched
     std::vector<char> mJob;    // kept after it is sent, since a failure hands it back
     std::vector<char> mResult; // being received
+    // How the job in flight fails: armed by beginJob, overwritten by condemnIfOverLimit, used by
+    // failCurrentJob.
     nqScheduler::FailReason mFailReason = nqScheduler::NoFailure;
     std::string mFailMessage;
     std::uint64_t mPid;         // read once, for messages
@@ -85,8 +91,7 @@ public:
     bool mReadyForJob = true;
     bool mFinished = false;
     bool mKilled = false;
-    bool mFailureOwed = false; // the job in flight has failed, is logged and no longer counted, but
-                               // has found no memory in the queue yet
+    bool mFailureOwed = false;
 };
 
 void nqSchedulerWorkerPrivate::beginJob()
@@ -154,7 +159,7 @@ void nqSchedulerWorker::superviseStep()
 }
 
 /// True when the worker was killed in this step, which happens at most once. The reason is stored
-/// for the job that it may hold; when memory and time are both exceeded, that is the time-out.
+/// for the job that it may hold; if both limits are exceeded, the time-out wins.
 bool nqSchedulerWorker::condemnIfOverLimit()
 {
     nqSchedulerWorkerPrivate& state = *mPrivate;
@@ -163,7 +168,7 @@ bool nqSchedulerWorker::condemnIfOverLimit()
         const std::uint64_t ramInUse = state.mProcess->getCurrentRamInUse();
         if (ramInUse > state.mMaxCapMemory && !state.mKilled) {
             state.mFailMessage = "using too much RAM (" + memoryText(ramInUse) + ")";
-            state.mFailReason = nqScheduler::TooMuchRam; // after the text, which may find no memory
+            state.mFailReason = nqScheduler::TooMuchRam; // after the text: its allocation may fail
             isOverLimit = true;
         }
     }
@@ -192,8 +197,8 @@ bool nqSchedulerWorker::receiveStep()
     if (!nqFrame::receive(*state.mPipe, state.mResult, state.mReceived, true, std::move(spare)))
         return false;
 
-    // The record lets go of the job before the queue, which may find no memory, takes the result: a
-    // job that is over must not be failed and counted down once more when the worker ends.
+    // Complete the job first: pushResult lowers the count before it may throw, which loses the
+    // result, and a job still held here would be failed and counted down again.
     std::vector<char> result = std::exchange(state.mResult, {});
     std::vector<char> job = state.completeJob();
     if (state.mQueues != nullptr) {
@@ -203,7 +208,8 @@ bool nqSchedulerWorker::receiveStep()
     return true;
 }
 
-/// A process that runs on behind a closed read channel may still take what is being sent to it.
+/// The first test is for a pipe that can close in one direction only; in nqNamedPipe a closed read
+/// channel is a lost connection. getState() may reap the process.
 bool nqSchedulerWorker::isLost() const
 {
     const nqNamedPipe& pipe = *mPrivate->mPipe;
@@ -223,7 +229,7 @@ void nqSchedulerWorker::sendStep(bool jobJustCompleted)
         if (!startNextJob())
             return;
     }
-    nqFrame::sendPayload(*state.mPipe, state.mJob, state.mSent);
+    nqFrame::sendPayload(*state.mPipe, state.mJob, state.mSent); // of a new or a running job
 }
 
 /// The memory check right after a job, while the worker holds none, so that no job is lost. The
@@ -245,17 +251,16 @@ bool nqSchedulerWorker::restartIfTooMuchRam()
     return true;
 }
 
-/// Takes the oldest pending job and sends its header, once everything before it has left the
-/// buffer: a header that is cut is never made up for. An empty job is dropped here: it is never
-/// sent, and the queues count it as in progress for good.
+/// Takes the oldest pending job and appends its header, once the buffer is empty: a header that is
+/// cut short is never completed. An empty job is dropped here: it is never sent, and the queues
+/// count it as in progress for good.
 bool nqSchedulerWorker::startNextJob()
 {
     nqSchedulerWorkerPrivate& state = *mPrivate;
     state.mSent = 0;
     if (!state.mPipe->outgoingBuffer().empty())
         return false;
-    // What may find no memory comes before the job is taken: from then on its failure must be armed
-    // and its header sent.
+    // Allocate first: once the job is taken, its failure must be armed and its header sent.
     state.mFailMessage.reserve(unexpectedCrash.size());
     state.mPipe->outgoingBuffer().reserve(nqFrame::headerBytes);
     if (state.mKilled || !state.mQueues->takeNextJob(state.mJob) || state.mJob.empty())
@@ -267,9 +272,9 @@ bool nqSchedulerWorker::startNextJob()
 
 namespace {
 
-/// Writes the line about the job in flight. One that finds no memory is lost, but must not cost the
-/// job; its exception is returned.
-std::exception_ptr reportFailure(const nqSchedulerWorkerPrivate& state)
+/// Logs the failure of the job in flight. If that throws, the line is lost but the job is not: the
+/// exception is returned.
+std::exception_ptr logFailedJob(const nqSchedulerWorkerPrivate& state)
 {
     try {
         nqLogObject(nqLog::Info, false)
@@ -281,7 +286,7 @@ std::exception_ptr reportFailure(const nqSchedulerWorkerPrivate& state)
     }
 }
 
-/// Counts the job down when it is called first, and never again.
+/// Counts the job down on the first call only.
 void handBackFailedJob(nqSchedulerWorkerPrivate& state)
 {
     nqJobQueues& queues = *state.mQueues;
@@ -294,15 +299,15 @@ void handBackFailedJob(nqSchedulerWorkerPrivate& state)
 
 } // namespace
 
-/// Ends the record of a lost worker; the job in flight, if there is one, goes back as failed. A
-/// failure that finds no memory leaves the record as it is, to be stepped again until it is stored.
+/// Ends the record of a lost worker; the job in flight, if there is one, goes back as failed. If
+/// the failure cannot be stored, the record stays as it is and is stepped again.
 void nqSchedulerWorker::failCurrentJob()
 {
     nqSchedulerWorkerPrivate& state = *mPrivate;
     std::exception_ptr lostLine;
     if (!state.mReadyForJob && state.mQueues != nullptr) {
         if (!state.mFailureOwed)
-            lostLine = reportFailure(state);
+            lostLine = logFailedJob(state);
         handBackFailedJob(state);
     }
     state.completeJob();
@@ -330,7 +335,7 @@ nqSchedulerWorker::~nqSchedulerWorker()
 {
     const nqThread::Uncancellable held;
     closePipe();
-    mPrivate->mProcess->waitForFinished(withoutLimit);
+    mPrivate->mProcess->waitForFinished(nqProcess::withoutLimit);
     mPrivate->mProcess.reset();
 }
 

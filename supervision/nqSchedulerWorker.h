@@ -33,12 +33,13 @@ public:
     void setMaxCapMemoryAfterProcessingAJob(std::uint64_t bytes);
 
     /// One pass: moves the pipe's bytes, holds memory and age against the limits, receives, notices
-    /// a lost worker, dispatches. Never blocks. Without memory, the allocation exception leaves; no
-    /// job is lost, and the record can be stepped again.
+    /// a lost worker, dispatches. Never blocks. An allocation failure passes through and the record
+    /// can be stepped again. It can cost a result that the queue has no room for, and with it its
+    /// job.
     void superviseStep();
 
-    /// Stores the failure that an earlier step found no memory for, if there is one; when there is
-    /// still none, the allocation exception leaves and the record keeps the job.
+    /// Stores the failure that an earlier step could not store, if there is one. If the allocation
+    /// fails again, its exception passes through and the record keeps the job.
     void storeOwedFailure();
 
     /// Detaches from the queues, so that nothing more is delivered, and closes the pipe.

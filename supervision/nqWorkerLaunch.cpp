@@ -57,7 +57,7 @@ std::string commandLineText(const std::string& exePath, const std::vector<std::s
     return exePath + " \"" + joined + "\"";
 }
 
-void reportFailure(const char* reason, const nqProcess& process, const std::string& commandLine)
+void logFailedLaunch(const char* reason, const nqProcess& process, const std::string& commandLine)
 {
     const std::int64_t pid = process.getPid();
     const std::string currentDirectory = nqDirUtils::GetCurrentWorkingDirUtf8();
@@ -75,7 +75,7 @@ launchWorker(const nqWorkerLaunch& launch, nqNamedPipeServer& server, nqJobQueue
     auto process = std::make_unique<nqProcess>();
     const std::vector<std::string> arguments = buildArguments(launch);
     if (const char* failure = startAndConnect(*process, launch, arguments, server)) {
-        reportFailure(failure, *process, commandLineText(launch.mExeUtf8Path, arguments));
+        logFailedLaunch(failure, *process, commandLineText(launch.mExeUtf8Path, arguments));
         process->killProcess();
         return nullptr;
     }

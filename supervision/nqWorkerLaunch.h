@@ -32,8 +32,8 @@ struct nqWorkerLaunch {
 };
 
 /// Starts one worker process and waits for its connection to `server`, which must be listening.
-/// Null when that fails; the failure is then logged and the process killed, not waited for. The
-/// record borrows `queues`.
+/// Null when that fails; the failure is then logged, and the process is killed, and waited for at
+/// most a second. The record borrows `queues`.
 std::unique_ptr<nqSchedulerWorker>
 launchWorker(const nqWorkerLaunch& launch, nqNamedPipeServer& server, nqJobQueues* queues);
 

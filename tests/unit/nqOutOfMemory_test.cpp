@@ -215,7 +215,7 @@ TEST_F(FailureWithoutMemory, keepsItsReasonThoughLimitsArePassedMeanwhile)
     EXPECT_EQ(kills(), 0);
 }
 
-/// A started scheduler whose only worker died over a job that then found no memory.
+/// A started scheduler whose only worker died over a job whose failure could not be stored.
 struct SchedulerWithAnOwedFailure : SchedulerFixture {
     std::optional<RefusedMemory> refused;
 
