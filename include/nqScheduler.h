@@ -34,8 +34,8 @@ class nqSchedulerPrivate;
 /// copies. A child may make schedulers of its own.
 ///
 /// @par Blocking
-/// The four that pump may block, and so may startScheduler() and startWorker(), which wait for
-/// workers to connect. All others return at once.
+/// The operations that pump may block, and so may startScheduler() and startWorker(), which wait
+/// for workers to connect. All others return at once.
 ///
 /// @par Calls from a logger
 /// The log is written from inside the operations, so a logger that lets an event loop run may call
@@ -47,8 +47,9 @@ class nqSchedulerPrivate;
 /// @par Errors
 /// Failures of jobs and workers are never exceptions. Only allocation and stream exceptions pass
 /// through, and from the constructors the one that they name. None leaves the destructor. A failed
-/// job whose failure finds no memory is not lost: it is no longer counted by jobCount(), and every
-/// later pump, waitForFinished() and stopScheduler() tries again to bring it to popFail().
+/// job whose failure cannot be stored is not lost: it is no longer counted by jobCount(), and every
+/// later pump, waitForFinished() and stopScheduler() tries again to bring it to popFail(). A result
+/// that cannot be stored is lost, and its job is no longer counted.
 ///
 /// @par Ownership
 /// What is passed in is copied. Texts that are returned by reference belong to the scheduler and
@@ -138,7 +139,8 @@ public:
     /// launch failed. In the last two cases it goes on listening without being started: the
     /// configuration is open, and pump and stop do nothing. Workers that did launch stay alive
     /// until this object is destroyed, or until a later start, which launches `nbWorkers` more
-    /// beside them, succeeds and is stopped. Each refusal is logged, but for one from a logger.
+    /// beside them, succeeds and is stopped. Each refusal is logged, but not one from a logger or
+    /// in a forked child.
     bool startScheduler(unsigned long nbWorkers, int workerConnectionTimeout);
 
     /// Pumps until every job is resolved, then ends the workers one after the other: each has 30
@@ -156,9 +158,10 @@ public:
     /// One pass over all workers, then a wait of at most `timeoutMs` milliseconds (0 or less: none)
     /// for a worker to say something. Does not wait when work is known to be ready: bytes to write,
     /// a result to pop, or a pending job and a worker to take it. Ended workers are replaced before
-    /// it returns; a replacement blocks until its predecessor has ended and it has connected
-    /// itself. One that cannot be launched is logged and not tried again. Returns at once when not
-    /// started. An allocation exception leaves only when every worker has had its turn.
+    /// it returns; launching a replacement blocks until its predecessor has ended and the new
+    /// worker has connected. One that cannot be launched is logged and not tried again. Returns at
+    /// once when not started. An allocation exception leaves only when every worker has had its
+    /// turn.
     void processScheduler(int timeoutMs);
 
     /// Launches one more worker and waits for it to connect. For the library's own use. False, with
@@ -175,9 +178,10 @@ public:
     void push(const std::vector<char>& job);
 
     /// Moves the oldest result into `result`. False, and `result` untouched, when there is none.
-    /// The memory of a few large payloads is kept for the next ones until this finds neither a job
-    /// nor a result. What `result` held is among them, unless it is more than twice as large as the
-    /// popped result; it is then freed at once.
+    /// The memory of a few large payloads is kept for the next ones until pop() finds neither a job
+    /// nor a result, or until many payloads in a row had no use for them. What `result` held is
+    /// among them, unless it is more than twice as large as the popped result; it is then freed at
+    /// once.
     /// Results come in the order of their completion, and nothing ties them to their jobs but what
     /// the host put into the bytes.
     bool pop(std::vector<char>& result);

@@ -66,8 +66,8 @@ public:
     /// One step: waits up to `timeoutMs` milliseconds (0 or less: none) for the pipe, takes in what
     /// came, runs the hook when a job is whole, and hands over the next slice of its result. The
     /// result leaves the process in the steps that follow, so keep stepping. The memory of a large
-    /// job and its result is kept for the next one, and given back by a step that waits and gets no
-    /// bytes.
+    /// job and its result is kept for the next one. It is given back by a step that has nothing to
+    /// send and gets no bytes, and after 64 small jobs in a row.
     void processWorker(int timeoutMs);
 
     /// @name Steps of processWorker, rarely called by themselves

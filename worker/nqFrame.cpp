@@ -38,11 +38,12 @@ void eraseFront(std::vector<char>& bytes, std::size_t count)
 
 /// Makes `payload` `size` bytes large, in the memory of `spare` if that is large enough. The old
 /// bytes there are not cleared: each is overwritten before the payload is whole, and clearing costs
-/// as much as receiving. A size that the counters cannot hold is whole at once, and all zeros.
+/// as much as receiving. A size that is negative for the counters counts as whole at once; its
+/// bytes are zeros.
 void resizeInSpareMemory(std::vector<char>& payload, std::vector<char>&& spare, std::size_t size)
 {
     if (spare.capacity() < size || size > std::numeric_limits<std::int32_t>::max())
-        spare.clear(); // or its bytes would be moved into the larger memory, or be seen
+        spare.clear(); // else resize would copy its bytes, or a size over the limit would show them
     payload = std::move(spare);
     payload.resize(size);
 }
@@ -60,8 +61,8 @@ bool startFrame(nqNamedPipe& pipe, std::vector<char>& payload, std::vector<char>
     try {
         resizeInSpareMemory(payload, std::move(spare), length);
     } catch (...) {
-        // The bytes that follow would be read as another header. A length that finds no memory
-        // costs one job and one exception, and nothing after that.
+        // The bytes that follow would be read as another header. A length that cannot be
+        // allocated costs one job and one exception, and nothing after that.
         pipe.closeNamedPipe();
         throw;
     }

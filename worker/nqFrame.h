@@ -19,7 +19,7 @@ public:
     static constexpr std::size_t headerBytes = 4;
 
     /// Appends the header for `payload` to the outgoing buffer, as much of it as there is room for.
-    /// What is cut is never made up for, so a frame starts only on an empty outgoing buffer.
+    /// What is cut short is never completed, so a frame starts only on an empty outgoing buffer.
     static void sendHeader(nqNamedPipe& pipe, const std::vector<char>& payload);
 
     /// Appends the bytes of `payload` from offset `sent` on, as many as there is room for, and adds
@@ -36,10 +36,10 @@ public:
 
     /// Takes bytes of one frame out of the incoming buffer. A header is looked for only while
     /// `payload` is empty and `mayStart` is set; it gives `payload` its final size, in the memory
-    /// of `spare` if that is large enough, and only then takes the spare. Until the frame is whole,
-    /// the bytes of `payload` from `received` on are unspecified. True when `received` has reached
-    /// the size. A frame of length 0 is consumed and gives false. A payload that finds no memory
-    /// closes the pipe and passes the exception on.
+    /// of `spare` if that is large enough. `spare` is moved from only when a payload starts. Until
+    /// the frame is whole, the bytes of `payload` from `received` on are unspecified. True when
+    /// `received` has reached the size. A frame of length 0 is consumed and gives false. A payload
+    /// that cannot be allocated closes the pipe and passes the exception on.
     static bool receive(
         nqNamedPipe& pipe,
         std::vector<char>& payload,

@@ -13,17 +13,17 @@ namespace nq {
 
 namespace {
 
-constexpr std::size_t keptBytesAtRest = std::size_t{1} << 20; // little to a memory cap
-constexpr std::uint32_t smallJobsBeforeRest = 64;             // in a row
+constexpr std::size_t keptIdleBytes = std::size_t{1} << 20; // too little to matter to a memory cap
+constexpr std::uint32_t smallJobsBeforeRelease = 64;
 
 enum class Hook {
-    returned, // or has never run: job and result are what they seem
+    returned, // or has not run yet: job and result are valid
     running,  // on the stack: job and result belong to it
     left, // by an exception or a cancelled thread: its result has no header and must never leave
 };
 
-/// Lives from before the hook until its result has a header. No catch stands there, which would
-/// take an uncaught exception away from where it was thrown; the unwinding of the stack marks it.
+/// Lives from before the hook until its result has a header. There is no catch: it would unwind an
+/// uncaught exception away from where it was thrown. The destructor marks the escape.
 class HookRun {
 public:
     explicit HookRun(Hook& hook)
@@ -57,7 +57,7 @@ struct nqWorker::Private {
     }
 
     bool beginStep();
-    void releaseMemoryAtRest();
+    void releaseIdleMemory();
     void blankUnreceived();
 
     const std::string mSchedulerUtf8;
@@ -68,8 +68,8 @@ struct nqWorker::Private {
     std::int32_t mSent = 0;     // bytes of mResult handed to the pipe
     bool mFinished = false;
     Hook mHook = Hook::returned;
-    std::vector<char> mSpare;     // the memory of an earlier payload, for the next job
-    std::uint32_t mSmallJobs = 0; // in a row
+    std::vector<char> mSpare; // the memory of an earlier payload, for the next job
+    std::uint32_t mSmallJobsInARow = 0;
 };
 
 // False when nothing may be received, run or sent: inside the hook, and for good once an exception
@@ -93,18 +93,18 @@ bool nqWorker::Private::beginStep()
 // A busy worker keeps the memory of a large payload for the next one, since fresh memory costs more
 // than the copy into it. An idle one, or one that has had only small jobs for a while, gives it
 // back: the scheduler's memory caps would count it against the jobs to come.
-void nqWorker::Private::releaseMemoryAtRest()
+void nqWorker::Private::releaseIdleMemory()
 {
     if (!mJob.empty() || !mResult.empty())
         return;
     bool isAnyReleased = false;
     for (std::vector<char>* payload : {&mJob, &mResult, &mSpare}) {
-        if (payload->capacity() <= keptBytesAtRest)
+        if (payload->capacity() <= keptIdleBytes)
             continue;
         std::vector<char>().swap(*payload);
         isAnyReleased = true;
     }
-    mSmallJobs = 0;
+    mSmallJobsInARow = 0;
     if (isAnyReleased)
         nqSystemUtils::ReleaseFreeMemory();
 }
@@ -158,13 +158,13 @@ void nqWorker::processWorker(int timeoutMs)
         return;
     nqNamedPipe& pipe = mPrivate->mNamedPipe;
     const bool isStepBegun = mPrivate->beginStep();
-    const bool mayWait = !pipe.hasPendingWrite();
+    const bool nothingToSend = !pipe.hasPendingWrite();
     pipe.processNamedPipeEvents(timeoutMs, true);
     if (isStepBegun) {
         if (!pipe.incomingBuffer().empty())
             onReadyRead();
-        else if (mayWait)
-            mPrivate->releaseMemoryAtRest();
+        else if (nothingToSend)
+            mPrivate->releaseIdleMemory();
         onSendData();
     }
     if (!pipe.isReadChannelClosed() && pipe.isConnected())
@@ -197,7 +197,7 @@ void nqWorker::onProcess()
     HookRun run(state.mHook);
     processJob(state.mJob, state.mResult);
     state.mSent = 0;
-    state.mSmallJobs = state.mJob.size() > keptBytesAtRest ? 0 : state.mSmallJobs + 1;
+    state.mSmallJobsInARow = state.mJob.size() > keptIdleBytes ? 0 : state.mSmallJobsInARow + 1;
     state.mSpare = std::exchange(state.mJob, {});
     state.mReceived = 0;
     nqFrame::sendHeader(state.mNamedPipe, state.mResult);
@@ -216,8 +216,8 @@ void nqWorker::onSendData()
     if (state.mSpare.empty())
         state.mSpare.swap(state.mResult); // the hook has used up the memory of the job
     state.mResult.clear();
-    if (state.mSmallJobs >= smallJobsBeforeRest)
-        state.releaseMemoryAtRest();
+    if (state.mSmallJobsInARow >= smallJobsBeforeRelease)
+        state.releaseIdleMemory();
 }
 
 void nqWorker::endOfWork()
