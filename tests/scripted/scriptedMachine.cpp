@@ -114,6 +114,8 @@ void Machine::call(const std::string& line)
 void Machine::query(const std::string& line)
 {
     trace.push_back(line);
+    if (onQuery)
+        onQuery(line);
 }
 
 std::shared_ptr<Process> Machine::takeProcess()

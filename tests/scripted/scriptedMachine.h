@@ -116,6 +116,7 @@ struct Machine {
     std::vector<std::string> calls;
     /// The same with the questions asked in between: "process 4242: getState()".
     std::vector<std::string> trace;
+    std::function<void(const std::string&)> onQuery; ///< runs after each question's line in it
 
     /// While it is there: those calls that a cancellation of the thread may strike, and the points
     /// made for it.

@@ -88,6 +88,39 @@ TEST(WorkerWithoutMemory, sendsNothingOfAResultWhoseHeaderFoundNoRoom)
 struct RecordWithoutMemory : WorkerRecordFixture {
     static constexpr std::size_t large = 1U << 16;
     static constexpr std::size_t largerThanAFailure = 256; // and smaller than a line of the log
+
+    /// In the next step, memory is refused once the platform has been asked this, and no sooner: it
+    /// needs some itself to write down what it is asked.
+    void expectNoMemoryAfter(const std::string& question, std::size_t refusedBytes)
+    {
+        std::optional<RefusedMemory> refused;
+        machine.onQuery = [&](const std::string& line) {
+            if (line == question)
+                refused.emplace(refusedBytes);
+        };
+        EXPECT_THROW(step(), std::bad_alloc);
+        EXPECT_TRUE(refused.has_value());
+        machine.onQuery = nullptr;
+    }
+
+    /// The record's last question before it takes a job is whether the worker is lost.
+    void expectNoMemoryForTheNextJob(std::size_t refusedBytes)
+    {
+        expectNoMemoryAfter(pipe->name + ": isConnected()", refusedBytes);
+        EXPECT_TRUE(worker->isReadyForJob());
+        EXPECT_EQ(queues.pendingJobCount(), 1U);
+    }
+
+    /// The worker is not killed, and if it ends, its job fails as after any crash.
+    void expectNoVerdict()
+    {
+        EXPECT_EQ(kills(), 0);
+        die();
+        step();
+        EXPECT_EQ(
+            failures(queues),
+            std::vector<Failure>({{"job", nq::nqScheduler::UnexpectedCrash, "Unexpected crash"}}));
+    }
 };
 
 TEST_F(RecordWithoutMemory, handsALargeFailedJobBackWithoutMemoryForACopy)
@@ -120,7 +153,7 @@ TEST_F(RecordWithoutMemory, handsAFailedJobBackThoughItsLineInTheLogIsLost)
     EXPECT_EQ(queues.failCount(), 1U);
 }
 
-TEST_F(RecordWithoutMemory, judgesTheJobAgainWhenTheTextOfAVerdictHasNoRoom)
+TEST_F(RecordWithoutMemory, judgesTheTimeAgainWhenTheTextOfAVerdictHasNoRoom)
 {
     if (!RefusedMemory::isPossible())
         GTEST_SKIP() << "this tool has its own allocator";
@@ -134,13 +167,20 @@ TEST_F(RecordWithoutMemory, judgesTheJobAgainWhenTheTextOfAVerdictHasNoRoom)
     EXPECT_THROW(step(), std::bad_alloc);
     pipe->onEvents = nullptr;
     refused.reset();
-    EXPECT_EQ(kills(), 0);
     worker->setJobProcessTimeout(0);
-    die();
-    step();
-    EXPECT_EQ(
-        failures(queues),
-        std::vector<Failure>({{"job", nq::nqScheduler::UnexpectedCrash, "Unexpected crash"}}));
+    expectNoVerdict();
+}
+
+TEST_F(RecordWithoutMemory, judgesTheMemoryAgainWhenTheTextOfAVerdictHasNoRoom)
+{
+    if (!RefusedMemory::isPossible())
+        GTEST_SKIP() << "this tool has its own allocator";
+    worker->setMaxCapMemory(1);
+    dispatch();
+    process->ramInUse = 2;
+    expectNoMemoryAfter(process->name + ": getCurrentRamInUse()", 1);
+    worker->setMaxCapMemory(0);
+    expectNoVerdict();
 }
 
 /// A record whose worker has died, and whose memory is refused from its line in the log on.
@@ -274,37 +314,18 @@ TEST_F(SchedulerWithAnOwedFailure, isNotStoppedWhileThereIsNoMemoryForIt)
     expectTheFailure();
 }
 
-TEST_F(RecordWithoutMemory, leavesTheJobInTheQueueWhenItsHeaderHasNoRoom)
-{
-    if (!RefusedMemory::isPossible())
-        GTEST_SKIP() << "this tool has its own allocator";
-    queues.push(bytes("job"));
-    pipe->outgoing.shrink_to_fit();
-    {
-        const RefusedMemory refused(1);
-        EXPECT_THROW(step(), std::bad_alloc);
-    }
-    EXPECT_TRUE(worker->isReadyForJob());
-    EXPECT_EQ(queues.pendingJobCount(), 1U);
-    step();
-    step();
-    EXPECT_EQ(pipe->passedOn, frame("job"));
-}
-
 TEST_F(RecordWithoutMemory, leavesTheJobInTheQueueWhenTheTextOfItsFailureHasNoRoom)
 {
     if (!RefusedMemory::isPossible())
         GTEST_SKIP() << "this tool has its own allocator";
     queues.push(bytes("job"));
-    {
-        const RefusedMemory refused(16); // the text is longer, a header is not
-        EXPECT_THROW(step(), std::bad_alloc);
-    }
-    EXPECT_TRUE(worker->isReadyForJob());
-    EXPECT_EQ(queues.pendingJobCount(), 1U);
+    expectNoMemoryForTheNextJob(16); // the text is longer, a header is not
+    step();
+    step();
+    EXPECT_EQ(pipe->passedOn, frame("job"));
 }
 
-TEST_F(RecordWithoutMemory, leavesTheNextJobInTheQueueWhenItsHeaderHasNoRoom)
+TEST_F(RecordWithoutMemory, leavesTheJobInTheQueueWhenItsHeaderHasNoRoom)
 {
     if (!RefusedMemory::isPossible())
         GTEST_SKIP() << "this tool has its own allocator";
@@ -315,12 +336,11 @@ TEST_F(RecordWithoutMemory, leavesTheNextJobInTheQueueWhenItsHeaderHasNoRoom)
     ASSERT_EQ(queues.resultCount(), 1U);
     queues.push(bytes("job"));
     pipe->outgoing.shrink_to_fit();
-    {
-        const RefusedMemory refused(1);
-        EXPECT_THROW(step(), std::bad_alloc);
-    }
-    EXPECT_TRUE(worker->isReadyForJob());
-    EXPECT_EQ(queues.pendingJobCount(), 1U);
+    pipe->passedOn.clear();
+    expectNoMemoryForTheNextJob(1);
+    step();
+    step();
+    EXPECT_EQ(pipe->passedOn, frame("job"));
 }
 
 } // namespace
