@@ -9,9 +9,12 @@ namespace common {
 
 namespace {
 
+/// In a PID namespace that has no /proc of its own, the number of this process is that of another
+/// one there.
 std::string folderOf(pid_t process)
 {
-    return "/proc/" + std::to_string(process) + "/fd";
+    const bool isOwn = process == ::getpid();
+    return "/proc/" + (isOwn ? "self" : std::to_string(process)) + "/fd";
 }
 
 } // namespace
