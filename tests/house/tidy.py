@@ -57,8 +57,14 @@ class Checker:
         self.folder = build / "tidy"
         self.folder.mkdir(exist_ok=True)
         # By its own, clang-tidy checks a file once for each of its commands.
-        (self.folder / "compile_commands.json").write_text(json.dumps(list(self.commands.values())))
+        self.replace("compile_commands.json", json.dumps(list(self.commands.values())))
         self.version = output_of("clang-tidy", "--version")
+
+    def replace(self, name, text):
+        """At once: where the commands cannot be read, clang-tidy of another run checks without them."""
+        new = self.folder / f"{name}.{os.getpid()}"
+        new.write_text(text)
+        new.replace(self.folder / name)
 
     def is_compiled(self, file):
         return os.path.realpath(file) in self.commands
