@@ -72,7 +72,7 @@ public:
 
     std::unique_ptr<nqNamedPipe> mPipe; // null once closed
     // Borrowed; null when detached: nothing more is delivered. The pipe is then null as well, and
-    // ends every step early, so the checks for null are belts.
+    // ends every step early, so that no check for null ever decides.
     nqJobQueues* mQueues;
     std::unique_ptr<nqProcess> mProcess;
     std::uint64_t mMaxCapMemory = 0;                    // bytes; 0 = off
