@@ -32,6 +32,16 @@ PoolPlan disturbedPool()
     return pool;
 }
 
+/// Of pools with one kill each, so many of which have struck.
+std::string unmetAfterKills(std::uint64_t pools, std::uint64_t kills)
+{
+    PoolPlan pool = disturbedPool();
+    pool.disturbance.kills = 1;
+    Figures figures;
+    figures.kills = kills;
+    return demandsOf(pool, pools).unmetBy(figures);
+}
+
 PoolPlan poolWithJobs(chaos::Behaviour behaviour)
 {
     PoolPlan pool;
@@ -47,20 +57,12 @@ TEST(Demands, areMetByAnUndisturbedRunInWhichNothingHappens)
 
 TEST(Demands, nameKillsThatAreTooRare)
 {
-    PoolPlan pool = disturbedPool();
-    pool.disturbance.kills = 1;
-    Figures figures;
-    figures.kills = 4;
-    EXPECT_EQ(demandsOf(pool, 10).unmetBy(figures), "workers killed: 4, at least 5 are wanted\n");
+    EXPECT_EQ(unmetAfterKills(10, 4), "workers killed: 4, at least 5 are wanted\n");
 }
 
 TEST(Demands, areMetWhenHalfOfThePoolsSuffer)
 {
-    PoolPlan pool = disturbedPool();
-    pool.disturbance.kills = 1;
-    Figures figures;
-    figures.kills = 5;
-    EXPECT_EQ(demandsOf(pool, 10).unmetBy(figures), "");
+    EXPECT_EQ(unmetAfterKills(10, 5), "");
 }
 
 TEST(Demands, wantCrashesFromOutside)

@@ -3,6 +3,8 @@
 
 #include "plan.h"
 
+#include "tests/common/syscallArguments.h"
+
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -289,19 +291,10 @@ long syscall(long number, ...) noexcept
 {
     va_list list;
     va_start(list, number);
-    long arguments[6];
-    for (long& argument : arguments)
-        argument = va_arg(list, long);
+    const common::SyscallArguments arguments(list);
     va_end(list);
     return perform(NQ_VERDICT(static_cast<int>(number)), -1L, [&] {
-        return syscallReal()(
-            number,
-            arguments[0],
-            arguments[1],
-            arguments[2],
-            arguments[3],
-            arguments[4],
-            arguments[5]);
+        return arguments.callWith(syscallReal(), number);
     });
 }
 

@@ -1,5 +1,6 @@
 // Preloaded into the process tests, so that they run as on a kernel, or in a sandbox, that refuses
 // pidfds and knows no close_range.
+#include "tests/common/syscallArguments.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -34,20 +35,16 @@ int close_range(unsigned int, unsigned int, int) noexcept
     return refuse();
 }
 
-// Hands on as many arguments as any operation takes: what nobody has passed, nobody looks at.
 long syscall(long number, ...) noexcept
 {
     if (number == SYS_pidfd_open || number == SYS_pidfd_send_signal)
         return refuse();
     va_list list;
     va_start(list, number);
-    long arguments[6];
-    for (long& argument : arguments)
-        argument = va_arg(list, long);
+    const common::SyscallArguments arguments(list);
     va_end(list);
     // Who calls before the shim is initialised runs no vfork.
     SystemCall* const call = systemCall != nullptr ? systemCall : realSystemCall();
-    return call(
-        number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
+    return arguments.callWith(call, number);
 }
 }

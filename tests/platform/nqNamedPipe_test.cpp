@@ -272,10 +272,7 @@ TEST_F(NamedPipe, waitsTheWholeTimeAlsoWhenTheWaitBeforeWasShort)
 {
     PipeToRawSocket link;
     ASSERT_TRUE(link.mPipe);
-    link.mPipe->processNamedPipeEvents(0, true); // finds nothing
-    ASSERT_TRUE(rawSend(link.mPeer, "x"));
-    link.mPipe->processNamedPipeEvents(ampleMs, true);
-    ASSERT_EQ(takeAll(*link.mPipe), "x");
+    ASSERT_TRUE(isAnsweredAtOnce(link));
     const auto start = steady_clock::now();
     link.mPipe->processNamedPipeEvents(60, true);
     EXPECT_GE(elapsedSince(start), milliseconds(60));
@@ -300,10 +297,7 @@ TEST_F(NamedPipe, waitsTheWholeTimeInAStormOfSignalsAlsoWhenTheWaitBeforeWasShor
 {
     PipeToRawSocket link;
     ASSERT_TRUE(link.mPipe);
-    link.mPipe->processNamedPipeEvents(0, true); // finds nothing
-    ASSERT_TRUE(rawSend(link.mPeer, "x"));
-    link.mPipe->processNamedPipeEvents(ampleMs, true);
-    ASSERT_EQ(takeAll(*link.mPipe), "x");
+    ASSERT_TRUE(isAnsweredAtOnce(link));
     const SignalStorm storm;
     const auto start = steady_clock::now();
     link.mPipe->processNamedPipeEvents(120, true);

@@ -53,10 +53,7 @@ TEST_F(AWait, ofAPipeIsTwoSleepsAfterAQuickAnswerTheFirstOfThemBrief)
 {
     PipeToRawSocket link;
     ASSERT_TRUE(link.mPipe);
-    link.mPipe->processNamedPipeEvents(0, true); // finds nothing
-    ASSERT_TRUE(rawSend(link.mPeer, "answer"));
-    link.mPipe->processNamedPipeEvents(ampleMs, true);
-    ASSERT_EQ(takeAll(*link.mPipe), "answer");
+    ASSERT_TRUE(isAnsweredAtOnce(link));
     const SimulatedTime time;
     link.mPipe->processNamedPipeEvents(60'000, true);
     ASSERT_EQ(time.sleeps().size(), 2U);
@@ -69,10 +66,7 @@ TEST_F(AWait, ofATimeBelowABriefSleepIsOneSleep)
 {
     PipeToRawSocket link;
     ASSERT_TRUE(link.mPipe);
-    link.mPipe->processNamedPipeEvents(0, true); // finds nothing
-    ASSERT_TRUE(rawSend(link.mPeer, "answer"));
-    link.mPipe->processNamedPipeEvents(ampleMs, true);
-    ASSERT_EQ(takeAll(*link.mPipe), "answer");
+    ASSERT_TRUE(isAnsweredAtOnce(link));
     const SimulatedTime time;
     link.mPipe->processNamedPipeEvents(5, true);
     ASSERT_EQ(time.sleeps().size(), 1U);

@@ -176,6 +176,17 @@ struct PipeToRawSocket {
     std::unique_ptr<nq::nqNamedPipe> mPipe;
 };
 
+/// One wait of the pipe that is answered at once, so that the next one expects a quick answer.
+/// False when the answer does not come.
+inline bool isAnsweredAtOnce(PipeToRawSocket& link)
+{
+    link.mPipe->processNamedPipeEvents(0, true); // finds nothing
+    if (!rawSend(link.mPeer, "answer"))
+        return false;
+    link.mPipe->processNamedPipeEvents(ampleMs, true);
+    return takeAll(*link.mPipe) == "answer";
+}
+
 /// Two pipes that are connected with each other.
 struct PipePair {
     PipePair()

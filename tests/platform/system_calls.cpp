@@ -1,5 +1,7 @@
 #include "tests/platform/system_calls.h"
 
+#include "tests/common/syscallArguments.h"
+
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -184,20 +186,16 @@ int clock_gettime(clockid_t clock, timespec* now) noexcept
     return call(clock, now);
 }
 
-// Hands on as many arguments as any operation takes: what nobody has passed, nobody looks at.
 long syscall(long number, ...) noexcept
 {
     if (const auto answer = ask(answers().mSyscall, number))
         return *answer;
     va_list list;
     va_start(list, number);
-    long arguments[6];
-    for (long& argument : arguments)
-        argument = va_arg(list, long);
+    const common::SyscallArguments arguments(list);
     va_end(list);
     // Who calls before this program is initialised runs no vfork.
     SystemCall* const call = realSyscall != nullptr ? realSyscall : next<SystemCall>("syscall");
-    return call(
-        number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
+    return arguments.callWith(call, number);
 }
 }
