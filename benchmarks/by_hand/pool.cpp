@@ -2,6 +2,7 @@
 // asynchronous reads and writes on one thread, a new process for one that has gone.
 #include "benchmarks/common/pool.h"
 
+#include "benchmarks/by_hand/whole.h"
 #include "benchmarks/common/processes.h"
 
 #include <array>
@@ -51,6 +52,7 @@ public:
             Session& session = *mSessions.back();
             session.pid = spawn(mExecutable, mName);
             mAcceptor.accept(session.socket);
+            session.socket.set_option(boost::asio::socket_base::send_buffer_size(sendBufferBytes));
             session.isIdle = true;
         }
     }
@@ -119,7 +121,7 @@ private:
             boost::asio::buffer(&session.length, sizeof session.length),
             boost::asio::buffer(session.job)};
         boost::asio::async_write(
-            session.socket, frame, [this, &session](error_code error, std::size_t) {
+            session.socket, frame, Whole(), [this, &session](error_code error, std::size_t) {
                 if (error)
                     lose(session);
                 else
@@ -146,6 +148,7 @@ private:
         boost::asio::async_read(
             session.socket,
             boost::asio::buffer(session.result),
+            Whole(),
             [this, &session](error_code error, std::size_t) {
                 if (error) {
                     lose(session);

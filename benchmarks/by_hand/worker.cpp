@@ -1,4 +1,5 @@
 // A worker as it is commonly written with Boost.Asio: read a header, read a payload, answer.
+#include "benchmarks/by_hand/whole.h"
 #include "benchmarks/common/fail.h"
 #include "benchmarks/common/job.h"
 
@@ -17,6 +18,7 @@ void serve(const std::string& name)
     boost::asio::io_context context(1);
     stream_protocol::socket socket(context);
     socket.connect(stream_protocol::endpoint(std::string(1, '\0') + name));
+    socket.set_option(boost::asio::socket_base::send_buffer_size(bench::sendBufferBytes));
 
     std::uint32_t length = 0;
     std::vector<char> job;
@@ -26,13 +28,13 @@ void serve(const std::string& name)
         if (error)
             return;
         job.resize(length);
-        boost::asio::read(socket, boost::asio::buffer(job), error);
+        boost::asio::read(socket, boost::asio::buffer(job), bench::Whole(), error);
         if (error)
             return;
         bench::perform(job.data());
         const std::array<boost::asio::const_buffer, 2> frame{
             boost::asio::buffer(&length, sizeof length), boost::asio::buffer(job)};
-        boost::asio::write(socket, frame, error);
+        boost::asio::write(socket, frame, bench::Whole(), error);
         if (error)
             return;
     }

@@ -5,7 +5,9 @@
 
 #include <nqScheduler.h>
 
+#include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace bench {
@@ -33,21 +35,41 @@ public:
         while (finished < count) {
             for (; pushed < count && pushed - finished < mMaxInFlight; ++pushed) {
                 ledger.stamp(mJob.data());
-                mScheduler.push(mJob);
+                push(ledger.jobBytes());
             }
             mScheduler.processScheduler(pumpTimeoutMs);
-            for (; mScheduler.pop(mResult); ++finished)
+            for (; mScheduler.pop(mResult); ++finished) {
                 ledger.check(mResult.data(), mResult.size());
+                if (mMoves)
+                    mPopped.push_back(std::move(mResult));
+            }
             for (; mScheduler.popFail(mFailedJob, mReason, mMessage); ++finished)
                 ledger.lose();
         }
     }
 
 private:
+    void push(std::size_t jobBytes)
+    {
+        if (!mMoves) {
+            mScheduler.push(mJob);
+            return;
+        }
+        mScheduler.push(std::move(mJob));
+        if (mPopped.empty()) {
+            mJob.assign(jobBytes, 'x');
+        } else {
+            mJob = std::move(mPopped.back());
+            mPopped.pop_back();
+        }
+    }
+
+    const bool mMoves = std::getenv("NQ_BENCH_MOVES") != nullptr; // jobs instead of copying them
     std::uint64_t mMaxInFlight;
     nq::nqScheduler mScheduler;
     std::vector<char> mJob;
     std::vector<char> mResult;
+    std::vector<std::vector<char>> mPopped;
     std::vector<char> mFailedJob;
     nq::nqScheduler::FailReason mReason = nq::nqScheduler::NoFailure;
     std::string mMessage;
