@@ -64,7 +64,7 @@ public:
     }
 
     void beginJob();
-    std::vector<char> completeJob();
+    void completeJob();
     void condemn();
     void endRecord();
 
@@ -79,8 +79,9 @@ public:
     std::uint64_t mJobProcessTimeout = 0;               // whole seconds; 0 = off
     std::uint64_t mMaxCapMemoryAfterProcessingAJob = 0; // bytes; 0 = off
     nqHighResTimer mJobTimer;                           // started when a job is dispatched
-    std::vector<char> mJob;    // kept after it is sent, since a failure hands it back
-    std::vector<char> mResult; // being received
+    std::vector<char> mJob;       // kept after it is sent, since a failure hands it back
+    std::vector<char> mFormerJob; // the job before, whose last bytes may still have to leave
+    std::vector<char> mResult;    // being received
     // How the job in flight fails: armed by beginJob, overwritten by condemnIfOverLimit, used by
     // failCurrentJob.
     nqScheduler::FailReason mFailReason = nqScheduler::NoFailure;
@@ -102,12 +103,13 @@ void nqSchedulerWorkerPrivate::beginJob()
     mJobTimer.start();
 }
 
-/// Gives back the bytes of the job, which is over: its result is whole, or it has failed.
-std::vector<char> nqSchedulerWorkerPrivate::completeJob()
+/// The job is over: its result is whole, or it has failed. A worker may answer before it has read
+/// all of its job, so the bytes that are lent to the pipe stay where they are.
+void nqSchedulerWorkerPrivate::completeJob()
 {
     mReadyForJob = true;
     mReceived = 0;
-    return std::exchange(mJob, {});
+    mFormerJob = std::exchange(mJob, {});
 }
 
 void nqSchedulerWorkerPrivate::condemn()
@@ -149,8 +151,7 @@ void nqSchedulerWorker::superviseStep()
     state.mPipe->processNamedPipeEvents(0, false);
     if (condemnIfOverLimit())
         return;
-    const bool hasBytes =
-        !state.mPipe->isReadChannelClosed() && !state.mPipe->incomingBuffer().empty();
+    const bool hasBytes = !state.mPipe->isReadChannelClosed() && state.mPipe->untakenBytes() != 0;
     const bool jobJustCompleted = hasBytes && receiveStep();
     if (isLost())
         failCurrentJob();
@@ -200,10 +201,11 @@ bool nqSchedulerWorker::receiveStep()
     // Complete the job first: pushResult lowers the count before it may throw, which loses the
     // result, and a job still held here would be failed and counted down again.
     std::vector<char> result = std::exchange(state.mResult, {});
-    std::vector<char> job = state.completeJob();
+    state.completeJob();
     if (state.mQueues != nullptr) {
         state.mQueues->pushResult(std::move(result));
-        state.mQueues->recycle(std::move(job));
+        if (state.mPipe->lentBytes() == 0)
+            state.mQueues->recycle(std::move(state.mFormerJob));
     }
     return true;
 }
@@ -258,7 +260,7 @@ bool nqSchedulerWorker::startNextJob()
 {
     nqSchedulerWorkerPrivate& state = *mPrivate;
     state.mSent = 0;
-    if (!state.mPipe->outgoingBuffer().empty())
+    if (state.mPipe->unsentBytes() != 0)
         return false;
     // Allocate first: once the job is taken, its failure must be armed and its header sent.
     state.mFailMessage.reserve(unexpectedCrash.size());
@@ -305,12 +307,15 @@ void nqSchedulerWorker::failCurrentJob()
 {
     nqSchedulerWorkerPrivate& state = *mPrivate;
     std::exception_ptr lostLine;
-    if (!state.mReadyForJob && state.mQueues != nullptr) {
-        if (!state.mFailureOwed)
-            lostLine = logFailedJob(state);
-        handBackFailedJob(state);
+    if (!state.mReadyForJob) {
+        if (state.mQueues != nullptr) {
+            state.mPipe->copyLent(); // the queue gets the memory
+            if (!state.mFailureOwed)
+                lostLine = logFailedJob(state);
+            handBackFailedJob(state);
+        }
+        state.completeJob();
     }
-    state.completeJob();
     state.endRecord();
     if (lostLine != nullptr)
         std::rethrow_exception(lostLine);

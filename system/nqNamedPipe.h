@@ -2,6 +2,7 @@
 
 #include "nqExport.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -73,10 +74,11 @@ public:
     /// Whether nothing can be sent any more; true as soon as the kernel has refused bytes for good.
     bool isWriteChannelClosed() const;
 
-    /// True while bytes wait in the outgoing buffer of an open pipe.
+    /// True while bytes wait to be sent on a pipe that can send.
     bool hasPendingWrite() const;
 
     /// Received and not yet consumed. The consumer takes bytes from the front and erases them.
+    /// Empty until the range of fill() is full.
     std::vector<char>& incomingBuffer();
 
     /// The same, read-only.
@@ -89,8 +91,44 @@ public:
     /// The same, read-only.
     const std::vector<char>& outgoingBuffer() const;
 
-    /// How many bytes the outgoing buffer may hold; the same for every pipe.
+    /// How many bytes may wait to be sent, lent ones included; the same for every pipe.
     std::uint64_t outgoingBufferLimit() const;
+
+    /// @name Large payloads, sent from and received into their own memory
+    /// @{
+
+    /// How many bytes wait to be sent: those of the outgoing buffer, then the lent ones.
+    std::size_t unsentBytes() const;
+
+    /// Adds `size` bytes, more than none, to be sent after all others. They must stay where they
+    /// are, unchanged, until lentBytes() is 0 or the pipe is closed. A range that continues the
+    /// lent one is lent with it; any other makes the pipe copy the lent one first. The pipe may
+    /// copy a small range at once. Without memory for that, throws and adds nothing.
+    void lend(const char* bytes, std::size_t size);
+
+    /// How many bytes are still lent.
+    std::size_t lentBytes() const;
+
+    /// Copies what is still lent into the outgoing buffer: before the lender changes it, and before
+    /// anything is appended to the buffer.
+    void copyLent();
+
+    /// Offers memory for the next bytes to be received, in place of memory offered before. Only
+    /// while nothing is untaken. It must stay until takeFilled() has counted `size` bytes in all,
+    /// stopFilling(), or the pipe is closed. A small range may be declined.
+    void fill(char* bytes, std::size_t size);
+
+    /// How many bytes have been received and not yet taken: those in the range of fill(), and
+    /// behind them those of the incoming buffer. The end of the stream stays hidden behind both.
+    std::size_t untakenBytes() const;
+
+    /// Counts the bytes that have come into the range since the last call as taken.
+    std::size_t takeFilled();
+
+    /// Gives the range back. What came into it untaken goes to the front of the incoming buffer.
+    void stopFilling();
+
+    /// @}
 
     /// The descriptor to wait on for incoming bytes; -1 when there is no connection or when the
     /// number cannot go into a select() set. While nothing is read because nobody empties the

@@ -18,17 +18,14 @@ std::int32_t signedSize(const std::vector<char>& bytes)
     return static_cast<std::int32_t>(bytes.size());
 }
 
-/// Appends at most the room that the outgoing buffer has, and returns how many bytes went in.
-std::size_t append(nqNamedPipe& pipe, const char* bytes, std::size_t count)
+/// How many of `count` bytes the pipe takes now.
+std::size_t fitting(const nqNamedPipe& pipe, std::size_t count)
 {
     if (!pipe.isConnected() || pipe.isWriteChannelClosed())
         return 0;
-    std::vector<char>& outgoing = pipe.outgoingBuffer();
     const std::uint64_t limit = pipe.outgoingBufferLimit();
-    const std::uint64_t room = limit > outgoing.size() ? limit - outgoing.size() : 0;
-    const std::size_t appended = std::min<std::uint64_t>(count, room);
-    outgoing.insert(outgoing.end(), bytes, bytes + appended);
-    return appended;
+    const std::uint64_t unsent = pipe.unsentBytes();
+    return std::min<std::uint64_t>(count, limit > unsent ? limit - unsent : 0);
 }
 
 void eraseFront(std::vector<char>& bytes, std::size_t count)
@@ -69,15 +66,22 @@ bool startFrame(nqNamedPipe& pipe, std::vector<char>& payload, std::vector<char>
     return true;
 }
 
+/// Counts what the pipe has put into the payload, adds what its buffer holds, and offers the pipe
+/// the memory for the rest.
 void accumulate(nqNamedPipe& pipe, std::vector<char>& payload, std::int32_t& received)
 {
+    if (!pipe.isConnected())
+        return;
+    received += static_cast<std::int32_t>(pipe.takeFilled());
     std::vector<char>& incoming = pipe.incomingBuffer();
     const std::int32_t count = std::min(signedSize(incoming), signedSize(payload) - received);
-    if (count <= 0 || !pipe.isConnected())
-        return;
-    std::memcpy(payload.data() + received, incoming.data(), static_cast<std::size_t>(count));
-    eraseFront(incoming, static_cast<std::size_t>(count));
-    received += count;
+    if (count > 0) {
+        std::memcpy(payload.data() + received, incoming.data(), static_cast<std::size_t>(count));
+        eraseFront(incoming, static_cast<std::size_t>(count));
+        received += count;
+    }
+    if (received < signedSize(payload))
+        pipe.fill(payload.data() + received, payload.size() - static_cast<std::size_t>(received));
 }
 
 } // namespace
@@ -87,7 +91,9 @@ void nqFrame::sendHeader(nqNamedPipe& pipe, const std::vector<char>& payload)
     const Header length = static_cast<Header>(payload.size());
     char bytes[headerBytes];
     std::memcpy(bytes, &length, sizeof length);
-    append(pipe, bytes, sizeof bytes);
+    pipe.copyLent(); // or the header would be sent before what is lent
+    std::vector<char>& outgoing = pipe.outgoingBuffer();
+    outgoing.insert(outgoing.end(), bytes, bytes + fitting(pipe, sizeof bytes));
 }
 
 void nqFrame::sendPayload(nqNamedPipe& pipe, const std::vector<char>& payload, std::int32_t& sent)
@@ -95,7 +101,11 @@ void nqFrame::sendPayload(nqNamedPipe& pipe, const std::vector<char>& payload, s
     if (!isSendPending(payload, sent))
         return;
     const auto left = static_cast<std::size_t>(signedSize(payload) - sent);
-    sent += static_cast<std::int32_t>(append(pipe, payload.data() + sent, left));
+    const std::size_t count = fitting(pipe, left);
+    if (count == 0)
+        return;
+    pipe.lend(payload.data() + sent, count);
+    sent += static_cast<std::int32_t>(count);
 }
 
 bool nqFrame::isSendPending(const std::vector<char>& payload, std::int32_t sent)

@@ -57,6 +57,7 @@ struct nqWorker::Private {
     }
 
     bool beginStep();
+    void reclaimLeftResult();
     void releaseIdleMemory();
     void blankUnreceived();
 
@@ -68,7 +69,8 @@ struct nqWorker::Private {
     std::int32_t mSent = 0;     // bytes of mResult handed to the pipe
     bool mFinished = false;
     Hook mHook = Hook::returned;
-    std::vector<char> mSpare; // the memory of an earlier payload, for the next job
+    std::vector<char> mLeaving; // a result that is handed over, with bytes still lent to the pipe
+    std::vector<char> mSpare;   // the memory of an earlier payload, for the next job
     std::uint32_t mSmallJobsInARow = 0;
 };
 
@@ -88,6 +90,16 @@ bool nqWorker::Private::beginStep()
     }
     mNamedPipe.closeNamedPipe();
     return false;
+}
+
+// The memory of a result that has left serves a job, if the hook has used up that of its own.
+void nqWorker::Private::reclaimLeftResult()
+{
+    if (mLeaving.empty() || mNamedPipe.lentBytes() != 0)
+        return;
+    if (mSpare.empty())
+        mSpare.swap(mLeaving);
+    std::vector<char>().swap(mLeaving);
 }
 
 // A busy worker keeps the memory of a large payload for the next one, since fresh memory costs more
@@ -160,8 +172,9 @@ void nqWorker::processWorker(int timeoutMs)
     const bool isStepBegun = mPrivate->beginStep();
     const bool nothingToSend = !pipe.hasPendingWrite();
     pipe.processNamedPipeEvents(timeoutMs, true);
+    mPrivate->reclaimLeftResult();
     if (isStepBegun) {
-        if (!pipe.incomingBuffer().empty())
+        if (pipe.untakenBytes() != 0)
             onReadyRead();
         else if (nothingToSend)
             mPrivate->releaseIdleMemory();
@@ -183,7 +196,7 @@ void nqWorker::onReadyRead()
     if (!isWhole)
         return;
     // A whole job waits for the result before it to leave the buffer.
-    if (state.mNamedPipe.outgoingBuffer().empty())
+    if (state.mNamedPipe.unsentBytes() == 0)
         onProcess();
 }
 
@@ -192,6 +205,9 @@ void nqWorker::onProcess()
     Private& state = *mPrivate;
     if (!state.beginStep())
         return;
+    // Neither is the case unless a derived class calls this by itself.
+    state.mNamedPipe.copyLent();
+    state.mNamedPipe.stopFilling();
     state.mResult.clear();
     state.blankUnreceived();
     HookRun run(state.mHook);
@@ -213,7 +229,9 @@ void nqWorker::onSendData()
     if (static_cast<std::uint32_t>(state.mSent) != static_cast<std::uint32_t>(state.mResult.size()))
         return;
     state.mSent = 0;
-    if (state.mSpare.empty())
+    if (state.mNamedPipe.lentBytes() != 0)
+        state.mLeaving.swap(state.mResult);
+    else if (state.mSpare.empty())
         state.mSpare.swap(state.mResult); // the hook has used up the memory of the job
     state.mResult.clear();
     if (state.mSmallJobsInARow >= smallJobsBeforeRelease)

@@ -68,4 +68,10 @@ nqTransfer receiveOnce(int socket, char* bytes, std::size_t size)
     return {nqTransferOutcome::moved, static_cast<std::size_t>(received)};
 }
 
+bool isEndNext(int socket)
+{
+    char next = 0;
+    return retryOnSignal([&] { return ::recv(socket, &next, sizeof next, MSG_PEEK); }) == 0;
+}
+
 } // namespace nq

@@ -53,6 +53,8 @@ public:
           mWriter(mRecord.outgoingLimit = input.pick<std::uint64_t>({4096, 4, 5, 7, 64, 1, 3, 0})),
           mWorker("pipe")
     {
+        const bool areCopied = mRecord.outgoingLimit % 2 == 1;
+        mRecord.smallestLoan = mRecord.smallestRange = areCopied ? fuzz::mostBytes : 1;
         mWorker.nextResult = {'o', 'k'};
     }
 
@@ -108,7 +110,7 @@ private:
             mRecord.isReadChannelClosed = true;
         } else if (what == 2) {
             mRecord.isWriteChannelClosed = true;
-            mRecord.outgoing.clear();
+            mRecord.dropUnsent();
             mWriter.drop();
         } else {
             loseHost();
@@ -157,9 +159,9 @@ private:
         checkJob();
         if (!isRefused)
             mWriter.goOn(isWritable());
-        require(mRecord.incoming == mReader.unread(), "what a step leaves for the next");
-        require(mRecord.outgoing == mWriter.outgoing(), "what a step sends");
-        require(mRecord.outgoing.size() <= mRecord.outgoingLimit, "the outgoing buffer's limit");
+        require(mRecord.untaken() == mReader.unread(), "what a step leaves for the next");
+        require(mRecord.unsent() == mWriter.outgoing(), "what a step sends");
+        require(mRecord.unsentBytes() <= mRecord.outgoingLimit, "the outgoing buffer's limit");
         if (isRefused)
             return;
         const bool isOver = !isConnected() || mRecord.isReadChannelClosed;
@@ -247,8 +249,8 @@ private:
     bool isQuiet() const
     {
         const std::size_t least = mReader.isWithinPayload() ? 1 : sizeof(std::uint32_t);
-        return !mWaitingJob && !mWriter.isPending() && mRecord.outgoing.empty() &&
-               mRecord.arrivals.empty() && mRecord.incoming.size() < least;
+        return !mWaitingJob && !mWriter.isPending() && mRecord.unsentBytes() == 0 &&
+               mRecord.arrivals.empty() && mRecord.untakenBytes() < least;
     }
 
     fuzz::Input& mInput;

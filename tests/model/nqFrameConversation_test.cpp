@@ -187,6 +187,10 @@ private:
         };
         recordPipe.outgoingLimit = limit();
         workerPipe.outgoingLimit = limit();
+        for (scripted::Pipe* one : {&recordPipe, &workerPipe}) {
+            one->smallestLoan = mRandom.pick<std::size_t>({1, 3, 1 << 20});
+            one->smallestRange = mRandom.pick<std::size_t>({1, 3, 1 << 20});
+        }
         auto pipe = std::make_unique<nq::nqNamedPipe>();
         mConnection = Connection{};
         mConnection.process = &process;
@@ -287,7 +291,7 @@ private:
         pipe.arrivals = {rest};
         pipe.endsWhenDrained = true;
         pipe.isWriteChannelClosed = true;
-        pipe.outgoing.clear();
+        pipe.dropUnsent();
         mConnection.process->state = nq::nqProcess::Ended;
 
         const bool isBusy = !mConnection.record->isReadyForJob();
@@ -320,9 +324,8 @@ private:
     void check()
     {
         Connection& one = mConnection;
-        expect(one.recordPipe->outgoing.size() <= one.recordPipe->outgoingLimit, "limit of jobs");
-        expect(
-            one.workerPipe->outgoing.size() <= one.workerPipe->outgoingLimit, "limit of results");
+        expect(one.recordPipe->unsentBytes() <= one.recordPipe->outgoingLimit, "limit of jobs");
+        expect(one.workerPipe->unsentBytes() <= one.workerPipe->outgoingLimit, "limit of results");
         expectFront(one.toWorker.takeSeen(), one.expectedToWorker, "bytes to the worker");
         expectFront(one.toRecord.takeSeen(), one.expectedToRecord, "bytes to the record");
         takeResults();

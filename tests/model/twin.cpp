@@ -103,8 +103,8 @@ void compare(
 
 void comparePipes(std::ostream& report, const scripted::Pipe& real, const scripted::Pipe& modelled)
 {
-    compare(report, real.name, ".incoming", real.incoming, modelled.incoming);
-    compare(report, real.name, ".outgoing", real.outgoing, modelled.outgoing);
+    compare(report, real.name, ".incoming", real.untaken(), modelled.untaken());
+    compare(report, real.name, ".outgoing", real.unsent(), modelled.unsent());
     compare(report, real.name, ".passedOn", real.passedOn, modelled.passedOn);
     compare(report, real.name, ".isConnected", real.isConnected, modelled.isConnected);
     compare(report, real.name, ".isDestroyed", real.isDestroyed, modelled.isDestroyed);
@@ -275,14 +275,14 @@ void Twin::somethingEnds()
     } else if (what < 52) {
         toPipe([](scripted::Pipe& pipe) {
             pipe.isWriteChannelClosed = true;
-            pipe.outgoing.clear();
+            pipe.dropUnsent();
         });
     } else if (what < 62) {
         // The write fails in the middle of a step, after everything else of that call.
         toPipe([](scripted::Pipe& pipe) {
             pipe.onEvents = [](scripted::Pipe& one) {
                 one.isWriteChannelClosed = true;
-                one.outgoing.clear();
+                one.dropUnsent();
             };
         });
     } else if (what < 70) {
@@ -398,6 +398,8 @@ void Twin::planPipe()
     pipe.socket %= 1024;
     pipe.outgoingLimit = randomLimit();
     pipe.passedOnPerCall = randomFlow();
+    pipe.smallestLoan = mRandom.pick<std::size_t>({1, 1, 3, 1 << 20});
+    pipe.smallestRange = mRandom.pick<std::size_t>({1, 1, 3, 1 << 20});
     pipe.endsWhenDrained = mRandom.percent(3);
     world.plannedPipes.push_back(std::make_shared<scripted::Pipe>(pipe));
     mPipes.push_back({&pipe, world.plannedPipes.back(), {}});

@@ -455,11 +455,11 @@ TEST_F(NamedPipe, carriesALargePayloadThatArrivesInSmallPieces)
     EXPECT_EQ(received.substr(0, 27), "abcdefghijklmnopqrstuvwxyza");
 }
 
-TEST_F(NamedPipe, hasAnOutgoingLimitThatTakesAQuarterOfAMebibyteAndItsHeaderAtOnce)
+TEST_F(NamedPipe, hasAnOutgoingLimitThatTakesAMebibyteAndItsHeaderAtOnce)
 {
     const nqNamedPipe pipe;
-    EXPECT_GE(pipe.outgoingBufferLimit(), mebibyte / 4 + 4);
-    EXPECT_LE(pipe.outgoingBufferLimit(), mebibyte / 2);
+    EXPECT_GE(pipe.outgoingBufferLimit(), mebibyte + 4);
+    EXPECT_LE(pipe.outgoingBufferLimit(), 2 * mebibyte);
 }
 
 TEST_F(NamedPipe, asksTheKernelForABufferThatTakesSeveralOutgoingBuffers)

@@ -27,12 +27,44 @@ void Pipe::lose()
     isWriteChannelClosed = true;
     socket = -1;
     incoming.clear();
-    outgoing.clear();
+    dropUnsent();
+    rangeSize = 0;
+    filled = 0;
 }
 
 bool Pipe::isAtItsEnd() const
 {
-    return endsWhenDrained && incoming.empty();
+    return endsWhenDrained && untakenBytes() == 0;
+}
+
+std::size_t Pipe::unsentBytes() const
+{
+    return outgoing.size() + lentSize;
+}
+
+std::vector<char> Pipe::unsent() const
+{
+    std::vector<char> bytes = outgoing;
+    bytes.insert(bytes.end(), lent, lent + lentSize);
+    return bytes;
+}
+
+std::vector<char> Pipe::untaken() const
+{
+    std::vector<char> bytes(range, range + filled);
+    bytes.insert(bytes.end(), incoming.begin(), incoming.end());
+    return bytes;
+}
+
+void Pipe::dropUnsent()
+{
+    outgoing.clear();
+    lentSize = 0;
+}
+
+std::size_t Pipe::untakenBytes() const
+{
+    return filled + incoming.size();
 }
 
 bool operator==(const Select& left, const Select& right)

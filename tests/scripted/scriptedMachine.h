@@ -34,6 +34,15 @@ struct Pipe {
     std::vector<char> outgoing;
     std::uint64_t outgoingLimit = std::uint64_t{1} << 20;
 
+    /// Ranges from these sizes on are lent, and filled, in their own memory.
+    std::size_t smallestLoan = std::size_t{16} << 10;
+    std::size_t smallestRange = std::size_t{16} << 10;
+    const char* lent = nullptr;
+    std::size_t lentSize = 0;
+    char* range = nullptr; ///< its first untaken byte
+    std::size_t rangeSize = 0;
+    std::size_t filled = 0;
+
     /// Bytes that reach the incoming buffer; each processNamedPipeEvents delivers one element.
     std::deque<std::vector<char>> arrivals;
     /// How many outgoing bytes one processNamedPipeEvents passes on; 0 is a peer that never reads.
@@ -49,6 +58,12 @@ struct Pipe {
     /// The connection is gone: nothing to read, nothing to write, no descriptor.
     void lose();
     bool isAtItsEnd() const;
+    std::size_t unsentBytes() const;
+    std::size_t untakenBytes() const;
+    /// The bytes themselves, wherever they lie.
+    std::vector<char> unsent() const;
+    std::vector<char> untaken() const;
+    void dropUnsent();
 };
 
 /// What one child process does, and what it was asked. A fresh record starts well, ends when it is

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <string>
+#include <utility>
 
 namespace nq {
 
@@ -17,6 +18,10 @@ void passOn(scripted::Pipe& pipe)
     const auto end = pipe.outgoing.begin() + static_cast<std::ptrdiff_t>(count);
     pipe.passedOn.insert(pipe.passedOn.end(), pipe.outgoing.begin(), end);
     pipe.outgoing.erase(pipe.outgoing.begin(), end);
+    const auto lent = std::min<std::uint64_t>(pipe.lentSize, pipe.passedOnPerCall - count);
+    pipe.passedOn.insert(pipe.passedOn.end(), pipe.lent, pipe.lent + lent);
+    pipe.lent += lent;
+    pipe.lentSize -= lent;
 }
 
 void takeIn(scripted::Pipe& pipe)
@@ -24,7 +29,11 @@ void takeIn(scripted::Pipe& pipe)
     if (pipe.arrivals.empty())
         return;
     const auto& bytes = pipe.arrivals.front();
-    pipe.incoming.insert(pipe.incoming.end(), bytes.begin(), bytes.end());
+    const std::size_t filled = std::min(bytes.size(), pipe.rangeSize - pipe.filled);
+    std::copy_n(bytes.begin(), filled, pipe.range + pipe.filled);
+    pipe.filled += filled;
+    const auto rest = bytes.begin() + static_cast<std::ptrdiff_t>(filled);
+    pipe.incoming.insert(pipe.incoming.end(), rest, bytes.end());
     pipe.arrivals.pop_front();
 }
 
@@ -89,7 +98,7 @@ bool nqNamedPipe::isWriteChannelClosed() const
 bool nqNamedPipe::hasPendingWrite() const
 {
     scripted::machine().query(mPrivate->pipe->name + ": hasPendingWrite()");
-    return mPrivate->pipe->isConnected && !mPrivate->pipe->outgoing.empty();
+    return mPrivate->pipe->isConnected && mPrivate->pipe->unsentBytes() != 0;
 }
 
 std::vector<char>& nqNamedPipe::incomingBuffer()
@@ -115,6 +124,69 @@ const std::vector<char>& nqNamedPipe::outgoingBuffer() const
 std::uint64_t nqNamedPipe::outgoingBufferLimit() const
 {
     return mPrivate->pipe->outgoingLimit;
+}
+
+std::size_t nqNamedPipe::unsentBytes() const
+{
+    return mPrivate->pipe->unsentBytes();
+}
+
+void nqNamedPipe::lend(const char* bytes, std::size_t size)
+{
+    scripted::Pipe& pipe = *mPrivate->pipe;
+    if (pipe.lentSize != 0 && pipe.lent + pipe.lentSize == bytes) {
+        pipe.lentSize += size;
+        return;
+    }
+    copyLent();
+    if (size >= pipe.smallestLoan) {
+        pipe.lent = bytes;
+        pipe.lentSize = size;
+    } else {
+        pipe.outgoing.insert(pipe.outgoing.end(), bytes, bytes + size);
+    }
+}
+
+std::size_t nqNamedPipe::lentBytes() const
+{
+    return mPrivate->pipe->lentSize;
+}
+
+void nqNamedPipe::copyLent()
+{
+    scripted::Pipe& pipe = *mPrivate->pipe;
+    pipe.outgoing.insert(pipe.outgoing.end(), pipe.lent, pipe.lent + pipe.lentSize);
+    pipe.lentSize = 0;
+}
+
+void nqNamedPipe::fill(char* bytes, std::size_t size)
+{
+    scripted::Pipe& pipe = *mPrivate->pipe;
+    if (size < pipe.smallestRange)
+        return;
+    pipe.range = bytes;
+    pipe.rangeSize = size;
+}
+
+std::size_t nqNamedPipe::untakenBytes() const
+{
+    return mPrivate->pipe->untakenBytes();
+}
+
+std::size_t nqNamedPipe::takeFilled()
+{
+    scripted::Pipe& pipe = *mPrivate->pipe;
+    pipe.range += pipe.filled;
+    pipe.rangeSize -= pipe.filled;
+    return std::exchange(pipe.filled, 0);
+}
+
+void nqNamedPipe::stopFilling()
+{
+    scripted::Pipe& pipe = *mPrivate->pipe;
+    pipe.incoming.insert(pipe.incoming.begin(), pipe.range, pipe.range + pipe.filled);
+    pipe.filled = 0;
+    pipe.rangeSize = 0;
 }
 
 int nqNamedPipe::getSocket() const

@@ -1,0 +1,78 @@
+#include "system/linux/nqIncomingBytes.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <utility>
+
+namespace nq {
+
+namespace {
+
+// What one read takes without a range: enough for a header with its small payload.
+constexpr std::size_t readBytes = std::size_t{20} << 10;
+
+// One flooding worker does not grow the host beyond this.
+constexpr std::size_t bufferLimitBytes = std::size_t{256} << 10;
+
+// The rest of a smaller payload comes with one more read, which may bring the next frame as well.
+constexpr std::size_t smallestRange = readBytes;
+
+} // namespace
+
+bool nqIncomingBytes::isFull() const
+{
+    return !isFilling() && mBuffer.size() >= bufferLimitBytes;
+}
+
+void nqIncomingBytes::fill(char* bytes, std::size_t size)
+{
+    if (size < smallestRange)
+        return;
+    mRange = bytes;
+    mRangeSize = size;
+    mFilled = 0;
+}
+
+std::size_t nqIncomingBytes::takeFilled()
+{
+    mRange += mFilled;
+    mRangeSize -= mFilled;
+    return std::exchange(mFilled, 0);
+}
+
+void nqIncomingBytes::stopFilling()
+{
+    mBuffer.insert(mBuffer.begin(), mRange, mRange + mFilled);
+    mFilled = 0;
+    mRangeSize = 0;
+}
+
+std::size_t nqIncomingBytes::room() const
+{
+    if (isFilling())
+        return mRangeSize - mFilled;
+    return std::min(readBytes, bufferLimitBytes - std::min(bufferLimitBytes, mBuffer.size()));
+}
+
+nqTransfer nqIncomingBytes::receiveFrom(int socket, std::size_t wanted)
+{
+    if (isFilling()) {
+        const nqTransfer received = receiveOnce(socket, mRange + mFilled, wanted);
+        mFilled += received.mCount;
+        return received;
+    }
+    mBuffer.reserve(mBuffer.size() + wanted);
+    char aside[readBytes]; // the buffer could only grow by zeros first
+    const nqTransfer received = receiveOnce(socket, aside, wanted);
+    mBuffer.insert(mBuffer.end(), aside, aside + received.mCount);
+    return received;
+}
+
+void nqIncomingBytes::clear()
+{
+    mBuffer.clear();
+    mFilled = 0;
+    mRangeSize = 0;
+}
+
+} // namespace nq

@@ -1,0 +1,247 @@
+// One call moves bytes in this order: write, read, and only if neither moved any, wait, then write
+// and read once more. Bytes travel between the kernel and the two byte stores, which know whether a
+// byte lies in a buffer or in a payload's own memory.
+//
+// What ends a pipe: the end of the stream, seen by read, once the bytes before it are taken; a peer
+// that has died, also when others hold its socket open; an abandoned end. What must never happen: a
+// byte lost that was received, an end that hides for good, a wait while there is something to do.
+#include "system/linux/nqNamedPipePrivate.h"
+
+#include "system/linux/nqDeadline.h"
+#include "system/linux/nqPipeSocket.h"
+
+#include <algorithm>
+#include <ctime>
+#include <iterator>
+#include <poll.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <thread>
+#include <utility>
+
+namespace nq {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+// What one call takes in, so that a large payload does not starve the other workers.
+constexpr std::size_t bytesPerCall = std::size_t{1} << 20;
+
+// Some calls' worth, so that neither end soon waits for the other.
+constexpr int kernelSendBufferBytes = 1 << 20;
+
+// Soon enough to notice a dead worker, seldom enough to cost a busy pump nothing.
+constexpr milliseconds peerProbeInterval{250};
+
+milliseconds coarseNow()
+{
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return std::chrono::duration_cast<milliseconds>(
+        std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec));
+}
+
+void enlargeKernelBuffer(int socket)
+{
+    const int wanted = kernelSendBufferBytes;
+    if (::setsockopt(socket, SOL_SOCKET, SO_SNDBUFFORCE, &wanted, sizeof wanted) == 0)
+        return;
+    // Without the privilege the system's maximum applies. A smaller buffer is only slower.
+    ::setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &wanted, sizeof wanted);
+}
+
+bool isReported(int socket, short events)
+{
+    pollfd watched{socket, events, 0};
+    return nqDeadline(0).poll(&watched, 1) > 0;
+}
+
+} // namespace
+
+void nqNamedPipe::Private::adopt(nqDescriptor socket, nqPeer peer)
+{
+    close();
+    mSocket = std::move(socket);
+    mPeer = std::move(peer);
+    mLastProbe = coarseNow();
+    mSkippedRead = nqSkippedRead();
+    mWait = nqPipeWait();
+    mPhase = Phase::open;
+    enlargeKernelBuffer(mSocket.get());
+    moveIntoRangeOfSelect();
+}
+
+void nqNamedPipe::Private::close()
+{
+    if (mOwner.isThisProcess())
+        shutDownAndClose(mSocket);
+    mSocket.close();
+    mPeer = nqPeer();
+    mWriteFailed = false;
+    mIncoming.clear();
+    mOutgoing.clear();
+    mUntakenByLastCall = 0;
+    mPhase = Phase::closed;
+}
+
+bool nqNamedPipe::Private::isConnected() const
+{
+    switch (mPhase) {
+    case Phase::closed:
+        return false;
+    case Phase::open:
+        return true;
+    case Phase::ended:
+        return mIncoming.untakenBytes() != 0;
+    }
+    return false;
+}
+
+bool nqNamedPipe::Private::isWriteChannelClosed() const
+{
+    return mWriteFailed || !isConnected();
+}
+
+bool nqNamedPipe::Private::hasPendingWrite() const
+{
+    return mOutgoing.size() != 0 && !isWriteChannelClosed();
+}
+
+void nqNamedPipe::Private::processEvents(int timeoutMs, bool wait)
+{
+    if (!mOwner.isThisProcess() || !isConnected() || probeAbandonment()) {
+        close();
+        return;
+    }
+    // The end of the stream is news for the caller, so it is not waited behind.
+    const bool mayWait = wait && timeoutMs > 0 && mPhase == Phase::open;
+    bool moved = write();
+    if (!mSkippedRead.skips(moved, mayWait))
+        moved = read(mayWait) || moved;
+    if (!moved && mayWait) {
+        this->wait(timeoutMs);
+        write();
+        read(mayWait);
+    }
+    // A caller that must not wait comes straight back while the peer has no room for more. The peer
+    // may need this very processor to make some.
+    if (!moved && !mayWait && hasPendingWrite())
+        std::this_thread::yield();
+    if (!isConnected())
+        close();
+    mPeer.keepInRangeOfSelect(mIncoming.isFull()); // for getSocket(), which only asks
+    mUntakenByLastCall = mIncoming.untakenBytes();
+}
+
+// Sends the buffer, then what is lent. True when there is anything new for the caller.
+bool nqNamedPipe::Private::write()
+{
+    bool moved = false;
+    while (mOutgoing.size() != 0 && !mWriteFailed) {
+        const nqOutgoingBytes::Piece piece = mOutgoing.front();
+        const nqTransfer sent = sendOnce(mSocket.get(), piece.mBytes, piece.mSize);
+        if (sent.mOutcome == nqTransferOutcome::wouldBlock)
+            return moved;
+        moved = true;
+        mWriteFailed = sent.mOutcome == nqTransferOutcome::closed;
+        mOutgoing.drop(sent.mCount);
+        if (sent.mCount < piece.mSize)
+            break;
+    }
+    if (mWriteFailed)
+        mOutgoing.clear();
+    return moved;
+}
+
+// Reads until the kernel says that it has nothing more, not only until a short count: a worker that
+// answered and left is then known to have left, and is not given another job. A caller that waits
+// comes back for the end anyway. A read that fills the buffer's share ends the call, since the
+// consumer may have memory of its own for the rest. True when there is anything new for the caller.
+bool nqNamedPipe::Private::read(bool mayStopAtShortCount)
+{
+    bool anythingNew = false;
+    std::size_t left = bytesPerCall;
+    mSkippedRead.noteRead(false);
+    while (mPhase == Phase::open && left != 0 && !mIncoming.isFull()) {
+        const bool peerWasDead = mPeer.isKnownDead();
+        const bool isFilling = mIncoming.isFilling();
+        const std::size_t wanted = std::min(mIncoming.room(), left);
+        const nqTransfer received = mIncoming.receiveFrom(mSocket.get(), wanted);
+        switch (received.mOutcome) {
+        case nqTransferOutcome::moved:
+            anythingNew = true;
+            left = received.mCount == wanted && !isFilling ? 0 : left - received.mCount;
+            if (received.mCount < wanted && mayStopAtShortCount && !peerWasDead) {
+                mSkippedRead.noteRead(true);
+                return true;
+            }
+            break;
+        case nqTransferOutcome::closed:
+            mPhase = Phase::ended;
+            return true;
+        case nqTransferOutcome::wouldBlock:
+            if (peerWasDead) {
+                mPhase = Phase::ended;
+                return true;
+            }
+            if (!probePeer()) {
+                mSkippedRead.noteRead(true);
+                return anythingNew;
+            }
+            anythingNew = true; // and one read more, for what it sent before it died
+            break;
+        }
+    }
+    if (left == 0 && !mayStopAtShortCount && isEndNext(mSocket.get()))
+        mPhase = Phase::ended;
+    return anythingNew;
+}
+
+// Whether the peer is found dead. Looks now and then only, since a look costs a system call and
+// most passes find nothing.
+bool nqNamedPipe::Private::probePeer()
+{
+    const milliseconds now = coarseNow();
+    if (now - mLastProbe < peerProbeInterval)
+        return false;
+    mLastProbe = now;
+    moveIntoRangeOfSelect();
+    mPeer.watchWith(mSocket.get());
+    return mPeer.probeDeath();
+}
+
+void nqNamedPipe::Private::wait(int timeoutMs)
+{
+    pollfd watched[] = {
+        {mSocket.get(), mIncoming.isFull() ? short{POLLRDHUP} : short{POLLIN}, 0},
+        {mPeer.watch(), POLLIN, 0}, // poll passes over a descriptor of -1
+    };
+    if (hasPendingWrite())
+        watched[0].events = static_cast<short>(watched[0].events | POLLOUT);
+    mWait.wait(watched, timeoutMs);
+    if (watched[1].revents != 0)
+        mPeer.probeDeath();
+}
+
+// An idle worker that died leaving junk must not look alive for good because nobody takes the junk.
+// When there is more of it than the buffer holds, reading never gets to the end of the stream.
+bool nqNamedPipe::Private::probeAbandonment()
+{
+    const std::size_t untaken = mIncoming.untakenBytes();
+    if (untaken == 0 || untaken < mUntakenByLastCall)
+        return false;
+    if (mPhase == Phase::ended)
+        return true;
+    return mIncoming.isFull() && (isReported(mSocket.get(), POLLRDHUP) || mPeer.probeDeath());
+}
+
+// A number of FD_SETSIZE or more would make select() write outside its set. A lower one may be free
+// later only, so this is tried again from time to time.
+void nqNamedPipe::Private::moveIntoRangeOfSelect()
+{
+    if (mSocket.get() >= FD_SETSIZE)
+        mSocket.moveToLowNumber();
+}
+
+} // namespace nq
