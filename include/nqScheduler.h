@@ -52,8 +52,8 @@ class nqSchedulerPrivate;
 /// that cannot be stored is lost, and its job is no longer counted.
 ///
 /// @par Ownership
-/// What is passed in is copied. Texts that are returned by reference belong to the scheduler and
-/// live until they are set anew.
+/// What is passed in is copied, but for a job that is moved. Texts that are returned by reference
+/// belong to the scheduler and live until they are set anew.
 class NQ_API nqScheduler {
 public:
     /// Why a job failed.
@@ -176,6 +176,10 @@ public:
     /// it is accepted and counted, but never sent, and waitForFinished and stopScheduler then wait
     /// for it forever. Jobs of 2^31 bytes or more are not supported.
     void push(const std::vector<char>& job);
+
+    /// The same without a copy: takes the job's memory and leaves `job` empty. Without memory for
+    /// the entry, throws and leaves `job` as it was.
+    void push(std::vector<char>&& job);
 
     /// Moves the oldest result into `result`. False, and `result` untouched, when there is none.
     /// The memory of a few large payloads is kept for the next ones until pop() finds neither a job

@@ -37,6 +37,11 @@ void nqJobQueues::push(const std::vector<char>& job)
     mPendingJobs.push_back(std::move(copy));
 }
 
+void nqJobQueues::push(std::vector<char>&& job)
+{
+    mPendingJobs.push_back(std::move(job));
+}
+
 bool nqJobQueues::pop(std::vector<char>& result)
 {
     dropSparesWhenIdle();

@@ -22,6 +22,7 @@ namespace nq {
 class nqJobQueues {
 public:
     void push(const std::vector<char>& job);
+    void push(std::vector<char>&& job);
     bool pop(std::vector<char>& result);
     bool popFail(std::vector<char>& job, nqScheduler::FailReason& reason, std::string& message);
     void clearPendingJobs();

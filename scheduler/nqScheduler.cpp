@@ -3,6 +3,8 @@
 #include "scheduler/nqSchedulerPrivate.h"
 #include "system/nqSystemUtils.h"
 
+#include <utility>
+
 namespace nq {
 
 nqSchedulerPrivate::nqSchedulerPrivate()
@@ -104,6 +106,11 @@ bool nqScheduler::prependChannelId() const
 void nqScheduler::push(const std::vector<char>& job)
 {
     mPrivate->mQueues->push(job);
+}
+
+void nqScheduler::push(std::vector<char>&& job)
+{
+    mPrivate->mQueues->push(std::move(job));
 }
 
 bool nqScheduler::pop(std::vector<char>& result)

@@ -62,6 +62,40 @@ TEST(JobQueues, keepACopyOfAPushedJob)
     EXPECT_EQ(take(queues), bytes("job"));
 }
 
+TEST(JobQueues, takeTheMemoryOfAMovedJob)
+{
+    nqJobQueues queues;
+    Bytes job = largeData;
+    const char* const memory = job.data();
+    queues.push(std::move(job));
+    EXPECT_TRUE(job.empty()); // NOLINT(bugprone-use-after-move): what a moved-from job is
+    EXPECT_EQ(queues.jobCount(), 1U);
+    EXPECT_EQ(take(queues).data(), memory);
+}
+
+TEST(JobQueues, leaveAMovedJobAloneThatFindsNoPlace)
+{
+    if (!RefusedMemory::isPossible())
+        GTEST_SKIP() << "this tool has an allocator of its own";
+    constexpr std::size_t smallestPlaces = 256; // less than a deque asks for at a time
+    nqJobQueues queues;
+    unsigned long jobs = 0;
+    Bytes job = bytes("job");
+    bool isRefused = false;
+    while (!isRefused) {
+        const RefusedMemory refused(smallestPlaces);
+        try {
+            queues.push(std::move(job));
+            ++jobs;
+            job = bytes("job");
+        } catch (const std::bad_alloc&) {
+            isRefused = true;
+        }
+    }
+    EXPECT_EQ(job, bytes("job"));
+    EXPECT_EQ(queues.jobCount(), jobs);
+}
+
 TEST(JobQueues, moveJobsAndResultsOutWithoutCopying)
 {
     if (!RefusedMemory::isPossible())
