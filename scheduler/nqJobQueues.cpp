@@ -1,23 +1,10 @@
 #include "scheduler/nqJobQueues.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace nq {
 
 namespace {
-
-// Below this the allocator hands out memory that it has at hand.
-constexpr std::size_t smallestSpareBytes = std::size_t{64} << 10;
-
-// This many misses in a row: the host's payloads have become small, and the spares are freed.
-constexpr std::uint32_t missesBeforeRelease = 64;
-
-// A small payload must not occupy the memory of a large one.
-bool isMuchLarger(const std::vector<char>& spare, std::size_t bytes)
-{
-    return spare.capacity() / 2 > bytes;
-}
 
 bool moveFrontInto(std::deque<std::vector<char>>& queue, std::vector<char>& data)
 {
@@ -32,7 +19,7 @@ bool moveFrontInto(std::deque<std::vector<char>>& queue, std::vector<char>& data
 
 void nqJobQueues::push(const std::vector<char>& job)
 {
-    std::vector<char> copy = takeSpare(job.size());
+    std::vector<char> copy = mSpareMemory.take(job.size());
     copy.assign(job.begin(), job.end());
     mPendingJobs.push_back(std::move(copy));
 }
@@ -44,13 +31,14 @@ void nqJobQueues::push(std::vector<char>&& job)
 
 bool nqJobQueues::pop(std::vector<char>& result)
 {
-    dropSparesWhenIdle();
+    if (mSpareMemory.isOutgrown() || (allJobsDone() && mResults.empty()))
+        mSpareMemory.release();
     if (mResults.empty())
         return false;
     result.swap(mResults.front());
     // The host's old buffer may stem from a time when its payloads were larger.
-    if (!isMuchLarger(mResults.front(), result.size()))
-        recycle(std::move(mResults.front()));
+    if (!nqSpareMemory::isWasted(mResults.front(), result.size()))
+        mSpareMemory.keep(std::move(mResults.front()));
     mResults.pop_front();
     return true;
 }
@@ -102,48 +90,9 @@ bool nqJobQueues::allJobsDone() const
     return jobCount() == 0;
 }
 
-void nqJobQueues::recycle(std::vector<char>&& buffer) noexcept
+nqSpareMemory& nqJobQueues::spareMemory()
 {
-    if (buffer.capacity() < smallestSpareBytes)
-        return;
-    std::rotate(mSpares.begin(), mSpares.end() - 1, mSpares.end());
-    mSpares.front() = std::move(buffer);
-    mMissesInARow = 0;
-}
-
-// The latest spare that fits: the processor's cache still holds its bytes.
-std::vector<char> nqJobQueues::takeSpare(std::size_t bytes)
-{
-    if (!hasSpares())
-        return {};
-    const auto fits = [bytes](const std::vector<char>& spare) {
-        return spare.capacity() >= bytes && !isMuchLarger(spare, bytes);
-    };
-    const auto spare = std::find_if(mSpares.begin(), mSpares.end(), fits);
-    if (spare == mSpares.end()) {
-        if (++mMissesInARow == missesBeforeRelease)
-            dropSpares();
-        return {};
-    }
-    std::vector<char> taken = std::move(*spare);
-    std::rotate(spare, spare + 1, mSpares.end());
-    return taken;
-}
-
-bool nqJobQueues::hasSpares() const
-{
-    return mSpares.front().capacity() != 0;
-}
-
-void nqJobQueues::dropSpares()
-{
-    mSpares = {};
-}
-
-void nqJobQueues::dropSparesWhenIdle()
-{
-    if (hasSpares() && allJobsDone() && mResults.empty())
-        dropSpares();
+    return mSpareMemory;
 }
 
 bool nqJobQueues::takeNextJob(std::vector<char>& job)

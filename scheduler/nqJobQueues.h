@@ -2,9 +2,8 @@
 
 #include "include/nqScheduler.h"
 #include "scheduler/nqFailedJob.h"
+#include "support/nqSpareMemory.h"
 
-#include <array>
-#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <string>
@@ -51,26 +50,16 @@ public:
     void storeFailedJob(
         std::vector<char>&& job, nqScheduler::FailReason reason, const std::string& message);
 
-    /// The memory of large payloads is kept for later ones, since fresh memory costs more than the
-    /// copy into it. takeSpare returns a spare buffer with room for `bytes` and not much more,
-    /// still holding old bytes, or an empty one. The spares are few. They are freed when pop finds
-    /// neither a job nor a result left, and when a number of payloads in a row fitted none.
-    void recycle(std::vector<char>&& buffer) noexcept;
-    std::vector<char> takeSpare(std::size_t bytes);
+    /// For the jobs that are pushed and the results that are received. Released when pop finds
+    /// neither a job nor a result left, and when it is outgrown.
+    nqSpareMemory& spareMemory();
 
 private:
-    static constexpr std::size_t maxSpares = 4;
-
-    bool hasSpares() const;
-    void dropSpares();
-    void dropSparesWhenIdle();
-
     std::deque<nqFailedJob> mFailedJobs;
     std::deque<std::vector<char>> mPendingJobs;
     std::deque<std::vector<char>> mResults;
     std::int32_t mJobsInProgress = 0;
-    std::array<std::vector<char>, maxSpares> mSpares; // latest first, empty ones last
-    std::uint32_t mMissesInARow = 0;                  // payloads that fitted none
+    nqSpareMemory mSpareMemory;
 };
 
 } // namespace nq

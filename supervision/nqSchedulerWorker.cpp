@@ -190,23 +190,19 @@ bool nqSchedulerWorker::condemnIfOverLimit()
 bool nqSchedulerWorker::receiveStep()
 {
     nqSchedulerWorkerPrivate& state = *mPrivate;
-    if (state.mReadyForJob)
+    if (state.mReadyForJob || state.mQueues == nullptr)
         return false;
-    std::vector<char> spare;
-    if (state.mResult.empty() && state.mQueues != nullptr)
-        spare = state.mQueues->takeSpare(nqFrame::announcedBytes(*state.mPipe));
-    if (!nqFrame::receive(*state.mPipe, state.mResult, state.mReceived, true, std::move(spare)))
+    nqSpareMemory& spares = state.mQueues->spareMemory();
+    if (!nqFrame::receive(*state.mPipe, state.mResult, state.mReceived, true, spares))
         return false;
 
     // Complete the job first: pushResult lowers the count before it may throw, which loses the
     // result, and a job still held here would be failed and counted down again.
     std::vector<char> result = std::exchange(state.mResult, {});
     state.completeJob();
-    if (state.mQueues != nullptr) {
-        state.mQueues->pushResult(std::move(result));
-        if (state.mPipe->lentBytes() == 0)
-            state.mQueues->recycle(std::move(state.mFormerJob));
-    }
+    state.mQueues->pushResult(std::move(result));
+    if (state.mPipe->lentBytes() == 0)
+        spares.keep(std::move(state.mFormerJob));
     return true;
 }
 

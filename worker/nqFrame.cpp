@@ -33,30 +33,31 @@ void eraseFront(std::vector<char>& bytes, std::size_t count)
     bytes.erase(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count));
 }
 
-/// Makes `payload` `size` bytes large, in the memory of `spare` if that is large enough. The old
-/// bytes there are not cleared: each is overwritten before the payload is whole, and clearing costs
-/// as much as receiving. A size that is negative for the counters counts as whole at once; its
-/// bytes are zeros.
-void resizeInSpareMemory(std::vector<char>& payload, std::vector<char>&& spare, std::size_t size)
+/// Old bytes of a spare are not cleared: each is overwritten before the payload is whole, and
+/// clearing costs as much as receiving. A size that is negative for the counters counts as whole at
+/// once, so its bytes are zeros.
+std::vector<char> makePayload(std::size_t size, nqSpareMemory& spares)
 {
-    if (spare.capacity() < size || size > std::numeric_limits<std::int32_t>::max())
-        spare.clear(); // else resize would copy its bytes, or a size over the limit would show them
-    payload = std::move(spare);
+    std::vector<char> payload = spares.take(size);
+    if (size > std::numeric_limits<std::int32_t>::max())
+        payload.clear();
     payload.resize(size);
+    return payload;
 }
 
 /// Takes a header, if it is whole, and gives `payload` its size. False when no payload follows now.
-bool startFrame(nqNamedPipe& pipe, std::vector<char>& payload, std::vector<char>&& spare)
+bool startFrame(nqNamedPipe& pipe, std::vector<char>& payload, nqSpareMemory& spares)
 {
     std::vector<char>& incoming = pipe.incomingBuffer();
     if (incoming.size() < nqFrame::headerBytes || !pipe.isConnected())
         return false;
-    const Header length = nqFrame::announcedBytes(pipe);
+    Header length = 0;
+    std::memcpy(&length, incoming.data(), sizeof length);
     eraseFront(incoming, nqFrame::headerBytes);
     if (length == 0)
         return false;
     try {
-        resizeInSpareMemory(payload, std::move(spare), length);
+        payload = makePayload(length, spares);
     } catch (...) {
         // The bytes that follow would be read as another header. A length that cannot be
         // allocated costs one job and one exception, and nothing after that.
@@ -113,25 +114,16 @@ bool nqFrame::isSendPending(const std::vector<char>& payload, std::int32_t sent)
     return sent < signedSize(payload);
 }
 
-std::uint32_t nqFrame::announcedBytes(const nqNamedPipe& pipe)
-{
-    const std::vector<char>& incoming = pipe.incomingBuffer();
-    Header length = 0;
-    if (incoming.size() >= sizeof length)
-        std::memcpy(&length, incoming.data(), sizeof length);
-    return length;
-}
-
 bool nqFrame::receive(
     nqNamedPipe& pipe,
     std::vector<char>& payload,
     std::int32_t& received,
     bool mayStart,
-    std::vector<char>&& spare)
+    nqSpareMemory& spares)
 {
     if (payload.empty() && mayStart) {
         received = 0;
-        if (!startFrame(pipe, payload, std::move(spare)))
+        if (!startFrame(pipe, payload, spares))
             return false;
     }
     accumulate(pipe, payload, received);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/nqSpareMemory.h"
 #include "system/nqNamedPipe.h"
 
 #include <cstddef>
@@ -30,22 +31,18 @@ public:
     /// Whether bytes of `payload` remain to be sent.
     static bool isSendPending(const std::vector<char>& payload, std::int32_t sent);
 
-    /// The payload bytes that the header at the front of the incoming buffer announces; 0 while it
-    /// is not whole.
-    static std::uint32_t announcedBytes(const nqNamedPipe& pipe);
-
     /// Takes bytes of one frame out of the incoming buffer. A header is looked for only while
-    /// `payload` is empty and `mayStart` is set; it gives `payload` its final size, in the memory
-    /// of `spare` if that is large enough. `spare` is moved from only when a payload starts. Until
-    /// the frame is whole, the bytes of `payload` from `received` on are unspecified. True when
-    /// `received` has reached the size. A frame of length 0 is consumed and gives false. A payload
-    /// that cannot be allocated closes the pipe and passes the exception on.
+    /// `payload` is empty and `mayStart` is set; it gives `payload` its final size, in memory of
+    /// `spares` if there is any that fits. Until the frame is whole, the bytes of `payload` from
+    /// `received` on are unspecified. True when `received` has reached the size. A frame of length
+    /// 0 is consumed and gives false. A payload that cannot be allocated closes the pipe and passes
+    /// the exception on.
     static bool receive(
         nqNamedPipe& pipe,
         std::vector<char>& payload,
         std::int32_t& received,
         bool mayStart,
-        std::vector<char>&& spare = {});
+        nqSpareMemory& spares);
 };
 
 } // namespace nq

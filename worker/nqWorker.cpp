@@ -1,5 +1,6 @@
 #include "include/nqWorker.h"
 
+#include "support/nqSpareMemory.h"
 #include "system/nqNamedPipe.h"
 #include "system/nqSystemUtils.h"
 #include "worker/nqFrame.h"
@@ -14,7 +15,6 @@ namespace nq {
 namespace {
 
 constexpr std::size_t keptIdleBytes = std::size_t{1} << 20; // too little to matter to a memory cap
-constexpr std::uint32_t smallJobsBeforeRelease = 64;
 
 enum class Hook {
     returned, // or has not run yet: job and result are valid
@@ -57,21 +57,20 @@ struct nqWorker::Private {
     }
 
     bool beginStep();
-    void reclaimLeftResult();
+    bool isResultHandedOver() const;
+    void reuseResult();
     void releaseIdleMemory();
     void blankUnreceived();
 
     const std::string mSchedulerUtf8;
     nqNamedPipe mNamedPipe;
     std::vector<char> mJob;     // being received, then processed
-    std::vector<char> mResult;  // being sent; while it holds bytes no further job is started
+    std::vector<char> mResult;  // being sent; kept until the next hook, since the pipe borrows it
     std::int32_t mReceived = 0; // bytes of mJob
     std::int32_t mSent = 0;     // bytes of mResult handed to the pipe
     bool mFinished = false;
     Hook mHook = Hook::returned;
-    std::vector<char> mLeaving; // a result that is handed over, with bytes still lent to the pipe
-    std::vector<char> mSpare;   // the memory of an earlier payload, for the next job
-    std::uint32_t mSmallJobsInARow = 0;
+    nqSpareMemory mSpares; // for the next jobs
 };
 
 // False when nothing may be received, run or sent: inside the hook, and for good once an exception
@@ -92,33 +91,33 @@ bool nqWorker::Private::beginStep()
     return false;
 }
 
-// The memory of a result that has left serves a job, if the hook has used up that of its own.
-void nqWorker::Private::reclaimLeftResult()
+// No further job is started before. A result whose size is 0 or negative for the counter never is.
+bool nqWorker::Private::isResultHandedOver() const
 {
-    if (mLeaving.empty() || mNamedPipe.lentBytes() != 0)
-        return;
-    if (mSpare.empty())
-        mSpare.swap(mLeaving);
-    std::vector<char>().swap(mLeaving);
+    const auto sent = static_cast<std::uint32_t>(mSent);
+    return mResult.empty() || (sent != 0 && sent == static_cast<std::uint32_t>(mResult.size()));
 }
 
-// A busy worker keeps the memory of a large payload for the next one, since fresh memory costs more
-// than the copy into it. An idle one, or one that has had only small jobs for a while, gives it
-// back: the scheduler's memory caps would count it against the jobs to come.
+// For a hook that has moved the memory of its job into the result.
+void nqWorker::Private::reuseResult()
+{
+    if (!mJob.empty() || !mSpares.isEmpty() || !isResultHandedOver() || mNamedPipe.lentBytes() != 0)
+        return;
+    mSpares.keep(std::exchange(mResult, {}));
+    mSent = 0;
+}
+
+// The scheduler's memory caps would count it against the jobs to come.
 void nqWorker::Private::releaseIdleMemory()
 {
-    if (!mJob.empty() || !mResult.empty())
+    if (!mJob.empty() || !isResultHandedOver() || mNamedPipe.lentBytes() != 0)
         return;
-    bool isAnyReleased = false;
-    for (std::vector<char>* payload : {&mJob, &mResult, &mSpare}) {
-        if (payload->capacity() <= keptIdleBytes)
-            continue;
-        std::vector<char>().swap(*payload);
-        isAnyReleased = true;
-    }
-    mSmallJobsInARow = 0;
-    if (isAnyReleased)
-        nqSystemUtils::ReleaseFreeMemory();
+    if (mSpares.bytes() + mResult.capacity() <= keptIdleBytes)
+        return;
+    mSpares.release();
+    std::vector<char>().swap(mResult);
+    mSent = 0;
+    nqSystemUtils::ReleaseFreeMemory();
 }
 
 // Only a derived class that calls onProcess by itself can find its job incomplete. It must not see
@@ -172,7 +171,6 @@ void nqWorker::processWorker(int timeoutMs)
     const bool isStepBegun = mPrivate->beginStep();
     const bool nothingToSend = !pipe.hasPendingWrite();
     pipe.processNamedPipeEvents(timeoutMs, true);
-    mPrivate->reclaimLeftResult();
     if (isStepBegun) {
         if (pipe.untakenBytes() != 0)
             onReadyRead();
@@ -190,9 +188,10 @@ void nqWorker::onReadyRead()
     Private& state = *mPrivate;
     if (!state.beginStep())
         return;
-    const bool mayStart = state.mResult.empty();
-    const bool isWhole = nqFrame::receive(
-        state.mNamedPipe, state.mJob, state.mReceived, mayStart, std::move(state.mSpare));
+    state.reuseResult();
+    const bool mayStart = state.isResultHandedOver();
+    const bool isWhole =
+        nqFrame::receive(state.mNamedPipe, state.mJob, state.mReceived, mayStart, state.mSpares);
     if (!isWhole)
         return;
     // A whole job waits for the result before it to leave the buffer.
@@ -213,8 +212,7 @@ void nqWorker::onProcess()
     HookRun run(state.mHook);
     processJob(state.mJob, state.mResult);
     state.mSent = 0;
-    state.mSmallJobsInARow = state.mJob.size() > keptIdleBytes ? 0 : state.mSmallJobsInARow + 1;
-    state.mSpare = std::exchange(state.mJob, {});
+    state.mSpares.keep(std::exchange(state.mJob, {}));
     state.mReceived = 0;
     nqFrame::sendHeader(state.mNamedPipe, state.mResult);
     run.end();
@@ -226,15 +224,7 @@ void nqWorker::onSendData()
     if (!state.beginStep() || !nqFrame::isSendPending(state.mResult, state.mSent))
         return;
     nqFrame::sendPayload(state.mNamedPipe, state.mResult, state.mSent);
-    if (static_cast<std::uint32_t>(state.mSent) != static_cast<std::uint32_t>(state.mResult.size()))
-        return;
-    state.mSent = 0;
-    if (state.mNamedPipe.lentBytes() != 0)
-        state.mLeaving.swap(state.mResult);
-    else if (state.mSpare.empty())
-        state.mSpare.swap(state.mResult); // the hook has used up the memory of the job
-    state.mResult.clear();
-    if (state.mSmallJobsInARow >= smallJobsBeforeRelease)
+    if (state.isResultHandedOver() && state.mSpares.isOutgrown())
         state.releaseIdleMemory();
 }
 

@@ -66,7 +66,7 @@ TEST_F(JobInItsOwnMemory, leavesToTheLastByteThoughItsWorkerHasAnswered)
     step();
     EXPECT_EQ(results(), Lines{"early"});
     queues.clearPendingJobs();
-    queues.recycle(Bytes(20, '-')); // what takes old memory would find it here
+    queues.spareMemory().keep(Bytes(20, '-')); // what takes old memory would find it here
     while (pipe->unsentBytes() != 0)
         step();
     EXPECT_EQ(pipe->passedOn, frame("a job of some length"));

@@ -1,115 +1,161 @@
+#include "support/nqSpareMemory.h"
+
 #include "tests/common/refusedMemory.h"
 #include "tests/unit/workerRecordFixture.h"
 
 using common::RefusedMemory;
+using nq::nqSpareMemory;
 using namespace support;
 
 namespace {
 
 constexpr std::size_t large = std::size_t{64} << 10;
+constexpr int manyPayloads = 64;
 
-struct SpareMemory : testing::Test {
+Bytes memoryOf(std::size_t capacity)
+{
+    Bytes memory;
+    memory.reserve(capacity);
+    return memory;
+}
+
+void takeSmallOnes(nqSpareMemory& spares, int count)
+{
+    for (int i = 0; i < count; ++i)
+        spares.take(1);
+}
+
+TEST(SpareMemory, isEmptyAtFirst)
+{
+    nqSpareMemory spares;
+    EXPECT_TRUE(spares.isEmpty());
+    EXPECT_EQ(spares.bytes(), 0U);
+    EXPECT_EQ(spares.take(0).capacity(), 0U);
+}
+
+TEST(SpareMemory, servesTheNextPayloadThatFits)
+{
+    for (const std::size_t size : {std::size_t{10}, large}) {
+        nqSpareMemory spares;
+        Bytes payload(size);
+        const char* const memory = payload.data();
+        spares.keep(std::move(payload));
+        EXPECT_EQ(spares.take(size + 1).capacity(), 0U);
+        EXPECT_EQ(spares.take(size - size / 4).data(), memory);
+        EXPECT_TRUE(spares.isEmpty());
+    }
+}
+
+TEST(SpareMemory, ofALargePayloadIsNotWastedOnAMuchSmallerOne)
+{
+    nqSpareMemory spares;
+    spares.keep(Bytes(large));
+    EXPECT_EQ(spares.take(large / 2 - 1).capacity(), 0U);
+    EXPECT_GE(spares.take(large / 2).capacity(), large);
+}
+
+TEST(SpareMemory, ofASmallPayloadServesAnySmallerOne)
+{
+    nqSpareMemory spares;
+    spares.keep(Bytes(large - 1));
+    EXPECT_EQ(spares.take(0).capacity(), large - 1);
+}
+
+TEST(SpareMemory, isKeptOfTheLatestFewPayloadsOnly)
+{
+    nqSpareMemory spares;
+    for (std::size_t i = 0; i < 5; ++i)
+        spares.keep(memoryOf(large + i));
+    EXPECT_EQ(spares.bytes(), 4 * large + 1 + 2 + 3 + 4);
+    for (std::size_t i = 4; i > 0; --i)
+        EXPECT_EQ(spares.take(large).capacity(), large + i);
+    EXPECT_TRUE(spares.isEmpty());
+}
+
+TEST(SpareMemory, isNotPushedOutByAnEmptyPayload)
+{
+    nqSpareMemory spares;
+    for (int i = 0; i < 4; ++i)
+        spares.keep(Bytes(large));
+    spares.keep({});
+    EXPECT_EQ(spares.bytes(), 4 * large);
+}
+
+TEST(SpareMemory, leavesItsPlaceToAnotherWhenItIsTaken)
+{
+    nqSpareMemory spares;
+    for (std::size_t i = 0; i < 4; ++i)
+        spares.keep(memoryOf(large + i));
+    EXPECT_EQ(spares.take(large).capacity(), large + 3);
+    spares.keep(memoryOf(large + 4));
+    for (const std::size_t more : {4U, 2U, 1U, 0U})
+        EXPECT_EQ(spares.take(large).capacity(), large + more);
+}
+
+TEST(SpareMemory, isOutgrownWhenManyPayloadsInARowWereSmall)
+{
+    nqSpareMemory spares;
+    spares.keep(Bytes(large));
+    spares.keep(Bytes(1));
+    for (int i = 0; i < manyPayloads - 1; ++i)
+        spares.keep(spares.take(1)); // finds some, but small
+    EXPECT_FALSE(spares.isOutgrown());
+    spares.take(1);
+    EXPECT_TRUE(spares.isOutgrown());
+}
+
+TEST(SpareMemory, isNotOutgrownWhenALargePayloadHasComeBetween)
+{
+    nqSpareMemory spares;
+    takeSmallOnes(spares, manyPayloads - 1);
+    spares.keep(Bytes(large));
+    takeSmallOnes(spares, manyPayloads - 1);
+    EXPECT_FALSE(spares.isOutgrown());
+    spares.take(large);
+    takeSmallOnes(spares, manyPayloads - 1);
+    EXPECT_FALSE(spares.isOutgrown());
+}
+
+TEST(SpareMemory, isNotOutgrownRightAfterItsRelease)
+{
+    nqSpareMemory spares;
+    spares.keep(Bytes(large));
+    takeSmallOnes(spares, manyPayloads);
+    spares.release();
+    EXPECT_TRUE(spares.isEmpty());
+    EXPECT_FALSE(spares.isOutgrown());
+}
+
+/// The spare memory of the queues.
+struct SpareMemoryOfTheQueues : testing::Test {
     nq::nqJobQueues queues;
+    nqSpareMemory& spares = queues.spareMemory();
 
-    SpareMemory()
+    SpareMemoryOfTheQueues()
     {
         queues.push(bytes("keeps the queues from being at rest"));
     }
 };
 
-TEST_F(SpareMemory, ofALargePayloadServesTheNextOfAboutItsSize)
-{
-    Bytes payload(large);
-    const char* const memory = payload.data();
-    queues.recycle(std::move(payload));
-    EXPECT_EQ(queues.takeSpare(large - large / 4).data(), memory);
-}
-
-TEST_F(SpareMemory, isNotWastedOnAMuchSmallerPayload)
-{
-    queues.recycle(Bytes(large));
-    EXPECT_EQ(queues.takeSpare(large / 2 - 1).capacity(), 0U);
-    EXPECT_EQ(queues.takeSpare(large + 1).capacity(), 0U);
-    EXPECT_GE(queues.takeSpare(large).capacity(), large);
-    queues.recycle(Bytes(large));
-    EXPECT_GE(queues.takeSpare(large / 2).capacity(), large);
-}
-
-TEST_F(SpareMemory, ofASmallPayloadIsLeftToTheAllocator)
-{
-    queues.recycle(Bytes(large - 1));
-    EXPECT_EQ(queues.takeSpare(large - 1).capacity(), 0U);
-}
-
-TEST_F(SpareMemory, isKeptForTheLatestFewPayloadsOnly)
-{
-    for (std::size_t i = 0; i < 5; ++i)
-        queues.recycle(Bytes(large + i));
-    for (std::size_t i = 4; i > 0; --i)
-        EXPECT_EQ(queues.takeSpare(large).capacity(), large + i);
-    EXPECT_EQ(queues.takeSpare(large).capacity(), 0U);
-}
-
-TEST_F(SpareMemory, isNotPushedOutByASmallPayload)
-{
-    for (int i = 0; i < 4; ++i)
-        queues.recycle(Bytes(large));
-    queues.recycle(Bytes(large - 1));
-    for (int i = 0; i < 4; ++i)
-        EXPECT_GE(queues.takeSpare(large).capacity(), large);
-}
-
-TEST_F(SpareMemory, leavesItsPlaceToAnotherWhenItIsTaken)
-{
-    for (std::size_t i = 0; i < 4; ++i)
-        queues.recycle(Bytes(large + i));
-    EXPECT_EQ(queues.takeSpare(large).capacity(), large + 3);
-    queues.recycle(Bytes(large + 4));
-    for (const std::size_t more : {4U, 2U, 1U, 0U})
-        EXPECT_EQ(queues.takeSpare(large).capacity(), large + more);
-}
-
-TEST_F(SpareMemory, isWhatAPoppedIntoVectorHeldBefore)
+TEST_F(SpareMemoryOfTheQueues, isWhatAPoppedIntoVectorHeldBefore)
 {
     const Bytes result(large, 'r');
     queues.pushResult(result);
     Bytes popped(2 * large);
     ASSERT_TRUE(queues.pop(popped));
     EXPECT_TRUE(popped == result);
-    EXPECT_GE(queues.takeSpare(2 * large).capacity(), 2 * large);
+    EXPECT_GE(spares.take(2 * large).capacity(), 2 * large);
 }
 
-TEST_F(SpareMemory, isNotWhatAPoppedIntoVectorHeldOfMuchLargerPayloads)
+TEST_F(SpareMemoryOfTheQueues, isNotWhatAPoppedIntoVectorHeldOfMuchLargerPayloads)
 {
     queues.pushResult(Bytes(large));
     Bytes popped(2 * large + 2);
     ASSERT_TRUE(queues.pop(popped));
-    EXPECT_EQ(queues.takeSpare(2 * large + 2).capacity(), 0U);
+    EXPECT_TRUE(spares.isEmpty());
 }
 
-TEST_F(SpareMemory, isGivenBackWhenManyPayloadsInARowHadNoUseForIt)
-{
-    queues.recycle(Bytes(large));
-    for (int i = 0; i < 63; ++i)
-        EXPECT_EQ(queues.takeSpare(1).capacity(), 0U);
-    EXPECT_GE(queues.takeSpare(large).capacity(), large);
-    queues.recycle(Bytes(large));
-    for (int i = 0; i < 64; ++i)
-        EXPECT_EQ(queues.takeSpare(1).capacity(), 0U);
-    EXPECT_EQ(queues.takeSpare(large).capacity(), 0U);
-}
-
-TEST_F(SpareMemory, isKeptWhenPayloadsWithoutUseForItAndFreshSparesTakeTurns)
-{
-    for (int turn = 0; turn < 2; ++turn) {
-        queues.recycle(Bytes(large));
-        for (int i = 0; i < 63; ++i)
-            EXPECT_EQ(queues.takeSpare(1).capacity(), 0U);
-    }
-    EXPECT_GE(queues.takeSpare(large).capacity(), large);
-}
-
-TEST_F(SpareMemory, neverCostsAResultWhenThereIsNoMemory)
+TEST_F(SpareMemoryOfTheQueues, neverCostsAResultWhenThereIsNoMemory)
 {
     if (!RefusedMemory::isPossible())
         GTEST_SKIP() << "this tool has its own allocator";
@@ -124,9 +170,9 @@ TEST_F(SpareMemory, neverCostsAResultWhenThereIsNoMemory)
     EXPECT_EQ(queues.resultCount(), 1U);
 }
 
-TEST_F(SpareMemory, neverShowsItsOldBytesInAJob)
+TEST_F(SpareMemoryOfTheQueues, neverShowsItsOldBytesInAJob)
 {
-    queues.recycle(Bytes(large, 'o'));
+    spares.keep(Bytes(large, 'o'));
     queues.clearPendingJobs();
     const Bytes pushed(large - 1, 'n');
     queues.push(pushed);
@@ -135,9 +181,21 @@ TEST_F(SpareMemory, neverShowsItsOldBytesInAJob)
     EXPECT_TRUE(job == pushed);
 }
 
-TEST_F(SpareMemory, isGivenBackWhenNoJobAndNoResultIsLeft)
+TEST_F(SpareMemoryOfTheQueues, isReleasedWhenItIsOutgrown)
 {
-    queues.recycle(Bytes(large));
+    spares.keep(Bytes(large));
+    takeSmallOnes(spares, manyPayloads - 1);
+    Bytes result;
+    queues.pop(result);
+    EXPECT_FALSE(spares.isEmpty());
+    takeSmallOnes(spares, 1);
+    queues.pop(result);
+    EXPECT_TRUE(spares.isEmpty());
+}
+
+TEST_F(SpareMemoryOfTheQueues, isReleasedWhenNoJobAndNoResultIsLeft)
+{
+    spares.keep(Bytes(large));
     queues.clearPendingJobs();
     queues.push(bytes("job"));
     Bytes job;
@@ -145,41 +203,44 @@ TEST_F(SpareMemory, isGivenBackWhenNoJobAndNoResultIsLeft)
     queues.pushResult(bytes("result"));
     Bytes result;
     ASSERT_TRUE(queues.pop(result));
+    EXPECT_FALSE(spares.isEmpty());
     EXPECT_FALSE(queues.pop(result));
-    EXPECT_EQ(queues.takeSpare(large).capacity(), 0U);
+    EXPECT_TRUE(spares.isEmpty());
 }
 
-TEST_F(SpareMemory, isKeptWhileAJobIsLeft)
+TEST_F(SpareMemoryOfTheQueues, isKeptWhileAJobIsLeft)
 {
-    queues.recycle(Bytes(large));
+    spares.keep(Bytes(large));
     Bytes result;
     EXPECT_FALSE(queues.pop(result));
-    EXPECT_GE(queues.takeSpare(large).capacity(), large);
+    EXPECT_FALSE(spares.isEmpty());
 }
 
-TEST_F(SpareMemory, isKeptWhileAResultIsLeft)
+TEST_F(SpareMemoryOfTheQueues, isKeptWhileAResultIsLeft)
 {
     Bytes job;
     ASSERT_TRUE(queues.takeNextJob(job));
     queues.pushResult(bytes("the only one"));
-    queues.recycle(Bytes(large));
+    spares.keep(Bytes(large));
     Bytes result;
     ASSERT_TRUE(queues.pop(result)); // no job is left, but there was this result
-    EXPECT_GE(queues.takeSpare(large).capacity(), large);
+    EXPECT_FALSE(spares.isEmpty());
 }
 
-TEST_F(SpareMemory, takesAPushedJobWithoutFreshMemory)
+TEST_F(SpareMemoryOfTheQueues, takesAPushedJobWithoutFreshMemory)
 {
     if (!RefusedMemory::isPossible())
         GTEST_SKIP() << "this tool has its own allocator";
     const Bytes job(large, 'x');
-    queues.recycle(Bytes(large));
+    spares.keep(Bytes(large));
     const RefusedMemory refused(large);
     queues.push(job);
     EXPECT_EQ(queues.pendingJobCount(), 2U);
 }
 
-struct SpareMemoryOfARecord : WorkerRecordFixture {};
+struct SpareMemoryOfARecord : WorkerRecordFixture {
+    nqSpareMemory& spares = queues.spareMemory();
+};
 
 TEST_F(SpareMemoryOfARecord, isWhatItsJobsLeave)
 {
@@ -188,7 +249,7 @@ TEST_F(SpareMemoryOfARecord, isWhatItsJobsLeave)
     step();
     answer("result");
     step();
-    EXPECT_GE(queues.takeSpare(large).capacity(), large);
+    EXPECT_GE(spares.take(large).capacity(), large);
 }
 
 TEST_F(SpareMemoryOfARecord, takesALargeResult)
@@ -198,7 +259,7 @@ TEST_F(SpareMemoryOfARecord, takesALargeResult)
     const std::string result(large, 'y');
     answer(result);
     dispatch();
-    queues.recycle(Bytes(large));
+    spares.keep(Bytes(large));
     {
         const RefusedMemory refused(large);
         step();
