@@ -1,6 +1,5 @@
 #include "support/nqSpareMemory.h"
 
-#include <algorithm>
 #include <numeric>
 #include <utility>
 
@@ -10,8 +9,6 @@ namespace {
 
 // Below this the allocator hands out memory that it has at hand.
 constexpr std::size_t largeBytes = std::size_t{64} << 10;
-
-constexpr std::uint32_t smallUntilOutgrown = 64;
 
 bool isLarge(const std::vector<char>& payload)
 {
@@ -26,41 +23,37 @@ void nqSpareMemory::keep(std::vector<char>&& payload) noexcept
         return;
     if (isLarge(payload))
         mSmallInARow = 0;
-    std::rotate(mSpares.begin(), mSpares.end() - 1, mSpares.end());
-    mSpares.front() = std::move(payload);
+    if (mCount == maxSpares)
+        remove(0);
+    mSpares[mCount] = std::move(payload);
+    ++mCount;
 }
 
 // The latest: the processor's cache still holds its bytes.
 std::vector<char> nqSpareMemory::take(std::size_t bytes)
 {
-    const auto fits = [bytes](const std::vector<char>& spare) {
-        return spare.capacity() >= bytes && !isWasted(spare, bytes);
-    };
-    const auto spare = std::find_if(mSpares.begin(), mSpares.end(), fits);
-    if (spare == mSpares.end() || !isLarge(*spare))
-        ++mSmallInARow;
-    else
-        mSmallInARow = 0;
-    if (spare == mSpares.end())
-        return {};
-    std::vector<char> taken = std::move(*spare);
-    std::rotate(spare, spare + 1, mSpares.end());
-    return taken;
+    ++mSmallInARow;
+    for (std::size_t i = mCount; i-- > 0;) {
+        if (mSpares[i].capacity() < bytes || isWasted(mSpares[i], bytes))
+            continue;
+        if (isLarge(mSpares[i]))
+            mSmallInARow = 0;
+        return remove(i);
+    }
+    return {};
+}
+
+std::vector<char> nqSpareMemory::remove(std::size_t index)
+{
+    std::vector<char> removed = std::move(mSpares[index]);
+    for (--mCount; index < mCount; ++index)
+        mSpares[index] = std::move(mSpares[index + 1]);
+    return removed;
 }
 
 bool nqSpareMemory::isWasted(const std::vector<char>& payload, std::size_t bytes)
 {
     return isLarge(payload) && payload.capacity() / 2 > bytes;
-}
-
-bool nqSpareMemory::isOutgrown() const
-{
-    return mSmallInARow >= smallUntilOutgrown;
-}
-
-bool nqSpareMemory::isEmpty() const
-{
-    return mSpares.front().capacity() == 0;
 }
 
 std::size_t nqSpareMemory::bytes() const
@@ -74,6 +67,7 @@ std::size_t nqSpareMemory::bytes() const
 void nqSpareMemory::release() noexcept
 {
     mSpares = {};
+    mCount = 0;
     mSmallInARow = 0;
 }
 

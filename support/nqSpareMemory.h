@@ -25,9 +25,15 @@ public:
     static bool isWasted(const std::vector<char>& payload, std::size_t bytes);
 
     /// Many payloads in a row had no use for large memory. For the owner to release it then.
-    bool isOutgrown() const;
+    bool isOutgrown() const
+    {
+        return mSmallInARow >= smallUntilOutgrown;
+    }
 
-    bool isEmpty() const;
+    bool isEmpty() const
+    {
+        return mCount == 0;
+    }
 
     /// What the spares hold in all.
     std::size_t bytes() const;
@@ -36,8 +42,12 @@ public:
 
 private:
     static constexpr std::size_t maxSpares = 4;
+    static constexpr std::uint32_t smallUntilOutgrown = 64;
 
-    std::array<std::vector<char>, maxSpares> mSpares; // latest first, empty ones last
+    std::vector<char> remove(std::size_t index);
+
+    std::array<std::vector<char>, maxSpares> mSpares; // oldest first
+    std::size_t mCount = 0;                           // of them
     std::uint32_t mSmallInARow = 0;                   // payloads, since large memory was of use
 };
 

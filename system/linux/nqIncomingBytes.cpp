@@ -11,18 +11,10 @@ namespace {
 // What one read takes without a range: a header with a payload that its sender copied.
 constexpr std::size_t readBytes = std::size_t{36} << 10;
 
-// One flooding worker does not grow the host beyond this.
-constexpr std::size_t bufferLimitBytes = std::size_t{256} << 10;
-
 // The rest of a smaller payload comes with one more read, which may bring the next frame as well.
 constexpr std::size_t smallestRange = std::size_t{8} << 10;
 
 } // namespace
-
-bool nqIncomingBytes::isFull() const
-{
-    return !isFilling() && mBuffer.size() >= bufferLimitBytes;
-}
 
 void nqIncomingBytes::fill(char* bytes, std::size_t size)
 {

@@ -26,7 +26,10 @@ public:
     }
 
     /// Nothing fits until the consumer takes something.
-    bool isFull() const;
+    bool isFull() const
+    {
+        return !isFilling() && mBuffer.size() >= bufferLimitBytes;
+    }
 
     /// Takes a large range in front of the buffer, which is empty, and declines a small one.
     void fill(char* bytes, std::size_t size);
@@ -49,6 +52,9 @@ public:
     void clear();
 
 private:
+    // One flooding worker does not grow the host beyond this.
+    static constexpr std::size_t bufferLimitBytes = std::size_t{256} << 10;
+
     std::vector<char> mBuffer;
     char* mRange = nullptr; // its first untaken byte
     std::size_t mRangeSize = 0;

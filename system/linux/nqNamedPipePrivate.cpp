@@ -85,19 +85,6 @@ void nqNamedPipe::Private::close()
     mPhase = Phase::closed;
 }
 
-bool nqNamedPipe::Private::isConnected() const
-{
-    switch (mPhase) {
-    case Phase::closed:
-        return false;
-    case Phase::open:
-        return true;
-    case Phase::ended:
-        return mIncoming.untakenBytes() != 0;
-    }
-    return false;
-}
-
 bool nqNamedPipe::Private::isWriteChannelClosed() const
 {
     return mWriteFailed || !isConnected();

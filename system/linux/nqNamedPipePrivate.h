@@ -41,7 +41,10 @@ struct nqNamedPipe::Private {
     /// Gives up the socket and all bytes.
     void close();
 
-    bool isConnected() const;
+    bool isConnected() const
+    {
+        return mPhase == Phase::open || (mPhase == Phase::ended && mIncoming.untakenBytes() != 0);
+    }
     bool isWriteChannelClosed() const;
     bool hasPendingWrite() const;
 
