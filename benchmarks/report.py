@@ -4,7 +4,7 @@ import math
 import re
 import statistics
 
-NAMES = {"limit": "bare limit", "demanded": "limit with the demands", "by-hand": "by hand", "ours": "ours"}
+NAMES = {"limit": "bare limit", "by-hand": "by hand", "ours": "ours"}
 
 
 def markdown(results):
@@ -71,11 +71,10 @@ def comparison_section(results):
 def comparison_row(row, pools):
     is_difference = row["name"] == "repair"
     cells = [row["title"], row["workers"], row["unit"]]
-    cells += [figure(row["medians"].get(pool)) for pool in pools]
+    cells += [figure(row["medians"][pool]) for pool in pools]
     shape = "{:+.2f} ms" if is_difference else "{:.2f}"
     medians = {pool: statistics.median(ratios) for pool, ratios in row["ratios"].items()}
-    cells += [shape.format(medians[pool]) if pool in medians else "-"
-              for pool in pools if pool != "limit"]
+    cells += [shape.format(medians[pool]) for pool in pools if pool != "limit"]
     ours = row["ratios"]["ours"]
     cells.append(f"{shape.format(min(ours))} to {shape.format(max(ours))}")
     if row["name"] == "work":
@@ -97,20 +96,15 @@ def memory_section(results):
     for row in results["comparisons"]:
         if row["name"] in ("echo1m", "echo64m"):
             cells = [row["title"], row["workers"]]
-            for pool in measured_pools(row):
+            for pool in row["medians"]:
                 host, worker = row["resident_mib"][pool]
                 cells.append(f"{figure(host)} / {figure(worker)}")
             rows.append(cells)
     if not rows:
         return ""
-    pools = measured_pools(results["comparisons"][0])
+    pools = results["comparisons"][0]["medians"]
     return table(["resident memory at rest after", "workers",
                   *(f"{NAMES[pool]}: host / largest worker, MiB" for pool in pools)], rows)
-
-
-def measured_pools(row):
-    """Those that are pools of their own, not the limit once more."""
-    return [pool for pool in row["medians"] if pool != "demanded"]
 
 
 def counts_section(results):

@@ -19,8 +19,7 @@ import sys
 import counts
 import report
 
-POOLS = ("limit", "demanded", "by-hand", "ours")
-DEMANDS = "NQ_BENCH_DEMANDS"  # makes the bare limit do what the library's interface asks for
+POOLS = ("limit", "by-hand", "ours")
 KIB, MIB = 1 << 10, 1 << 20
 RUN_LIMIT_SECONDS = 900  # reached only by a program that hangs
 WORK_NS = 1_000_000  # processor time of a "work" job
@@ -35,7 +34,7 @@ class Runner:
         self.pools = [pool for pool in POOLS if self.program(pool).exists()]
 
     def program(self, name):
-        return self.directory / f"bench-{'limit' if name == 'demanded' else name}"
+        return self.directory / f"bench-{name}"
 
     def worker(self, pool):
         return self.program(pool).with_name(self.program(pool).name + "-worker")
@@ -49,10 +48,8 @@ class Runner:
     def run(self, name, worker_of, **options):
         """The program's figures: the last line that it prints."""
         command = self.command(name, self.worker(worker_of), options)
-        environment = dict(os.environ, **({DEMANDS: "1"} if name == "demanded" else {}))
         done = subprocess.run(
             command, stdout=subprocess.PIPE, text=True, timeout=RUN_LIMIT_SECONDS, check=False,
-            env=environment,
         )
         if done.returncode != 0:
             sys.exit(f"bench: failed with status {done.returncode}: {' '.join(command)}")
@@ -74,7 +71,7 @@ class Comparison:
         self.lower_is_better = lower_is_better
 
     def measure(self, runner, passes):
-        pools = self.pools_of(runner)
+        pools = runner.pools
         figures = {pool: [] for pool in pools}
         memory = {pool: [] for pool in pools}
         jobs = max(2, self.jobs // 20) if runner.quick else self.jobs
@@ -102,9 +99,6 @@ class Comparison:
             "ratios": {pool: self.ratios(figures, pool) for pool in pools if pool != "limit"},
         }
 
-    def pools_of(self, runner):
-        return runner.pools
-
     def worker_of(self, pool):
         return pool
 
@@ -117,9 +111,6 @@ class Comparison:
 
 class Repair(Comparison):
     """The bare limit starts the library's own worker, so that both load the same libraries."""
-
-    def pools_of(self, runner):
-        return [pool for pool in runner.pools if pool != "demanded"]
 
     def worker_of(self, pool):
         return "ours" if pool == "limit" else pool
@@ -274,7 +265,7 @@ def measure_rest(runner, _passes):
 def measure_counts(runner, _passes):
     rows = []
     for workers in (1, 2, 4):
-        for pool in (pool for pool in runner.pools if pool != "demanded"):
+        for pool in runner.pools:
             options = {"workers": workers, "processors": "0", "warm_up": 50, "bytes": 64,
                        "only_run": 1}
             command = runner.command(pool, runner.worker(pool), options)

@@ -1,12 +1,10 @@
 // The bare limit: the system calls without which no pool can do, and nothing else. It holds no
-// queue and gives a worker its next job in the moment in which it answers. Where the interface of
-// the library demands more, that can be added, to see what the library itself costs.
+// queue and gives a worker its next job in the moment in which it answers.
 #include "benchmarks/common/pool.h"
 
 #include "benchmarks/common/fail.h"
 #include "benchmarks/common/processes.h"
 #include "benchmarks/limit/connection.h"
-#include "benchmarks/limit/demands.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -26,23 +24,13 @@ constexpr int maxEvents = 64;
 struct Worker {
     pid_t pid = 0;
     int socket = -1;
-    std::vector<char> job;          // header and payload
-    const char* outgoing = nullptr; // the same bytes, at the place that they are sent from
-    std::size_t sent = 0;           // bytes of it
+    std::vector<char> job; // header and payload
+    std::size_t sent = 0;  // bytes of it
     IncomingFrame result;
-    Demands demands;
-
-    void prepare()
-    {
-        outgoing = demands.copied(job.data(), job.size(), 2);
-        sent = 0;
-    }
 
     void takeResult(Ledger& ledger)
     {
-        const char* const bytes = demands.copied(result.payload(), result.payloadBytes(), 1);
-        demands.lookForTheEnd(socket);
-        ledger.check(bytes, result.payloadBytes());
+        ledger.check(result.payload(), result.payloadBytes());
         result.clear();
     }
 
@@ -145,8 +133,7 @@ private:
 
     static bool answer(Worker& worker)
     {
-        worker.prepare();
-        if (!sendAll(worker.socket, worker.outgoing, worker.job.size()))
+        if (!sendAll(worker.socket, worker.job.data(), worker.job.size()))
             return false;
         while (!worker.result.isComplete()) {
             if (!worker.result.receive(worker.socket, MSG_WAITALL))
@@ -186,7 +173,7 @@ private:
     void start(Worker& worker, Ledger& ledger)
     {
         ledger.stamp(worker.job.data() + headerBytes);
-        worker.prepare();
+        worker.sent = 0;
         if (!sendSome(worker))
             watch(worker, EPOLL_CTL_MOD, EPOLLIN | EPOLLOUT);
     }
@@ -202,7 +189,7 @@ private:
     {
         const std::size_t left = worker.job.size() - worker.sent;
         const ssize_t sent =
-            ::send(worker.socket, worker.outgoing + worker.sent, left, MSG_NOSIGNAL);
+            ::send(worker.socket, worker.job.data() + worker.sent, left, MSG_NOSIGNAL);
         require(sent >= 0 || errno == EAGAIN, "send a job");
         if (sent > 0)
             worker.sent += static_cast<std::size_t>(sent);

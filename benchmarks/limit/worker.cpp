@@ -3,7 +3,6 @@
 #include "benchmarks/common/fail.h"
 #include "benchmarks/common/job.h"
 #include "benchmarks/limit/connection.h"
-#include "benchmarks/limit/demands.h"
 
 int main(int argc, char* argv[])
 {
@@ -14,17 +13,14 @@ int main(int argc, char* argv[])
     bench::require(::connect(socket, host.get(), host.size) == 0, "connect to the host");
     bench::enlargeSendBuffer(socket);
 
-    bench::Demands demands;
     bench::IncomingFrame frame;
     for (;;) {
-        demands.waitForBytes(socket);
         if (!frame.receive(socket, MSG_WAITALL))
             return 0;
         if (!frame.isComplete())
             continue;
         bench::perform(frame.payload());
-        const char* const answer = demands.copied(frame.bytes(), frame.size(), 2);
-        if (!bench::sendAll(socket, answer, frame.size()))
+        if (!bench::sendAll(socket, frame.bytes(), frame.size()))
             return 0;
         frame.clear();
     }
