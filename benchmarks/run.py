@@ -158,7 +158,7 @@ def comparisons():
     for workers in (1, 2):
         rows.append(
             Comparison("echo64m", "echo 64 MiB", "MB/s", workers,
-                       dict(two, bytes=64 * MIB, warm_up=2), 20, megabytes_per_second, 0.4, False))
+                       dict(two, bytes=64 * MIB), 20, megabytes_per_second, 0.4, False))
     rows.append(
         Comparison("work", "jobs of 1 ms CPU, two processors", "efficiency", 2,
                    dict(two, bytes=64, kind="work"), 1_500, efficiency, 0.99, False))

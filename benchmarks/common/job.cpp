@@ -10,6 +10,7 @@
 #include <string>
 #include <sys/mman.h>
 #include <unistd.h>
+#include <utility>
 
 namespace bench {
 
@@ -107,6 +108,14 @@ void Ledger::check(const char* result, std::size_t size)
         mSum -= number;
     }
     --mUnderWay;
+    if (++mChecked == mCallAfter)
+        std::exchange(mCall, nullptr)();
+}
+
+void Ledger::callAfter(std::uint64_t count, std::function<void()> then)
+{
+    mCallAfter = count;
+    mCall = std::move(then);
 }
 
 void Ledger::lose()

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 
 namespace bench {
 
@@ -35,6 +36,9 @@ public:
 
     void check(const char* result, std::size_t size);
 
+    /// Calls `then` as soon as `count` results in all have been checked. One call at a time waits.
+    void callAfter(std::uint64_t count, std::function<void()> then);
+
     /// The pool reports that a job is lost.
     void lose();
 
@@ -49,6 +53,9 @@ private:
     std::uint64_t mSum = 0;       // of all numbers that are under way
     std::uint64_t mUnderWay = 0;  // jobs
     std::uint64_t mFatalJobs = 0; // under way
+    std::uint64_t mChecked = 0;   // results
+    std::uint64_t mCallAfter = 0; // results; 0: no call waits
+    std::function<void()> mCall;
 };
 
 /// Where a dying worker leaves the time for its host, which is another process: a page of a file

@@ -15,17 +15,19 @@ namespace {
 
 using namespace bench;
 
-struct CpuTimes {
-    std::int64_t host = 0;
-    std::int64_t workers = 0;
+struct Times {
+    std::int64_t wall = 0;
+    std::int64_t hostCpu = 0;
+    std::int64_t workerCpu = 0;
 };
 
-CpuTimes cpuTimes(const std::vector<pid_t>& workers)
+Times timesNow(const std::vector<pid_t>& workers)
 {
-    CpuTimes times;
-    times.host = processCpuNanoseconds();
+    Times times;
+    times.wall = monotonicNanoseconds();
+    times.hostCpu = processCpuNanoseconds();
     for (const pid_t worker : workers)
-        times.workers += cpuNanosecondsOf(worker);
+        times.workerCpu += cpuNanosecondsOf(worker);
     return times;
 }
 
@@ -37,29 +39,39 @@ std::uint64_t largestResident(const std::vector<pid_t>& workers)
     return largest;
 }
 
+// Warm-up, measured jobs and as many jobs more are one flow: a pause would let a pool give its
+// memory back, and its page faults would count among the measured jobs; and at the end of the flow
+// not every worker has work.
 void measureThroughput(Pool& pool, Ledger& ledger, const Options& options)
 {
     const std::uint64_t jobs = options.number("jobs", 1000);
-    pool.run(ledger, options.number("warm-up", jobs / 10 + 1));
+    // Long enough that the first use of each buffer belongs to it.
+    const std::uint64_t inFlight = options.number("workers", 1) + jobsAhead;
+    const std::uint64_t warmUp = options.number("warm-up", jobs / 10 + 2 * inFlight);
+    if (warmUp == 0)
+        fail("there is no measurement without a warm-up");
+    const std::uint64_t all = warmUp + jobs + warmUp;
 
     // Looking through /proc is no part of what a tool that counts instructions is to see.
     if (options.number("only-run", 0) != 0) {
-        pool.run(ledger, jobs);
+        pool.run(ledger, all);
         ledger.requireBalance();
         return;
     }
     const std::vector<pid_t> workers = children();
-    const CpuTimes cpuBefore = cpuTimes(workers);
-    const std::int64_t begin = monotonicNanoseconds();
-    pool.run(ledger, jobs);
-    const std::int64_t wall = monotonicNanoseconds() - begin;
-    const CpuTimes cpuAfter = cpuTimes(workers);
+    Times begin;
+    Times end;
+    ledger.callAfter(warmUp, [&] {
+        begin = timesNow(workers);
+        ledger.callAfter(warmUp + jobs, [&] { end = timesNow(workers); });
+    });
+    pool.run(ledger, all);
     ledger.requireBalance();
 
     std::cout << "{\"jobs\": " << jobs << ", \"bytes\": " << ledger.jobBytes()
-              << ", \"workers\": " << workers.size() << ", \"wall_ns\": " << wall
-              << ", \"host_cpu_ns\": " << cpuAfter.host - cpuBefore.host
-              << ", \"worker_cpu_ns\": " << cpuAfter.workers - cpuBefore.workers
+              << ", \"workers\": " << workers.size() << ", \"wall_ns\": " << end.wall - begin.wall
+              << ", \"host_cpu_ns\": " << end.hostCpu - begin.hostCpu
+              << ", \"worker_cpu_ns\": " << end.workerCpu - begin.workerCpu
               << ", \"host_resident_bytes\": " << residentBytesOf(::getpid())
               << ", \"worker_resident_bytes\": " << largestResident(workers) << "}\n";
 }
