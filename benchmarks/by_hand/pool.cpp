@@ -3,6 +3,7 @@
 #include "benchmarks/common/pool.h"
 
 #include "benchmarks/by_hand/whole.h"
+#include "benchmarks/common/job_memory.h"
 #include "benchmarks/common/processes.h"
 
 #include <array>
@@ -45,7 +46,8 @@ public:
         : mExecutable(options.workerExecutable),
           mName("nq-bench-asio-" + std::to_string(::getpid())),
           mMaxInFlight(options.workers + jobsAhead),
-          mAcceptor(mContext, stream_protocol::endpoint(std::string(1, '\0') + mName))
+          mAcceptor(mContext, stream_protocol::endpoint(std::string(1, '\0') + mName)),
+          mJobs(options.movesJobs)
     {
         for (std::size_t i = 0; i < options.workers; ++i) {
             mSessions.push_back(std::make_unique<Session>(mContext));
@@ -68,19 +70,19 @@ public:
 
     void run(Ledger& ledger, std::uint64_t count) override
     {
-        mTemplate.resize(ledger.jobBytes(), 'x');
         std::uint64_t submitted = 0;
         std::uint64_t finished = 0;
         const auto refill = [&] {
             for (; submitted < count && submitted - finished < mMaxInFlight; ++submitted) {
-                ledger.stamp(mTemplate.data());
-                submit(mTemplate);
+                mJobs.pushNext(
+                    ledger, [this](auto&& job) { submit(std::forward<decltype(job)>(job)); });
             }
             if (finished == count)
                 mContext.stop();
         };
-        mOnResult = [&](const Bytes& result) {
+        mOnResult = [&](Bytes& result) {
             ledger.check(result.data(), result.size());
+            mJobs.takeBack(result);
             ++finished;
             refill();
         };
@@ -154,8 +156,10 @@ private:
                     lose(session);
                     return;
                 }
+                // The next result comes into the memory of the job that this one answers.
+                Bytes result = std::exchange(session.result, std::exchange(session.job, {}));
                 session.isIdle = true;
-                mOnResult(session.result);
+                mOnResult(result);
                 dispatch();
             });
     }
@@ -179,8 +183,8 @@ private:
     stream_protocol::acceptor mAcceptor;
     std::vector<std::unique_ptr<Session>> mSessions;
     std::deque<Bytes> mPending;
-    Bytes mTemplate;
-    std::function<void(const Bytes&)> mOnResult;
+    JobMemory mJobs;
+    std::function<void(Bytes&)> mOnResult;
     std::function<void()> mOnFailure;
 };
 

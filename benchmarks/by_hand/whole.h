@@ -6,7 +6,7 @@
 
 namespace bench {
 
-constexpr int sendBufferBytes = 1 << 20; // as the other pools ask for
+constexpr int sendBufferBytes = 1 << 20; // as the library asks for
 
 /// The condition by which a read or a write offers the kernel the whole payload at a time. The
 /// default offers 64 KiB, which halves the speed of large ones.

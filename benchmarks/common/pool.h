@@ -16,6 +16,7 @@ constexpr std::size_t jobsAhead = 2;
 struct PoolOptions {
     std::size_t workers;
     std::string workerExecutable;
+    bool movesJobs; // into the queue instead of copying them; a pool without a queue ignores it
 };
 
 /// A pool of worker processes; implemented bare, by hand, and with the library. Destruction ends

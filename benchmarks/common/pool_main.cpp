@@ -101,8 +101,10 @@ int main(int argc, char* argv[])
     const std::string kind = options.text("kind", "echo");
     const DeathNote deaths;
     Ledger ledger(kind == "work" ? Kind::work : Kind::echo, options.number("bytes", 64));
-    const std::unique_ptr<Pool> pool =
-        makePool({options.number("workers", 1), options.text("worker", "")});
+    const std::unique_ptr<Pool> pool = makePool(
+        {options.number("workers", 1),
+         options.text("worker", ""),
+         options.number("moves-jobs", 0) != 0});
     if (kind == "repair")
         measureRepair(*pool, ledger, deaths, options);
     else
