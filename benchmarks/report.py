@@ -82,6 +82,8 @@ def comparison_row(row, pools):
         cells += [f"{goal} efficiency", yes_or_no(measured >= goal)]
     elif is_difference:
         cells += [f"+{row['goal']} ms", yes_or_no(medians["ours"] <= row["goal"])]
+    elif row["goal"] is None:
+        cells += ["-", "-"]
     else:
         cells += [f"{row['goal']:.2f}", yes_or_no(medians["ours"] >= row["goal"])]
     return cells
@@ -94,7 +96,7 @@ def yes_or_no(value):
 def memory_section(results):
     rows = []
     for row in results["comparisons"]:
-        if row["name"] in ("echo1m", "echo64m"):
+        if row["name"].startswith(("echo1m", "echo64m")):
             cells = [row["title"], row["workers"]]
             for pool in row["medians"]:
                 host, worker = row["resident_mib"][pool]
