@@ -57,6 +57,26 @@ def machine_section(results):
     return f"{facts}; {note}."
 
 
+def headline_section(results):
+    """What a reader is to remember, once the workloads that show it have been measured."""
+    rows = {(row["name"], row["workers"]): row for row in results["comparisons"]}
+    try:
+        small = rows["echo64-one-processor", 1]
+        large = rows["echo1m-moved", 2]
+        repair = rows["repair", 1]
+    except KeyError:
+        return ""
+    return "\n".join([
+        f"- **{figure(small['medians']['ours'])} µs of processor time** for a job of 64 B, host and "
+        f"worker together; the bare system calls take {figure(small['medians']['limit'])} µs.",
+        f"- **{figure(large['medians']['ours'])} MB/s** of 1 MiB jobs moved through two workers and "
+        f"back, {statistics.median(large['ratios']['ours']):.2f} of what the bare system calls "
+        "reach.",
+        f"- **{figure(repair['medians']['ours'])} ms** from the death of a worker to the next result "
+        "from its replacement.",
+    ])
+
+
 def comparison_section(results):
     rows = results["comparisons"]
     if not rows:
@@ -200,6 +220,7 @@ def size_text(count):
 
 
 SECTIONS = {
+    "headline": headline_section,
     "machine": machine_section,
     "comparisons": comparison_section,
     "memory": memory_section,
