@@ -113,7 +113,7 @@ void nqNamedPipe::Private::processEvents(int timeoutMs, bool wait)
     }
     // A caller that must not wait comes straight back while the peer has no room for more. The peer
     // may need this very processor to make some: 1.15 times as many echoes of 64 MiB on one
-    // processor (`scripts/bench --only echo64m-one`).
+    // processor (`bench-ours --bytes 67108864 --processors 0`).
     if (!moved && !mayWait && hasPendingWrite())
         std::this_thread::yield();
     if (!isConnected())
