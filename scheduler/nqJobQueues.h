@@ -59,7 +59,7 @@ private:
     std::deque<std::vector<char>> mPendingJobs;
     std::deque<std::vector<char>> mResults;
     std::int32_t mJobsInProgress = 0;
-    nqSpareMemory mSpareMemory;
+    nqSpareMemory mSpareMemory{nqSpareMemory::Fit::closely};
 };
 
 } // namespace nq

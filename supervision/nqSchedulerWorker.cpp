@@ -201,8 +201,6 @@ bool nqSchedulerWorker::receiveStep()
     std::vector<char> result = std::exchange(state.mResult, {});
     state.completeJob();
     state.mQueues->pushResult(std::move(result));
-    if (state.mPipe->lentBytes() == 0)
-        spares.keep(std::move(state.mFormerJob));
     return true;
 }
 
@@ -258,6 +256,7 @@ bool nqSchedulerWorker::startNextJob()
     state.mSent = 0;
     if (state.mPipe->unsentBytes() != 0)
         return false;
+    state.mQueues->spareMemory().keep(std::move(state.mFormerJob));
     // Allocate first: once the job is taken, its failure must be armed and its header sent.
     state.mFailMessage.reserve(unexpectedCrash.size());
     state.mPipe->outgoingBuffer().reserve(nqFrame::headerBytes);
@@ -284,6 +283,16 @@ std::exception_ptr logFailedJob(const nqSchedulerWorkerPrivate& state)
     }
 }
 
+/// The pipe of a lost worker sends no more, so without memory for the copy nothing is lost.
+void takeBackLentBytes(nqNamedPipe& pipe) noexcept
+{
+    try {
+        pipe.copyLent();
+    } catch (const std::exception&) {
+        pipe.closeNamedPipe();
+    }
+}
+
 /// Counts the job down on the first call only.
 void handBackFailedJob(nqSchedulerWorkerPrivate& state)
 {
@@ -305,7 +314,7 @@ void nqSchedulerWorker::failCurrentJob()
     std::exception_ptr lostLine;
     if (!state.mReadyForJob) {
         if (state.mQueues != nullptr) {
-            state.mPipe->copyLent(); // the queue gets the memory
+            takeBackLentBytes(*state.mPipe); // the queue gets the memory
             if (!state.mFailureOwed)
                 lostLine = logFailedJob(state);
             handBackFailedJob(state);

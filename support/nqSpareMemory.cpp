@@ -10,19 +10,12 @@ namespace {
 // Below this the allocator hands out memory that it has at hand.
 constexpr std::size_t largeBytes = std::size_t{64} << 10;
 
-bool isLarge(const std::vector<char>& payload)
-{
-    return payload.capacity() >= largeBytes;
-}
-
 } // namespace
 
 void nqSpareMemory::keep(std::vector<char>&& payload) noexcept
 {
     if (payload.capacity() == 0)
         return;
-    if (isLarge(payload))
-        mSmallInARow = 0;
     if (mCount == maxSpares)
         remove(0);
     mSpares[mCount] = std::move(payload);
@@ -32,15 +25,22 @@ void nqSpareMemory::keep(std::vector<char>&& payload) noexcept
 // The latest: the processor's cache still holds its bytes.
 std::vector<char> nqSpareMemory::take(std::size_t bytes)
 {
-    ++mSmallInARow;
+    ++mUselessInARow;
     for (std::size_t i = mCount; i-- > 0;) {
-        if (mSpares[i].capacity() < bytes || isWasted(mSpares[i], bytes))
+        if (!fits(mSpares[i], bytes))
             continue;
-        if (isLarge(mSpares[i]))
-            mSmallInARow = 0;
+        if (bytes >= largeBytes && !isWasted(mSpares[i], bytes))
+            mUselessInARow = 0;
         return remove(i);
     }
+    if (mFit == Fit::loosely)
+        release();
     return {};
+}
+
+bool nqSpareMemory::fits(const std::vector<char>& spare, std::size_t bytes) const
+{
+    return spare.capacity() >= bytes && (mFit == Fit::loosely || !isWasted(spare, bytes));
 }
 
 std::vector<char> nqSpareMemory::remove(std::size_t index)
@@ -53,7 +53,7 @@ std::vector<char> nqSpareMemory::remove(std::size_t index)
 
 bool nqSpareMemory::isWasted(const std::vector<char>& payload, std::size_t bytes)
 {
-    return isLarge(payload) && payload.capacity() / 2 > bytes;
+    return payload.capacity() >= largeBytes && payload.capacity() / 2 > bytes;
 }
 
 std::size_t nqSpareMemory::bytes() const
@@ -68,7 +68,7 @@ void nqSpareMemory::release() noexcept
 {
     mSpares = {};
     mCount = 0;
-    mSmallInARow = 0;
+    mUselessInARow = 0;
 }
 
 } // namespace nq

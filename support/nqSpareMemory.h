@@ -15,19 +15,31 @@ namespace nq {
 /// The spares are few, and the oldest makes room for the latest.
 class nqSpareMemory {
 public:
+    /// How well memory has to fit a payload.
+    enum class Fit {
+        loosely, // it comes back when the payload is done: any that is large enough
+        closely, // it may be gone for long: also not much larger
+    };
+
+    explicit nqSpareMemory(Fit fit)
+        : mFit(fit)
+    {
+    }
+
     void keep(std::vector<char>&& payload) noexcept;
 
-    /// The latest spare with room for `bytes` and not much more, still holding old bytes; or an
-    /// empty vector.
+    /// The latest spare that fits `bytes`, still holding old bytes; or an empty vector. Where
+    /// memory has to fit loosely, the spares that are too small are released first: whoever takes
+    /// fresh memory must not hold more than it needs.
     std::vector<char> take(std::size_t bytes);
 
     /// Whether `payload` holds a large memory of which `bytes` would leave most unused.
     static bool isWasted(const std::vector<char>& payload, std::size_t bytes);
 
-    /// Many payloads in a row had no use for large memory. For the owner to release it then.
+    /// Large memory was of no use for many payloads in a row. For the owner to release it then.
     bool isOutgrown() const
     {
-        return mSmallInARow >= smallUntilOutgrown;
+        return mUselessInARow >= uselessUntilOutgrown;
     }
 
     bool isEmpty() const
@@ -42,13 +54,15 @@ public:
 
 private:
     static constexpr std::size_t maxSpares = 4;
-    static constexpr std::uint32_t smallUntilOutgrown = 64;
+    static constexpr std::uint32_t uselessUntilOutgrown = 64;
 
+    bool fits(const std::vector<char>& spare, std::size_t bytes) const;
     std::vector<char> remove(std::size_t index);
 
+    const Fit mFit;
     std::array<std::vector<char>, maxSpares> mSpares; // oldest first
     std::size_t mCount = 0;                           // of them
-    std::uint32_t mSmallInARow = 0;                   // payloads, since large memory was of use
+    std::uint32_t mUselessInARow = 0;                 // payloads
 };
 
 } // namespace nq

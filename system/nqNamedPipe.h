@@ -11,7 +11,8 @@
 namespace nq {
 
 /// One end of a connected byte stream between two processes of the same user, with a buffer in each
-/// direction. Bytes move between the buffers and the kernel only inside processNamedPipeEvents.
+/// direction. Bytes move between the buffers and the kernel only inside processNamedPipeEvents and,
+/// as is said there, fill.
 ///
 /// A lost peer is a state, never an exception or a signal: writing to it raises no SIGPIPE.
 ///
@@ -115,7 +116,8 @@ public:
 
     /// Offers memory for the next bytes to be received, in place of memory offered before. Only
     /// while nothing is untaken. It must stay until takeFilled() has counted `size` bytes in all,
-    /// stopFilling(), or the pipe is closed. A small range may be declined.
+    /// stopFilling(), or the pipe is closed. A small range may be declined. Takes at once what the
+    /// last processNamedPipeEvents() has left in the kernel, up to its bound, without blocking.
     void fill(char* bytes, std::size_t size);
 
     /// How many bytes have been received and not yet taken: those in the range of fill(), and

@@ -81,8 +81,11 @@ void accumulate(nqNamedPipe& pipe, std::vector<char>& payload, std::int32_t& rec
         eraseFront(incoming, static_cast<std::size_t>(count));
         received += count;
     }
-    if (received < signedSize(payload))
+    if (received < signedSize(payload)) {
         pipe.fill(payload.data() + received, payload.size() - static_cast<std::size_t>(received));
+        received +=
+            static_cast<std::int32_t>(pipe.takeFilled()); // some may have been there already
+    }
 }
 
 } // namespace

@@ -70,7 +70,7 @@ struct nqWorker::Private {
     std::int32_t mSent = 0;     // bytes of mResult handed to the pipe
     bool mFinished = false;
     Hook mHook = Hook::returned;
-    nqSpareMemory mSpares; // for the next jobs
+    nqSpareMemory mSpares{nqSpareMemory::Fit::loosely}; // for the next jobs
 };
 
 // False when nothing may be received, run or sent: inside the hook, and for good once an exception

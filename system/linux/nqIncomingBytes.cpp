@@ -18,10 +18,8 @@ constexpr std::size_t smallestRange = std::size_t{8} << 10;
 
 void nqIncomingBytes::fill(char* bytes, std::size_t size)
 {
-    if (size < smallestRange)
-        return;
     mRange = bytes;
-    mRangeSize = size;
+    mRangeSize = size < smallestRange ? 0 : size;
     mFilled = 0;
 }
 

@@ -132,7 +132,7 @@ void nqNamedPipe::copyLent()
 
 void nqNamedPipe::fill(char* bytes, std::size_t size)
 {
-    mPrivate->mIncoming.fill(bytes, size);
+    mPrivate->fill(bytes, size);
 }
 
 std::size_t nqNamedPipe::untakenBytes() const

@@ -79,6 +79,7 @@ void nqNamedPipe::Private::close()
     mSocket.close();
     mPeer = nqPeer();
     mWriteFailed = false;
+    mIsMoreForRange = false;
     mIncoming.clear();
     mOutgoing.clear();
     mUntakenByLastCall = 0;
@@ -144,11 +145,12 @@ bool nqNamedPipe::Private::write()
 
 // Reads until the kernel says that it has nothing more, not only until a short count: a worker that
 // answered and left is then known to have left, and is not given another job. A caller that waits
-// comes back for the end anyway. A read that fills the buffer's share ends the call, since the
+// comes back for the end anyway. A read that fills the buffer's share is the last one, since the
 // consumer may have memory of its own for the rest. True when there is anything new for the caller.
 bool nqNamedPipe::Private::read(bool mayStopAtShortCount)
 {
     mSkippedRead.noteRead(false);
+    mIsMoreForRange = false;
     if (mPhase != Phase::open)
         return false;
     std::size_t count = 0;
@@ -173,9 +175,27 @@ bool nqNamedPipe::Private::read(bool mayStopAtShortCount)
         if (!isShort && !isFilling)
             break;
     }
-    if (count != 0 && !mayStopAtShortCount && isEndNext(mSocket.get()))
-        mPhase = Phase::ended;
+    if (count != 0)
+        peek();
     return count != 0;
+}
+
+// After a share that was read whole, which says nothing of what follows.
+void nqNamedPipe::Private::peek()
+{
+    const nqTransferOutcome next = peekOnce(mSocket.get());
+    if (next == nqTransferOutcome::closed)
+        mPhase = Phase::ended;
+    mSkippedRead.noteRead(next == nqTransferOutcome::wouldBlock);
+    mIsMoreForRange = next == nqTransferOutcome::moved && !mIncoming.isFilling();
+}
+
+// A payload whose first bytes have just come in need not wait for the next call.
+void nqNamedPipe::Private::fill(char* bytes, std::size_t size)
+{
+    mIncoming.fill(bytes, size);
+    if (mIsMoreForRange && mIncoming.isFilling() && mOwner.isThisProcess())
+        read(false);
 }
 
 // Whether the peer is found dead. Looks now and then only, since a look costs a system call and

@@ -29,6 +29,7 @@ struct nqNamedPipe::Private {
     nqPeer mPeer;         // who is at the other end of it
     nqOutgoingBytes mOutgoing;
     nqIncomingBytes mIncoming;
+    bool mIsMoreForRange = false;       // the last read left bytes that a range could take
     bool mWriteFailed = false;          // the peer takes nothing any more; it may have sent bytes
     std::size_t mUntakenByLastCall = 0; // of mIncoming, when the last call returned
     std::chrono::milliseconds mLastProbe{0}; // when the peer's life was last looked at
@@ -51,9 +52,12 @@ struct nqNamedPipe::Private {
     /// One call of processNamedPipeEvents on a pipe that is not closed.
     void processEvents(int timeoutMs, bool wait);
 
+    void fill(char* bytes, std::size_t size);
+
 private:
     bool write();
     bool read(bool mayStopAtShortCount);
+    void peek();
     bool probePeer();
     void wait(int timeoutMs);
 

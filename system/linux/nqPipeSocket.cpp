@@ -25,6 +25,16 @@ nqTransfer transferFailure()
     }
 }
 
+nqTransfer receive(int socket, char* bytes, std::size_t size, int flags)
+{
+    const ssize_t received = retryOnSignal([&] { return ::recv(socket, bytes, size, flags); });
+    if (received < 0)
+        return transferFailure(); // a reset is reported only after the last byte received
+    if (received == 0)
+        return {nqTransferOutcome::closed, 0};
+    return {nqTransferOutcome::moved, static_cast<std::size_t>(received)};
+}
+
 } // namespace
 
 std::optional<nqPipeAddress> makePipeAddress(const std::string& name)
@@ -60,18 +70,13 @@ nqTransfer sendOnce(int socket, const char* bytes, std::size_t size)
 
 nqTransfer receiveOnce(int socket, char* bytes, std::size_t size)
 {
-    const ssize_t received = retryOnSignal([&] { return ::recv(socket, bytes, size, 0); });
-    if (received < 0)
-        return transferFailure(); // a reset is reported only after the last byte received
-    if (received == 0)
-        return {nqTransferOutcome::closed, 0};
-    return {nqTransferOutcome::moved, static_cast<std::size_t>(received)};
+    return receive(socket, bytes, size, 0);
 }
 
-bool isEndNext(int socket)
+nqTransferOutcome peekOnce(int socket)
 {
     char next = 0;
-    return retryOnSignal([&] { return ::recv(socket, &next, sizeof next, MSG_PEEK); }) == 0;
+    return receive(socket, &next, sizeof next, MSG_PEEK).mOutcome;
 }
 
 } // namespace nq

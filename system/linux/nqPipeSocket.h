@@ -48,7 +48,7 @@ nqTransfer sendOnce(int socket, const char* bytes, std::size_t size);
 /// Receives up to `size` bytes, at least 1, that are there at once.
 nqTransfer receiveOnce(int socket, char* bytes, std::size_t size);
 
-/// Whether the stream has ended and no byte is left in the kernel.
-bool isEndNext(int socket);
+/// What receiveOnce would bring, without taking it.
+nqTransferOutcome peekOnce(int socket);
 
 } // namespace nq

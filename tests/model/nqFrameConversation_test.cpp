@@ -190,6 +190,7 @@ private:
         for (scripted::Pipe* one : {&recordPipe, &workerPipe}) {
             one->smallestLoan = mRandom.pick<std::size_t>({1, 3, 1 << 20});
             one->smallestRange = mRandom.pick<std::size_t>({1, 3, 1 << 20});
+            one->fillsAtOnce = mRandom.percent(50);
         }
         auto pipe = std::make_unique<nq::nqNamedPipe>();
         mConnection = Connection{};

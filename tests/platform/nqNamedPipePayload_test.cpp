@@ -13,6 +13,8 @@ using nq::nqNamedPipe;
 namespace {
 
 constexpr std::size_t large = mebibyte / 4;
+constexpr std::size_t readAtOnce = std::size_t{36} << 10; // what one read takes into the buffer
+constexpr std::size_t smallestRange = std::size_t{8} << 10;
 
 std::string letters(std::size_t count, char first = 'a')
 {
@@ -69,6 +71,61 @@ protected:
 private:
     std::unique_ptr<PipeToRawSocket> mLink;
 };
+
+// A peer that leaves bytes unread resets the connection, which ends it like a hang-up.
+TEST_F(NamedPipePayload, isKnownToBeTheLastOfAPeerThatHasLeftBytesUnread)
+{
+    for (const std::size_t size : {readAtOnce - 1, readAtOnce, readAtOnce + smallestRange}) {
+        PipeToRawSocket other;
+        ASSERT_TRUE(other.mPipe);
+        other.mPipe->outgoingBuffer() = {'u', 'n', 'r', 'e', 'a', 'd'};
+        other.mPipe->processNamedPipeEvents(0, false);
+        ASSERT_TRUE(rawSend(other.mPeer, letters(size)));
+        other.mPeer.close();
+        other.mPipe->processNamedPipeEvents(0, false);
+        other.mPipe->incomingBuffer().clear();
+        std::string rest(smallestRange, '-');
+        other.mPipe->fill(rest.data(), rest.size());
+        other.mPipe->takeFilled();
+        EXPECT_FALSE(other.mPipe->isConnected()) << size;
+    }
+}
+
+TEST_F(NamedPipePayload, isReceivedInTheCallThatBringsItsFirstBytes)
+{
+    const std::string sent = letters(2 * readAtOnce);
+    peerSends(sent);
+    pipe().processNamedPipeEvents(0, false);
+    EXPECT_EQ(pipe().incomingBuffer().size(), readAtOnce);
+    pipe().incomingBuffer().clear();
+    std::string payload(readAtOnce, '-');
+    pipe().fill(payload.data(), payload.size());
+    EXPECT_EQ(pipe().takeFilled(), payload.size());
+    EXPECT_EQ(payload, sent.substr(readAtOnce));
+}
+
+TEST_F(NamedPipePayload, isNotReceivedInACallThatFoundNothingLeft)
+{
+    peerSends("head");
+    pipe().processNamedPipeEvents(0, false);
+    pipe().incomingBuffer().clear();
+    peerSends(letters(readAtOnce));
+    std::string payload(large, '-');
+    pipe().fill(payload.data(), payload.size());
+    EXPECT_EQ(pipe().takeFilled(), 0U);
+}
+
+TEST_F(NamedPipePayload, isNotPutIntoAnEarlierRangeWhenItsOwnIsDeclined)
+{
+    std::string earlier(large, '-');
+    pipe().fill(earlier.data(), earlier.size());
+    std::string small(1, '-');
+    pipe().fill(small.data(), small.size());
+    peerSends("bytes");
+    pipe().processNamedPipeEvents(0, false);
+    EXPECT_EQ(takeAll(pipe()), "bytes");
+    EXPECT_EQ(earlier, std::string(large, '-'));
+}
 
 } // namespace
 
@@ -274,9 +331,7 @@ TEST_F(NamedPipePayload, ofAnySizeIsKnownToBeTheLastInTheCallThatBringsIt)
             std::string rest(size - other.mPipe->incomingBuffer().size(), '-');
             other.mPipe->incomingBuffer().clear();
             other.mPipe->fill(rest.data(), rest.size());
-            other.mPipe->processNamedPipeEvents(0, false);
-            EXPECT_EQ(other.mPipe->untakenBytes(), rest.size());
-            other.mPipe->takeFilled();
+            EXPECT_EQ(other.mPipe->takeFilled(), rest.size());
         }
         other.mPipe->incomingBuffer().clear();
         EXPECT_FALSE(other.mPipe->isConnected()) << size;

@@ -37,6 +37,7 @@ struct Pipe {
     /// Ranges from these sizes on are lent, and filled, in their own memory.
     std::size_t smallestLoan = std::size_t{16} << 10;
     std::size_t smallestRange = std::size_t{16} << 10;
+    bool fillsAtOnce = false; ///< a range takes the next of the arrivals when it is given
     const char* lent = nullptr;
     std::size_t lentSize = 0;
     char* range = nullptr; ///< its first untaken byte

@@ -162,10 +162,11 @@ void nqNamedPipe::copyLent()
 void nqNamedPipe::fill(char* bytes, std::size_t size)
 {
     scripted::Pipe& pipe = *mPrivate->pipe;
-    if (size < pipe.smallestRange)
-        return;
     pipe.range = bytes;
-    pipe.rangeSize = size;
+    pipe.rangeSize = size < pipe.smallestRange ? 0 : size;
+    pipe.filled = 0;
+    if (pipe.fillsAtOnce && pipe.rangeSize != 0)
+        takeIn(pipe);
 }
 
 std::size_t nqNamedPipe::untakenBytes() const

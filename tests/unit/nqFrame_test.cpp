@@ -52,7 +52,7 @@ protected:
     scripted::Pipe& script = machine.planPipe();
     nq::nqNamedPipe pipe;
     Bytes payload;
-    nq::nqSpareMemory spares;
+    nq::nqSpareMemory spares{nq::nqSpareMemory::Fit::closely};
     std::int32_t count = 0;
 
     bool receive(bool mayStart = true)

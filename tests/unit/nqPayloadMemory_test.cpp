@@ -1,4 +1,5 @@
 #include "include/nqWorker.h"
+#include "tests/common/refusedMemory.h"
 #include "tests/unit/workerRecordFixture.h"
 
 #include <functional>
@@ -9,6 +10,7 @@
 
 namespace {
 
+using common::RefusedMemory;
 using support::Bytes;
 using support::bytes;
 using support::frame;
@@ -88,6 +90,36 @@ TEST_F(JobInItsOwnMemory, isFollowedByTheNextOnlyWhenItHasLeft)
     EXPECT_EQ(pipe->passedOn, frame("a job of some length") + frame("next"));
 }
 
+TEST_F(JobInItsOwnMemory, becomesSpareMemoryOnceItHasLeft)
+{
+    pipe->passedOnPerCall = 5;
+    dispatch("a job of some length");
+    answer("early");
+    step();
+    ASSERT_NE(pipe->unsentBytes(), 0U);
+    queues.spareMemory().release();
+    pipe->passedOnPerCall = 100;
+    step();
+    EXPECT_GE(queues.spareMemory().bytes(), 20U);
+}
+
+TEST_F(JobInItsOwnMemory, isHandedBackWithoutFreshMemoryForItsBytes)
+{
+    if (!RefusedMemory::isPossible())
+        GTEST_SKIP() << "this tool has its own allocator";
+    constexpr std::size_t large = std::size_t{1} << 20;
+    pipe->passedOnPerCall = 5;
+    dispatch(std::string(large, 'j'));
+    step();
+    pipe->isReadChannelClosed = true;
+    process->state = nq::nqProcess::Ended;
+    {
+        const RefusedMemory refused(large / 2);
+        step();
+    }
+    EXPECT_EQ(support::failures(queues).at(0).job.size(), large);
+}
+
 TEST_F(JobInItsOwnMemory, isHandedBackWholeWhenItFailsHalfSent)
 {
     pipe->passedOnPerCall = 5;
@@ -113,6 +145,17 @@ TEST_F(ResultInItsOwnMemory, isReceivedThere)
     step();
     EXPECT_EQ(results(), Lines{"result"});
     EXPECT_TRUE(worker->isReadyForJob());
+}
+
+TEST_F(ResultInItsOwnMemory, isWholeInTheStepThatBringsItsFirstBytesIfTheRestIsThere)
+{
+    pipe->fillsAtOnce = true;
+    dispatch();
+    arrive(header(6) + bytes("re"));
+    arrive(bytes("sult") + frame("unasked"));
+    step();
+    EXPECT_EQ(results(), Lines{"result"});
+    EXPECT_EQ(pipe->incoming, frame("unasked"));
 }
 
 TEST_F(ResultInItsOwnMemory, leavesWhatFollowsItUnread)

@@ -11,6 +11,8 @@ namespace {
 
 constexpr std::size_t large = std::size_t{64} << 10;
 constexpr int manyPayloads = 64;
+constexpr auto closely = nqSpareMemory::Fit::closely;
+constexpr auto loosely = nqSpareMemory::Fit::loosely;
 
 Bytes memoryOf(std::size_t capacity)
 {
@@ -27,7 +29,7 @@ void takeSmallOnes(nqSpareMemory& spares, int count)
 
 TEST(SpareMemory, isEmptyAtFirst)
 {
-    nqSpareMemory spares;
+    nqSpareMemory spares{closely};
     EXPECT_TRUE(spares.isEmpty());
     EXPECT_EQ(spares.bytes(), 0U);
     EXPECT_EQ(spares.take(0).capacity(), 0U);
@@ -36,7 +38,7 @@ TEST(SpareMemory, isEmptyAtFirst)
 TEST(SpareMemory, servesTheNextPayloadThatFits)
 {
     for (const std::size_t size : {std::size_t{10}, large}) {
-        nqSpareMemory spares;
+        nqSpareMemory spares{closely};
         Bytes payload(size);
         const char* const memory = payload.data();
         spares.keep(std::move(payload));
@@ -48,7 +50,7 @@ TEST(SpareMemory, servesTheNextPayloadThatFits)
 
 TEST(SpareMemory, ofALargePayloadIsNotWastedOnAMuchSmallerOne)
 {
-    nqSpareMemory spares;
+    nqSpareMemory spares{closely};
     spares.keep(Bytes(large));
     EXPECT_EQ(spares.take(large / 2 - 1).capacity(), 0U);
     EXPECT_GE(spares.take(large / 2).capacity(), large);
@@ -56,14 +58,14 @@ TEST(SpareMemory, ofALargePayloadIsNotWastedOnAMuchSmallerOne)
 
 TEST(SpareMemory, ofASmallPayloadServesAnySmallerOne)
 {
-    nqSpareMemory spares;
+    nqSpareMemory spares{closely};
     spares.keep(Bytes(large - 1));
     EXPECT_EQ(spares.take(0).capacity(), large - 1);
 }
 
 TEST(SpareMemory, isKeptOfTheLatestFewPayloadsOnly)
 {
-    nqSpareMemory spares;
+    nqSpareMemory spares{closely};
     for (std::size_t i = 0; i < 5; ++i)
         spares.keep(memoryOf(large + i));
     EXPECT_EQ(spares.bytes(), 4 * large + 1 + 2 + 3 + 4);
@@ -74,7 +76,7 @@ TEST(SpareMemory, isKeptOfTheLatestFewPayloadsOnly)
 
 TEST(SpareMemory, isNotPushedOutByAnEmptyPayload)
 {
-    nqSpareMemory spares;
+    nqSpareMemory spares{closely};
     for (int i = 0; i < 4; ++i)
         spares.keep(Bytes(large));
     spares.keep({});
@@ -83,7 +85,7 @@ TEST(SpareMemory, isNotPushedOutByAnEmptyPayload)
 
 TEST(SpareMemory, leavesItsPlaceToAnotherWhenItIsTaken)
 {
-    nqSpareMemory spares;
+    nqSpareMemory spares{closely};
     for (std::size_t i = 0; i < 4; ++i)
         spares.keep(memoryOf(large + i));
     EXPECT_EQ(spares.take(large).capacity(), large + 3);
@@ -92,25 +94,58 @@ TEST(SpareMemory, leavesItsPlaceToAnotherWhenItIsTaken)
         EXPECT_EQ(spares.take(large).capacity(), large + more);
 }
 
-TEST(SpareMemory, isOutgrownWhenManyPayloadsInARowWereSmall)
+TEST(SpareMemory, thatFitsLooselyServesAMuchSmallerPayloadToo)
 {
-    nqSpareMemory spares;
+    nqSpareMemory spares{loosely};
     spares.keep(Bytes(large));
-    spares.keep(Bytes(1));
-    for (int i = 0; i < manyPayloads - 1; ++i)
-        spares.keep(spares.take(1)); // finds some, but small
+    EXPECT_GE(spares.take(1).capacity(), large);
+}
+
+TEST(SpareMemory, thatFitsLooselyIsReleasedWhenItIsTooSmall)
+{
+    nqSpareMemory spares{loosely};
+    spares.keep(Bytes(large));
+    EXPECT_EQ(spares.take(large + 1).capacity(), 0U);
+    EXPECT_TRUE(spares.isEmpty());
+}
+
+TEST(SpareMemory, isOutgrownWhenManyPayloadsInARowFitNone)
+{
+    nqSpareMemory spares{closely};
+    spares.keep(Bytes(large));
+    takeSmallOnes(spares, manyPayloads - 1);
     EXPECT_FALSE(spares.isOutgrown());
-    spares.take(1);
+    takeSmallOnes(spares, 1);
     EXPECT_TRUE(spares.isOutgrown());
 }
 
-TEST(SpareMemory, isNotOutgrownWhenALargePayloadHasComeBetween)
+TEST(SpareMemory, isOutgrownWhenManyPayloadsInARowLeaveMostOfItUnused)
 {
-    nqSpareMemory spares;
-    takeSmallOnes(spares, manyPayloads - 1);
+    nqSpareMemory spares{loosely};
+    spares.keep(Bytes(4 * large));
+    for (int i = 0; i < manyPayloads; ++i) {
+        EXPECT_FALSE(spares.isOutgrown());
+        spares.keep(spares.take(large));
+    }
+    EXPECT_TRUE(spares.isOutgrown());
+}
+
+TEST(SpareMemory, isOutgrownWhenManyPayloadsInARowAreSmall)
+{
+    nqSpareMemory spares{closely};
+    spares.keep(Bytes(large - 1));
+    for (int i = 0; i < manyPayloads; ++i) {
+        EXPECT_FALSE(spares.isOutgrown());
+        spares.keep(spares.take(large - 1));
+    }
+    EXPECT_TRUE(spares.isOutgrown());
+}
+
+TEST(SpareMemory, isNotOutgrownWhenItWasOfUseBetween)
+{
+    nqSpareMemory spares{closely};
     spares.keep(Bytes(large));
     takeSmallOnes(spares, manyPayloads - 1);
-    EXPECT_FALSE(spares.isOutgrown());
     spares.take(large);
     takeSmallOnes(spares, manyPayloads - 1);
     EXPECT_FALSE(spares.isOutgrown());
@@ -118,7 +153,7 @@ TEST(SpareMemory, isNotOutgrownWhenALargePayloadHasComeBetween)
 
 TEST(SpareMemory, isNotOutgrownRightAfterItsRelease)
 {
-    nqSpareMemory spares;
+    nqSpareMemory spares{closely};
     spares.keep(Bytes(large));
     takeSmallOnes(spares, manyPayloads);
     spares.release();
