@@ -2,8 +2,10 @@
 
 #include "nqExport.h"
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -52,6 +54,22 @@ public:
         IdlePriority = 2       ///< a niceness of 19
     };
 
+    /// How the process has ended, and what it has used.
+    struct End {
+        int mExitStatus = 0;      ///< when no signal ended it
+        int mSignal = 0;          ///< the signal that ended it; 0: none
+        bool mDumpedCore = false; ///< by that signal
+
+        /// Processor time, with that of those of its children that it has waited for.
+        std::chrono::microseconds mUserTime{};
+        std::chrono::microseconds mSystemTime{}; ///< likewise, inside the kernel
+
+        /// The most resident memory in bytes that it, or a child that it has waited for, ever had;
+        /// 0 when unknown. A process starts with the host's own peak in its books, so that nothing
+        /// is known of one that stayed below.
+        std::uint64_t mPeakMemory = 0;
+    };
+
     /// For waitForFinished(), in place of a number of milliseconds.
     static constexpr unsigned int withoutLimit = 0xFFFFFFFF;
 
@@ -93,6 +111,14 @@ public:
 
     /// The process id; 0 when none was started. Kept after the end, for messages.
     std::int64_t getPid() const;
+
+    /// How it has ended; nothing while it is not known to have ended, or when the host has reaped
+    /// it or ignores SIGCHLD, which takes all of this away.
+    std::optional<End> end() const;
+
+    /// Why startProcess() has failed, as an errno; 0 when it has not, or when there is no number
+    /// for it.
+    int startError() const;
 
     /// Resident memory in bytes; 0 when the process has ended or was never started, or when its
     /// statistics cannot be opened, which every call tries again. Shared pages count in full.

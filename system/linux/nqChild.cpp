@@ -8,7 +8,9 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace nq {
 
@@ -22,8 +24,8 @@ constexpr std::int64_t maxPauseMs = 16;  // the longest delay, at hardly any loa
 nqChildEnd nqChildEnd::of(const siginfo_t& ended)
 {
     if (ended.si_code == CLD_EXITED)
-        return {ended.si_status, 0, false};
-    return {0, ended.si_status, ended.si_code == CLD_DUMPED};
+        return {ended.si_status, 0, false, {}};
+    return {0, ended.si_status, ended.si_code == CLD_DUMPED, {}};
 }
 
 nqChild::nqChild(pid_t pid)
@@ -36,7 +38,7 @@ nqChild::nqChild(pid_t pid)
 bool nqChild::hasFailed() const
 {
     siginfo_t ended{};
-    if (!wait(ended, WNOHANG | WNOWAIT))
+    if (!wait(ended, WNOHANG | WNOWAIT, nullptr))
         return true;
     return ended.si_pid != 0 && !nqChildEnd::of(ended).isSuccess();
 }
@@ -89,20 +91,26 @@ void nqChild::kill()
 bool nqChild::reap(int options)
 {
     siginfo_t ended{};
-    if (!wait(ended, options))
+    rusage usage{};
+    if (!wait(ended, options, &usage))
         return errno == ECHILD;
     if (ended.si_pid == 0)
         return false;
     mEnd = nqChildEnd::of(ended);
+    mEnd->mUsage = usage;
     return true;
 }
 
-// False with errno when the call fails; si_pid stays 0 while the child runs.
-bool nqChild::wait(siginfo_t& ended, int options) const
+// False with errno when the call fails; si_pid stays 0 while the child runs. The kernel's call
+// takes an argument more than the C library's waitid(), and tells for nothing what the child has
+// used.
+bool nqChild::wait(siginfo_t& ended, int options, rusage* usage) const
 {
     const idtype_t kind = mPidfd.isOpen() ? waitForPidfd : P_PID;
     const id_t id = static_cast<id_t>(mPidfd.isOpen() ? mPidfd.get() : mPid);
-    return retryOnSignal([&] { return ::waitid(kind, id, &ended, WEXITED | options); }) == 0;
+    return retryOnSignal([&] {
+               return ::syscall(SYS_waitid, kind, id, &ended, WEXITED | options, usage);
+           }) == 0;
 }
 
 } // namespace nq

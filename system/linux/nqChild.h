@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdint>
 #include <optional>
+#include <sys/resource.h>
 #include <sys/types.h>
 
 namespace nq {
@@ -14,6 +15,7 @@ struct nqChildEnd {
     int mExitStatus = 0; // when no signal ended it
     int mSignal = 0;     // 0: none
     bool mDumpedCore = false;
+    rusage mUsage{}; // known once it is reaped; with what its own reaped children have used
 
     /// What waitid() has filled in.
     static nqChildEnd of(const siginfo_t& ended);
@@ -60,7 +62,7 @@ public:
 
 private:
     bool reap(int options);
-    bool wait(siginfo_t& ended, int options) const;
+    bool wait(siginfo_t& ended, int options, rusage* usage) const;
 
     pid_t mPid;
     nqDescriptor mPidfd; // none where pidfds are refused

@@ -70,6 +70,21 @@ std::uint64_t residentPages(const char* position, const char* end)
     return pages;
 }
 
+std::chrono::microseconds durationOf(const timeval& time)
+{
+    return std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
+}
+
+// In kibibytes. The child of vfork borrows the host's memory until its exec, and the kernel counts
+// this as the child's. The host's peak only grows, so that it may be read as late as this.
+std::uint64_t peakOfItsOwn(const rusage& usage)
+{
+    rusage host{};
+    if (::getrusage(RUSAGE_SELF, &host) != 0 || usage.ru_maxrss <= host.ru_maxrss)
+        return 0;
+    return static_cast<std::uint64_t>(usage.ru_maxrss);
+}
+
 nqDescriptor openMemoryStatistics(pid_t pid)
 {
     const std::string path = "/proc/" + std::to_string(pid) + "/statm";
@@ -97,7 +112,9 @@ struct nqProcess::Private {
     std::string mWorkingDirectory;    // empty: the host's
     bool mStartWasCalled = false;     // whatever came of it
     ProcessState mState = NotStarted; // as last found
+    int mStartError = 0;              // errno of a start that has failed
     pid_t mPid = 0;                   // kept after the end, for messages
+    std::optional<nqChildEnd> mEnd;   // set when mState becomes Ended, if it is known
     std::optional<nqChild> mChild;    // set while mState is Running
     std::optional<nqLeash> mLeash;    // armed while mState is Running, else none
     nqDescriptor mMemoryStatistics;   // kept open, so that it never means another process
@@ -119,6 +136,7 @@ bool nqProcess::Private::start(nqSpawnRequest request)
         result = nqSpawn(request);
     if (result.mPid == 0) {
         mLeash.reset();
+        mStartError = result.mError;
         logError(describeSpawnFailure(request, result));
         return false;
     }
@@ -136,9 +154,9 @@ void nqProcess::Private::enterEnded()
     mState = Ended;
     mLeash.reset(); // kills what is left of the group
     mMemoryStatistics.close();
-    const std::optional<nqChildEnd> end = mChild->end();
+    mEnd = mChild->end();
     mChild.reset();
-    mRosterEntry->noteEnd(end);
+    mRosterEntry->noteEnd(mEnd);
 }
 
 // Reaps the process if it has ended, but not after status 0 while a server still waits for its
@@ -200,6 +218,7 @@ bool nqProcess::startProcess(
     // The kernel would cut such a text short.
     if (holdsNul(exePathUtf8) || holdsNul(mPrivate->mWorkingDirectory) ||
         std::any_of(arguments.begin(), arguments.end(), holdsNul)) {
+        mPrivate->mStartError = EINVAL;
         logError("Cannot start a process: its path, folder or an argument holds a zero byte");
         return false;
     }
@@ -228,6 +247,27 @@ nqProcess::ProcessState nqProcess::getState() const
 std::int64_t nqProcess::getPid() const
 {
     return mPrivate->mPid;
+}
+
+std::optional<nqProcess::End> nqProcess::end() const
+{
+    constexpr std::uint64_t kibibyte = 1024;
+    const std::optional<nqChildEnd>& found = mPrivate->mEnd;
+    if (!found)
+        return std::nullopt;
+    End end;
+    end.mExitStatus = found->mExitStatus;
+    end.mSignal = found->mSignal;
+    end.mDumpedCore = found->mDumpedCore;
+    end.mUserTime = durationOf(found->mUsage.ru_utime);
+    end.mSystemTime = durationOf(found->mUsage.ru_stime);
+    end.mPeakMemory = peakOfItsOwn(found->mUsage) * kibibyte;
+    return end;
+}
+
+int nqProcess::startError() const
+{
+    return mPrivate->mStartError;
 }
 
 std::uint64_t nqProcess::getCurrentRamInUse() const

@@ -26,6 +26,14 @@ public:
             mArguments[5]);
     }
 
+    /// The argument of that number, counted from 0, as a pointer.
+    template <typename Pointee>
+    const Pointee* pointer(int number) const
+    {
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): what the kernel gets is numbers
+        return reinterpret_cast<const Pointee*>(mArguments[number]);
+    }
+
 private:
     long mArguments[6];
 };

@@ -19,6 +19,7 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -293,9 +294,12 @@ long syscall(long number, ...) noexcept
     va_start(list, number);
     const common::SyscallArguments arguments(list);
     va_end(list);
-    return perform(NQ_VERDICT(static_cast<int>(number)), -1L, [&] {
-        return arguments.callWith(syscallReal(), number);
-    });
+    const Verdict verdict = NQ_VERDICT(static_cast<int>(number));
+    const auto call = [&] { return arguments.callWith(syscallReal(), number); };
+    if (number != SYS_waitid || verdict.mAction != Action::failAfter)
+        return perform(verdict, -1L, call);
+    const auto* const info = arguments.pointer<siginfo_t>(2);
+    return reapForSomebodyElse(verdict, [&] { return call() == 0 && info->si_pid != 0; });
 }
 
 // The C library keeps this one for its own pthread_atfork, which is linked into each library.

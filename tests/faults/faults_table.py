@@ -143,6 +143,7 @@ FAULTS = {
     "syscall:SYS_pidfd_send_signal": transparent("ESRCH", "EPERM", "ENOSYS", lasts=True),
     "vfork": costly("EAGAIN", "ENOMEM", "ENOSYS", lasts=True),
     # The host has reaped the child before we did.
+    "syscall:SYS_waitid": transparent("EINTR") + reaped_by_host(),
     "waitid": transparent("EINTR") + reaped_by_host(),
     "waitpid": transparent("EINTR") + reaped_by_host(),
     "write": transparent("EINTR", "EAGAIN") + costly("EIO", "ENOSPC", "EPIPE", "EBADF", lasts=True)
@@ -163,6 +164,7 @@ CANNOT_FAIL = {
     "gettid": "always succeeds",
     "getpriority": "asks about the caller itself",
     "getrlimit": "asks for a limit that exists",
+    "getrusage": "asks about the caller itself",
     "malloc_trim": "gives back what it can",
     "munmap": "only for memory that was never mapped",
     "localtime_r": "a zone that cannot be read is UTC",
@@ -219,6 +221,7 @@ SELECTORS = {
     "syscall": {
         "SYS_rt_sigaction": 13,
         "SYS_rt_sigprocmask": 14,
+        "SYS_waitid": 247,
         "SYS_pidfd_send_signal": 424,
         "SYS_pidfd_open": 434,
     },

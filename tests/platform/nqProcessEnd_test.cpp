@@ -14,6 +14,7 @@
 #include <new>
 #include <optional>
 #include <sys/ptrace.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <thread>
 
@@ -499,6 +500,101 @@ TEST_F(ProcessEnd, isSeenWhileAThreadOfTheHostReapsEveryChild)
     }
     over = true;
     reaper.join();
+}
+
+TEST_F(ProcessEnd, isNotToldOfAProcessThatRuns)
+{
+    launch("answer");
+    EXPECT_FALSE(mProcess.end().has_value());
+    EXPECT_FALSE(nqProcess().end().has_value());
+}
+
+TEST_F(ProcessEnd, tellsTheExitStatus)
+{
+    ASSERT_TRUE(mProcess.startProcess("/bin/sh", {"-c", "exit 3"}, true, nqProcess::LowPriority));
+    EXPECT_TRUE(mProcess.waitForFinished(withoutLimit));
+    const auto end = mProcess.end();
+    ASSERT_TRUE(end.has_value());
+    EXPECT_EQ(end->mExitStatus, 3);
+    EXPECT_EQ(end->mSignal, 0);
+    EXPECT_FALSE(end->mDumpedCore);
+}
+
+TEST_F(ProcessEnd, tellsTheSignal)
+{
+    launch("answer");
+    mProcess.killProcess();
+    EXPECT_TRUE(mProcess.waitForFinished(withoutLimit));
+    const auto end = mProcess.end();
+    ASSERT_TRUE(end.has_value());
+    EXPECT_EQ(end->mSignal, SIGKILL);
+    EXPECT_EQ(end->mExitStatus, 0);
+}
+
+TEST_F(ProcessEnd, tellsTheTimeThatTheProcessorGave)
+{
+    ASSERT_TRUE(mProcess.startProcess(
+        "/bin/sh",
+        {"-c", "i=0; while [ $i -lt 100000 ]; do i=$((i+1)); done"},
+        true,
+        nqProcess::InheritedPriority));
+    EXPECT_TRUE(mProcess.waitForFinished(withoutLimit));
+    const auto end = mProcess.end();
+    ASSERT_TRUE(end.has_value());
+    EXPECT_GT((end->mUserTime + end->mSystemTime).count(), 0);
+}
+
+TEST_F(ProcessEnd, tellsThePeakOfMemoryThatIsAboveTheHosts)
+{
+    rusage host{};
+    ASSERT_EQ(::getrusage(RUSAGE_SELF, &host), 0);
+    const auto hostBytes = static_cast<std::uint64_t>(host.ru_maxrss) * 1024;
+    launch("allocate");
+    std::uint64_t grown = 0;
+    while (grown <= hostBytes) {
+        ::kill(pid(), SIGUSR1);
+        ASSERT_EQ(mOutput.readLine(), "grown");
+        grown = mProcess.getCurrentRamInUse();
+    }
+    mProcess.killProcess();
+    EXPECT_TRUE(mProcess.waitForFinished(withoutLimit));
+    const auto end = mProcess.end();
+    ASSERT_TRUE(end.has_value());
+    EXPECT_GE(end->mPeakMemory, hostBytes);
+}
+
+TEST_F(ProcessEnd, passesTheHostsPeakOfMemoryOffAsNobodyElses)
+{
+    std::vector<char> ballast(std::size_t{64} << 20, 'x'); // far more than a small program needs
+    ASSERT_TRUE(startWorker(mProcess, mOutput, ""));
+    EXPECT_TRUE(mProcess.waitForFinished(withoutLimit));
+    const auto end = mProcess.end();
+    ASSERT_TRUE(end.has_value());
+    EXPECT_EQ(end->mPeakMemory, 0U);
+    EXPECT_EQ(ballast.back(), 'x');
+}
+
+TEST_F(ProcessEnd, isUnknownWhenTheHostHasReapedTheProcess)
+{
+    launch("answer");
+    ::kill(pid(), SIGKILL);
+    ASSERT_EQ(::waitpid(-1, nullptr, 0), pid());
+    EXPECT_EQ(mProcess.getState(), nqProcess::Ended);
+    EXPECT_FALSE(mProcess.end().has_value());
+}
+
+TEST_F(ProcessEnd, beforeAnythingRanHasAnErrorNumber)
+{
+    EXPECT_FALSE(mProcess.startProcess("/missing", {}, true, nqProcess::InheritedPriority));
+    EXPECT_EQ(mProcess.startError(), ENOENT);
+    EXPECT_FALSE(mProcess.end().has_value());
+    nqProcess cut;
+    EXPECT_FALSE(
+        cut.startProcess(std::string("/bin\0", 5), {}, true, nqProcess::InheritedPriority));
+    EXPECT_EQ(cut.startError(), EINVAL);
+    nqProcess sound;
+    EXPECT_TRUE(startWorker(sound, mOutput, ""));
+    EXPECT_EQ(sound.startError(), 0);
 }
 
 TEST_F(ProcessEnd, leavesOtherChildrenToTheHost)

@@ -77,6 +77,8 @@ struct Process {
     nq::nqProcess::ProcessState stateAfterStart = nq::nqProcess::Running;
     std::optional<bool> startResult; ///< what startProcess says when it is not the truth
     std::uint64_t ramInUse = 0;
+    std::optional<nq::nqProcess::End> end; ///< what is known once it has ended
+    int startError = 0;
     bool endsWhenKilled = true;
     bool endsWhenWaitedFor = true;
 

@@ -82,6 +82,18 @@ std::int64_t nqProcess::getPid() const
     return (**mPrivate).pid;
 }
 
+std::optional<nqProcess::End> nqProcess::end() const
+{
+    mPrivate->query("end()");
+    return (**mPrivate).state == Ended ? (**mPrivate).end : std::nullopt;
+}
+
+int nqProcess::startError() const
+{
+    mPrivate->query("startError()");
+    return (**mPrivate).startError;
+}
+
 std::uint64_t nqProcess::getCurrentRamInUse() const
 {
     mPrivate->query("getCurrentRamInUse()");
