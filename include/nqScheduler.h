@@ -9,6 +9,7 @@
 
 namespace nq {
 
+class nqSchedulerObserver;
 class nqSchedulerPrivate;
 
 /// Spreads jobs over a pool of worker processes on this machine. A job is an opaque buffer of
@@ -116,6 +117,11 @@ public:
     /// The worker's arguments, without its path and without the pipe's name, which comes first
     /// with `prependChannelId`, else last.
     void setArgumentsUtf8(const std::vector<std::string>& argumentsUtf8, bool prependChannelId);
+
+    /// Who is told what happens to jobs and workers, see nqSchedulerObserver.h; null for nobody, as
+    /// from the beginning. Borrowed until another one is set, or the destructor begins. False, and
+    /// nothing changes, while the scheduler is started or starting, and in a forked child.
+    bool setObserver(nqSchedulerObserver* observer);
 
     /// The executable as it was given.
     const std::string& exeUtf8Path() const;

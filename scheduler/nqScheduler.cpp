@@ -88,6 +88,14 @@ void nqScheduler::setArgumentsUtf8(
     mPrivate->mPrependChannelId = prependChannelId;
 }
 
+bool nqScheduler::setObserver(nqSchedulerObserver* observer)
+{
+    if (mPrivate->mStarted || !mPrivate->mayAct())
+        return false;
+    mPrivate->mEvents.setObserver(observer);
+    return true;
+}
+
 const std::string& nqScheduler::exeUtf8Path() const
 {
     return mPrivate->mExeUtf8Path;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "scheduler/nqJobQueues.h"
+#include "supervision/nqEventLog.h"
 #include "supervision/nqSchedulerWorker.h"
 #include "supervision/nqWorkerLaunch.h"
 #include "system/nqNamedPipeServer.h"
@@ -44,6 +45,7 @@ public:
     void stop();
 
     nqWorkerLimits mLimits;
+    nqEventLog mEvents;          // the workers refer to it
     const std::string mPipeName; // a UUID, the same for every start
     std::string mExeUtf8Path;
     nqNamedPipeServer mPipeServer;

@@ -107,8 +107,10 @@ void nqSchedulerPrivate::pump(int timeoutMs)
     Pass pass;
     {
         const nqThread::Uncancellable held;
+        mEvents.makeRoom(mWorkers.size());
         mPipeServer.processPipeServerEvents(0);
         pass = stepWorkers(*this);
+        mEvents.deliver(); // before the queues are looked at, since an observer may push and pop
     }
 
     const bool resultWaits = mQueues->resultCount() != 0;

@@ -76,6 +76,7 @@ bool nqSchedulerPrivate::start(std::uint64_t nbWorkers, std::int32_t workerConne
 
 bool nqSchedulerPrivate::addWorker()
 {
+    mEvents.makeRoom(mWorkers.size() + 1);
     const nqWorkerLaunch launch{
         mExeUtf8Path,
         mArgumentsUtf8,
@@ -83,12 +84,14 @@ bool nqSchedulerPrivate::addWorker()
         mPipeName,
         mStartProcessFlag,
         mWorkerConnectionTimeout,
-        mLimits};
+        mLimits,
+        mEvents};
     std::unique_ptr<nqSchedulerWorker> worker = launchWorker(launch, mPipeServer, mQueues.get());
-    if (worker == nullptr)
-        return false;
-    mWorkers.push_back(std::move(worker));
-    return true;
+    const bool isLaunched = worker != nullptr;
+    if (isLaunched)
+        mWorkers.push_back(std::move(worker));
+    mEvents.deliver();
+    return isLaunched;
 }
 
 void nqSchedulerPrivate::drain()
@@ -99,6 +102,7 @@ void nqSchedulerPrivate::drain()
     // An owed failure is no longer counted as a job.
     for (const std::unique_ptr<nqSchedulerWorker>& worker : mWorkers)
         worker->storeOwedFailure();
+    mEvents.deliver();
 }
 
 // May be interrupted anywhere and called again: the workers left in the list are complete. Once the
@@ -112,8 +116,11 @@ void nqSchedulerPrivate::stop()
         const nqThread::Uncancellable held;
         mPipeServer.closeNamedPipeServer();
     }
-    for (; !mWorkers.empty(); mWorkers.pop_front())
+    while (!mWorkers.empty()) {
         endWorker(*mWorkers.front());
+        mWorkers.pop_front();
+        mEvents.deliver();
+    }
     mReplacementsDue = 0;
     mDrained = false;
     mStarted = false;
@@ -129,6 +136,7 @@ nqScheduler::~nqScheduler()
                   << std::endl;
         std::abort();
     }
+    mPrivate->mEvents.setObserver(nullptr); // the host may have destroyed it
     try {
         stopScheduler();
     } catch (...) {

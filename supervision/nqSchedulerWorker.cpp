@@ -9,13 +9,16 @@
 
 #include "include/nqScheduler.h"
 #include "scheduler/nqJobQueues.h"
+#include "supervision/nqEventLog.h"
 #include "support/nqLogObject.h"
 #include "system/nqHighResTimer.h"
 #include "system/nqStringUtils.h"
 #include "system/nqThread.h"
 #include "worker/nqFrame.h"
 
+#include <algorithm>
 #include <exception>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -24,6 +27,8 @@
 namespace nq {
 
 namespace {
+
+using Event = nqSchedulerEvent;
 
 constexpr std::uint64_t msPerSecond = 1000;
 constexpr std::string_view unexpectedCrash = "Unexpected crash";
@@ -65,10 +70,18 @@ public:
 
     void beginJob();
     void completeJob();
-    void condemn();
+    void condemn(Event::EndReason reason);
     void endRecord();
 
     std::uint64_t jobSeconds() const;
+    std::uint64_t readMemory();
+
+    bool isObserved() const;
+    Event eventOf(Event::Kind kind, std::size_t bytes) const;
+    void noteHandedOut();
+    void noteResult(Event::Kind kind, std::size_t bytes);
+    void noteFailure(std::size_t bytes);
+    void noteEnd();
 
     std::unique_ptr<nqNamedPipe> mPipe; // null once closed
     // Borrowed; null when detached: nothing more is delivered. The pipe is then null as well, and
@@ -93,6 +106,12 @@ public:
     bool mFinished = false;
     bool mKilled = false;
     bool mFailureOwed = false;
+
+    // For the observer.
+    nqEventLog* mEvents = nullptr; // borrowed
+    std::optional<nqHighResTimer> mSinceLaunch;
+    std::uint64_t mLargestMemory = 0; // bytes, of the readings that the caps have taken
+    Event::EndReason mEndReason = Event::EndReason::Stopped; // unless something else comes first
 };
 
 void nqSchedulerWorkerPrivate::beginJob()
@@ -112,10 +131,11 @@ void nqSchedulerWorkerPrivate::completeJob()
     mFormerJob = std::exchange(mJob, {});
 }
 
-void nqSchedulerWorkerPrivate::condemn()
+void nqSchedulerWorkerPrivate::condemn(Event::EndReason reason)
 {
     mProcess->killProcess();
     mKilled = true;
+    mEndReason = reason;
 }
 
 void nqSchedulerWorkerPrivate::endRecord()
@@ -127,6 +147,67 @@ void nqSchedulerWorkerPrivate::endRecord()
 std::uint64_t nqSchedulerWorkerPrivate::jobSeconds() const
 {
     return static_cast<std::uint64_t>(mJobTimer.getElapsedTimeInSec());
+}
+
+std::uint64_t nqSchedulerWorkerPrivate::readMemory()
+{
+    const std::uint64_t bytes = mProcess->getCurrentRamInUse();
+    mLargestMemory = std::max(mLargestMemory, bytes);
+    return bytes;
+}
+
+bool nqSchedulerWorkerPrivate::isObserved() const
+{
+    return mEvents != nullptr && mEvents->isObserved();
+}
+
+Event nqSchedulerWorkerPrivate::eventOf(Event::Kind kind, std::size_t bytes) const
+{
+    Event event;
+    event.mKind = kind;
+    event.mPid = static_cast<std::int64_t>(mPid);
+    event.mBytes = bytes;
+    return event;
+}
+
+void nqSchedulerWorkerPrivate::noteHandedOut()
+{
+    if (!isObserved())
+        return;
+    Event event = eventOf(Event::Kind::JobHandedOut, mJob.size());
+    event.mUnreadBytes = mPipe->untakenBytes();
+    mEvents->note(event);
+}
+
+void nqSchedulerWorkerPrivate::noteResult(Event::Kind kind, std::size_t bytes)
+{
+    if (isObserved())
+        mEvents->note(eventOf(kind, bytes));
+}
+
+/// The queue has its own copy of the message, which nobody needs here any more.
+void nqSchedulerWorkerPrivate::noteFailure(std::size_t bytes)
+{
+    if (!isObserved())
+        return;
+    Event event = eventOf(Event::Kind::JobFailed, bytes);
+    event.mFailReason = mFailReason;
+    mEvents->note(event, std::move(mFailMessage));
+}
+
+/// Once the process has been reaped.
+void nqSchedulerWorkerPrivate::noteEnd()
+{
+    if (!isObserved())
+        return;
+    Event event = eventOf(Event::Kind::WorkerEnded, 0);
+    event.mEndReason = mEndReason;
+    if (mSinceLaunch)
+        event.mDuration = timeOn(*mSinceLaunch);
+    setProcessEnd(event, mProcess->end());
+    if (mLargestMemory != 0)
+        event.mLargestReading = mLargestMemory;
+    mEvents->note(event);
 }
 
 nqSchedulerWorker::nqSchedulerWorker(
@@ -164,13 +245,13 @@ void nqSchedulerWorker::superviseStep()
 bool nqSchedulerWorker::condemnIfOverLimit()
 {
     nqSchedulerWorkerPrivate& state = *mPrivate;
-    bool isOverLimit = false;
+    std::optional<Event::EndReason> verdict;
     if (state.mMaxCapMemory != 0) {
-        const std::uint64_t ramInUse = state.mProcess->getCurrentRamInUse();
+        const std::uint64_t ramInUse = state.readMemory();
         if (ramInUse > state.mMaxCapMemory && !state.mKilled) {
             state.mFailMessage = "using too much RAM (" + memoryText(ramInUse) + ")";
             state.mFailReason = nqScheduler::TooMuchRam; // after the text: its allocation may fail
-            isOverLimit = true;
+            verdict = Event::EndReason::TooMuchMemory;
         }
     }
     if (state.mJobProcessTimeout != 0 && !state.mReadyForJob) {
@@ -178,13 +259,29 @@ bool nqSchedulerWorker::condemnIfOverLimit()
         if (seconds > state.mJobProcessTimeout && !state.mKilled) {
             state.mFailMessage = timeoutMessage(seconds);
             state.mFailReason = nqScheduler::Timeout;
-            isOverLimit = true;
+            verdict = Event::EndReason::Timeout;
         }
     }
-    if (isOverLimit)
-        state.condemn();
-    return isOverLimit;
+    if (verdict)
+        state.condemn(*verdict);
+    return verdict.has_value();
 }
+
+namespace {
+
+void deliverResult(nqSchedulerWorkerPrivate& state, std::vector<char>&& result)
+{
+    const std::size_t bytes = result.size();
+    try {
+        state.mQueues->pushResult(std::move(result));
+    } catch (...) {
+        state.noteResult(Event::Kind::ResultLost, bytes);
+        throw;
+    }
+    state.noteResult(Event::Kind::ResultComplete, bytes);
+}
+
+} // namespace
 
 /// True when a whole result was taken in now. What a worker sends without a job stays unread.
 bool nqSchedulerWorker::receiveStep()
@@ -200,7 +297,7 @@ bool nqSchedulerWorker::receiveStep()
     // result, and a job still held here would be failed and counted down again.
     std::vector<char> result = std::exchange(state.mResult, {});
     state.completeJob();
-    state.mQueues->pushResult(std::move(result));
+    deliverResult(state, std::move(result));
     return true;
 }
 
@@ -235,10 +332,11 @@ bool nqSchedulerWorker::restartIfTooMuchRam()
     nqSchedulerWorkerPrivate& state = *mPrivate;
     if (state.mMaxCapMemoryAfterProcessingAJob == 0)
         return false;
-    const std::uint64_t ramInUse = state.mProcess->getCurrentRamInUse();
+    const std::uint64_t ramInUse = state.readMemory();
     if (ramInUse <= state.mMaxCapMemoryAfterProcessingAJob)
         return false;
 
+    state.mEndReason = Event::EndReason::MemoryAfterJob;
     closePipe();
     state.endRecord();
     nqLogObject(nqLog::Info, false)
@@ -263,6 +361,7 @@ bool nqSchedulerWorker::startNextJob()
     if (state.mKilled || !state.mQueues->takeNextJob(state.mJob) || state.mJob.empty())
         return false;
     state.beginJob();
+    state.noteHandedOut();
     nqFrame::sendHeader(*state.mPipe, state.mJob);
     return true;
 }
@@ -297,11 +396,13 @@ void takeBackLentBytes(nqNamedPipe& pipe) noexcept
 void handBackFailedJob(nqSchedulerWorkerPrivate& state)
 {
     nqJobQueues& queues = *state.mQueues;
+    const std::size_t jobBytes = state.mJob.size();
     if (std::exchange(state.mFailureOwed, true))
         queues.storeFailedJob(std::move(state.mJob), state.mFailReason, state.mFailMessage);
     else
         queues.pushFailedJob(std::move(state.mJob), state.mFailReason, state.mFailMessage);
     state.mFailureOwed = false;
+    state.noteFailure(jobBytes);
 }
 
 } // namespace
@@ -321,6 +422,8 @@ void nqSchedulerWorker::failCurrentJob()
         }
         state.completeJob();
     }
+    if (!state.mKilled)
+        state.mEndReason = Event::EndReason::Lost;
     state.endRecord();
     if (lostLine != nullptr)
         std::rethrow_exception(lostLine);
@@ -346,6 +449,7 @@ nqSchedulerWorker::~nqSchedulerWorker()
     const nqThread::Uncancellable held;
     closePipe();
     mPrivate->mProcess->waitForFinished(nqProcess::withoutLimit);
+    mPrivate->noteEnd();
     mPrivate->mProcess.reset();
 }
 
@@ -364,6 +468,13 @@ void nqSchedulerWorker::setMaxCapMemoryAfterProcessingAJob(std::uint64_t bytes)
     mPrivate->mMaxCapMemoryAfterProcessingAJob = bytes;
 }
 
+void nqSchedulerWorker::setEvents(
+    nqEventLog& events, const std::optional<nqHighResTimer>& sinceLaunch)
+{
+    mPrivate->mEvents = &events;
+    mPrivate->mSinceLaunch = sinceLaunch;
+}
+
 bool nqSchedulerWorker::isReadyForJob() const
 {
     return mPrivate->mReadyForJob;
@@ -372,6 +483,11 @@ bool nqSchedulerWorker::isReadyForJob() const
 bool nqSchedulerWorker::hasFinished() const
 {
     return mPrivate->mFinished;
+}
+
+std::int64_t nqSchedulerWorker::pid() const
+{
+    return static_cast<std::int64_t>(mPrivate->mPid);
 }
 
 nqProcess* nqSchedulerWorker::process() const

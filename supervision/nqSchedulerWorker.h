@@ -1,13 +1,18 @@
 #pragma once
 
+#include "include/nqScheduler.h"
+#include "system/nqHighResTimer.h"
 #include "system/nqNamedPipe.h"
 #include "system/nqProcess.h"
 
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <string>
 
 namespace nq {
 
+class nqEventLog;
 class nqJobQueues;
 class nqSchedulerWorkerPrivate;
 
@@ -32,6 +37,10 @@ public:
     void setJobProcessTimeout(std::uint64_t seconds);
     void setMaxCapMemoryAfterProcessingAJob(std::uint64_t bytes);
 
+    /// Reports what happens to `events` from now on, which is borrowed and must outlive the record.
+    /// The timer has run since the launch; without one, nobody observed it.
+    void setEvents(nqEventLog& events, const std::optional<nqHighResTimer>& sinceLaunch);
+
     /// One pass: moves the pipe's bytes, holds memory and age against the limits, receives, notices
     /// a lost worker, dispatches. Never blocks. An allocation failure passes through and the record
     /// can be stepped again. It can cost a result that the queue has no room for, and with it its
@@ -50,6 +59,8 @@ public:
 
     /// Whether the record is over: the pump then destroys and replaces it.
     bool hasFinished() const;
+
+    std::int64_t pid() const;
 
     nqProcess* process() const;
 

@@ -1,9 +1,12 @@
 #include "supervision/nqWorkerLaunch.h"
 
+#include "supervision/nqEventLog.h"
 #include "support/nqLogObject.h"
 #include "system/nqDirUtils.h"
+#include "system/nqHighResTimer.h"
 #include "system/nqThread.h"
 
+#include <optional>
 #include <utility>
 
 namespace nq {
@@ -67,16 +70,42 @@ void logFailedLaunch(const char* reason, const nqProcess& process, const std::st
         << currentDirectory;
 }
 
+// The reason outlives the delivery.
+void noteFailedLaunch(nqEventLog& events, const char* reason, const nqProcess& process)
+{
+    nqSchedulerEvent event;
+    event.mKind = nqSchedulerEvent::Kind::LaunchFailed;
+    event.mPid = process.getPid();
+    event.mMessage = reason;
+    event.mErrorNumber = process.startError();
+    setProcessEnd(event, process.end());
+    events.note(event);
+}
+
+void noteLaunch(nqEventLog& events, std::int64_t pid, const nqHighResTimer& sinceLaunch)
+{
+    nqSchedulerEvent event;
+    event.mKind = nqSchedulerEvent::Kind::WorkerLaunched;
+    event.mPid = pid;
+    event.mDuration = timeOn(sinceLaunch);
+    events.note(event);
+}
+
 } // namespace
 
 std::unique_ptr<nqSchedulerWorker>
 launchWorker(const nqWorkerLaunch& launch, nqNamedPipeServer& server, nqJobQueues* queues)
 {
+    std::optional<nqHighResTimer> sinceLaunch;
+    if (launch.mEvents.isObserved())
+        sinceLaunch.emplace().start();
     auto process = std::make_unique<nqProcess>();
     const std::vector<std::string> arguments = buildArguments(launch);
     if (const char* failure = startAndConnect(*process, launch, arguments, server)) {
         logFailedLaunch(failure, *process, commandLineText(launch.mExeUtf8Path, arguments));
         process->killProcess();
+        if (sinceLaunch)
+            noteFailedLaunch(launch.mEvents, failure, *process);
         return nullptr;
     }
 
@@ -88,6 +117,9 @@ launchWorker(const nqWorkerLaunch& launch, nqNamedPipeServer& server, nqJobQueue
     // Nothing says that this connection comes from the process just started; the oldest is taken.
     auto worker = std::make_unique<nqSchedulerWorker>(
         server.takePendingConnection(), std::move(process), queues);
+    worker->setEvents(launch.mEvents, sinceLaunch);
+    if (sinceLaunch)
+        noteLaunch(launch.mEvents, worker->pid(), *sinceLaunch);
     worker->setMaxCapMemory(limits.mMaxCapMemory);
     worker->setJobProcessTimeout(limits.mJobProcessTimeout);
     worker->setMaxCapMemoryAfterProcessingAJob(limits.mMaxCapMemoryAfterProcessingAJob);

@@ -10,6 +10,7 @@
 
 namespace nq {
 
+class nqEventLog;
 class nqJobQueues;
 
 /// What a worker may use; 0 is off.
@@ -29,11 +30,12 @@ struct nqWorkerLaunch {
     bool mStartProcessFlag;
     std::int32_t mWorkerConnectionTimeout; // milliseconds
     const nqWorkerLimits& mLimits;
+    nqEventLog& mEvents; // has room for two events
 };
 
 /// Starts one worker process and waits for its connection to `server`, which must be listening.
 /// Null when that fails; the failure is then logged, and the process is killed, and waited for at
-/// most a second. The record borrows `queues`.
+/// most a second. The record borrows `queues` and the event log.
 std::unique_ptr<nqSchedulerWorker>
 launchWorker(const nqWorkerLaunch& launch, nqNamedPipeServer& server, nqJobQueues* queues);
 
