@@ -1,6 +1,7 @@
 #pragma once
 
 #include "nqExport.h"
+#include "nqWorkerStatus.h"
 
 #include <cstdint>
 #include <memory>
@@ -210,8 +211,26 @@ public:
     /// Failures that wait for popFail().
     unsigned long failCount() const;
 
+    /// Jobs that no worker has taken yet; jobCount() counts them as well.
+    unsigned long pendingJobCount() const;
+
     /// Drops the jobs that no worker has taken yet. They are reported nowhere.
     void clearPendingJobs();
+
+    /// @}
+    /// @name Workers, as far as the last pump has seen; asked at any time
+    /// @{
+
+    /// Workers that have not been found to have ended: a worker that is idle when it dies counts
+    /// until the next pump. Fewer than were started: a replacement could not be launched. 0 while
+    /// jobs are pending: nobody will take them.
+    unsigned long workerCount() const;
+
+    /// Those of them that hold a job.
+    unsigned long busyWorkerCount() const;
+
+    /// Each of them, oldest launch first. Reads each one's memory from the kernel.
+    std::vector<nqWorkerStatus> workers() const;
 
     /// @}
 

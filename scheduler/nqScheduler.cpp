@@ -3,6 +3,8 @@
 #include "scheduler/nqSchedulerPrivate.h"
 #include "system/nqSystemUtils.h"
 
+#include <algorithm>
+#include <chrono>
 #include <utility>
 
 namespace nq {
@@ -146,9 +148,63 @@ unsigned long nqScheduler::failCount() const
     return mPrivate->mQueues->failCount();
 }
 
+unsigned long nqScheduler::pendingJobCount() const
+{
+    return mPrivate->mQueues->pendingJobCount();
+}
+
 void nqScheduler::clearPendingJobs()
 {
     mPrivate->mQueues->clearPendingJobs();
+}
+
+namespace {
+
+/// None while the pump destroys it: a logger may ask at that very moment.
+bool isThere(const std::unique_ptr<nqSchedulerWorker>& worker)
+{
+    return worker != nullptr && !worker->hasFinished();
+}
+
+nqWorkerStatus statusOf(const nqSchedulerWorker& worker)
+{
+    nqWorkerStatus status;
+    status.mPid = worker.pid();
+    status.mResidentMemory = worker.process()->getCurrentRamInUse();
+    if (!worker.isReadyForJob()) {
+        status.mState = nqWorkerStatus::State::Busy;
+        status.mTimeInJob = std::chrono::duration_cast<std::chrono::milliseconds>(
+            std::chrono::duration<double>(worker.secondsInJob()));
+    }
+    if (!worker.isLive())
+        status.mState = nqWorkerStatus::State::Leaving;
+    return status;
+}
+
+} // namespace
+
+unsigned long nqScheduler::workerCount() const
+{
+    const auto& all = mPrivate->mWorkers;
+    return static_cast<unsigned long>(std::count_if(all.begin(), all.end(), isThere));
+}
+
+unsigned long nqScheduler::busyWorkerCount() const
+{
+    const auto& all = mPrivate->mWorkers;
+    return static_cast<unsigned long>(std::count_if(all.begin(), all.end(), [](const auto& worker) {
+        return isThere(worker) && !worker->isReadyForJob();
+    }));
+}
+
+std::vector<nqWorkerStatus> nqScheduler::workers() const
+{
+    std::vector<nqWorkerStatus> all;
+    for (const auto& worker : mPrivate->mWorkers) {
+        if (isThere(worker))
+            all.push_back(statusOf(*worker));
+    }
+    return all;
 }
 
 } // namespace nq

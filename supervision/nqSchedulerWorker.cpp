@@ -485,9 +485,20 @@ bool nqSchedulerWorker::hasFinished() const
     return mPrivate->mFinished;
 }
 
+bool nqSchedulerWorker::isLive() const
+{
+    const nqSchedulerWorkerPrivate& state = *mPrivate;
+    return state.mPipe != nullptr && !state.mFinished && !state.mKilled && !state.mFailureOwed;
+}
+
 std::int64_t nqSchedulerWorker::pid() const
 {
     return static_cast<std::int64_t>(mPrivate->mPid);
+}
+
+double nqSchedulerWorker::secondsInJob() const
+{
+    return mPrivate->mJobTimer.getElapsedTimeInSec();
 }
 
 nqProcess* nqSchedulerWorker::process() const

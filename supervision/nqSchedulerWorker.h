@@ -60,7 +60,13 @@ public:
     /// Whether the record is over: the pump then destroys and replaces it.
     bool hasFinished() const;
 
+    /// Whether it can still work: not over, and neither killed nor told to leave.
+    bool isLive() const;
+
     std::int64_t pid() const;
+
+    /// Seconds since the job in flight was handed out.
+    double secondsInJob() const;
 
     nqProcess* process() const;
 
