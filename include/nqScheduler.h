@@ -42,9 +42,9 @@ class nqSchedulerPrivate;
 /// @par Calls from a logger
 /// The log is written from inside the operations, so a logger that lets an event loop run may call
 /// back into the scheduler that is writing. The queues are open to it. startScheduler(),
-/// startWorker(), stopScheduler(), waitForFinished() and processScheduler() do nothing there and
-/// return at once, false where they return something, without a line in the log. Destroying the
-/// scheduler there ends the process with a message on standard error.
+/// startWorker(), stopScheduler(), waitForFinished(), processScheduler() and killWorker() do
+/// nothing there and return at once, false where they return something, without a line in the log.
+/// Destroying the scheduler there ends the process with a message on standard error.
 ///
 /// @par Errors
 /// Failures of jobs and workers are never exceptions. Only allocation and stream exceptions pass
@@ -231,6 +231,16 @@ public:
 
     /// Each of them, oldest launch first. Reads each one's memory from the kernel.
     std::vector<nqWorkerStatus> workers() const;
+
+    /// Kills one worker at once, as a limit does, and returns without waiting for its end; a later
+    /// pump finds it gone and replaces it. The job that it holds fails with `reason` and `message`,
+    /// unless the worker has already sent the result, which wins. If it holds none, they go
+    /// nowhere.
+    ///
+    /// False, and nothing changes, when no worker of that pid is listed, when it is leaving
+    /// already, and when `reason` is none of those that a job fails with. A worker that has died
+    /// since the last pump is not known to be dead: true, and its job fails with this reason.
+    bool killWorker(std::int64_t pid, FailReason reason, const std::string& message);
 
     /// @}
 

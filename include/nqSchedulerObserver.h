@@ -40,7 +40,8 @@ struct nqSchedulerEvent {
         Timeout = 1,        ///< killed by the limit of setJobProcessTimeout()
         TooMuchMemory = 2,  ///< killed by the cap of setMaxCapMemory()
         MemoryAfterJob = 3, ///< told to leave by the cap of setMaxCapMemoryAfterProcessingAJob()
-        Stopped = 4         ///< by stopScheduler(), or found dead by it
+        Stopped = 4,        ///< by stopScheduler(), or found dead by it
+        KilledByTheHost = 5 ///< by killWorker()
     };
 
     Kind mKind{};
@@ -109,7 +110,7 @@ struct nqSchedulerEvent {
 ///
 /// @par Calls from an observer
 /// push(), pop(), popFail(), clearPendingJobs() and everything that only asks may be called.
-/// Whatever starts, stops or pumps does nothing there and returns at once, as is said in
+/// Whatever starts, stops, pumps or kills does nothing there and returns at once, as is said in
 /// nqScheduler of calls from a logger; so does setObserver(). Destroying the scheduler there ends
 /// the process.
 class NQ_API nqSchedulerObserver {

@@ -1,5 +1,6 @@
 #include "include/nqScheduler.h"
 
+#include "scheduler/nqFlagGuard.h"
 #include "scheduler/nqSchedulerPrivate.h"
 #include "system/nqSystemUtils.h"
 
@@ -166,6 +167,19 @@ bool isThere(const std::unique_ptr<nqSchedulerWorker>& worker)
     return worker != nullptr && !worker->hasFinished();
 }
 
+bool isOfAFailure(nqScheduler::FailReason reason)
+{
+    switch (reason) {
+    case nqScheduler::UnexpectedCrash:
+    case nqScheduler::TooMuchRam:
+    case nqScheduler::Timeout:
+        return true;
+    case nqScheduler::NoFailure:
+        return false;
+    }
+    return false; // any other number that a caller has made into a reason
+}
+
 nqWorkerStatus statusOf(const nqSchedulerWorker& worker)
 {
     nqWorkerStatus status;
@@ -205,6 +219,17 @@ std::vector<nqWorkerStatus> nqScheduler::workers() const
             all.push_back(statusOf(*worker));
     }
     return all;
+}
+
+bool nqScheduler::killWorker(std::int64_t pid, FailReason reason, const std::string& message)
+{
+    if (!mPrivate->mayAct() || !isOfAFailure(reason))
+        return false;
+    const nqFlagGuard operation(mPrivate->mInOperation);
+    const auto& all = mPrivate->mWorkers;
+    const auto found = std::find_if(
+        all.begin(), all.end(), [pid](const auto& worker) { return worker->pid() == pid; });
+    return found != all.end() && (*found)->killFor(reason, message);
 }
 
 } // namespace nq

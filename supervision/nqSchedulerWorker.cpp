@@ -1,10 +1,10 @@
 // A worker's life on the scheduler's side, from top to bottom: its record is made, stepped once in
 // each pass of the pump, and destroyed.
 //
-// Nothing here waits but the destructor. Only condemnIfOverLimit kills here (a stop that takes too
-// long kills in nqSchedulerStartStop.cpp); the death is noticed by a later step. A job leaves in
-// one of two places: receiveStep delivers its result, failCurrentJob hands it back. How it fails is
-// decided before its first byte is sent, so the worker may be lost at any point.
+// Nothing here waits but the destructor. Only condemnIfOverLimit and killFor kill here (a stop that
+// takes too long kills in nqSchedulerStartStop.cpp); the death is noticed by a later step. A job
+// leaves in one of two places: receiveStep delivers its result, failCurrentJob hands it back. How
+// it fails is decided before its first byte is sent, so the worker may be lost at any point.
 #include "supervision/nqSchedulerWorker.h"
 
 #include "include/nqScheduler.h"
@@ -265,6 +265,17 @@ bool nqSchedulerWorker::condemnIfOverLimit()
     if (verdict)
         state.condemn(*verdict);
     return verdict.has_value();
+}
+
+// Without a job the reason is armed for none: a killed worker gets no other.
+bool nqSchedulerWorker::killFor(nqScheduler::FailReason reason, const std::string& message)
+{
+    if (!isLive())
+        return false;
+    mPrivate->mFailMessage = message;
+    mPrivate->mFailReason = reason; // after the text: its allocation may fail
+    mPrivate->condemn(Event::EndReason::KilledByTheHost);
+    return true;
 }
 
 namespace {

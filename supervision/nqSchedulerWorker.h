@@ -54,6 +54,11 @@ public:
     /// Detaches from the queues, so that nothing more is delivered, and closes the pipe.
     void closePipe();
 
+    /// Kills the worker as a limit does: its job fails with this reason and message, unless its
+    /// result has been sent. False, and nothing changes, when the worker is lost, killed or told to
+    /// leave already.
+    bool killFor(nqScheduler::FailReason reason, const std::string& message);
+
     /// Whether no job is in flight.
     bool isReadyForJob() const;
 
