@@ -36,15 +36,16 @@ class nqSchedulerPrivate;
 /// copies. A child may make schedulers of its own.
 ///
 /// @par Blocking
-/// The operations that pump may block, and so may startScheduler() and startWorker(), which wait
-/// for workers to connect. All others return at once.
+/// The operations that pump may block, and so may startScheduler(), startWorker() and
+/// healWorkers(), which wait for workers to connect. All others return at once.
 ///
 /// @par Calls from a logger
 /// The log is written from inside the operations, so a logger that lets an event loop run may call
 /// back into the scheduler that is writing. The queues are open to it. startScheduler(),
-/// startWorker(), stopScheduler(), waitForFinished(), processScheduler() and killWorker() do
-/// nothing there and return at once, false where they return something, without a line in the log.
-/// Destroying the scheduler there ends the process with a message on standard error.
+/// startWorker(), stopScheduler(), waitForFinished(), processScheduler(), killWorker() and
+/// healWorkers() do nothing there and return at once, false where they return something, without a
+/// line in the log. Destroying the scheduler there ends the process with a message on standard
+/// error.
 ///
 /// @par Errors
 /// Failures of jobs and workers are never exceptions. Only allocation and stream exceptions pass
@@ -58,7 +59,7 @@ class nqSchedulerPrivate;
 /// belong to the scheduler and live until they are set anew.
 class NQ_API nqScheduler {
 public:
-    /// Why a job failed.
+    /// Why a job failed; killWorker() may give any but the first.
     enum FailReason : std::int32_t {
         NoFailure = 0,       ///< there was no failure to pop
         UnexpectedCrash = 1, ///< the worker died, or its pipe closed, before the result was whole
@@ -218,7 +219,7 @@ public:
     void clearPendingJobs();
 
     /// @}
-    /// @name Workers, as far as the last pump has seen; asked at any time
+    /// @name Workers, as far as the last pump has seen
     /// @{
 
     /// Workers that have not been found to have ended: a worker that is idle when it dies counts
@@ -241,6 +242,15 @@ public:
     /// already, and when `reason` is none of those that a job fails with. A worker that has died
     /// since the last pump is not known to be dead: true, and its job fails with this reason.
     bool killWorker(std::int64_t pid, FailReason reason, const std::string& message);
+
+    /// Launches what the pool lacks of the number that was started, one after the other, waiting
+    /// for each to connect. A launch that fails is logged and ends the attempt. Does nothing while
+    /// nothing lacks. True when the pool is whole; false otherwise and when not started.
+    ///
+    /// The pump tries each replacement once, and without a worker it has nothing to wait for. A
+    /// host whose workerCount() is 0 while jobs are pending heals, or gives up: pumping on would
+    /// only take a processor's whole time.
+    bool healWorkers();
 
     /// @}
 

@@ -110,9 +110,9 @@ struct nqSchedulerEvent {
 ///
 /// @par Calls from an observer
 /// push(), pop(), popFail(), clearPendingJobs() and everything that only asks may be called.
-/// Whatever starts, stops, pumps or kills does nothing there and returns at once, as is said in
-/// nqScheduler of calls from a logger; so does setObserver(). Destroying the scheduler there ends
-/// the process.
+/// Whatever starts, stops, pumps, kills or heals does nothing there and returns at once, as is said
+/// in nqScheduler of calls from a logger; so does setObserver(). Destroying the scheduler there
+/// ends the process.
 class NQ_API nqSchedulerObserver {
 public:
     /// The event is lent for this call. Slow observers hold the pump up.

@@ -41,6 +41,7 @@ public:
     bool start(std::uint64_t nbWorkers, std::int32_t workerConnectionTimeout);
     bool addWorker();
     void pump(int timeoutMs);
+    bool heal();
     void drain();
     void stop();
 

@@ -94,6 +94,18 @@ bool nqSchedulerPrivate::addWorker()
     return isLaunched;
 }
 
+// Replacements that a cancelled pump still owes are among those that lack.
+bool nqSchedulerPrivate::heal()
+{
+    while (mWorkers.size() < mNbWorkers) {
+        if (!addWorker())
+            return false;
+        if (mReplacementsDue != 0)
+            --mReplacementsDue;
+    }
+    return true;
+}
+
 void nqSchedulerPrivate::drain()
 {
     const nqFlagGuard waiting(mWaitingForFinished);
@@ -159,6 +171,14 @@ bool nqScheduler::startWorker()
         return false;
     const nqFlagGuard operation(mPrivate->mInOperation);
     return mPrivate->addWorker();
+}
+
+bool nqScheduler::healWorkers()
+{
+    if (!mPrivate->isPumped() || !mPrivate->mayAct())
+        return false;
+    const nqFlagGuard operation(mPrivate->mInOperation);
+    return mPrivate->heal();
 }
 
 void nqScheduler::waitForFinished()
