@@ -1,3 +1,4 @@
+#include "tests/model/promises.h"
 #include "tests/model/rounds.h"
 #include "tests/model/schedulerModel.h"
 #include "tests/model/twin.h"
@@ -11,6 +12,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -51,6 +53,10 @@ public:
         nq::nqLog::msInstance = &mLogger;
         for (std::size_t level = 0; level < mTwin.world.levelIsEnabled.size(); ++level)
             mLogger.setLevelEnabled(static_cast<int>(level), mTwin.world.levelIsEnabled.at(level));
+        if (random.percent(60)) {
+            mTwin.world.isObserved = true;
+            mReal->setObserver(&mPromises);
+        }
         configure();
     }
 
@@ -75,6 +81,7 @@ public:
         hostActs();
         mTwin.endSleep();
         compareCounts();
+        compareTold();
         return mDifference.str() + mTwin.difference();
     }
 
@@ -97,6 +104,7 @@ public:
             mModel.end();
             mReal.reset();
         }
+        compareTold();
         for (const auto& [row, count] : mTwin.world.seen)
             mSeen[row] += count;
         return mDifference.str() + mTwin.difference();
@@ -114,8 +122,14 @@ private:
         const bool startsAgain = !mModel.isStarted() && what < 40;
         if (startsAgain || what >= 98)
             start();
-        else if (what < 55)
+        else if (what < 51)
             pump();
+        else if (what < 53)
+            kill();
+        else if (what < 54)
+            heal();
+        else if (what < 55)
+            look();
         else if (what < 77)
             push();
         else if (what < 84)
@@ -156,12 +170,45 @@ private:
         mReal->processScheduler(timeout);
     }
 
+    void kill()
+    {
+        const auto pids = mModel.pids();
+        const std::int64_t pid = pids.empty() ? 4711 : pids[mRandom.index(pids.size())];
+        const auto reason = static_cast<nqScheduler::FailReason>(mRandom.below(4));
+        mDid << "kill " << pid << " for " << reason;
+        const bool isKilled = mModel.kill(pid, reason, "for a reason of the host's own");
+        expectSame(
+            "killWorker",
+            mReal->killWorker(pid, reason, "for a reason of the host's own"),
+            isKilled);
+        ++mSeen[isKilled ? "killed by the host" : "not killed by the host"];
+    }
+
+    void heal()
+    {
+        mDid << "heal";
+        const bool isWhole = mModel.heal();
+        expectSame("healWorkers", mReal->healWorkers(), isWhole);
+    }
+
+    void look()
+    {
+        mDid << "look";
+        std::vector<std::string> lines;
+        for (const nq::nqWorkerStatus& one : mReal->workers()) {
+            const auto ms = static_cast<std::uint64_t>(one.mTimeInJob.count());
+            lines.push_back(model::workerLine(one.mPid, one.mState, one.mResidentMemory, ms));
+        }
+        expectSame("workers", lines == mModel.workerLines(), true);
+    }
+
     void push()
     {
         const Bytes job = mTwin.randomJob(mMayPushEmptyJobs);
         mDid << "push " << job.size() << " bytes";
         mModel.queues.pending.push_back(job);
         mReal->push(job);
+        mPromises.onPush(job);
     }
 
     void pop()
@@ -177,6 +224,8 @@ private:
         }
         expectSame("pop", mReal->pop(real), has);
         expectSame("pop's result", real == modelled, true);
+        if (has && isObserved())
+            mPromises.onPop(real);
     }
 
     void popAll()
@@ -205,6 +254,8 @@ private:
         expectSame("popFail's message", message, modelled.message);
         if (has)
             ++mSeen["failure " + std::to_string(reason)];
+        if (has && isObserved())
+            mPromises.onPopFail({common::text(job), reason, message});
     }
 
     void clearPendingJobs()
@@ -212,6 +263,7 @@ private:
         mDid << "clearPendingJobs";
         mModel.queues.pending.clear();
         mReal->clearPendingJobs();
+        mPromises.onClearPendingJobs();
     }
 
     /// The limits: accepted or refused, all in one go.
@@ -234,6 +286,8 @@ private:
             "setMaxCapMemoryAfterProcessingAJob",
             mReal->setMaxCapMemoryAfterProcessingAJob(limits.maxRamAfterJob),
             isOpen);
+        nq::nqSchedulerObserver* const observer = isObserved() ? &mPromises : nullptr;
+        expectSame("setObserver", mReal->setObserver(observer), isOpen);
         expectSame("setMaxPhysicalMemory", mReal->setMaxPhysicalMemory(maxAllocated), isOpen);
     }
 
@@ -303,6 +357,28 @@ private:
         expectSame("jobCount", mReal->jobCount(), mModel.queues.jobCount());
         expectSame("resultCount", mReal->resultCount(), mModel.queues.results.size());
         expectSame("failCount", mReal->failCount(), mModel.queues.failures.size());
+        expectSame("pendingJobCount", mReal->pendingJobCount(), mModel.queues.pending.size());
+        expectSame("workerCount", mReal->workerCount(), mModel.workerCount());
+        expectSame("busyWorkerCount", mReal->busyWorkerCount(), mModel.busyWorkerCount());
+    }
+
+    bool isObserved() const
+    {
+        return mTwin.world.isObserved;
+    }
+
+    void compareTold()
+    {
+        mPromises.onReturn();
+        const auto lines = mPromises.takeLines();
+        const auto expected = std::exchange(mTwin.world.told, {});
+        for (std::size_t i = 0; i < std::max(lines.size(), expected.size()); ++i) {
+            expectSame(
+                "told",
+                i < lines.size() ? lines[i] : "nothing",
+                i < expected.size() ? expected[i] : "nothing");
+        }
+        mSeen["told"] += static_cast<long>(lines.size());
     }
 
     template <typename Real, typename Modelled>
@@ -330,9 +406,10 @@ private:
     bool mSilences;
     std::string mExePath;
     nq::nqLog mLogger;
+    std::ostringstream mDifference;
+    model::Promises mPromises{mDifference};
     model::Scheduler mModel;
     std::unique_ptr<nqScheduler> mReal;
-    std::ostringstream mDifference;
     std::ostringstream mDid;
 };
 
@@ -370,6 +447,11 @@ TEST(SchedulerModel, agreesWithTheSchedulerAfterEveryStep)
          "launch: No pending connection",
          "replacement",
          "replacement failed",
+         "healed",
+         "healing failed",
+         "killed by the host",
+         "not killed by the host",
+         "told",
          "slept",
          "stop",
          "stop: killed",

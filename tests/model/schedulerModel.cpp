@@ -118,7 +118,7 @@ bool Scheduler::stop()
             wait(*mWorld, process, 30000);
             if (isRunning(process)) {
                 ++mWorld->seen["stop: killed"];
-                kill(*mWorld, process);
+                model::kill(*mWorld, process);
                 wait(*mWorld, process, 0);
             }
         }
@@ -140,8 +140,61 @@ void Scheduler::waitForFinished()
     }
 }
 
+bool Scheduler::kill(
+    std::int64_t pid, nq::nqScheduler::FailReason reason, const std::string& message)
+{
+    for (Worker& worker : mWorkers) {
+        if (worker.pid() == pid)
+            return reason != nq::nqScheduler::NoFailure && worker.killFor(reason, message);
+    }
+    return false;
+}
+
+bool Scheduler::heal()
+{
+    while (mIsStarted && mWorkers.size() < mWorkerCount) {
+        ++mWorld->seen["healed"];
+        if (!launch()) {
+            ++mWorld->seen["healing failed"];
+            return false;
+        }
+    }
+    return mIsStarted;
+}
+
+std::vector<std::string> Scheduler::workerLines()
+{
+    using State = nq::nqWorkerStatus::State;
+    std::vector<std::string> lines;
+    for (Worker& worker : mWorkers) {
+        mWorld->say(worker.process().name + ": getCurrentRamInUse()");
+        const State working = worker.isReady() ? State::Idle : State::Busy;
+        lines.push_back(workerLine(
+            worker.pid(),
+            worker.isLeaving() ? State::Leaving : working,
+            worker.process().ramInUse,
+            worker.milliseconds()));
+    }
+    return lines;
+}
+
+std::size_t Scheduler::busyWorkerCount() const
+{
+    return static_cast<std::size_t>(std::count_if(
+        mWorkers.begin(), mWorkers.end(), [](const Worker& worker) { return !worker.isReady(); }));
+}
+
+std::vector<std::int64_t> Scheduler::pids() const
+{
+    std::vector<std::int64_t> all;
+    for (const Worker& worker : mWorkers)
+        all.push_back(worker.pid());
+    return all;
+}
+
 void Scheduler::end()
 {
+    mWorld->isObserved = false;
     stop();
     for (Worker& worker : mWorkers)
         worker.end();
@@ -213,6 +266,8 @@ bool Scheduler::launch()
 {
     const std::string& exePath = mConfiguration.exePath;
     const std::vector<std::string> arguments = commandLine();
+    if (mWorld->isObserved)
+        mWorld->say("timer: start()");
     const auto process = mWorld->takeProcess();
     mWorld->say(process->name + ": created");
     process->workingDirectory = folderOf(absolute(*mWorld, exePath));
@@ -256,6 +311,7 @@ bool Scheduler::launch()
     server.pending.pop_front();
     mWorld->say("server: takePendingConnection() gives " + pipe->name);
     mWorkers.emplace_back(*mWorld, queues, pipe, process, mConfiguration.limits);
+    mWorld->tell(told::launched(process->pid));
     return true;
 }
 
@@ -273,8 +329,18 @@ void Scheduler::reportFailedLaunch(
         "Fail to startWorker, " + reason + " (pid " + std::to_string(process.pid) +
             ") - command line was: " + mConfiguration.exePath + " \"" + joined(arguments, "\" \"") +
             "\" current working directory was " + mWorld->currentDirectory);
-    kill(*mWorld, process);
+    model::kill(*mWorld, process);
+    if (mWorld->isObserved)
+        mWorld->say(process.name + ": getPid()");
+    mWorld->tell(told::launchFailed(process.pid, reason));
     destroy(*mWorld, process);
+}
+
+std::string
+workerLine(std::int64_t pid, nq::nqWorkerStatus::State state, std::uint64_t ram, std::uint64_t ms)
+{
+    return std::to_string(pid) + ": state " + std::to_string(static_cast<int>(state)) + ", " +
+           std::to_string(ram) + " bytes, " + std::to_string(ms) + " ms";
 }
 
 } // namespace model

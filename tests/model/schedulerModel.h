@@ -38,10 +38,16 @@ public:
     bool stop();
     void waitForFinished();
     void pump(int timeoutMs);
+    bool kill(std::int64_t pid, nq::nqScheduler::FailReason reason, const std::string& message);
+    bool heal();
+    /// What workers() says, as lines.
+    std::vector<std::string> workerLines();
     /// What destroying the scheduler does.
     void end();
 
     std::size_t workerCount() const;
+    std::size_t busyWorkerCount() const;
+    std::vector<std::int64_t> pids() const;
 
 private:
     bool launch();
@@ -61,5 +67,9 @@ private:
     int mConnectionTimeout = 0;
     bool mIsStarted = false;
 };
+
+/// One worker as workers() shows it.
+std::string
+workerLine(std::int64_t pid, nq::nqWorkerStatus::State state, std::uint64_t ram, std::uint64_t ms);
 
 } // namespace model

@@ -155,11 +155,14 @@ void Worker::step()
             ++mWorld->seen["verdict: over both"];
         if (row.sentence == Sentence::tooMuchRam)
             return condemn(
-                nqScheduler::TooMuchRam, "using too much RAM (" + memoryText(ram) + "B)");
+                nqScheduler::TooMuchRam,
+                "using too much RAM (" + memoryText(ram) + "B)",
+                "too much memory");
         if (row.sentence == Sentence::timeout)
             return condemn(
                 nqScheduler::Timeout,
-                "killing scheduler worker : timeout (" + secondsText(elapsedSeconds()) + ")");
+                "killing scheduler worker : timeout (" + secondsText(elapsedSeconds()) + ")",
+                "timeout");
         break;
     }
 
@@ -188,11 +191,41 @@ void Worker::end()
 {
     closePipe();
     wait(*mWorld, *mProcess, 0xFFFFFFFF);
+    mWorld->tell(told::ended(mPid, mEndReason, mLargestReading));
     destroy(*mWorld, *mProcess);
 }
 
-void Worker::condemn(nqScheduler::FailReason reason, const std::string& message)
+bool Worker::killFor(nqScheduler::FailReason reason, const std::string& message)
 {
+    if (mIsFinished || isLeaving())
+        return false;
+    condemn(reason, message, "killed by the host");
+    return true;
+}
+
+bool Worker::isLeaving() const
+{
+    return mIsKilled || mPipe == nullptr;
+}
+
+std::int64_t Worker::pid() const
+{
+    return mPid;
+}
+
+std::uint64_t Worker::milliseconds() const
+{
+    if (mIsReady)
+        return 0;
+    return static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(mWorld->steadyTime - mJobStart)
+            .count());
+}
+
+void Worker::condemn(
+    nqScheduler::FailReason reason, const std::string& message, const char* endReason)
+{
+    mEndReason = endReason;
     mReason = reason;
     mMessage = message;
     kill(*mWorld, *mProcess);
@@ -208,9 +241,12 @@ void Worker::failJob()
             "Job failed error (" + std::to_string(mReason) + ") " + mMessage + " (PID " +
                 std::to_string(mPid) + ")");
         mQueues->pushFailure({common::text(mJob), mReason, mMessage});
+        mWorld->tell(told::failed(mPid, mJob.size(), mReason, mMessage));
         mIsReady = true;
         mJob.clear();
     }
+    if (!mIsKilled)
+        mEndReason = "lost";
     mIsFinished = true;
 }
 
@@ -244,6 +280,7 @@ void Worker::send(bool jobJustCompleted)
 void Worker::restart(std::uint64_t ram)
 {
     ++mWorld->seen["restarted after a job"];
+    mEndReason = "memory after a job";
     closePipe();
     mIsFinished = true;
     mWorld->log(
@@ -267,6 +304,7 @@ void Worker::dispatch()
     mMessage = "Unexpected crash";
     mWorld->say("timer: start()");
     mJobStart = mWorld->steadyTime;
+    mWorld->tell(told::handedOut(mPid, mJob.size(), mPipe->incoming.size()));
 
     if (canWrite()) {
         const std::size_t count = std::min(headerBytes, room());
@@ -330,6 +368,7 @@ bool Worker::receive()
 
     ++mWorld->seen["received a result"];
     mQueues->pushResult(mResult);
+    mWorld->tell(told::result(mPid, mResult.size()));
     mResult.clear();
     mJob.clear();
     mIsReady = true;
@@ -340,6 +379,7 @@ bool Worker::receive()
 std::uint64_t Worker::readRam()
 {
     mWorld->say(mProcess->name + ": getCurrentRamInUse()");
+    mLargestReading = std::max(mLargestReading, mProcess->ramInUse);
     return mProcess->ramInUse;
 }
 

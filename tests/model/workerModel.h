@@ -50,14 +50,22 @@ public:
     scripted::Pipe* pipe() const;
     scripted::Process& process() const;
 
+    std::int64_t pid() const;
+    std::uint64_t milliseconds() const; ///< in its job; 0 without one
+
     void step();
+    /// What the host may do to it. False when it is not there to be killed.
+    bool killFor(nq::nqScheduler::FailReason reason, const std::string& message);
+    /// Whether it has been killed or told to leave.
+    bool isLeaving() const;
     void closePipe();
     /// What destroying the record does.
     void end();
 
 private:
     /// A verdict's reason, and what follows from it.
-    void condemn(nq::nqScheduler::FailReason reason, const std::string& message);
+    void
+    condemn(nq::nqScheduler::FailReason reason, const std::string& message, const char* endReason);
     void failJob();
     void send(bool jobJustCompleted);
     void restart(std::uint64_t ram);
@@ -88,6 +96,8 @@ private:
     bool mIsReady = true;
     bool mIsFinished = false;
     bool mIsKilled = false;
+    const char* mEndReason = "stopped"; // unless something else comes first
+    std::uint64_t mLargestReading = 0;
 };
 
 /// Memory and time as the messages show them.

@@ -18,6 +18,12 @@ void World::log(int level, bool flush, const std::string& text)
     logged.push_back({level, flush, text});
 }
 
+void World::tell(const std::string& line)
+{
+    if (isObserved)
+        told.push_back(line);
+}
+
 void World::advance(std::chrono::nanoseconds time)
 {
     steadyTime += time;
@@ -35,6 +41,40 @@ std::shared_ptr<scripted::Pipe> World::takePipe()
     pipes.push_back(plannedPipes.at(0));
     plannedPipes.pop_front();
     return pipes.back();
+}
+
+std::string told::launched(std::int64_t pid)
+{
+    return "launched " + std::to_string(pid);
+}
+
+std::string told::launchFailed(std::int64_t pid, const std::string& reason)
+{
+    return "launch of " + std::to_string(pid) + " failed: " + reason;
+}
+
+std::string told::handedOut(std::int64_t pid, std::size_t bytes, std::size_t unread)
+{
+    return std::to_string(bytes) + " bytes handed to " + std::to_string(pid) + ", " +
+           std::to_string(unread) + " unread";
+}
+
+std::string told::result(std::int64_t pid, std::size_t bytes)
+{
+    return "result of " + std::to_string(bytes) + " bytes from " + std::to_string(pid);
+}
+
+std::string
+told::failed(std::int64_t pid, std::size_t bytes, int reason, const std::string& message)
+{
+    return std::to_string(bytes) + " bytes failed at " + std::to_string(pid) + ": " +
+           std::to_string(reason) + " " + message;
+}
+
+std::string told::ended(std::int64_t pid, const std::string& reason, std::uint64_t largestReading)
+{
+    return std::to_string(pid) + " ended: " + reason + ", largest reading " +
+           std::to_string(largestReading);
 }
 
 void processEvents(World& world, scripted::Pipe& pipe)

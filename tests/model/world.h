@@ -52,15 +52,28 @@ struct World {
     std::vector<std::string> calls; ///< in order, with those questions that have their place
     std::vector<LogLine> logged;
     std::vector<scripted::Select> selects;
-    Seen seen; ///< how often each row of the model's tables was used
+    bool isObserved = false;
+    std::vector<std::string> told; ///< to the observer
+    Seen seen;                     ///< how often each row of the model's tables was used
 
     void say(const std::string& line);
     void log(int level, bool flush, const std::string& text);
+    void tell(const std::string& line);
     void advance(std::chrono::nanoseconds time);
 
     std::shared_ptr<scripted::Process> takeProcess();
     std::shared_ptr<scripted::Pipe> takePipe();
 };
+
+/// What an observer is told, as lines.
+namespace told {
+std::string launched(std::int64_t pid);
+std::string launchFailed(std::int64_t pid, const std::string& reason);
+std::string handedOut(std::int64_t pid, std::size_t bytes, std::size_t unread);
+std::string result(std::int64_t pid, std::size_t bytes);
+std::string failed(std::int64_t pid, std::size_t bytes, int reason, const std::string& message);
+std::string ended(std::int64_t pid, const std::string& reason, std::uint64_t largestReading);
+} // namespace told
 
 /// What the platform does when it is asked.
 void processEvents(World& world, scripted::Pipe& pipe);
