@@ -52,6 +52,7 @@ PoolRound::PoolRound(const PoolPlan& plan, const std::string& tag, std::uint64_t
     mScheduler.setJobProcessTimeout(plan.timeoutSeconds);
     mScheduler.setMaxCapMemory(plan.maxCapMemory);
     mScheduler.setMaxCapMemoryAfterProcessingAJob(plan.maxCapMemoryAfterJob);
+    mScheduler.setObserver(&mPromises);
 }
 
 bool PoolRound::advance()
@@ -70,6 +71,7 @@ bool PoolRound::advance()
     case Phase::over:
         break;
     }
+    checkPromises();
     return mPhase != Phase::over;
 }
 
@@ -121,10 +123,17 @@ void PoolRound::feed()
 {
     while (mPushedInCycle < mPlan.jobsPerCycle &&
            (mPlan.window == 0 || mScheduler.jobCount() < mPlan.window)) {
-        mScheduler.push(encode(nextJob()));
+        push(nextJob());
         ++mPushedInCycle;
         ++mFigures.jobs;
     }
+}
+
+void PoolRound::push(const Job& job)
+{
+    const std::vector<char> bytes = encode(job);
+    mPromises.onPush(bytes);
+    mScheduler.push(bytes);
 }
 
 Job PoolRound::nextJob()
@@ -188,12 +197,16 @@ void PoolRound::beAway()
 void PoolRound::collect()
 {
     std::vector<char> bytes;
-    while (mScheduler.pop(bytes))
+    while (mScheduler.pop(bytes)) {
+        mPromises.onPop(bytes);
         mLedger.enterResult(bytes, mFigures);
+    }
     nq::nqScheduler::FailReason reason{};
     std::string message;
-    while (mScheduler.popFail(bytes, reason, message))
+    while (mScheduler.popFail(bytes, reason, message)) {
+        mPromises.onPopFail({common::text(bytes), reason, message});
         mLedger.enterFailure(bytes, reason, message, mFigures);
+    }
 }
 
 /// A failed launch is not tried again, so enough of them empty the pool. A host that notices takes
@@ -211,6 +224,7 @@ void PoolRound::restartEmptiedPool()
     if (mScheduler.jobCount() == 0 || !isPoolEmpty())
         return;
     mScheduler.clearPendingJobs();
+    mPromises.onClearPendingJobs();
     if (mScheduler.jobCount() != 0)
         reportViolation("a job is in the hands of a worker, but there is none");
     ++mFigures.emptiedPools;
@@ -218,7 +232,7 @@ void PoolRound::restartEmptiedPool()
         reportViolation("a started scheduler cannot be stopped");
     collect();
     for (const Job& job : mLedger.unresolvedJobs())
-        mScheduler.push(encode(job));
+        push(job);
     start();
 }
 
@@ -263,6 +277,14 @@ void PoolRound::stopWithPendingJobs()
     }
     if (!mScheduler.stopScheduler())
         reportViolation("a started scheduler cannot be stopped");
+}
+
+void PoolRound::checkPromises()
+{
+    mPromises.onReturn();
+    const std::string broken = mPromises.takeBroken();
+    if (!broken.empty())
+        reportViolation("events:" + broken);
 }
 
 void PoolRound::checkQueuesAreEmpty() const

@@ -6,6 +6,7 @@
 #include "tests/chaos/figures.h"
 #include "tests/chaos/ledger.h"
 #include "tests/chaos/plan.h"
+#include "tests/common/promises.h"
 #include "tests/common/random.h"
 
 #include <cstdint>
@@ -42,6 +43,7 @@ private:
     void work();
     void feed();
     Job nextJob();
+    void push(const Job& job);
     void pump();
     void pumpOnce(int timeoutMs);
     void beAway();
@@ -50,6 +52,7 @@ private:
     bool isPoolEmpty() const;
     void endCycle();
     void stopWithPendingJobs();
+    void checkPromises();
     void checkQueuesAreEmpty() const;
     void closeAccount();
 
@@ -59,6 +62,7 @@ private:
     common::SeededRandom mRandom;
     Disturber mDisturber;
     Ledger mLedger;
+    common::Promises mPromises;
     nq::nqScheduler mScheduler;
     Figures mFigures;
     Phase mPhase = Phase::starting;

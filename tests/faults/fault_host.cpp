@@ -12,6 +12,7 @@
 #include "tests/common/descriptors.h"
 #include "tests/common/failure.h"
 #include "tests/common/processes.h"
+#include "tests/common/promises.h"
 
 #include "nqLog.h"
 #include "nqProcess.h"
@@ -102,6 +103,7 @@ public:
         mScheduler.setMaxCapMemory(faults::memoryCapBytes);
         mScheduler.setMaxCapMemoryAfterProcessingAJob(faults::memoryCapBytes);
         mScheduler.setMaxPhysicalMemory(physicalMemoryBytes);
+        mScheduler.setObserver(&mPromises);
     }
 
     nqScheduler& scheduler()
@@ -115,7 +117,8 @@ public:
         for (std::size_t index = 1; index < size; ++index)
             job[index] = static_cast<char>((index * 31 + size) % 251);
         require(mInHand.insert(job).second, "the jobs of this program differ in kind or size");
-        mScheduler.push(std::vector<char>(job.begin(), job.end()));
+        mPromises.onPush(common::bytes(job));
+        mScheduler.push(common::bytes(job));
     }
 
     /// Whether the scheduler has started. A refusal is reported and leaves the jobs where they are.
@@ -146,6 +149,7 @@ public:
         while (!mInHand.empty() && !(mayHaveLostAll() && !hasLivingChild())) {
             pump();
             popAll();
+            checkPromises();
             checkCounts();
         }
         require(
@@ -157,10 +161,12 @@ public:
     {
         mLeftPending = mLeftPending || !mInHand.empty();
         mScheduler.clearPendingJobs();
+        mPromises.onClearPendingJobs();
         mInHand.clear();
         require(mScheduler.jobCount() == 0, "jobs are in a hand that nobody has");
         require(mScheduler.stopScheduler() == wasStarted, "stopScheduler does not know its state");
         require(mScheduler.resultCount() + mScheduler.failCount() == 0, "a stop made up results");
+        checkPromises();
     }
 
     std::string outcome() const
@@ -194,13 +200,23 @@ private:
     void popAll()
     {
         std::vector<char> result;
-        while (mScheduler.pop(result))
-            takeResult(std::string(result.begin(), result.end()));
+        while (mScheduler.pop(result)) {
+            mPromises.onPop(result);
+            takeResult(common::text(result));
+        }
         while (mScheduler.failCount() != 0) {
             const auto failure = common::popFailure(mScheduler);
             require(failure.has_value(), "a counted failure is not there");
+            mPromises.onPopFail(*failure);
             takeFailure(*failure);
         }
+    }
+
+    void checkPromises()
+    {
+        mPromises.onReturn();
+        const std::string broken = mPromises.takeBroken();
+        require(broken.empty(), "events:" + broken);
     }
 
     void takeResult(const std::string& job)
@@ -253,6 +269,7 @@ private:
         require(counted == mInHand.size(), "the counts do not add up to the jobs in hand");
     }
 
+    common::Promises mPromises;
     nqScheduler mScheduler;
     Tolerance mTolerance;
     KeepingLog& mLog;

@@ -1,6 +1,6 @@
-#include "tests/model/promises.h"
 #include "tests/model/rounds.h"
 #include "tests/model/schedulerModel.h"
+#include "tests/model/toldLines.h"
 #include "tests/model/twin.h"
 
 #include "include/nqScheduler.h"
@@ -370,6 +370,7 @@ private:
     void compareTold()
     {
         mPromises.onReturn();
+        mDifference << mPromises.takeBroken();
         const auto lines = mPromises.takeLines();
         const auto expected = std::exchange(mTwin.world.told, {});
         for (std::size_t i = 0; i < std::max(lines.size(), expected.size()); ++i) {
@@ -407,7 +408,7 @@ private:
     std::string mExePath;
     nq::nqLog mLogger;
     std::ostringstream mDifference;
-    model::Promises mPromises{mDifference};
+    model::ToldLines mPromises;
     model::Scheduler mModel;
     std::unique_ptr<nqScheduler> mReal;
     std::ostringstream mDid;
