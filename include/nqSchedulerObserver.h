@@ -44,19 +44,18 @@ struct nqSchedulerEvent {
         KilledByTheHost = 5 ///< by killWorker()
     };
 
-    Kind mKind{};
-    std::int64_t mPid = 0;
-    std::uint64_t mBytes = 0;
+    Kind mKind{};             ///< says which of the others mean something
+    std::int64_t mPid = 0;    ///< the worker's process id
+    std::uint64_t mBytes = 0; ///< of the job or the result
 
     /// What the worker had sent unasked and the host's end had taken in when it got the job. Not 0:
     /// it answers more than once, and its results no longer tell which job they belong to.
     std::uint64_t mUnreadBytes = 0;
 
-    nqScheduler::FailReason mFailReason = nqScheduler::NoFailure;
-    EndReason mEndReason{};
-    std::int32_t mErrorNumber =
-        0; ///< an errno: why the program could not be started; 0: another reason
-    std::string_view mMessage; ///< that of popFail(), or the launch's reason in the log
+    nqScheduler::FailReason mFailReason = nqScheduler::NoFailure; ///< that of popFail()
+    EndReason mEndReason{};                                       ///< of a worker
+    std::int32_t mErrorNumber = 0; ///< errno of a program that could not be started; 0: none
+    std::string_view mMessage;     ///< that of popFail(), or the launch's reason in the log
 
     /// Empty for a worker that was launched while nobody observed.
     std::optional<std::chrono::microseconds> mDuration;
@@ -115,13 +114,14 @@ struct nqSchedulerEvent {
 /// ends the process.
 class NQ_API nqSchedulerObserver {
 public:
+    nqSchedulerObserver(const nqSchedulerObserver&) = delete;
+    nqSchedulerObserver& operator=(const nqSchedulerObserver&) = delete;
+
     /// The event is lent for this call. Slow observers hold the pump up.
     virtual void onEvent(const nqSchedulerEvent& event) noexcept = 0;
 
 protected:
     nqSchedulerObserver() = default;
-    nqSchedulerObserver(const nqSchedulerObserver&) = default;
-    nqSchedulerObserver& operator=(const nqSchedulerObserver&) = default;
     ~nqSchedulerObserver() = default;
 };
 

@@ -14,8 +14,8 @@ struct nqWorkerStatus {
         Leaving = 2 ///< killed or told to leave, and not found to be gone yet
     };
 
-    std::int64_t mPid = 0;
-    State mState = State::Idle;
+    std::int64_t mPid = 0;                  ///< its process id
+    State mState = State::Idle;             ///< as the last pump left it
     std::uint64_t mResidentMemory = 0;      ///< bytes, read now; 0 when it cannot be read
     std::chrono::milliseconds mTimeInJob{}; ///< since it was given the job that it holds; else 0
 };
