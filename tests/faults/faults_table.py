@@ -144,7 +144,8 @@ FAULTS = {
     "vfork": costly("EAGAIN", "ENOMEM", "ENOSYS", lasts=True),
     # The host has reaped the child before we did.
     "syscall:SYS_waitid": transparent("EINTR") + reaped_by_host(),
-    "waitid": transparent("EINTR") + reaped_by_host(),
+    # Only looks at a child, at times when none of a pool's has ended.
+    "waitid": transparent("EINTR"),
     "waitpid": transparent("EINTR") + reaped_by_host(),
     "write": transparent("EINTR", "EAGAIN") + costly("EIO", "ENOSPC", "EPIPE", "EBADF", lasts=True)
     + short(1, 2, 3, 20, lasting=(1,)),
