@@ -1,6 +1,7 @@
 #pragma once
 
 #include "nqExport.h"
+#include "nqWaitSet.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -136,6 +137,19 @@ public:
     /// number cannot go into a select() set. While nothing is read because nobody empties the
     /// incoming buffer, one that reports the peer's death, or -1. Borrowed: never close it.
     int getSocket() const;
+
+    /// Whether another processNamedPipeEvents() would find something to do by what the pipe knows
+    /// already: bytes to send that the kernel has not refused yet, or an end that is still to show.
+    /// What the kernel has to say is for reportTo().
+    bool hasImmediateWork() const;
+
+    /// Makes `set` readable whenever the kernel has something for processNamedPipeEvents(): bytes
+    /// or their end, but no bytes while the incoming buffer is full; room for bytes that it has
+    /// refused; the peer's death, also while a process that it forked holds the socket open. To be
+    /// called again after each processNamedPipeEvents() and what the caller did with the bytes.
+    /// Closing the pipe ends it; null does so at once. Borrows the set until then. While the kernel
+    /// refuses it memory for that, the set reports less; each call tries again.
+    void reportTo(nqWaitSet* set);
 
     /// Ends the connection and empties both buffers. Sends nothing: what is still in the outgoing
     /// buffer is dropped. What processNamedPipeEvents() has handed to the kernel still arrives.

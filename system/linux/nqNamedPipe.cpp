@@ -3,6 +3,7 @@
 #include "system/linux/nqNamedPipePrivate.h"
 #include "system/linux/nqPipeSocket.h"
 #include "system/linux/nqSystemCall.h"
+#include "system/linux/nqWaitSetPrivate.h"
 
 #include <cstddef>
 #include <memory>
@@ -159,6 +160,16 @@ int nqNamedPipe::getSocket() const
     const int watched =
         mPrivate->mIncoming.isFull() ? mPrivate->mPeer.watch() : mPrivate->mSocket.get();
     return watched < FD_SETSIZE ? watched : -1;
+}
+
+bool nqNamedPipe::hasImmediateWork() const
+{
+    return mPrivate->hasImmediateWork();
+}
+
+void nqNamedPipe::reportTo(nqWaitSet* set)
+{
+    mPrivate->reportTo(set != nullptr ? &set->mPrivate->mEpoll : nullptr);
 }
 
 void nqNamedPipe::closeNamedPipe()

@@ -11,9 +11,11 @@
 #include "system/linux/nqPipeSocket.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <ctime>
 #include <iterator>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <thread>
@@ -74,12 +76,13 @@ void nqNamedPipe::Private::adopt(nqDescriptor socket, nqPeer peer)
 
 void nqNamedPipe::Private::close()
 {
+    nqDescriptor socket = mSocket.release();
     if (mOwner.isThisProcess())
-        shutDownAndClose(mSocket);
-    mSocket.close();
+        shutDownAndClose(socket);
     mPeer = nqPeer();
     mWriteFailed = false;
     mIsMoreForRange = false;
+    mIsCongested = false;
     mIncoming.clear();
     mOutgoing.clear();
     mUntakenByLastCall = 0;
@@ -94,6 +97,20 @@ bool nqNamedPipe::Private::isWriteChannelClosed() const
 bool nqNamedPipe::Private::hasPendingWrite() const
 {
     return mOutgoing.size() != 0 && !isWriteChannelClosed();
+}
+
+// Not what the kernel refused, nor what is in the kernel still: a set reports when that changes.
+bool nqNamedPipe::Private::hasImmediateWork() const
+{
+    switch (mPhase) {
+    case Phase::closed:
+        return false;
+    case Phase::open:
+        return mPeer.isKnownDead() || (hasPendingWrite() && !mIsCongested);
+    case Phase::ended:
+        return true;
+    }
+    return false;
 }
 
 void nqNamedPipe::Private::processEvents(int timeoutMs, bool wait)
@@ -131,7 +148,7 @@ bool nqNamedPipe::Private::write()
         const nqOutgoingBytes::Piece piece = mOutgoing.front();
         const nqTransfer sent = sendOnce(mSocket.get(), piece.mBytes, piece.mSize);
         if (sent.mOutcome == nqTransferOutcome::wouldBlock)
-            return moved;
+            break;
         moved = true;
         mWriteFailed = sent.mOutcome == nqTransferOutcome::closed;
         mOutgoing.drop(sent.mCount);
@@ -140,6 +157,7 @@ bool nqNamedPipe::Private::write()
     }
     if (mWriteFailed)
         mOutgoing.clear();
+    mIsCongested = mOutgoing.size() != 0;
     return moved;
 }
 
@@ -199,16 +217,17 @@ void nqNamedPipe::Private::fill(char* bytes, std::size_t size)
 }
 
 // Whether the peer is found dead. Looks now and then only, since a look costs a system call and
-// most passes find nothing.
+// most passes find nothing. But a set that reports the death goes on until it is found.
 bool nqNamedPipe::Private::probePeer()
 {
     const milliseconds now = coarseNow();
-    if (now - mLastProbe < peerProbeInterval)
-        return false;
-    mLastProbe = now;
-    moveIntoRangeOfSelect();
-    mPeer.watchWith(mSocket.get());
-    return mPeer.probeDeath();
+    const bool isDue = now - mLastProbe >= peerProbeInterval;
+    if (isDue) {
+        mLastProbe = now;
+        moveIntoRangeOfSelect();
+        mPeer.watchWith(mSocket.get());
+    }
+    return (isDue || mPeer.isInSet()) && mPeer.probeDeath();
 }
 
 void nqNamedPipe::Private::wait(int timeoutMs)
@@ -222,6 +241,19 @@ void nqNamedPipe::Private::wait(int timeoutMs)
     mWait.wait(watched, timeoutMs);
     if (watched[1].revents != 0)
         mPeer.probeDeath();
+}
+
+// No interest in what would be reported again and again without being acted on: bytes that have no
+// room, and room while nothing waits for it.
+void nqNamedPipe::Private::reportTo(nqEpoll* set)
+{
+    std::uint32_t events = EPOLLRDHUP;
+    if (!mIncoming.isFull())
+        events |= EPOLLIN;
+    if (mIsCongested)
+        events |= EPOLLOUT;
+    mSocket.watchIn(set, events);
+    mPeer.reportTo(set);
 }
 
 // An idle worker that died leaving junk must not look alive for good because nobody takes the junk.

@@ -6,6 +6,7 @@
 #include "system/linux/nqPeer.h"
 #include "system/linux/nqPipeWait.h"
 #include "system/linux/nqSkippedRead.h"
+#include "system/linux/nqWatchedDescriptor.h"
 #include "system/nqNamedPipe.h"
 #include "system/nqOwnerProcess.h"
 
@@ -25,12 +26,13 @@ struct nqNamedPipe::Private {
 
     nqOwnerProcess mOwner; // a forked child's copy moves nothing and ends nothing
     Phase mPhase = Phase::closed;
-    nqDescriptor mSocket; // open unless the phase is closed
-    nqPeer mPeer;         // who is at the other end of it
+    nqWatchedDescriptor mSocket; // open unless the phase is closed
+    nqPeer mPeer;                // who is at the other end of it
     nqOutgoingBytes mOutgoing;
     nqIncomingBytes mIncoming;
     bool mIsMoreForRange = false;       // the last read left bytes that a range could take
     bool mWriteFailed = false;          // the peer takes nothing any more; it may have sent bytes
+    bool mIsCongested = false;          // the kernel had no room for all that waited
     std::size_t mUntakenByLastCall = 0; // of mIncoming, when the last call returned
     std::chrono::milliseconds mLastProbe{0}; // when the peer's life was last looked at
     nqSkippedRead mSkippedRead;
@@ -48,11 +50,14 @@ struct nqNamedPipe::Private {
     }
     bool isWriteChannelClosed() const;
     bool hasPendingWrite() const;
+    bool hasImmediateWork() const;
 
     /// One call of processNamedPipeEvents on a pipe that is not closed.
     void processEvents(int timeoutMs, bool wait);
 
     void fill(char* bytes, std::size_t size);
+    /// Keeps the entries in `set` up to date; null takes them out.
+    void reportTo(nqEpoll* set);
 
 private:
     bool write();

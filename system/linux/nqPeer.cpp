@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -65,6 +66,11 @@ void nqPeer::keepInRangeOfSelect(bool isSelectedOn)
         mWatch.moveOutOfRangeOfSelect();
         mWasMovedDown = false;
     }
+}
+
+void nqPeer::reportTo(nqEpoll* set)
+{
+    mWatch.watchIn(set, EPOLLIN);
 }
 
 bool nqPeer::probeDeath()

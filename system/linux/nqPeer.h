@@ -2,6 +2,7 @@
 
 #include "system/linux/nqDescriptor.h"
 #include "system/linux/nqProcFile.h"
+#include "system/linux/nqWatchedDescriptor.h"
 
 #include <optional>
 #include <sys/socket.h>
@@ -54,6 +55,13 @@ public:
     /// the way afterwards. Costs nothing when it is in place.
     void keepInRangeOfSelect(bool isSelectedOn);
 
+    /// Makes `set` report the death as well; null ends that.
+    void reportTo(nqEpoll* set);
+    bool isInSet() const
+    {
+        return mWatch.isWatched();
+    }
+
     /// Becomes readable when the process dies; -1 when it is not watched.
     int watch() const
     {
@@ -62,7 +70,7 @@ public:
 
 private:
     ucred mCredentials{0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
-    nqDescriptor mWatch;         // a pidfd; closed once mDead
+    nqWatchedDescriptor mWatch;  // a pidfd; closed once mDead
     bool mMayBeRecycled = false; // opened by pid on a kernel that could name the very peer
     bool mWasMovedDown = false;  // by keepInRangeOfSelect(), to be undone by it
     bool mDead = false;

@@ -1,4 +1,3 @@
-#include "nqLog.h"
 #include "nqNamedPipeServer.h"
 #include "nqProcess.h"
 
@@ -12,23 +11,6 @@ using nq::nqNamedPipeServer;
 using nq::nqProcess;
 
 namespace {
-
-class CapturingLog : public nq::nqLog {
-public:
-    CapturingLog()
-    {
-        msInstance = this;
-    }
-
-    void Write(LogEntry& entry, bool flush) override
-    {
-        EXPECT_EQ(entry.mLevel, Error);
-        EXPECT_TRUE(flush);
-        mMessages.push_back(entry.mMessage);
-    }
-
-    std::vector<std::string> mMessages;
-};
 
 // A server that waits for a process which a shell script plays. The server's name is its argument.
 class AWaitForAConnection : public LeavesNothingBehind {

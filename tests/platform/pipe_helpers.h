@@ -1,5 +1,6 @@
 #pragma once
 
+#include "nqLog.h"
 #include "nqNamedPipe.h"
 #include "nqNamedPipeServer.h"
 #include "tests/common/descriptors.h"
@@ -95,6 +96,24 @@ protected:
 
 private:
     std::set<int> mDescriptors;
+};
+
+/// Installs itself as the process's logger and keeps what the platform library logs.
+class CapturingLog : public nq::nqLog {
+public:
+    CapturingLog()
+    {
+        msInstance = this;
+    }
+
+    void Write(LogEntry& entry, bool flush) override
+    {
+        EXPECT_EQ(entry.mLevel, Error);
+        EXPECT_TRUE(flush);
+        mMessages.push_back(entry.mMessage);
+    }
+
+    std::vector<std::string> mMessages;
 };
 
 /// Something that one process tells another once.
