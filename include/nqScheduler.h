@@ -172,6 +172,27 @@ public:
     /// turn.
     void processScheduler(int timeoutMs);
 
+    /// One descriptor to add, once, to a loop of the host's own: poll(), select(), epoll, a GUI
+    /// toolkit's notifier. Readable while processScheduler(0) has something to do, of which a
+    /// result or failure that waits to be popped is no part: bytes or the end from a worker, a
+    /// worker's death, room for the rest of a job, hasImmediateWork(). Level-triggered, and quiet
+    /// otherwise: an idle pool wakes nobody up, nor does a worker that sends without a job or does
+    /// not read. Limits need a tick besides, of some hundred milliseconds, in which the host calls
+    /// processScheduler(0) as well. Not readable while the scheduler is not started.
+    ///
+    /// The number is below FD_SETSIZE and stays the same from the first call to the end of this
+    /// object, over every stop and start. It is borrowed: never close or read it. -1, and a line in
+    /// the log, when the kernel has no such number to give; the next call tries again. -1 in a
+    /// forked child, and from a logger that asks first. A host that never calls this pays nothing.
+    int waitDescriptor();
+
+    /// Whether processScheduler(0) has something to do now by what the scheduler knows already: a
+    /// pending job and a worker to take it, bytes to send that the kernel has not refused, bytes
+    /// received for the job in flight, a worker known to be lost. After a pump that took in a
+    /// result and handed out the next job, one more pump sends that job without another wait. False
+    /// where processScheduler() does nothing.
+    bool hasImmediateWork() const;
+
     /// Launches one more worker and waits for it to connect. For the library's own use. False, with
     /// a line in the log, when that failed.
     bool startWorker();

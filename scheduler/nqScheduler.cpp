@@ -117,11 +117,13 @@ bool nqScheduler::prependChannelId() const
 void nqScheduler::push(const std::vector<char>& job)
 {
     mPrivate->mQueues->push(job);
+    mPrivate->updateReadiness();
 }
 
 void nqScheduler::push(std::vector<char>&& job)
 {
     mPrivate->mQueues->push(std::move(job));
+    mPrivate->updateReadiness();
 }
 
 bool nqScheduler::pop(std::vector<char>& result)
@@ -157,6 +159,7 @@ unsigned long nqScheduler::pendingJobCount() const
 void nqScheduler::clearPendingJobs()
 {
     mPrivate->mQueues->clearPendingJobs();
+    mPrivate->updateReadiness();
 }
 
 namespace {

@@ -6,6 +6,7 @@
 #include "supervision/nqWorkerLaunch.h"
 #include "system/nqNamedPipeServer.h"
 #include "system/nqOwnerProcess.h"
+#include "system/nqWaitSet.h"
 
 #include <cstdint>
 #include <list>
@@ -45,6 +46,15 @@ public:
     void drain();
     void stop();
 
+    /// Whether another pump would find something to do by what is known already.
+    bool hasImmediateWork() const;
+
+    /// Brings the wait set, if there is one, up to date with the workers.
+    void updateWaitSet();
+
+    /// The same when only the queues have changed.
+    void updateReadiness();
+
     nqWorkerLimits mLimits;
     nqEventLog mEvents;          // the workers refer to it
     const std::string mPipeName; // a UUID, the same for every start
@@ -64,6 +74,8 @@ public:
     bool mDrained = false;     // a stop has drained the jobs; it may have been interrupted since
     bool mInOperation = false; // one that may log is under way
     nqOwnerProcess mOwner;
+    // Null until it is asked for. The workers' pipes report to it while the scheduler is pumped.
+    std::unique_ptr<nqWaitSet> mWaitSet;
 };
 
 } // namespace nq

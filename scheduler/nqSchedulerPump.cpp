@@ -111,6 +111,7 @@ void nqSchedulerPrivate::pump(int timeoutMs)
         mPipeServer.processPipeServerEvents(0);
         pass = stepWorkers(*this);
         mEvents.deliver(); // before the queues are looked at, since an observer may push and pop
+        updateWaitSet();
     }
 
     const bool resultWaits = mQueues->resultCount() != 0;
@@ -125,6 +126,7 @@ void nqSchedulerPrivate::pump(int timeoutMs)
     // cancelled thread leaves is due in the next call.
     for (; mReplacementsDue != 0; --mReplacementsDue)
         keepException(pass.mFirstException, [&] { addWorker(); });
+    updateWaitSet();
     if (pass.mFirstException != nullptr)
         std::rethrow_exception(pass.mFirstException);
 }

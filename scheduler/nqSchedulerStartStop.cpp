@@ -71,6 +71,7 @@ bool nqSchedulerPrivate::start(std::uint64_t nbWorkers, std::int32_t workerConne
     for (std::uint64_t i = 0; i < mNbWorkers; ++i)
         allLaunched = addWorker() && allLaunched;
     mStarted = allLaunched;
+    updateWaitSet();
     return allLaunched;
 }
 
@@ -124,6 +125,7 @@ void nqSchedulerPrivate::stop()
     if (!mDrained)
         drain();
     mDrained = true;
+    updateWaitSet();
     {
         const nqThread::Uncancellable held;
         mPipeServer.closeNamedPipeServer();
@@ -170,7 +172,9 @@ bool nqScheduler::startWorker()
     if (!mPrivate->mayAct())
         return false;
     const nqFlagGuard operation(mPrivate->mInOperation);
-    return mPrivate->addWorker();
+    const bool isLaunched = mPrivate->addWorker();
+    mPrivate->updateWaitSet();
+    return isLaunched;
 }
 
 bool nqScheduler::healWorkers()

@@ -491,6 +491,18 @@ bool nqSchedulerWorker::isReadyForJob() const
     return mPrivate->mReadyForJob;
 }
 
+/// A ready worker takes no job while it is being killed, or before its former job has left.
+bool nqSchedulerWorker::hasImmediateWork(bool jobWaits) const
+{
+    const nqSchedulerWorkerPrivate& state = *mPrivate;
+    if (state.mPipe == nullptr || state.mFinished || state.mFailureOwed ||
+        !state.mPipe->isConnected() || state.mPipe->hasImmediateWork())
+        return true;
+    if (state.mReadyForJob)
+        return jobWaits && !state.mKilled && state.mPipe->unsentBytes() == 0;
+    return nqFrame::canReceive(*state.mPipe, state.mResult);
+}
+
 bool nqSchedulerWorker::hasFinished() const
 {
     return mPrivate->mFinished;

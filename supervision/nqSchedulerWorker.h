@@ -62,6 +62,10 @@ public:
     /// Whether no job is in flight.
     bool isReadyForJob() const;
 
+    /// Whether another superviseStep() would find something to do by what is known already.
+    /// `jobWaits` says whether a job is pending.
+    bool hasImmediateWork(bool jobWaits) const;
+
     /// Whether the record is over: the pump then destroys and replaces it.
     bool hasFinished() const;
 

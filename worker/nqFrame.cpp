@@ -117,6 +117,11 @@ bool nqFrame::isSendPending(const std::vector<char>& payload, std::int32_t sent)
     return sent < signedSize(payload);
 }
 
+bool nqFrame::canReceive(const nqNamedPipe& pipe, const std::vector<char>& payload)
+{
+    return pipe.untakenBytes() >= (payload.empty() ? headerBytes : 1);
+}
+
 bool nqFrame::receive(
     nqNamedPipe& pipe,
     std::vector<char>& payload,

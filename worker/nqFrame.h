@@ -31,6 +31,10 @@ public:
     /// Whether bytes of `payload` remain to be sent.
     static bool isSendPending(const std::vector<char>& payload, std::int32_t sent);
 
+    /// Whether bytes wait that receive() would take: any of a payload that has started, else a
+    /// whole header.
+    static bool canReceive(const nqNamedPipe& pipe, const std::vector<char>& payload);
+
     /// Takes bytes of one frame out of the incoming buffer. A header is looked for only while
     /// `payload` is empty and `mayStart` is set; it gives `payload` its final size, in memory of
     /// `spares` if there is any that fits. Until the frame is whole, the bytes of `payload` from

@@ -26,6 +26,8 @@ void Pipe::lose()
     isReadChannelClosed = true;
     isWriteChannelClosed = true;
     socket = -1;
+    isCongested = false;
+    reportsTo = nullptr;
     incoming.clear();
     dropUnsent();
     rangeSize = 0;

@@ -20,6 +20,13 @@
 /// objects is one comparison. Nothing here waits, starts a process or opens a descriptor.
 namespace scripted {
 
+/// What one wait set does, and what became of it. A fresh record has a descriptor.
+struct WaitSet {
+    int descriptor = 5;
+    bool isReady = false;
+    bool isDestroyed = false;
+};
+
 /// What one pipe does, and what became of it. A fresh record is an open, healthy connection.
 struct Pipe {
     std::string name; ///< "pipe 1", in the order of creation
@@ -54,6 +61,9 @@ struct Pipe {
     bool connects = true;
 
     std::vector<char> passedOn; ///< every byte that reached the peer
+    /// The peer has had its chance since bytes were appended, and left some.
+    bool isCongested = false;
+    WaitSet* reportsTo = nullptr; ///< until it is closed
     bool isDestroyed = false;
 
     /// The connection is gone: nothing to read, nothing to write, no descriptor.
@@ -143,6 +153,7 @@ struct Machine {
 
     std::vector<std::shared_ptr<Process>> processes; ///< in the order of creation
     std::vector<std::shared_ptr<Pipe>> pipes;        ///< in the order of creation
+    std::vector<std::shared_ptr<WaitSet>> waitSets;  ///< in the order of creation
     Server server;
 
     std::vector<Logged> logged;
@@ -160,6 +171,7 @@ struct Machine {
     std::string threadId = "4711";
     bool isForkedChild = false; ///< what was made before is that of the parent
     bool uuidFails = false;
+    bool waitSetFails = false; ///< the next one has no descriptor
     bool serverConstructionFails = false;
     int uuidCount = 0;
 

@@ -1,6 +1,7 @@
 #include "tests/scripted/scriptedMachine.h"
 
 #include "system/nqNamedPipe.h"
+#include "tests/scripted/scriptedWaitSet.h"
 
 #include <algorithm>
 #include <string>
@@ -72,6 +73,7 @@ void nqNamedPipe::processNamedPipeEvents(int timeoutMs, bool wait)
         pipe.name + ": processNamedPipeEvents(" + std::to_string(timeoutMs) + ", " +
         (wait ? "true" : "false") + ")");
     passOn(pipe);
+    pipe.isCongested = pipe.unsentBytes() != 0;
     takeIn(pipe);
     if (pipe.onEvents)
         pipe.onEvents(pipe);
@@ -194,6 +196,20 @@ int nqNamedPipe::getSocket() const
 {
     scripted::machine().query(mPrivate->pipe->name + ": getSocket()");
     return mPrivate->pipe->socket;
+}
+
+bool nqNamedPipe::hasImmediateWork() const
+{
+    const scripted::Pipe& pipe = *mPrivate->pipe;
+    if (!pipe.isConnected)
+        return false;
+    return pipe.endsWhenDrained || (pipe.unsentBytes() != 0 && !pipe.isCongested);
+}
+
+void nqNamedPipe::reportTo(nqWaitSet* set)
+{
+    scripted::Pipe& pipe = *mPrivate->pipe;
+    pipe.reportsTo = set != nullptr && pipe.isConnected ? set->mPrivate->set.get() : nullptr;
 }
 
 void nqNamedPipe::closeNamedPipe()
