@@ -1,12 +1,10 @@
 // The pump inside somebody else's loop. The loop here is poll(), which waits for lines on standard
-// input and for a timer; a GUI toolkit's loop and timer can take their places. Each line is a
-// number, which a worker factorises while the loop goes on.
+// input and for the scheduler's descriptor; a GUI toolkit's loop and notifiers can take its place.
+// Each line is a number, which a worker factorises while the loop goes on.
 #include "line_input.h"
-#include "ticker.h"
 
 #include <nqScheduler.h>
 
-#include <chrono>
 #include <ctime>
 #include <iostream>
 #include <iterator>
@@ -16,10 +14,7 @@
 
 namespace {
 
-using std::chrono::milliseconds;
-
-constexpr milliseconds busyTick{10};  // how late a result, the job after it or a limit may be
-constexpr milliseconds idleTick{500}; // how late a worker that dies idle may be replaced
+constexpr int tickMs = 300; // how late a limit may act; nothing else waits for it
 
 void pushLines(nq::nqScheduler& scheduler, const std::vector<std::string>& lines)
 {
@@ -41,29 +36,30 @@ void printOutcomes(nq::nqScheduler& scheduler)
         std::cout << std::string(bytes.begin(), bytes.end()) << " failed: " << message << std::endl;
 }
 
+/// The first call takes in results and hands out jobs. The second sends those jobs' bytes in the
+/// same wake-up; what is left then keeps the descriptor readable.
+void pump(nq::nqScheduler& scheduler)
+{
+    scheduler.processScheduler(0);
+    if (scheduler.hasImmediateWork())
+        scheduler.processScheduler(0);
+}
+
 /// Goes on until the input has ended and every job is resolved. Returns how often it woke up.
 unsigned long runLoop(nq::nqScheduler& scheduler)
 {
     LineInput input;
-    Ticker ticker;
-    ticker.setPeriod(idleTick);
+    const int news = scheduler.waitDescriptor(); // -1 if there is none: the tick then has it all
     unsigned long wakeUps = 0;
     while (!input.hasEnded() || scheduler.jobCount() != 0) {
-        pollfd events[] = {{input.descriptor(), POLLIN, 0}, {ticker.descriptor(), POLLIN, 0}};
-        if (::poll(events, std::size(events), -1) <= 0)
+        pollfd events[] = {{input.descriptor(), POLLIN, 0}, {news, POLLIN, 0}};
+        if (::poll(events, std::size(events), tickMs) < 0)
             continue;
         ++wakeUps;
         if (events[0].revents != 0)
             pushLines(scheduler, input.readLines());
-        if (events[1].revents != 0)
-            ticker.acknowledge();
-
-        // Twice: the first call takes in results and hands out jobs, the second sends those jobs'
-        // bytes. Also after a push, so that no job waits for the tick.
-        scheduler.processScheduler(0);
-        scheduler.processScheduler(0);
+        pump(scheduler);
         printOutcomes(scheduler);
-        ticker.setPeriod(scheduler.jobCount() != 0 ? busyTick : idleTick);
     }
     return wakeUps;
 }
