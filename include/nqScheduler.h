@@ -112,6 +112,15 @@ public:
     /// kernel that refuses the limit leaves the worker without it, in silence.
     bool setMaxPhysicalMemory(unsigned long bytes);
 
+    /// Whether each launch gives its worker a pipe of its own as standard error, in place of what
+    /// the constructor's `startProcessFlag` says; off unless told otherwise. The host gets the
+    /// reading ends from takeStandardError() and reads them: the kernel holds what is not read, 64
+    /// KiB by default, and a worker that prints more than that blocks until somebody reads. One
+    /// that prints so much before it has connected, or while it is being stopped, is not waited for
+    /// longer than any other, since the host does not read while it waits. A launch without a
+    /// descriptor for the pipe fails. False while the scheduler is started.
+    bool setCaptureStandardError(bool isCaptured);
+
     /// The worker's executable. A relative path counts from the host's current directory at each
     /// launch; PATH is not searched. Workers run in the executable's folder.
     void setExePathUtf8(const std::string& exePathUtf8);
@@ -223,6 +232,17 @@ public:
     /// it failed, and the text for people. False when there is none; the arguments are then empty,
     /// NoFailure and empty.
     bool popFail(std::vector<char>& job, FailReason& reason, std::string& message);
+
+    /// Hands over the reading end of the standard error of the oldest launch that was not asked for
+    /// yet, and the worker's process id. False, and nothing changes, when there is none. Call it
+    /// after each start and pump until it says so.
+    ///
+    /// The descriptor belongs to the host, which closes it: non-blocking, close-on-exec, and often
+    /// above the range of select(). It stays valid after the worker's end, so that the last words
+    /// can be read, and reads as ended when nobody is left who could print there. Closed earlier,
+    /// the worker gets SIGPIPE when it prints. What nobody takes is closed by the first pump or
+    /// start after the one in which the worker has ended, or its launch has failed.
+    bool takeStandardError(std::int64_t& pid, int& descriptor);
 
     /// Jobs that are neither a result nor a failure yet, pending or in a worker's hands.
     unsigned long jobCount() const;

@@ -75,6 +75,14 @@ bool nqScheduler::setMaxPhysicalMemory(unsigned long bytes)
     return true;
 }
 
+bool nqScheduler::setCaptureStandardError(bool isCaptured)
+{
+    if (mPrivate->mStarted)
+        return false;
+    mPrivate->mCapturesStandardError = isCaptured;
+    return true;
+}
+
 void nqScheduler::setExePathUtf8(const std::string& exePathUtf8)
 {
     if (mPrivate->mStarted)
@@ -134,6 +142,11 @@ bool nqScheduler::pop(std::vector<char>& result)
 bool nqScheduler::popFail(std::vector<char>& job, FailReason& reason, std::string& message)
 {
     return mPrivate->mQueues->popFail(job, reason, message);
+}
+
+bool nqScheduler::takeStandardError(std::int64_t& pid, int& descriptor)
+{
+    return mPrivate->mStandardErrors.take(pid, descriptor);
 }
 
 unsigned long nqScheduler::jobCount() const

@@ -3,6 +3,7 @@
 #include "scheduler/nqJobQueues.h"
 #include "supervision/nqEventLog.h"
 #include "supervision/nqSchedulerWorker.h"
+#include "supervision/nqStandardErrors.h"
 #include "supervision/nqWorkerLaunch.h"
 #include "system/nqNamedPipeServer.h"
 #include "system/nqOwnerProcess.h"
@@ -55,6 +56,9 @@ public:
     /// The same when only the queues have changed.
     void updateReadiness();
 
+    /// The worker has ended: nobody will print to its standard error any more.
+    void noteEnd(const nqSchedulerWorker& worker);
+
     nqWorkerLimits mLimits;
     nqEventLog mEvents;          // the workers refer to it
     const std::string mPipeName; // a UUID, the same for every start
@@ -76,6 +80,8 @@ public:
     nqOwnerProcess mOwner;
     // Null until it is asked for. The workers' pipes report to it while the scheduler is pumped.
     std::unique_ptr<nqWaitSet> mWaitSet;
+    bool mCapturesStandardError = false;
+    nqStandardErrors mStandardErrors; // empty while not captured
 };
 
 } // namespace nq

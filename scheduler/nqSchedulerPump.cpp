@@ -85,6 +85,7 @@ Pass stepWorkers(nqSchedulerPrivate& state)
         nqSchedulerWorker& worker = **it;
         keepException(pass.mFirstException, [&] { worker.superviseStep(); });
         if (worker.hasFinished()) {
+            state.noteEnd(worker);
             it->reset();
             it = state.mWorkers.erase(it);
             ++state.mReplacementsDue;
@@ -109,6 +110,7 @@ void nqSchedulerPrivate::pump(int timeoutMs)
         const nqThread::Uncancellable held;
         mEvents.makeRoom(mWorkers.size());
         mPipeServer.processPipeServerEvents(0);
+        mStandardErrors.dropEnded();
         pass = stepWorkers(*this);
         mEvents.deliver(); // before the queues are looked at, since an observer may push and pop
         updateWaitSet();

@@ -52,6 +52,7 @@ bool nqSchedulerPrivate::start(std::uint64_t nbWorkers, std::int32_t workerConne
         nqLogObject(nqLog::Warning, true) << "Cannot startScheduler - already started";
         return false;
     }
+    mStandardErrors.dropEnded();
     mWorkerConnectionTimeout = workerConnectionTimeout;
     if (!mPipeServer.listenUtf8(mPipeName)) {
         nqLogObject(nqLog::Error, true) << "Fail to startScheduler - cannot listen";
@@ -86,7 +87,8 @@ bool nqSchedulerPrivate::addWorker()
         mStartProcessFlag,
         mWorkerConnectionTimeout,
         mLimits,
-        mEvents};
+        mEvents,
+        mCapturesStandardError ? &mStandardErrors : nullptr};
     std::unique_ptr<nqSchedulerWorker> worker = launchWorker(launch, mPipeServer, mQueues.get());
     const bool isLaunched = worker != nullptr;
     if (isLaunched)
@@ -105,6 +107,12 @@ bool nqSchedulerPrivate::heal()
             --mReplacementsDue;
     }
     return true;
+}
+
+void nqSchedulerPrivate::noteEnd(const nqSchedulerWorker& worker)
+{
+    if (!mStandardErrors.isEmpty())
+        mStandardErrors.noteEnd(worker.process()->getPid());
 }
 
 void nqSchedulerPrivate::drain()
@@ -132,6 +140,7 @@ void nqSchedulerPrivate::stop()
     }
     while (!mWorkers.empty()) {
         endWorker(*mWorkers.front());
+        noteEnd(*mWorkers.front());
         mWorkers.pop_front();
         mEvents.deliver();
     }

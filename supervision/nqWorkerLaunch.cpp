@@ -25,6 +25,16 @@ std::vector<std::string> buildArguments(const nqWorkerLaunch& launch)
     return arguments;
 }
 
+/// Before anything can go wrong: why a worker does not connect stands there most of all.
+void keepStandardError(nqProcess& process, const nqWorkerLaunch& launch)
+{
+    if (launch.mStandardErrors == nullptr)
+        return;
+    nqOwnedDescriptor end = process.takeStandardError();
+    if (end.get() != -1)
+        launch.mStandardErrors->add(process.getPid(), std::move(end));
+}
+
 /// Why the launch has failed, or null when the process runs and its connection is pending.
 const char* startAndConnect(
     nqProcess& process,
@@ -32,6 +42,8 @@ const char* startAndConnect(
     const std::vector<std::string>& arguments,
     nqNamedPipeServer& server)
 {
+    if (launch.mStandardErrors != nullptr)
+        process.captureStandardError();
     process.setWorkingDirectory(
         nqDirUtils::ExtractFolder(nqDirUtils::GetAbsolutePathUtf8(launch.mExeUtf8Path)));
     {
@@ -39,6 +51,7 @@ const char* startAndConnect(
         process.startProcess(
             launch.mExeUtf8Path, arguments, launch.mStartProcessFlag, nqProcess::InheritedPriority);
     }
+    keepStandardError(process, launch);
     if (process.getState() != nqProcess::Running)
         return "Process state is not 'running'";
     if (!server.waitForNewConnection(launch.mWorkerConnectionTimeout, nullptr))
@@ -106,6 +119,8 @@ launchWorker(const nqWorkerLaunch& launch, nqNamedPipeServer& server, nqJobQueue
         process->killProcess();
         if (sinceLaunch)
             noteFailedLaunch(launch.mEvents, failure, *process);
+        if (launch.mStandardErrors != nullptr)
+            launch.mStandardErrors->noteEnd(process->getPid());
         return nullptr;
     }
 

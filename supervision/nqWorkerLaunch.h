@@ -1,6 +1,7 @@
 #pragma once
 
 #include "supervision/nqSchedulerWorker.h"
+#include "supervision/nqStandardErrors.h"
 #include "system/nqNamedPipeServer.h"
 
 #include <cstdint>
@@ -31,6 +32,7 @@ struct nqWorkerLaunch {
     std::int32_t mWorkerConnectionTimeout; // milliseconds
     const nqWorkerLimits& mLimits;
     nqEventLog& mEvents; // has room for two events
+    nqStandardErrors* mStandardErrors = nullptr; // gets the worker's; null: not captured
 };
 
 /// Starts one worker process and waits for its connection to `server`, which must be listening.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "nqExport.h"
+#include "nqOwnedDescriptor.h"
 
 #include <chrono>
 #include <cstdint>
@@ -86,6 +87,17 @@ public:
 
     /// Directory that the child is started in; an empty text means the host's current one. UTF-8.
     void setWorkingDirectory(const std::string& directoryUtf8);
+
+    /// Gives the child a pipe of its own as standard error, whatever silenceOutput says. To be
+    /// called before it is started. What the child prints stays in the kernel until it is read; the
+    /// child blocks when that has no more room, 64 KiB by default, and gets SIGPIPE once the
+    /// reading end is closed.
+    void captureStandardError();
+
+    /// The reading end of that pipe: close-on-exec, non-blocking, and above the range of select()
+    /// where the limit of descriptors allows it. Its end shows when nobody is left who could print
+    /// there. None when it was taken before, or is not captured.
+    nqOwnedDescriptor takeStandardError();
 
     /// Starts `exePathUtf8` with `arguments` (the path itself is not among them). True when the
     /// program is running; false when it could not be executed, and then getState() is not Running

@@ -52,6 +52,12 @@ public:
     }
     void close() noexcept;
 
+    /// Gives the descriptor up to the caller.
+    int release() noexcept
+    {
+        return std::exchange(mFd, -1);
+    }
+
     /// Moves to the lowest free number above the standard streams. Without effect if none is free.
     void moveToLowNumber();
 

@@ -94,6 +94,21 @@ nqDescriptor openMemoryStatistics(pid_t pid)
     return statistics;
 }
 
+// Only the reading end does not block: a program does not expect that of its standard error. False
+// with errno when the kernel refuses.
+bool openErrorPipe(nqDescriptor& reader, nqDescriptor& writer)
+{
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0)
+        return false;
+    reader = nqDescriptor(ends[0]);
+    writer = nqDescriptor(ends[1]);
+    if (!reader.isOpen() || !writer.isOpen() || ::fcntl(reader.get(), F_SETFL, O_NONBLOCK) != 0)
+        return false;
+    reader.moveOutOfRangeOfSelect();
+    return true;
+}
+
 // Borrows the texts. execve takes them as not const for historical reasons, and changes none.
 std::vector<char*>
 argumentVector(const std::string& executable, const std::vector<std::string>& arguments)
@@ -117,10 +132,13 @@ struct nqProcess::Private {
     std::optional<nqChildEnd> mEnd;   // set when mState becomes Ended, if it is known
     std::optional<nqChild> mChild;    // set while mState is Running
     std::optional<nqLeash> mLeash;    // armed while mState is Running, else none
+    bool mCapturesStandardError = false;
+    nqOwnedDescriptor mStandardError; // the reading end, until it is taken
     nqDescriptor mMemoryStatistics;   // kept open, so that it never means another process
     std::optional<nqStartedProcess> mRosterEntry; // for servers, once it is being started
 
     bool start(nqSpawnRequest request);
+    nqSpawnResult spawn(nqSpawnRequest& request);
     void enterEnded();
     ProcessState updateState();
     bool keepMemoryStatisticsOpen();
@@ -128,12 +146,7 @@ struct nqProcess::Private {
 
 bool nqProcess::Private::start(nqSpawnRequest request)
 {
-    mLeash.emplace();
-    nqSpawnResult result;
-    result.mError = errno; // of the leash, if there is none
-    request.mLeash = &*mLeash;
-    if (mLeash->isOpen())
-        result = nqSpawn(request);
+    const nqSpawnResult result = spawn(request);
     if (result.mPid == 0) {
         mLeash.reset();
         mStartError = result.mError;
@@ -146,6 +159,30 @@ bool nqProcess::Private::start(nqSpawnRequest request)
     mState = Running;
     mMemoryStatistics = openMemoryStatistics(mPid);
     return true;
+}
+
+nqSpawnResult nqProcess::Private::spawn(nqSpawnRequest& request)
+{
+    mLeash.emplace();
+    nqSpawnResult result;
+    result.mError = errno; // of the leash, if there is none
+    request.mLeash = &*mLeash;
+    if (!mLeash->isOpen())
+        return result;
+    if (!mCapturesStandardError)
+        return nqSpawn(request);
+
+    nqDescriptor reader;
+    nqDescriptor writer; // closed here once the child has it
+    if (!openErrorPipe(reader, writer)) {
+        result.mError = errno;
+        return result;
+    }
+    request.mStandardError = writer.get();
+    result = nqSpawn(request);
+    if (result.mPid != 0)
+        mStandardError = nqOwnedDescriptor(reader.release());
+    return result;
 }
 
 // The leader is reaped.
@@ -204,6 +241,16 @@ nqProcess::~nqProcess()
 void nqProcess::setWorkingDirectory(const std::string& directoryUtf8)
 {
     mPrivate->mWorkingDirectory = directoryUtf8;
+}
+
+void nqProcess::captureStandardError()
+{
+    mPrivate->mCapturesStandardError = true;
+}
+
+nqOwnedDescriptor nqProcess::takeStandardError()
+{
+    return std::move(mPrivate->mStandardError);
 }
 
 bool nqProcess::startProcess(

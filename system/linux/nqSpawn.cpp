@@ -102,10 +102,16 @@ bool prepareOutput(int stream, const Launch& launch)
     return true;
 }
 
+bool prepareError(const Launch& launch)
+{
+    const int captured = launch.mRequest.mStandardError;
+    return captured >= 0 ? pointAt(captured, STDERR_FILENO) : prepareOutput(STDERR_FILENO, launch);
+}
+
 bool prepareStandardStreams(const Launch& launch)
 {
     return pointAt(launch.mNullDevice.get(), STDIN_FILENO) &&
-           prepareOutput(STDOUT_FILENO, launch) && prepareOutput(STDERR_FILENO, launch);
+           prepareOutput(STDOUT_FILENO, launch) && prepareError(launch);
 }
 
 void keepOtherDescriptorsFromTheProgram()

@@ -12,6 +12,7 @@ struct nqSpawnRequest {
     char* const* mArguments = nullptr;       // with the program's name first and null last
     const char* mWorkingDirectory = nullptr; // null: the host's
     bool mSilenceOutput = false;             // output and error go to the null device
+    int mStandardError = -1;                 // the child's; -1: as mSilenceOutput says
     int mNiceness = 0;                       // 0: the host's; never lowers it
     const nqLeash* mLeash = nullptr;         // to be armed for the child's group
 };

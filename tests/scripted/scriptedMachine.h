@@ -96,6 +96,8 @@ struct Process {
     std::string exePath;
     std::vector<std::string> arguments;
     std::optional<bool> silenceOutput;
+    bool capturesStandardError = false;
+    int standardError = 100; ///< the reading end, if it is captured
     std::optional<nq::nqProcess::ProcessPriority> priority;
     int ramReads = 0;
     bool isDestroyed = false;

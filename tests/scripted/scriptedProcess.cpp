@@ -2,6 +2,8 @@
 
 #include "system/nqProcess.h"
 
+#include <utility>
+
 namespace nq {
 
 namespace {
@@ -52,6 +54,19 @@ void nqProcess::setWorkingDirectory(const std::string& directoryUtf8)
 {
     mPrivate->call("setWorkingDirectory(" + directoryUtf8 + ")");
     (**mPrivate).workingDirectory = directoryUtf8;
+}
+
+void nqProcess::captureStandardError()
+{
+    mPrivate->call("captureStandardError()");
+    (**mPrivate).capturesStandardError = true;
+}
+
+nqOwnedDescriptor nqProcess::takeStandardError()
+{
+    scripted::Process& process = **mPrivate;
+    const bool isThere = process.capturesStandardError && process.state != NotStarted;
+    return nqOwnedDescriptor(isThere ? std::exchange(process.standardError, -1) : -1);
 }
 
 bool nqProcess::startProcess(
