@@ -104,6 +104,8 @@ public:
         mScheduler.setMaxCapMemoryAfterProcessingAJob(faults::memoryCapBytes);
         mScheduler.setMaxPhysicalMemory(physicalMemoryBytes);
         mScheduler.setObserver(&mPromises);
+        mScheduler.setCaptureStandardError(true);
+        mScheduler.waitDescriptor();
     }
 
     nqScheduler& scheduler()

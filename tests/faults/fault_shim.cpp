@@ -13,6 +13,8 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/random.h>
 #include <sys/resource.h>
@@ -168,6 +170,14 @@ NQ_FAILING(
     noexcept)
 NQ_FAILING(connect, anySelector, (int fd, const sockaddr* to, socklen_t size), (fd, to, size), )
 NQ_FAILING(dup2, anySelector, (int from, int to), (from, to), noexcept)
+NQ_FAILING(epoll_create1, anySelector, (int flags), (flags), noexcept)
+NQ_FAILING(
+    epoll_ctl,
+    anySelector,
+    (int set, int operation, int fd, epoll_event* event),
+    (set, operation, fd, event),
+    noexcept)
+NQ_FAILING(eventfd, anySelector, (unsigned int count, int flags), (count, flags), noexcept)
 NQ_FAILING(
     execve,
     anySelector,

@@ -78,6 +78,10 @@ FAULTS = {
     "connect": transparent("EINTR")
     + costly("EAGAIN", "ECONNREFUSED", "ECONNRESET", "EACCES", "ENOMEM", lasts=True),
     "dup2": transparent("EINTR") + costly("EBUSY", "EMFILE"),
+    # A host without the descriptor waits by the pump; an entry that is missing is tried again.
+    "epoll_create1": transparent("EMFILE", "ENFILE", "ENOMEM", lasts=True),
+    "epoll_ctl": transparent("ENOMEM", "ENOSPC", lasts=True),
+    "eventfd": transparent("EMFILE", "ENFILE", "ENODEV", "ENOMEM", lasts=True),
     "execve": costly("E2BIG", "EACCES", "EAGAIN", "EIO", "EMFILE", "ENFILE", "ENOENT", "ENOMEM",
                      "ETXTBSY", lasts=True),
     # No descriptor rather than one among the standard streams.
