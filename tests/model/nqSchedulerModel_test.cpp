@@ -42,6 +42,7 @@ public:
           mTwin(random),
           mSeen(seen),
           mMayPushEmptyJobs(random.percent(15)),
+          mWaits(random.percent(50)),
           mEventsPerStep(random.pick<std::uint64_t>({1, 2, 2, 4})),
           mArguments(randomArguments()),
           mPrepends(random.percent(50)),
@@ -57,6 +58,8 @@ public:
             mTwin.world.isObserved = true;
             mReal->setObserver(&mPromises);
         }
+        if (mWaits)
+            mReal->waitDescriptor();
         configure();
     }
 
@@ -168,6 +171,7 @@ private:
         mDid << "pump " << timeout;
         mModel.pump(timeout);
         mReal->processScheduler(timeout);
+        compareReadiness();
     }
 
     void kill()
@@ -209,6 +213,7 @@ private:
         mModel.queues.pending.push_back(job);
         mReal->push(job);
         mPromises.onPush(job);
+        compareReadiness();
     }
 
     void pop()
@@ -264,6 +269,7 @@ private:
         mModel.queues.pending.clear();
         mReal->clearPendingJobs();
         mPromises.onClearPendingJobs();
+        compareReadiness();
     }
 
     /// The limits: accepted or refused, all in one go.
@@ -317,6 +323,7 @@ private:
             return;
         const bool expected = mModel.stop();
         expectSame("stopScheduler", mReal->stopScheduler(), expected);
+        compareReadiness();
         mTwin.endThat();
     }
 
@@ -350,6 +357,21 @@ private:
             clearPendingJobs();
         mTwin.letEverythingEnd(mModel.queues.jobCount() + mModel.workerCount());
         return true;
+    }
+
+    /// After what may change it, the descriptor says what the scheduler says, and has no news of a
+    /// worker that nobody pumps.
+    void compareReadiness()
+    {
+        if (!mWaits)
+            return;
+        const scripted::WaitSet& set = *mTwin.machine.waitSets.front();
+        expectSame("readiness", set.isReady, mReal->hasImmediateWork());
+        ++mSeen[set.isReady ? "ready: work" : "ready: none"];
+        for (const auto& pipe : mTwin.machine.pipes) {
+            const bool isPumped = mModel.isStarted() && !pipe->isDestroyed;
+            expectSame("a report in vain", pipe->reportsTo != nullptr && !isPumped, false);
+        }
     }
 
     void compareCounts()
@@ -401,6 +423,7 @@ private:
     model::Twin mTwin;
     model::Seen& mSeen;
     bool mMayPushEmptyJobs;
+    bool mWaits; // for the scheduler's descriptor
     std::uint64_t mEventsPerStep;
     std::vector<std::string> mArguments;
     bool mPrepends;
@@ -454,6 +477,8 @@ TEST(SchedulerModel, agreesWithTheSchedulerAfterEveryStep)
          "not killed by the host",
          "told",
          "slept",
+         "ready: work",
+         "ready: none",
          "stop",
          "stop: killed",
          "failure 1",

@@ -8,7 +8,7 @@ nqWaitSet::nqWaitSet()
     : mPrivate(std::make_unique<Private>(Private{std::make_shared<scripted::WaitSet>()}))
 {
     scripted::Machine& machine = scripted::machine();
-    machine.call("wait set: created");
+    machine.query("wait set: created");
     machine.waitSets.push_back(mPrivate->set);
     if (std::exchange(machine.waitSetFails, false))
         mPrivate->set->descriptor = -1;
@@ -17,7 +17,7 @@ nqWaitSet::nqWaitSet()
 nqWaitSet::~nqWaitSet()
 {
     mPrivate->set->isDestroyed = true;
-    scripted::machine().call("wait set: destroyed");
+    scripted::machine().query("wait set: destroyed");
 }
 
 int nqWaitSet::descriptor() const

@@ -381,7 +381,7 @@ TEST_F(SchedulerWaiting, isOverWithTheScheduler)
     scheduler.reset();
     EXPECT_TRUE(set().isDestroyed);
     const auto line = [this](const char* text) {
-        return std::find(machine.calls.begin(), machine.calls.end(), text);
+        return std::find(machine.trace.begin(), machine.trace.end(), text);
     };
     EXPECT_LT(line("pipe 1: destroyed"), line("wait set: destroyed")) << "it reports to the set";
 }
