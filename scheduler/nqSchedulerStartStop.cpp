@@ -191,7 +191,9 @@ bool nqScheduler::healWorkers()
     if (!mPrivate->isPumped() || !mPrivate->mayAct())
         return false;
     const nqFlagGuard operation(mPrivate->mInOperation);
-    return mPrivate->heal();
+    const bool isWhole = mPrivate->heal();
+    mPrivate->updateWaitSet();
+    return isWhole;
 }
 
 void nqScheduler::waitForFinished()

@@ -31,7 +31,7 @@ struct nqWorkerLaunch {
     bool mStartProcessFlag;
     std::int32_t mWorkerConnectionTimeout; // milliseconds
     const nqWorkerLimits& mLimits;
-    nqEventLog& mEvents; // has room for two events
+    nqEventLog& mEvents;                         // has room for two events
     nqStandardErrors* mStandardErrors = nullptr; // gets the worker's; null: not captured
 };
 

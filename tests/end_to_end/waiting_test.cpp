@@ -79,7 +79,7 @@ protected:
         const std::size_t before = mPool.answers().size();
         mPool.push(job);
         return wakeUpUntil([&] { return mPool.answers().size() > before; }) ? mPool.answers().back()
-                                                                           : "(no answer)";
+                                                                            : "(no answer)";
     }
 
     Pool mPool;

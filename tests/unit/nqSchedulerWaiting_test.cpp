@@ -104,6 +104,17 @@ TEST_F(SchedulerWaiting, hasAReplacementReport)
     EXPECT_FALSE(hasWork()) << "there is no job for it";
 }
 
+TEST_F(SchedulerWaiting, hasAHealedWorkerReport)
+{
+    startWaitedFor(1);
+    die(0);
+    machine.server.connections = {scripted::Connection::timesOut};
+    pump();
+    ASSERT_EQ(scheduler->workerCount(), 0U);
+    ASSERT_TRUE(scheduler->healWorkers());
+    EXPECT_EQ(pipe(machine.pipes.size() - 1).reportsTo, &set());
+}
+
 TEST_F(SchedulerWaiting, leavesTheWorkersOfAStartThatFailedOut)
 {
     scheduler->waitDescriptor();
