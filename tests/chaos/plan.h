@@ -13,7 +13,8 @@ enum class Pumping {
     steadily, // waits in the pump
     spinning, // never waits
     rarely,   // is away for a while between two calls
-    inBursts  // many calls at once, then away
+    inBursts, // many calls at once, then away
+    onNews    // waits in a loop of its own, for the scheduler's descriptor
 };
 
 /// What is done to the workers from outside, as relative frequencies.

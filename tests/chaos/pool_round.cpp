@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <poll.h>
 #include <sstream>
 #include <vector>
 
@@ -21,6 +22,7 @@ constexpr int endangeredConnectionMs = 300;  // where launches fail all the time
 constexpr int startAttempts = 200;
 constexpr int passesBeforeRestart = 50;
 constexpr int passMs = 10;
+constexpr int tickMs = 300;
 constexpr int burst = 30;
 constexpr std::uint32_t descriptorsEverySteps = 64;
 constexpr std::int64_t nanosecondsPerMs = 1'000'000;
@@ -170,7 +172,19 @@ void PoolRound::pump()
         for (int i = 0; i < burst; ++i)
             pumpOnce(1);
         return beAway();
+    case Pumping::onNews:
+        awaitNews();
+        return pumpOnce(0);
     }
+}
+
+/// A host that is not told of something finds it a tick later, and its jobs take too long.
+void PoolRound::awaitNews()
+{
+    pollfd news{mScheduler.waitDescriptor(), POLLIN, 0};
+    if (news.fd == -1)
+        reportViolation("there is no descriptor to wait on");
+    ::poll(&news, 1, tickMs);
 }
 
 void PoolRound::pumpOnce(int timeoutMs)

@@ -47,6 +47,7 @@ private:
     void pump();
     void pumpOnce(int timeoutMs);
     void beAway();
+    void awaitNews();
     void collect();
     void restartEmptiedPool();
     bool isPoolEmpty() const;

@@ -43,7 +43,8 @@ PoolPlan somePool(Random& random)
     pool.jobsPerCycle = between(random, 200, 400);
     pool.window = random.percent(50) ? 0 : between(random, 1, 40);
     pool.largestPayload = random.pick<std::uint64_t>({64, 4096, 100'000});
-    pool.pumping = random.pick({Pumping::steadily, Pumping::steadily, Pumping::spinning});
+    pool.pumping =
+        random.pick({Pumping::steadily, Pumping::steadily, Pumping::spinning, Pumping::onNews});
     pool.popsAtTheEnd = random.percent(15);
     pool.stopsWithPendingJobs = random.percent(25);
     pool.pipeNameFirst = random.percent(50);
@@ -265,7 +266,8 @@ void slowDown(PoolPlan& pool)
 
 const char* nameOf(Pumping pumping)
 {
-    static constexpr const char* names[] = {"steadily", "spinning", "rarely", "in bursts"};
+    static constexpr const char* names[] = {
+        "steadily", "spinning", "rarely", "in bursts", "on news"};
     return names[static_cast<int>(pumping)];
 }
 
