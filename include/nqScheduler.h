@@ -115,9 +115,10 @@ public:
     /// Whether each launch gives its worker a pipe of its own as standard error, in place of what
     /// the constructor's `startProcessFlag` says; off unless told otherwise. The host gets the
     /// reading ends from takeStandardError() and reads them: the kernel holds what is not read, 64
-    /// KiB by default, and a worker that prints more than that blocks until somebody reads. One
-    /// that prints so much before it has connected, or while it is being stopped, is not waited for
-    /// longer than any other, since the host does not read while it waits. A launch without a
+    /// KiB by default, and a worker that prints more than that blocks until somebody reads. The
+    /// host does not read while the scheduler waits: a worker that prints so much before it has
+    /// connected fails its launch, and one that does so when it is to leave is killed after 30
+    /// seconds, in a pump as well. A launch without a
     /// descriptor for the pipe fails. False while the scheduler is started.
     bool setCaptureStandardError(bool isCaptured);
 
@@ -241,7 +242,8 @@ public:
     /// above the range of select(). It stays valid after the worker's end, so that the last words
     /// can be read, and reads as ended when nobody is left who could print there. Closed earlier,
     /// the worker gets SIGPIPE when it prints. What nobody takes is closed by the first pump or
-    /// start after the one in which the worker has ended, or its launch has failed.
+    /// start after the one in which the worker has ended, or its launch has failed;
+    /// waitForFinished() and stopScheduler() pump many times. An observer may call this too.
     bool takeStandardError(std::int64_t& pid, int& descriptor);
 
     /// Jobs that are neither a result nor a failure yet, pending or in a worker's hands.

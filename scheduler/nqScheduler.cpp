@@ -245,7 +245,9 @@ bool nqScheduler::killWorker(std::int64_t pid, FailReason reason, const std::str
     const auto& all = mPrivate->mWorkers;
     const auto found = std::find_if(
         all.begin(), all.end(), [pid](const auto& worker) { return worker->pid() == pid; });
-    return found != all.end() && (*found)->killFor(reason, message);
+    const bool isKilled = found != all.end() && (*found)->killFor(reason, message);
+    mPrivate->updateWaitSet(); // it takes no pending job any more
+    return isKilled;
 }
 
 } // namespace nq

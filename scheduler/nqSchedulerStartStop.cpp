@@ -18,7 +18,6 @@ namespace nq {
 namespace {
 
 constexpr int pumpSliceMs = 10;                 // keeps a wait for the last job responsive
-constexpr unsigned int workerLeaveMs = 30'000;  // for a worker that saves its work before it leaves
 constexpr std::int32_t smallestWorkerLimit = 4; // even one processor can overlap some waiting
 
 std::uint64_t workerLimit()
@@ -35,10 +34,7 @@ void endWorker(nqSchedulerWorker& worker)
         const nqThread::Uncancellable held;
         worker.closePipe();
     }
-    if (process->getState() != nqProcess::Running)
-        return;
-    process->waitForFinished(workerLeaveMs);
-    if (process->getState() != nqProcess::Running)
+    if (nqSchedulerWorker::leavesInTime(*process))
         return;
     process->killProcess();
     process->waitForFinished(0);
@@ -50,6 +46,7 @@ bool nqSchedulerPrivate::start(std::uint64_t nbWorkers, std::int32_t workerConne
 {
     if (mStarted) {
         nqLogObject(nqLog::Warning, true) << "Cannot startScheduler - already started";
+        updateWaitSet(); // the logger may have pushed
         return false;
     }
     mStandardErrors.dropEnded();
@@ -91,8 +88,10 @@ bool nqSchedulerPrivate::addWorker()
         mCapturesStandardError ? &mStandardErrors : nullptr};
     std::unique_ptr<nqSchedulerWorker> worker = launchWorker(launch, mPipeServer, mQueues.get());
     const bool isLaunched = worker != nullptr;
-    if (isLaunched)
+    if (isLaunched) {
         mWorkers.push_back(std::move(worker));
+        mStandardErrors.noteListed(mWorkers.back()->pid());
+    }
     mEvents.deliver();
     return isLaunched;
 }
@@ -103,6 +102,7 @@ bool nqSchedulerPrivate::heal()
     while (mWorkers.size() < mNbWorkers) {
         if (!addWorker())
             return false;
+        updateWaitSet();
         if (mReplacementsDue != 0)
             --mReplacementsDue;
     }
@@ -130,6 +130,7 @@ void nqSchedulerPrivate::drain()
 // jobs are drained, only stopping goes on.
 void nqSchedulerPrivate::stop()
 {
+    mEvents.makeRoom(mWorkers.size());
     if (!mDrained)
         drain();
     mDrained = true;
@@ -191,9 +192,7 @@ bool nqScheduler::healWorkers()
     if (!mPrivate->isPumped() || !mPrivate->mayAct())
         return false;
     const nqFlagGuard operation(mPrivate->mInOperation);
-    const bool isWhole = mPrivate->heal();
-    mPrivate->updateWaitSet();
-    return isWhole;
+    return mPrivate->heal();
 }
 
 void nqScheduler::waitForFinished()

@@ -106,6 +106,7 @@ public:
     bool mFinished = false;
     bool mKilled = false;
     bool mFailureOwed = false;
+    bool mPrintsToTheHost = false; // its standard error is a pipe to the host
 
     // For the observer.
     nqEventLog* mEvents = nullptr; // borrowed
@@ -347,7 +348,8 @@ bool nqSchedulerWorker::restartIfTooMuchRam()
     if (ramInUse <= state.mMaxCapMemoryAfterProcessingAJob)
         return false;
 
-    state.mEndReason = Event::EndReason::MemoryAfterJob;
+    if (!state.mKilled)
+        state.mEndReason = Event::EndReason::MemoryAfterJob;
     closePipe();
     state.endRecord();
     nqLogObject(nqLog::Info, false)
@@ -459,9 +461,25 @@ nqSchedulerWorker::~nqSchedulerWorker()
 {
     const nqThread::Uncancellable held;
     closePipe();
+    // The host reads what the worker prints, but not in here: a worker that waits for it never
+    // ends.
+    if (mPrivate->mPrintsToTheHost && !leavesInTime(*mPrivate->mProcess))
+        mPrivate->mProcess->killProcess();
     mPrivate->mProcess->waitForFinished(nqProcess::withoutLimit);
     mPrivate->noteEnd();
     mPrivate->mProcess.reset();
+}
+
+bool nqSchedulerWorker::leavesInTime(nqProcess& process)
+{
+    if (process.getState() == nqProcess::Running)
+        process.waitForFinished(leaveMs);
+    return process.getState() != nqProcess::Running;
+}
+
+void nqSchedulerWorker::setPrintsToTheHost()
+{
+    mPrivate->mPrintsToTheHost = true;
 }
 
 void nqSchedulerWorker::setMaxCapMemory(std::uint64_t bytes)

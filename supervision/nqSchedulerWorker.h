@@ -20,9 +20,16 @@ class nqSchedulerWorkerPrivate;
 /// pipe, and holds the one job that the worker may be doing.
 ///
 /// Destroying a record closes the pipe, which tells the worker to leave, and waits for the process
-/// without limit. It never kills.
+/// without limit. It never kills, but for a worker that prints to the host and does not leave in
+/// time.
 class nqSchedulerWorker {
 public:
+    /// For a worker that saves its work before it leaves.
+    static constexpr unsigned int leaveMs = 30'000;
+
+    /// Waits for a process that has been told to leave, `leaveMs` at most. True when it has ended.
+    static bool leavesInTime(nqProcess& process);
+
     /// Takes over the connected pipe and the running process, which must not be null; borrows the
     /// queues, which must outlive the record or its closePipe().
     nqSchedulerWorker(
@@ -40,6 +47,9 @@ public:
     /// Reports what happens to `events` from now on, which is borrowed and must outlive the record.
     /// The timer has run since the launch; without one, nobody observed it.
     void setEvents(nqEventLog& events, const std::optional<nqHighResTimer>& sinceLaunch);
+
+    /// The worker's standard error is a pipe that the host reads, or does not.
+    void setPrintsToTheHost();
 
     /// One pass: moves the pipe's bytes, holds memory and age against the limits, receives, notices
     /// a lost worker, dispatches. Never blocks. An allocation failure passes through and the record

@@ -7,7 +7,13 @@ namespace nq {
 
 void nqStandardErrors::add(std::int64_t pid, nqOwnedDescriptor end)
 {
-    mEntries.push_back({pid, std::move(end), false});
+    mEntries.push_back({pid, std::move(end), true});
+}
+
+void nqStandardErrors::noteListed(std::int64_t pid)
+{
+    for (Entry& entry : mEntries)
+        entry.mHasEnded = entry.mHasEnded && entry.mPid != pid;
 }
 
 void nqStandardErrors::noteEnd(std::int64_t pid)

@@ -21,7 +21,10 @@ public:
 
     void add(std::int64_t pid, nqOwnedDescriptor end);
 
-    /// The worker has ended, or its launch has failed.
+    /// The launch has led to a worker. Until then it may end in any way, by an exception too, and
+    /// counts as ended.
+    void noteListed(std::int64_t pid);
+
     void noteEnd(std::int64_t pid);
 
     /// Closes the ends of workers that ended before.

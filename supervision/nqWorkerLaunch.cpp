@@ -119,8 +119,6 @@ launchWorker(const nqWorkerLaunch& launch, nqNamedPipeServer& server, nqJobQueue
         process->killProcess();
         if (sinceLaunch)
             noteFailedLaunch(launch.mEvents, failure, *process);
-        if (launch.mStandardErrors != nullptr)
-            launch.mStandardErrors->noteEnd(process->getPid());
         return nullptr;
     }
 
@@ -133,6 +131,8 @@ launchWorker(const nqWorkerLaunch& launch, nqNamedPipeServer& server, nqJobQueue
     auto worker = std::make_unique<nqSchedulerWorker>(
         server.takePendingConnection(), std::move(process), queues);
     worker->setEvents(launch.mEvents, sinceLaunch);
+    if (launch.mStandardErrors != nullptr)
+        worker->setPrintsToTheHost();
     if (sinceLaunch)
         noteLaunch(launch.mEvents, worker->pid(), *sinceLaunch);
     worker->setMaxCapMemory(limits.mMaxCapMemory);

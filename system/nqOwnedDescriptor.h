@@ -11,7 +11,9 @@ class NQ_API nqOwnedDescriptor {
 public:
     /// Takes `descriptor` over; -1 is none.
     explicit nqOwnedDescriptor(int descriptor = -1) noexcept;
+    /// Takes the descriptor over.
     nqOwnedDescriptor(nqOwnedDescriptor&& other) noexcept;
+    /// Closes its own and takes the other over.
     nqOwnedDescriptor& operator=(nqOwnedDescriptor&& other) noexcept;
     ~nqOwnedDescriptor();
 

@@ -280,7 +280,8 @@ void Worker::send(bool jobJustCompleted)
 void Worker::restart(std::uint64_t ram)
 {
     ++mWorld->seen["restarted after a job"];
-    mEndReason = "memory after a job";
+    if (!mIsKilled)
+        mEndReason = "memory after a job";
     closePipe();
     mIsFinished = true;
     mWorld->log(

@@ -179,6 +179,23 @@ TEST_F(KillWorker, doesNothingInAForkedChild)
     EXPECT_EQ(kills(), 0);
 }
 
+TEST_F(KillWorker, isTheReasonOfTheEndAlsoWhenTheLastResultComesWithTooMuchMemory)
+{
+    common::KeepingObserver observer;
+    ASSERT_TRUE(scheduler->setObserver(&observer));
+    scheduler->setMaxCapMemoryAfterProcessingAJob(100);
+    startWithAJob(1);
+    ASSERT_TRUE(kill());
+    process(0).ramInUse = 101;
+    answer(0, "result");
+    scheduler->processScheduler(0);
+    using Event = nq::nqSchedulerEvent;
+    const auto ended = observer.of(Event::Kind::WorkerEnded);
+    ASSERT_EQ(ended.size(), 1U);
+    EXPECT_EQ(ended[0].mEndReason, Event::EndReason::KilledByTheHost);
+    scheduler.reset();
+}
+
 TEST_F(KillWorker, isToldAsTheReasonOfTheEnd)
 {
     common::KeepingObserver observer;

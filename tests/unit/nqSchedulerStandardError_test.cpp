@@ -148,6 +148,16 @@ TEST_F(SchedulerStandardError, ofAStoppedWorkerIsThereUntilTheNextStart)
     EXPECT_EQ(takeAll(), Taken{});
 }
 
+TEST_F(SchedulerStandardError, ofAWorkerThatDoesNotLeaveEndsTheWaitForIt)
+{
+    planEnd(11);
+    startCaptured(1);
+    process(0).endsWhenWaitedFor = false;
+    pipe(0).lose();
+    pump();
+    EXPECT_EQ(machine.count("process 4242: killProcess()"), 1);
+}
+
 TEST_F(SchedulerStandardError, isClosedWithTheScheduler)
 {
     planEnd(100);
