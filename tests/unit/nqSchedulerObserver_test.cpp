@@ -483,6 +483,19 @@ struct ObservedWithoutMemory : Observed {
         if (!RefusedMemory::isPossible())
             GTEST_SKIP() << "this tool has its own allocator";
     }
+
+    /// A job fails while there is no memory to keep its failure.
+    void failUnkept()
+    {
+        startAndForget(1);
+        push({"job"});
+        scheduler->processScheduler(0);
+        observer.mTold.clear();
+        die(0);
+        std::optional<RefusedMemory> refused;
+        logger.onWrite = [&] { refused.emplace(1); };
+        EXPECT_THROW(scheduler->processScheduler(0), std::bad_alloc);
+    }
 };
 
 TEST_F(ObservedWithoutMemory, hearsThatAResultIsLost)
@@ -514,15 +527,7 @@ TEST_F(ObservedWithoutMemory, hearsThatAResultIsLost)
 
 TEST_F(ObservedWithoutMemory, hearsOfAFailureWhenItIsStored)
 {
-    startAndForget(1);
-    push({"job"});
-    scheduler->processScheduler(0);
-    observer.mTold.clear();
-    die(0);
-    std::optional<RefusedMemory> refused;
-    logger.onWrite = [&] { refused.emplace(1); };
-    EXPECT_THROW(scheduler->processScheduler(0), std::bad_alloc);
-    refused.reset();
+    failUnkept();
     EXPECT_EQ(told(), Lines{});
     scheduler->processScheduler(0);
     EXPECT_EQ(told(), (Lines{"failed 4242", "ended 4242", "launched 4243"}));
@@ -530,15 +535,7 @@ TEST_F(ObservedWithoutMemory, hearsOfAFailureWhenItIsStored)
 
 TEST_F(ObservedWithoutMemory, hearsOfAFailureThatAWaitStoresAndOfTheEndInTheNextPump)
 {
-    startAndForget(1);
-    push({"job"});
-    scheduler->processScheduler(0);
-    observer.mTold.clear();
-    die(0);
-    std::optional<RefusedMemory> refused;
-    logger.onWrite = [&] { refused.emplace(1); };
-    EXPECT_THROW(scheduler->processScheduler(0), std::bad_alloc);
-    refused.reset();
+    failUnkept();
     scheduler->waitForFinished();
     EXPECT_EQ(told(), Lines{"failed 4242"});
     scheduler->processScheduler(0);
