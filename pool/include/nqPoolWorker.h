@@ -1,0 +1,112 @@
+#pragma once
+
+#include "nqExport.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace nq {
+
+/// What a worker does with one job: reads it, and appends to or replaces `result`, which is empty
+/// at the call. May leave it empty. An exception fails the job with its what(), and the worker
+/// lives on.
+using nqWork = std::function<void(std::string_view job, std::vector<char>& result)>;
+
+/// Makes the work, once in each worker process, before its first job. An exception ends the worker,
+/// and counts as a launch that has failed.
+using nqMakeWork = std::function<nqWork()>;
+
+/// @cond internal
+namespace detail {
+
+inline void assignResult(std::vector<char>& result, std::vector<char>&& value)
+{
+    result = std::move(value);
+}
+inline void assignResult(std::vector<char>& result, std::string_view value)
+{
+    result.assign(value.begin(), value.end());
+}
+
+/// Any function of one job in the form that workers use.
+template <typename Function>
+nqWork workOf(Function function)
+{
+    if constexpr (std::is_invocable_v<Function&, std::string_view, std::vector<char>&>) {
+        return function;
+    } else {
+        return [function =
+                    std::move(function)](std::string_view job, std::vector<char>& result) mutable {
+            if constexpr (std::is_void_v<std::invoke_result_t<Function&, std::string_view>>)
+                function(job);
+            else
+                assignResult(result, function(job));
+        };
+    }
+}
+
+} // namespace detail
+/// @endcond
+
+/// In a worker process: makes the work, runs it for each job and ends the process; never returns.
+/// With `--job FILE` as the only arguments: runs the job in the file in this process, writes the
+/// result to standard output and ends the process. Otherwise returns at once, and lets pools have
+/// this program as their worker.
+///
+/// Belongs at the very beginning of main(), before anything that a worker should not do as well:
+/// options, files, threads. A worker has the host's working folder, the null device as standard
+/// input, and none of the host's arguments.
+NQ_API void runAsWorkerMade(int argc, char* argv[], nqMakeWork make);
+
+/// The same in a program that is nothing but a worker: returns what main() should. Started by hand,
+/// it explains itself on standard error.
+NQ_API int runWorkerMade(int argc, char* argv[], nqMakeWork make);
+
+/// runAsWorkerMade() for a function that takes a job as `std::string_view` and returns the result
+/// as something convertible to that, as `std::vector<char>` (which is not copied) or not at all; or
+/// that has the form of nqWork.
+template <typename Function>
+void runAsWorker(int argc, char* argv[], Function function)
+{
+    runAsWorkerMade(argc, argv, [function] { return detail::workOf(function); });
+}
+
+/// The same for a class: one object of it is built in each worker, and called for each job.
+template <typename Work>
+void runAsWorker(int argc, char* argv[])
+{
+    runAsWorkerMade(argc, argv, [] {
+        auto work = std::make_shared<Work>();
+        return detail::workOf([work](std::string_view job) { return (*work)(job); });
+    });
+}
+
+/// runWorkerMade() for a function, as in runAsWorker():
+/// @code
+/// int main(int argc, char* argv[])
+/// {
+///     return nq::runWorker(argc, argv, [](std::string_view job) { return reversed(job); });
+/// }
+/// @endcode
+template <typename Function>
+int runWorker(int argc, char* argv[], Function function)
+{
+    return runWorkerMade(argc, argv, [function] { return detail::workOf(function); });
+}
+
+/// The same for a class, as in runAsWorker().
+template <typename Work>
+int runWorker(int argc, char* argv[])
+{
+    return runWorkerMade(argc, argv, [] {
+        auto work = std::make_shared<Work>();
+        return detail::workOf([work](std::string_view job) { return (*work)(job); });
+    });
+}
+
+} // namespace nq
