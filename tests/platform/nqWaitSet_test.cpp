@@ -184,20 +184,26 @@ protected:
 /// A set that is made while the kernel refuses a descriptor.
 class WaitSetWithoutADescriptor : public WaitSet {
 protected:
-    WaitSetWithoutADescriptor()
+    void SetUp() override
     {
+        WaitSet::SetUp();
         // A sanitizer that meets a class for the first time needs descriptors itself.
         nq::logError("before");
         mLog.mMessages.clear();
     }
 
-    void expectNone()
+    void TearDown() override
     {
-        nqWaitSet set;
-        EXPECT_EQ(mLog.mMessages, std::vector{noDescriptor});
-        EXPECT_EQ(set.descriptor(), -1);
-        set.setReady(true); // without effect
+        if (mSet) {
+            EXPECT_EQ(mLog.mMessages, std::vector{noDescriptor});
+            EXPECT_EQ(mSet->descriptor(), -1);
+            mSet->setReady(true); // without effect
+            mSet.reset();
+        }
+        WaitSet::TearDown();
     }
+
+    std::optional<nqWaitSet> mSet;
 };
 
 constexpr rlim_t enoughDescriptors = FD_SETSIZE + 64;
@@ -248,14 +254,14 @@ TEST_F(WaitSetWithoutADescriptor, saysWhyWhenTheKernelHasNone)
 {
     const DescriptorLimit limit;
     ASSERT_TRUE(limit.exhaust());
-    expectNone();
+    mSet.emplace();
 }
 
 TEST_F(WaitSetWithoutADescriptor, saysWhyWhenOnlyOneIsFree)
 {
     const DescriptorLimit limit;
     ASSERT_TRUE(limit.exhaustButOne());
-    expectNone();
+    mSet.emplace();
 }
 
 TEST_F(WaitSetWithoutADescriptor, saysWhyWhenNoneBelowTheLimitOfSelectIsFree)
@@ -267,7 +273,7 @@ TEST_F(WaitSetWithoutADescriptor, saysWhyWhenNoneBelowTheLimitOfSelectIsFree)
     do
         occupied.emplace_back(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
     while (occupied.back().get() < FD_SETSIZE);
-    expectNone();
+    mSet.emplace();
 }
 
 TEST_F(WaitSet, takesOneNumberBelowTheLimitOfSelect)
