@@ -54,8 +54,7 @@ struct nqPoolOptions {
     enum class StandardError : std::int32_t {
         Capture = 0,   ///< to the outcome of the job that failed: nqAttempt::lastWords
         Forward = 1,   ///< there, and to the host's standard error
-        Inherit = 2,   ///< it is the host's
-        NullDevice = 3 ///< nowhere
+        NullDevice = 2 ///< nowhere
     };
 
     /// Where the library's log lines go while the host has no nqLog of its own.
@@ -94,8 +93,8 @@ struct nqPoolOptions {
 
     /// A worker that ends without having finished a job is replaced after a pause, which doubles
     /// each time, up to the longest. A job that was done ends the series.
-    std::chrono::milliseconds restartPause{50};
-    std::chrono::milliseconds longestRestartPause{5'000};
+    std::chrono::milliseconds restartPause{10};
+    std::chrono::milliseconds longestRestartPause{1'000};
 
     /// So many launches in a row may fail, or give a worker that ends before it had a job, while no
     /// other worker lives. Then all waiting jobs fail with NoWorker; later ones wait for the next
