@@ -22,6 +22,8 @@ def write_document(results, directory):
     text = document.read_text(encoding="utf-8")
     for name, section in SECTIONS.items():
         part = section(results)
+        if name == "machine" and not results["is_whole"]:
+            continue  # it is the machine of all figures
         if part:
             pattern = re.compile(rf"(<!-- {name} -->\n).*?(<!-- end -->)", re.DOTALL)
             if not pattern.search(text):
@@ -146,6 +148,13 @@ def counts_section(results):
          "host: allocations", "worker: allocations"], rows)
 
 
+def windows_section(results):
+    rows = [[row["window"], calls(row["host_system_calls"]), figure(row["host_instructions"]),
+             figure(row["host_allocations"])] for row in results.get("windows", [])]
+    return rows and table(["window in use, one worker, per job", "host: system calls",
+                           "host: instructions", "host: allocations"], rows)
+
+
 def calls(per_name):
     if per_name is None:
         return "-"
@@ -225,6 +234,7 @@ SECTIONS = {
     "comparisons": comparison_section,
     "memory": memory_section,
     "counts": counts_section,
+    "windows": windows_section,
     "sides": sides_section,
     "launch": launch_section,
     "pump": pump_section,

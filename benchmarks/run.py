@@ -271,23 +271,43 @@ def measure_rest(runner, _passes):
     return rows
 
 
+def counting_command(runner, pool, workers, **more):
+    options = {"workers": workers, "processors": "0", "warm_up": 50, "bytes": 64, "only_run": 1}
+    return runner.command(pool, runner.worker(pool), dict(options, **more))
+
+
+def host_counts(command):
+    return {
+        "host_system_calls": counts.system_calls_per_job(command, "host"),
+        "host_instructions": counts.instructions_per_job(command),
+        "host_allocations": counts.allocations_per_job(command),
+    }
+
+
 def measure_counts(runner, _passes):
     rows = []
     for workers in (1, 2, 4):
         for pool in runner.pools:
-            options = {"workers": workers, "processors": "0", "warm_up": 50, "bytes": 64,
-                       "only_run": 1}
-            command = runner.command(pool, runner.worker(pool), options)
+            command = counting_command(runner, pool, workers)
             rows.append({
                 "pool": pool,
                 "workers": workers,
-                "host_system_calls": counts.system_calls_per_job(command, "host"),
+                **host_counts(command),
                 "worker_system_calls": counts.system_calls_per_job(command, "worker"),
-                "host_instructions": counts.instructions_per_job(command),
-                "host_allocations": counts.allocations_per_job(command),
                 "worker_instructions": counts.worker_instructions_per_job(command),
                 "worker_allocations": counts.worker_allocations_per_job(command),
             })
+    return rows
+
+
+def measure_windows(runner, _passes):
+    """What a host pays that looks into the pool."""
+    rows = []
+    for title, options in (("none", {}), ("an observer", {"observed": 1}),
+                           ("waits in epoll", {"epoll": 1}),
+                           ("both", {"observed": 1, "epoll": 1})):
+        command = counting_command(runner, "ours", 1, **options)
+        rows.append({"window": title, **host_counts(command)})
     return rows
 
 
@@ -312,6 +332,7 @@ def measure_sides(runner, passes):
 GROUPS = {
     "sides": measure_sides,
     "counts": measure_counts,
+    "windows": measure_windows,
     "launch": measure_launch,
     "pump": measure_pump,
     "pending": measure_pending,
@@ -381,7 +402,8 @@ def main():
         print("bench: Boost.Asio is not installed; the pool written by hand is left out",
               file=sys.stderr)
     passes = arguments.passes or (1 if arguments.quick else 5)
-    results = {"machine": machine(), "passes": passes, "quick": arguments.quick, "comparisons": []}
+    results = {"machine": machine(), "passes": passes, "quick": arguments.quick,
+               "is_whole": not arguments.only, "comparisons": []}
     for row in rows:
         if is_wanted(row.name):
             print(f"bench: {row.title}, {row.workers} workers", file=sys.stderr)

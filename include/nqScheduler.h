@@ -83,8 +83,8 @@ public:
 
     /// Stops as stopScheduler() does, which may take long: every pending job is processed first.
     /// Results and failures that were not popped are dropped. Workers left over from a start that
-    /// failed see their pipes close and are waited for without limit. An exception in here ends the
-    /// process.
+    /// failed see their pipes close and are waited for without limit, but see
+    /// setCaptureStandardError(). An exception in here ends the process.
     virtual ~nqScheduler();
 
     nqScheduler(const nqScheduler&) = delete;
@@ -117,9 +117,9 @@ public:
     /// reading ends from takeStandardError() and reads them: the kernel holds what is not read, 64
     /// KiB by default, and a worker that prints more than that blocks until somebody reads. The
     /// host does not read while the scheduler waits: a worker that prints so much before it has
-    /// connected fails its launch, and one that does so when it is to leave is killed after 30
-    /// seconds, in a pump as well. A launch without a
-    /// descriptor for the pipe fails. False while the scheduler is started.
+    /// connected fails its launch. And one that was told to leave or has closed its pipe, whether
+    /// it prints or not, is killed after 30 seconds, in a pump and in the destructor as well. A
+    /// launch without a descriptor for the pipe fails. False while the scheduler is started.
     bool setCaptureStandardError(bool isCaptured);
 
     /// The worker's executable. A relative path counts from the host's current directory at each

@@ -99,14 +99,14 @@ bool nqSchedulerPrivate::addWorker()
 // Replacements that a cancelled pump still owes are among those that lack.
 bool nqSchedulerPrivate::heal()
 {
-    while (mWorkers.size() < mNbWorkers) {
-        if (!addWorker())
-            return false;
-        updateWaitSet();
-        if (mReplacementsDue != 0)
+    bool isLaunched = true;
+    while (isLaunched && mWorkers.size() < mNbWorkers) {
+        isLaunched = addWorker();
+        if (isLaunched && mReplacementsDue != 0)
             --mReplacementsDue;
+        updateWaitSet(); // of a launch that failed too: the logger may have pushed
     }
-    return true;
+    return isLaunched;
 }
 
 void nqSchedulerPrivate::noteEnd(const nqSchedulerWorker& worker)

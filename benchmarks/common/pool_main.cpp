@@ -104,7 +104,9 @@ int main(int argc, char* argv[])
     const std::unique_ptr<Pool> pool = makePool(
         {options.number("workers", 1),
          options.text("worker", ""),
-         options.number("moves-jobs", 0) != 0});
+         options.number("moves-jobs", 0) != 0,
+         options.number("observed", 0) != 0,
+         options.number("epoll", 0) != 0});
     if (kind == "repair")
         measureRepair(*pool, ledger, deaths, options);
     else

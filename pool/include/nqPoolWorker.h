@@ -28,6 +28,10 @@ inline void assignResult(std::vector<char>& result, std::vector<char>&& value)
 {
     result = std::move(value);
 }
+inline void assignResult(std::vector<char>& result, const std::vector<char>& value)
+{
+    result = value;
+}
 inline void assignResult(std::vector<char>& result, std::string_view value)
 {
     result.assign(value.begin(), value.end());
@@ -40,6 +44,9 @@ nqWork workOf(Function function)
     if constexpr (std::is_invocable_v<Function&, std::string_view, std::vector<char>&>) {
         return function;
     } else {
+        static_assert(
+            std::is_invocable_v<Function&, std::string_view>,
+            "the work of a worker takes a job as std::string_view");
         return [function =
                     std::move(function)](std::string_view job, std::vector<char>& result) mutable {
             if constexpr (std::is_void_v<std::invoke_result_t<Function&, std::string_view>>)
@@ -48,6 +55,17 @@ nqWork workOf(Function function)
                 assignResult(result, function(job));
         };
     }
+}
+
+/// The same of a class, of which one object is made.
+template <typename Work>
+nqWork workOfOne()
+{
+    auto work = std::make_shared<Work>();
+    if constexpr (std::is_invocable_v<Work&, std::string_view, std::vector<char>&>)
+        return [work](std::string_view job, std::vector<char>& result) { (*work)(job, result); };
+    else
+        return workOf([work](std::string_view job) -> decltype(auto) { return (*work)(job); });
 }
 
 } // namespace detail
@@ -80,10 +98,7 @@ void runAsWorker(int argc, char* argv[], Function function)
 template <typename Work>
 void runAsWorker(int argc, char* argv[])
 {
-    runAsWorkerMade(argc, argv, [] {
-        auto work = std::make_shared<Work>();
-        return detail::workOf([work](std::string_view job) { return (*work)(job); });
-    });
+    runAsWorkerMade(argc, argv, [] { return detail::workOfOne<Work>(); });
 }
 
 /// runWorkerMade() for a function, as in runAsWorker():
@@ -103,10 +118,7 @@ int runWorker(int argc, char* argv[], Function function)
 template <typename Work>
 int runWorker(int argc, char* argv[])
 {
-    return runWorkerMade(argc, argv, [] {
-        auto work = std::make_shared<Work>();
-        return detail::workOf([work](std::string_view job) { return (*work)(job); });
-    });
+    return runWorkerMade(argc, argv, [] { return detail::workOfOne<Work>(); });
 }
 
 } // namespace nq

@@ -32,12 +32,18 @@ namespace {
 constexpr int stepMs =
     1000; // only how often the loop looks at hasFinished; the pipe wakes it earlier
 constexpr int lingerMs = 20'000; // much longer than the time limit that it is tried with
-constexpr std::size_t mebibyte = std::size_t{1} << 20;
+constexpr std::size_t mebibyte = std::size_t{1} << 20; // more than a pipe of the kernel holds
 
 [[noreturn]] void hangForEver()
 {
     for (;;)
         pause();
+}
+
+/// Comes back when somebody has read most of it.
+void printMore()
+{
+    std::fputs(std::string(mebibyte, '.').c_str(), stderr);
 }
 
 /// Without waiting for what the library still has to send. False when the host has gone.
@@ -59,6 +65,11 @@ std::string statusField(const std::string& name)
         if (line.compare(0, name.size() + 1, name + ':') == 0)
             return line.substr(line.find_first_not_of(" \t", name.size() + 1));
     return "";
+}
+
+bool has(const std::vector<std::string>& arguments, const std::string& wanted)
+{
+    return std::find(arguments.begin(), arguments.end(), wanted) != arguments.end();
 }
 
 std::string joined(const std::vector<std::string>& texts)
@@ -100,6 +111,8 @@ public:
     {
         if (mIgnoresTheEnd)
             hangForEver();
+        if (has(mArguments, "--print-at-the-end"))
+            printMore();
         nqWorker::endOfWork();
     }
 
@@ -120,6 +133,7 @@ private:
             {"answer-then-grow", &MisbehavingWorker::answerThenGrow},
             {"arguments", &MisbehavingWorker::tellArguments},
             {"close-pipe-and-linger", &MisbehavingWorker::closePipeAndLinger},
+            {"close-pipe-and-print", &MisbehavingWorker::closePipeAndPrint},
             {"crash", &MisbehavingWorker::crash},
             {"descriptors", &MisbehavingWorker::tellDescriptors},
             {"dribble", &MisbehavingWorker::dribble},
@@ -292,6 +306,13 @@ private:
     {
         shutdown(common::socketOfPipe(), SHUT_RDWR);
         poll(nullptr, 0, std::stoi(std::string(milliseconds)));
+        _exit(0);
+    }
+
+    std::string closePipeAndPrint(std::string_view)
+    {
+        shutdown(common::socketOfPipe(), SHUT_RDWR);
+        printMore();
         _exit(0);
     }
 
@@ -478,11 +499,6 @@ std::string optionValue(const std::vector<std::string>& arguments, const std::st
 bool isOption(const std::string& argument)
 {
     return argument.empty() || argument.front() == '-';
-}
-
-bool has(const std::vector<std::string>& arguments, const std::string& wanted)
-{
-    return std::find(arguments.begin(), arguments.end(), wanted) != arguments.end();
 }
 
 } // namespace

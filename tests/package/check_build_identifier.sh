@@ -18,8 +18,8 @@ export GIT_AUTHOR_NAME=test GIT_AUTHOR_EMAIL=test GIT_COMMITTER_NAME=test GIT_CO
 
 rm -rf "$folder"
 mkdir -p "$folder/sources"
-tar --create --directory "$source_tree" .gitattributes CMakeLists.txt cmake include scheduler \
-    supervision support system worker | tar --extract --directory "$folder/sources"
+tar --create --directory "$source_tree" .gitattributes CMakeLists.txt cmake include pool \
+    scheduler supervision support system worker | tar --extract --directory "$folder/sources"
 # As it is checked out, also when these sources are an archive themselves.
 echo '$Format:%H$' >"$folder/sources/cmake/nqRevision.txt"
 

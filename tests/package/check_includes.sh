@@ -8,17 +8,20 @@
 # those after it; of the operating system only select(), and only in the pump, which also names what
 # unwinds the stack of a cancelled thread. One look upwards is allowed: the record of a worker takes
 # jobs from the queues and hands its results to them. system/linux/: the system and system/.
+# pool/include/: the standard library, include/ and its own folder. pool/: the system, its own folder,
+# and of the other libraries include/ and the header for loggers.
 set -euo pipefail
 cd "$1"
 
 standard='<(algorithm|any|array|atomic|bitset|cassert|cctype|chrono|climits|cmath|cstddef|cstdint'
-standard+='|cstdio|cstdlib|cstring|deque|exception|filesystem|functional|initializer_list|iomanip|iosfwd|iostream'
+standard+='|cstdio|cstdlib|cstring|deque|exception|filesystem|functional|future|initializer_list|iomanip|iosfwd|iostream'
 standard+='|istream|iterator|limits|list|locale|map|memory|mutex|new|numeric|optional|ostream|queue'
 standard+='|random|ratio|set|sstream|stdexcept|streambuf|string|string_view|system_error|tuple'
 standard+='|type_traits|typeinfo|unordered_map|unordered_set|utility|variant|vector)>'
 
 public='"(include/)?nq(Export|Scheduler|SchedulerAPIVersion|SchedulerObserver|Worker|WorkerStatus)\.h"'
 system='"system/nq[A-Za-z]+\.h"'
+pool_headers=$(cd pool/include && printf '%s|' *.h)nqExport.h
 platform_headers=$(cd system && printf '%s|' *.h)nqExport.h
 
 failures=0
@@ -62,6 +65,9 @@ check "the pump" "$below_scheduler|<sys/select\.h>|<cxxabi\.h>" "$pump"
 check "supervision/" "$below_supervision|\"scheduler/nqJobQueues\.h\"" "${supervision[@]}"
 check "worker/" "$below_worker" "${worker[@]}"
 check "support/" "$below_support" "${support[@]}"
+check "pool/include/" "$standard|$public|\"($pool_headers)\"" pool/include/*.h
+check "pool/" "<[a-z0-9_./]+>|$public|\"pool/(include/)?nq[A-Za-z]+\.h\"|\"($pool_headers)\"|\"system/nqLog\.h\"" \
+    pool/*.h pool/*.cpp
 check "system/linux/" '<[a-z0-9_./]+>|"system/(linux/)?nq[A-Za-z]+\.h"' system/linux/*.h system/linux/*.cpp
 
 # Platform #ifdefs are an include rule in disguise.

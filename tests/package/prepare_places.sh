@@ -16,4 +16,4 @@ mv "$folder/first" "$folder/moved"
 # Neither tests nor examples nor documents: a build within another project must not want them.
 tar --create --gzip --file "$folder/nqSchedulerAPI-3.0.0.tar.gz" --directory "$source_tree" \
     --transform 's,^,nqSchedulerAPI-3.0.0/,' \
-    CMakeLists.txt cmake include scheduler supervision support system worker
+    CMakeLists.txt cmake include pool scheduler supervision support system worker

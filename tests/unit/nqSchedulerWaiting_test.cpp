@@ -1,6 +1,7 @@
 #include "tests/unit/schedulerFixture.h"
 
 #include <algorithm>
+#include <stdexcept>
 
 using namespace support;
 
@@ -363,6 +364,31 @@ TEST_F(SchedulerWaiting, seesWhatALoggerPushesInsideAPump)
     pump();
     EXPECT_EQ(scheduler->failCount(), 1U);
     EXPECT_TRUE(hasWork());
+}
+
+TEST_F(SchedulerWaiting, seesWhatALoggerPushesInsideAHealThatFails)
+{
+    startWaitedFor(2);
+    die(0);
+    machine.server.connections = {scripted::Connection::timesOut, scripted::Connection::timesOut};
+    pump();
+    ASSERT_FALSE(hasWork());
+    logger.onWrite = [this] { scheduler->push(bytes("job")); };
+    EXPECT_FALSE(scheduler->healWorkers());
+    EXPECT_TRUE(hasWork()) << "the other worker can take it";
+}
+
+// An exception of the wait stands for what unwinds the stack of a cancelled thread.
+TEST_F(SchedulerWaiting, hasNoWorkOnceAHealHasMadeTheReplacementThatWasDue)
+{
+    startWaitedFor(2);
+    die(0);
+    machine.onSelect = []() -> int { throw std::runtime_error("unwinds"); };
+    EXPECT_THROW(scheduler->processScheduler(1000), std::runtime_error);
+    machine.onSelect = nullptr;
+    ASSERT_TRUE(hasWork());
+    ASSERT_TRUE(scheduler->healWorkers());
+    EXPECT_FALSE(hasWork());
 }
 
 TEST_F(SchedulerWaiting, hasNoDescriptorForALoggerThatAsksFirst)

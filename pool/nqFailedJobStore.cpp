@@ -1,0 +1,284 @@
+#include "pool/nqFailedJobStore.h"
+
+#include "pool/nqFailureText.h"
+#include "pool/nqQuietWrites.h"
+#include "pool/nqTexts.h"
+#include "system/nqLog.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <fcntl.h>
+#include <filesystem>
+#include <set>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+namespace nq {
+
+namespace {
+
+constexpr char jobSuffix[] = ".job";
+constexpr char textSuffix[] = ".txt";
+constexpr char partSuffix[] = ".part"; // behind one of the others while the file is written
+
+/// The wall clock's microseconds, which differ from call to call: two jobs of two pools with the
+/// same id have two names.
+std::int64_t uniqueStamp()
+{
+    static std::atomic<std::int64_t> latest{0};
+    const auto now = std::chrono::duration_cast<std::chrono::microseconds>(
+                         std::chrono::system_clock::now().time_since_epoch())
+                         .count();
+    std::int64_t before = latest;
+    std::int64_t stamp = 0;
+    do {
+        stamp = std::max<std::int64_t>(now, before + 1);
+    } while (!latest.compare_exchange_weak(before, stamp));
+    return stamp;
+}
+
+/// "20250630T140359.042137Z-4711-17": universal time, process, job.
+std::string newName(nqJobId id)
+{
+    const std::int64_t stamp = uniqueStamp();
+    const auto seconds = static_cast<std::time_t>(stamp / 1'000'000);
+    std::tm universal{};
+    ::gmtime_r(&seconds, &universal);
+    std::array<char, 32> date{};
+    std::strftime(date.data(), date.size(), "%Y%m%dT%H%M%S", &universal);
+    const std::string fraction = std::to_string(1'000'000 + stamp % 1'000'000).substr(1);
+    return std::string(date.data()) + '.' + fraction + "Z-" + std::to_string(::getpid()) + '-' +
+           std::to_string(id);
+}
+
+bool isDigit(char character)
+{
+    return character >= '0' && character <= '9';
+}
+
+/// Whether `name` is one that newName() gives.
+bool isName(std::string_view name)
+{
+    constexpr std::string_view stamp = "00000000T000000.000000Z-";
+    if (name.size() <= stamp.size())
+        return false;
+    for (std::size_t index = 0; index < stamp.size(); ++index)
+        if (stamp[index] == '0' ? !isDigit(name[index]) : name[index] != stamp[index])
+            return false;
+    const std::string_view ids = name.substr(stamp.size());
+    const std::size_t dash = ids.find('-');
+    const auto isNumber = [](std::string_view text) {
+        return !text.empty() && std::all_of(text.begin(), text.end(), isDigit);
+    };
+    return dash != ids.npos && isNumber(ids.substr(0, dash)) && isNumber(ids.substr(dash + 1));
+}
+
+bool dropSuffix(std::string& name, std::string_view suffix)
+{
+    if (name.size() < suffix.size() ||
+        name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0)
+        return false;
+    name.erase(name.size() - suffix.size());
+    return true;
+}
+
+/// The names of all jobs in the folder, those included that a killed host has left half written.
+std::set<std::string> namesIn(const std::string& folder)
+{
+    std::set<std::string> names;
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
+         entry.increment(error)) {
+        std::string name = entry->path().filename().string();
+        dropSuffix(name, partSuffix);
+        if ((dropSuffix(name, jobSuffix) || dropSuffix(name, textSuffix)) && isName(name))
+            names.insert(std::move(name));
+    }
+    return names;
+}
+
+/// As one argument of a shell.
+std::string quoted(const std::string& argument)
+{
+    constexpr std::string_view plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                       "0123456789_-+=./:,@%";
+    if (argument.find_first_not_of(plain) == std::string::npos)
+        return argument;
+    std::string text = "'";
+    for (const char character : argument)
+        text += character == '\'' ? std::string("'\\''") : std::string(1, character);
+    return text + '\'';
+}
+
+std::string attemptLine(const nqAttempt& attempt, std::size_t number)
+{
+    std::string line = "Attempt " + std::to_string(number);
+    if (attempt.pid != 0)
+        line += ", PID " + std::to_string(attempt.pid);
+    return line + ": " + whatHappened(attempt) + "\n";
+}
+
+std::string attemptLines(const nqOutcome& outcome)
+{
+    std::string lines;
+    std::size_t number = 0;
+    for (const nqAttempt& attempt : outcome.earlierAttempts)
+        lines += attemptLine(attempt, ++number);
+    return lines + attemptLine(outcome, number + 1);
+}
+
+std::string instructions(const std::string& howToRunAgain, const std::string& jobPath)
+{
+    if (howToRunAgain.empty())
+        return {};
+    const std::string command = howToRunAgain + ' ' + quoted(jobPath) + "\n";
+    std::error_code unknown;
+    return "\nTo run it again in " + quoted(std::filesystem::current_path(unknown).string()) +
+           ":\n    " + command + "Under a debugger:\n    gdb --args " + command;
+}
+
+std::string
+textOn(const nqOutcome& outcome, const std::string& howToRunAgain, const std::string& jobPath)
+{
+    std::string text = "Job " + std::to_string(outcome.id) + ", " + sizeText(outcome.bytes.size()) +
+                       ", failed: " + outcome.failureText() +
+                       "\n\nQueued: " + durationText(outcome.queued) + "\n" +
+                       attemptLines(outcome) + instructions(howToRunAgain, jobPath);
+    if (!outcome.message.empty())
+        text += "\nMessage:\n" + outcome.message + "\n";
+    if (!outcome.lastWords.empty())
+        text += "\nLast words:\n" + outcome.lastWords;
+    return text;
+}
+
+/// 0, or why not all of it was written.
+int writeAll(int descriptor, std::string_view content)
+{
+    const nqQuietWrites quiet;
+    while (!content.empty()) {
+        const ssize_t count = ::write(descriptor, content.data(), content.size());
+        if (count < 0 && errno != EINTR)
+            return errno;
+        content.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    }
+    return 0;
+}
+
+/// 0, or an errno.
+int writeFile(const std::string& path, std::string_view content)
+{
+    constexpr mode_t forTheUser = 0600;
+    const int descriptor =
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, forTheUser);
+    if (descriptor < 0)
+        return errno;
+    const int error = writeAll(descriptor, content);
+    if (::close(descriptor) != 0 && error == 0)
+        return errno; // a file system that writes late says here what it could not
+    return error;
+}
+
+void warn(const std::string& message)
+{
+    nqLog* const log = nqLog::msInstance;
+    if (log == nullptr || !log->isLevelEnabled(nqLog::Warning))
+        return;
+    nqLog::LogEntry entry;
+    entry.mMessage = message;
+    entry.mLevel = nqLog::Warning;
+    entry.mTimestampMs =
+        static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                       std::chrono::system_clock::now().time_since_epoch())
+                                       .count());
+    entry.computeLogPrefix(false);
+    log->Write(entry, true);
+}
+
+} // namespace
+
+nqFailedJobStore::nqFailedJobStore(
+    const std::string& folder, std::size_t limit, std::string howToRunAgain)
+    : mLimit(limit),
+      mHowToRunAgain(std::move(howToRunAgain))
+{
+    if (folder.empty())
+        return;
+    std::error_code staysRelative;
+    const std::filesystem::path path = std::filesystem::absolute(folder, staysRelative);
+    mFolder = staysRelative ? folder : path.string();
+    makeFolder();
+}
+
+std::string nqFailedJobStore::keep(const nqOutcome& outcome)
+{
+    if (mFolder.empty())
+        return {};
+    const std::string base = mFolder + '/' + newName(outcome.id);
+    const std::string textPath = base + textSuffix;
+    std::string jobPath = base + jobSuffix;
+    if (!makeFolder() || !write(textPath, textOn(outcome, mHowToRunAgain, jobPath)))
+        return {};
+    if (!write(jobPath, outcome.text())) {
+        ::unlink(textPath.c_str());
+        return {};
+    }
+    dropOldest();
+    return jobPath;
+}
+
+const std::string& nqFailedJobStore::problem() const
+{
+    return mProblem;
+}
+
+/// Each time, since somebody may have cleaned up.
+bool nqFailedJobStore::makeFolder()
+{
+    mProblem.clear();
+    std::error_code error;
+    std::filesystem::create_directories(mFolder, error);
+    return !error || fail("The folder for failed jobs cannot be made", mFolder, error.value());
+}
+
+bool nqFailedJobStore::write(const std::string& path, std::string_view content)
+{
+    const std::string part = path + partSuffix;
+    int error = writeFile(part, content);
+    if (error == 0 && ::rename(part.c_str(), path.c_str()) != 0)
+        error = errno;
+    if (error == 0)
+        return true;
+    ::unlink(part.c_str());
+    return fail("A failed job cannot be kept", path, error);
+}
+
+void nqFailedJobStore::dropOldest() const
+{
+    if (mLimit == 0)
+        return;
+    const std::set<std::string> names = namesIn(mFolder);
+    std::size_t surplus = names.size() - std::min(names.size(), mLimit);
+    for (auto name = names.begin(); surplus > 0; ++name, --surplus) {
+        for (const char* const suffix : {jobSuffix, textSuffix}) {
+            const std::string path = mFolder + '/' + *name + suffix;
+            ::unlink(path.c_str());
+            ::unlink((path + partSuffix).c_str());
+        }
+    }
+}
+
+bool nqFailedJobStore::fail(const std::string& what, const std::string& path, int error)
+{
+    mProblem = what + ": " + path + ": " + std::generic_category().message(error);
+    warn(mProblem);
+    return false;
+}
+
+} // namespace nq

@@ -1,0 +1,603 @@
+#include "pool/nqPoolPrivate.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <thread>
+#include <utility>
+
+namespace nq {
+
+namespace {
+
+using Phase = nqPoolSlot::Phase;
+using Reason = nqAttempt::Reason;
+using State = nqOutcome::State;
+
+constexpr std::chrono::milliseconds progressInterval{100};
+constexpr std::chrono::milliseconds noLimit{-1};
+
+/// The options with every default that depends on the machine filled in.
+nqPoolOptions completed(nqPoolOptions options)
+{
+    if (options.workers == 0)
+        options.workers = std::max(1U, std::thread::hardware_concurrency());
+    options.launchAttempts = std::max(1U, options.launchAttempts);
+    return options;
+}
+
+/// `first`, doubled or so with each step, `longest` at most.
+std::chrono::milliseconds growing(
+    std::chrono::milliseconds first,
+    std::chrono::milliseconds longest,
+    double growth,
+    std::size_t steps)
+{
+    const double grown =
+        static_cast<double>(first.count()) * std::pow(growth, static_cast<double>(steps));
+    const double limit = static_cast<double>(longest.count());
+    return std::chrono::milliseconds(static_cast<std::int64_t>(std::min(grown, limit)));
+}
+
+State stateFor(Reason reason)
+{
+    switch (reason) {
+    case Reason::None:
+        return State::Done;
+    case Reason::Cancelled:
+    case Reason::Stopped:
+        return State::Cancelled;
+    case Reason::Crashed:
+    case Reason::Exited:
+    case Reason::MemoryCap:
+    case Reason::Timeout:
+    case Reason::Deadline:
+    case Reason::Exception:
+    case Reason::ResultLost:
+    case Reason::NoWorker:
+        return State::Failed;
+    }
+    return State::Failed;
+}
+
+bool mayBeTriedAgain(Reason reason)
+{
+    return stateFor(reason) == State::Failed && reason != Reason::Deadline &&
+           reason != Reason::ResultLost && reason != Reason::NoWorker;
+}
+
+std::chrono::microseconds inMicroseconds(nqPoolClock::TimePoint::duration duration)
+{
+    return std::chrono::duration_cast<std::chrono::microseconds>(duration);
+}
+
+/// Sets a flag for as long as a callback runs.
+class InCallback {
+public:
+    explicit InCallback(bool& flag)
+        : mFlag(flag)
+    {
+        mFlag = true;
+    }
+    ~InCallback()
+    {
+        mFlag = false;
+    }
+    InCallback(const InCallback&) = delete;
+    InCallback& operator=(const InCallback&) = delete;
+
+private:
+    bool& mFlag;
+};
+
+} // namespace
+
+nqPoolPrivate::nqPoolPrivate(const nqPoolOptions& options)
+    : mOptions(completed(options)),
+      mLog(mOptions.log),
+      mProgram(mOptions),
+      mFailedJobs(
+          mOptions.keepFailedJobs,
+          mOptions.keptFailedJobs,
+          mProgram.isEnveloped() ? mProgram.path() : std::string()),
+      mDelivery(mOptions.order)
+{
+    if (mProgram.isEnveloped())
+        mEnvelope.emplace(mProgram.tag());
+    if (mOptions.inProcess) {
+        mOwnWork = mProgram.ownWork()();
+        return;
+    }
+    const nqPoolSlot::Shared shared{
+        mOptions, mProgram, mEnvelope ? &*mEnvelope : nullptr, mWait, *this};
+    mSlots.reserve(mOptions.workers);
+    while (mSlots.size() < mOptions.workers)
+        mSlots.push_back(std::make_unique<nqPoolSlot>(shared));
+}
+
+nqPoolPrivate::~nqPoolPrivate()
+{
+    if (mIsInCallback) {
+        std::cerr << "nqPool: destroyed by one of its own callbacks" << std::endl;
+        std::abort(); // the operation would go on in freed memory
+    }
+    mIsStopped = true;
+    mSlots.clear(); // what they still tell is told to a whole object
+}
+
+nqJobId
+nqPoolPrivate::submit(nqJobBytes& bytes, const nqJobOptions* options, nqPool::Callback&& callback)
+{
+    if (bytes.size() == 0 && mOptions.plainWorker)
+        throw nqPoolError("A plain worker cannot be given an empty job: let it call runAsWorker(), "
+                          "or put at least one byte into the job");
+    while (!mIsStopped && isFull()) {
+        if (mIsInCallback || mOptions.whenFull == nqPoolOptions::WhenFull::Refuse)
+            return 0;
+        pump(noLimit);
+    }
+    if (mIsStopped)
+        return 0;
+    nqPoolJob job;
+    if (options != nullptr)
+        job.ownDetails().options = *options;
+    job.callback = std::move(callback);
+    job.submitted = nqPoolClock::now();
+    job.id = (mLastId + 1) & nqPoolJob::largestId;
+    const std::size_t size = bytes.size();
+    job.bytes = bytes.take();
+    mQueue.push(std::move(job));
+    ++mLastId;
+    ++mCounts.submitted;
+    mCounts.jobBytes += size;
+    updateWakeUp();
+    return mLastId;
+}
+
+bool nqPoolPrivate::cancel(nqJobId id)
+{
+    if (std::optional<nqPoolJob> job = mQueue.remove(id)) {
+        finishWaiting(std::move(*job), Reason::Cancelled, {});
+        updateWakeUp();
+        return true;
+    }
+    const auto holds = [&](const auto& slot) { return id != 0 && slot->jobId() == id; };
+    const auto slot = std::find_if(mSlots.begin(), mSlots.end(), holds);
+    if (slot == mSlots.end())
+        return false;
+    (*slot)->endJob(Reason::Cancelled);
+    return true;
+}
+
+std::size_t nqPoolPrivate::pump(Milliseconds timeout)
+{
+    requireOutsideCallback("pump()");
+    if (!mIsStopped) {
+        step();
+        service(mWait.sleep(untilDue(timeout)));
+        step();
+    }
+    const std::size_t delivered = deliver();
+    updateWakeUp();
+    return delivered;
+}
+
+void nqPoolPrivate::service(const std::vector<void*>& sources)
+{
+    for (void* const owner : sources) {
+        const auto& source = *static_cast<nqPoolSource*>(owner);
+        if (source.isStandardError)
+            source.slot->readStandardError();
+        else
+            source.slot->pump();
+    }
+}
+
+std::size_t nqPoolPrivate::deliver()
+{
+    const InCallback inside(mIsInCallback);
+    return mDelivery.deliver();
+}
+
+void nqPoolPrivate::step()
+{
+    const TimePoint now = nqPoolClock::now();
+    dropExpired(now);
+    if (mOptions.inProcess) {
+        runInProcess(now);
+        return;
+    }
+    enforceLimits(now);
+    startWorkers(now);
+    feed(now);
+    if (std::exchange(mHasGivenUp, false))
+        giveUpWaitingJobs();
+}
+
+void nqPoolPrivate::dropExpired(TimePoint now)
+{
+    while (std::optional<nqPoolJob> job = mQueue.removeExpired(now))
+        finishWaiting(std::move(*job), Reason::Deadline, {});
+}
+
+void nqPoolPrivate::enforceLimits(TimePoint now)
+{
+    for (const auto& slot : mSlots) {
+        if (!slot->isPaused(now))
+            slot->resume();
+        slot->enforceLimits(now);
+    }
+}
+
+// One at a time: each launch blocks, and those workers that are there want to be fed. After a
+// failure, a single one tries, and not before the pause is over.
+void nqPoolPrivate::startWorkers(TimePoint now)
+{
+    for (const auto& slot : mSlots) {
+        if (slot->phase() == Phase::Connected && !slot->isPaused(now) &&
+            (mFailedLaunches == 0 || (now >= mNextLaunch && count(Phase::Initialising) == 0)))
+            slot->initialise();
+    }
+    nqPoolSlot* const slot = findStartable(now);
+    if (slot == nullptr)
+        return;
+    slot->launch();
+    if (slot->phase() == Phase::Connected)
+        slot->initialise();
+}
+
+/// A place without a worker, when one is wanted and may be launched now.
+nqPoolSlot* nqPoolPrivate::findStartable(TimePoint now)
+{
+    const bool isTrying = count(Phase::Initialising) != 0;
+    if (!isStartWanted() || (mFailedLaunches != 0 && (now < mNextLaunch || isTrying)))
+        return nullptr;
+    const auto isFree = [&](const auto& slot) {
+        return slot->phase() == Phase::Down && !slot->isPaused(now);
+    };
+    const auto found = std::find_if(mSlots.begin(), mSlots.end(), isFree);
+    return found == mSlots.end() ? nullptr : found->get();
+}
+
+bool nqPoolPrivate::isStartWanted() const
+{
+    const std::size_t coming =
+        count(Phase::Idle) + count(Phase::Connected) + count(Phase::Initialising);
+    return mStartsAll || mQueue.size() > coming;
+}
+
+std::size_t nqPoolPrivate::count(Phase phase) const
+{
+    const auto isInIt = [&](const auto& slot) { return slot->phase() == phase; };
+    return static_cast<std::size_t>(std::count_if(mSlots.begin(), mSlots.end(), isInIt));
+}
+
+void nqPoolPrivate::feed(TimePoint now)
+{
+    while (mQueue.hasDue(now)) {
+        nqPoolSlot* const slot = findIdle(now);
+        if (slot == nullptr)
+            return;
+        std::optional<nqPoolJob> job = mQueue.pop(now);
+        ++mRunning;
+        if (job->details != nullptr && !job->details->earlierAttempts.empty())
+            ++mCounts.retried;
+        slot->run(std::move(*job));
+    }
+}
+
+/// A worker that can take a job, letting those go that have done enough.
+nqPoolSlot* nqPoolPrivate::findIdle(TimePoint now)
+{
+    for (const auto& slot : mSlots) {
+        if (slot->phase() != Phase::Idle || slot->isPaused(now))
+            continue;
+        if (!slot->isDueForRecycling(now))
+            return slot.get();
+        slot->recycle();
+    }
+    return nullptr;
+}
+
+void nqPoolPrivate::runInProcess(TimePoint now)
+{
+    std::optional<nqPoolJob> job = mQueue.pop(now);
+    if (!job)
+        return;
+    nqAttempt attempt;
+    std::vector<char> result;
+    try {
+        const InCallback inside(mIsInCallback); // the function may know the pool
+        mOwnWork({job->bytes.data(), job->bytes.size()}, result);
+    } catch (const std::exception& exception) {
+        attempt.reason = Reason::Exception;
+        attempt.message = exception.what();
+        result = std::move(job->bytes);
+    }
+    attempt.ran = inMicroseconds(nqPoolClock::now() - now);
+    if (attempt.reason == Reason::None || !tryAgain(*job, attempt, result))
+        finish(std::move(*job), std::move(attempt), std::move(result));
+}
+
+/// All that waits, when nobody is there who could ever take it.
+void nqPoolPrivate::giveUpWaitingJobs()
+{
+    if (count(Phase::Idle) + count(Phase::Busy) + count(Phase::Initialising) != 0)
+        return;
+    mNextLaunch = nqPoolClock::now() + mOptions.longestRestartPause;
+    for (nqPoolJob& job : mQueue.removeAll())
+        finishWaiting(std::move(job), Reason::NoWorker, mProblem);
+}
+
+void nqPoolPrivate::onJobEnded(
+    nqPoolSlot& slot, nqPoolJob&& job, nqAttempt&& attempt, std::vector<char>&& bytes)
+{
+    --mRunning;
+    if (attempt.reason == Reason::None)
+        mRunTimes.add(attempt.ran);
+    else if (slot.barrenWorkers() != 0)
+        slot.pauseUntil(nqPoolClock::now() + pauseAfter(slot.barrenWorkers()));
+    if (attempt.reason == Reason::None || !tryAgain(job, attempt, bytes))
+        finish(std::move(job), std::move(attempt), std::move(bytes));
+}
+
+void nqPoolPrivate::onWorkerReady(nqPoolSlot&)
+{
+    ++mCounts.launched;
+    mFailedLaunches = 0;
+    mProblem.clear();
+}
+
+void nqPoolPrivate::onLaunchFailed(nqPoolSlot& slot, const std::string& text)
+{
+    ++mCounts.launchesFailed;
+    ++mFailedLaunches;
+    mProblem = text;
+    mNextLaunch = nqPoolClock::now() + pauseAfter(mFailedLaunches);
+    slot.pauseUntil(mNextLaunch);
+    mHasGivenUp = mHasGivenUp || mFailedLaunches >= mOptions.launchAttempts;
+}
+
+std::chrono::milliseconds nqPoolPrivate::pauseAfter(unsigned failures) const
+{
+    return growing(mOptions.restartPause, mOptions.longestRestartPause, 2, failures - 1);
+}
+
+/// Puts a job back into the queue if its policy says so.
+bool nqPoolPrivate::tryAgain(nqPoolJob& job, nqAttempt& attempt, std::vector<char>& bytes)
+{
+    const nqRetryPolicy& policy = job.details != nullptr && job.details->options.retry
+                                      ? *job.details->options.retry
+                                      : mOptions.retry;
+    const auto& reasons = policy.reasons;
+    const std::size_t made =
+        1 + (job.details != nullptr ? job.details->earlierAttempts.size() : std::size_t{0});
+    if (mIsStopped || made >= policy.attempts || !mayBeTriedAgain(attempt.reason) ||
+        std::find(reasons.begin(), reasons.end(), attempt.reason) == reasons.end())
+        return false;
+    const TimePoint now = nqPoolClock::now();
+    nqJobDetails& details = job.ownDetails();
+    if (details.earlierAttempts.empty())
+        details.queued = inMicroseconds(now - job.submitted) - attempt.ran;
+    details.earlierAttempts.push_back(std::move(attempt));
+    job.bytes = std::move(bytes);
+    const auto pause = growing(policy.pause, policy.longestPause, policy.growth, made - 1);
+    mQueue.pushAgain(std::move(job), now + pause);
+    return true;
+}
+
+void nqPoolPrivate::finishWaiting(nqPoolJob&& job, Reason reason, const std::string& message)
+{
+    nqAttempt attempt;
+    attempt.reason = reason;
+    attempt.message = message;
+    std::vector<char> bytes = std::move(job.bytes);
+    finish(std::move(job), std::move(attempt), std::move(bytes));
+}
+
+void nqPoolPrivate::finish(nqPoolJob&& job, nqAttempt&& attempt, std::vector<char>&& bytes)
+{
+    nqOutcome outcome;
+    static_cast<nqAttempt&>(outcome) = std::move(attempt);
+    outcome.id = job.id;
+    outcome.state = stateFor(outcome.reason);
+    outcome.bytes = std::move(bytes);
+    if (job.details != nullptr && !job.details->earlierAttempts.empty()) {
+        outcome.queued = job.details->queued;
+        outcome.earlierAttempts = std::move(job.details->earlierAttempts);
+    } else {
+        outcome.queued = inMicroseconds(nqPoolClock::now() - job.submitted) - outcome.ran;
+    }
+    countOutcome(outcome);
+    if (outcome.state == State::Failed && outcome.reason != Reason::NoWorker)
+        outcome.keptAs = mFailedJobs.keep(outcome);
+    mDelivery.add(std::move(outcome), std::move(job.callback));
+}
+
+void nqPoolPrivate::countOutcome(const nqOutcome& outcome)
+{
+    ++mCounts.byReason[static_cast<std::size_t>(outcome.reason)];
+    mIsAllDone = mIsAllDone && outcome.state == State::Done;
+    switch (outcome.state) {
+    case State::Done:
+        ++mCounts.done;
+        mCounts.resultBytes += outcome.bytes.size();
+        mRecentRate.add(nqPoolClock::now());
+        break;
+    case State::Failed:
+        ++mCounts.failed;
+        break;
+    case State::Cancelled:
+        ++mCounts.cancelled;
+        break;
+    }
+}
+
+bool nqPoolPrivate::isFull() const
+{
+    return mOptions.maxPendingJobs != 0 &&
+           unfinishedCount() + mDelivery.waitingCount() >= mOptions.maxPendingJobs;
+}
+
+/// When a pump has something to do by itself; `now` or earlier: at once.
+std::optional<nqPoolPrivate::TimePoint> nqPoolPrivate::nextDue(TimePoint now)
+{
+    const bool isDue = mDelivery.isDue() || findStartable(now) != nullptr ||
+                       (mQueue.hasDue(now) && (mOptions.inProcess || count(Phase::Idle) != 0));
+    std::optional<TimePoint> due = mQueue.nextDue();
+    const auto consider = [&](const std::optional<TimePoint>& other) {
+        if (other && (!due || *other < *due))
+            due = other;
+    };
+    if (isDue)
+        consider(now);
+    if (mFailedLaunches != 0 && isStartWanted())
+        consider(mNextLaunch);
+    for (const auto& slot : mSlots)
+        consider(slot->nextDue());
+    return due;
+}
+
+nqPoolPrivate::Milliseconds nqPoolPrivate::untilDue(Milliseconds timeout)
+{
+    const TimePoint now = nqPoolClock::now();
+    const std::optional<TimePoint> due = nextDue(now);
+    if (!due)
+        return timeout;
+    const auto left = std::chrono::ceil<Milliseconds>(std::max(*due, now) - now);
+    return timeout.count() < 0 ? left : std::min(left, timeout);
+}
+
+void nqPoolPrivate::updateWakeUp()
+{
+    if (mIsWaitedFor && !mIsInCallback)
+        mWait.wakeAt(nextDue(nqPoolClock::now()));
+}
+
+int nqPoolPrivate::waitDescriptor()
+{
+    mIsWaitedFor = true;
+    updateWakeUp();
+    return mWait.descriptor();
+}
+
+std::optional<nqOutcome> nqPoolPrivate::next(Milliseconds timeout)
+{
+    requireOutsideCallback("next()");
+    const TimePoint end = nqPoolClock::now() + timeout;
+    for (;;) {
+        std::optional<nqOutcome> outcome = mDelivery.take();
+        if (outcome || (unfinishedCount() == 0 && !mDelivery.isDue()))
+            return outcome;
+        Milliseconds left = noLimit;
+        if (timeout.count() >= 0)
+            left = std::chrono::ceil<Milliseconds>(
+                std::max(end - nqPoolClock::now(), TimePoint::duration::zero()));
+        pump(left);
+        if (left.count() == 0)
+            return mDelivery.take();
+    }
+}
+
+bool nqPoolPrivate::drain(const std::function<void(const nqProgress&)>& progress)
+{
+    requireOutsideCallback("drain()");
+    const auto tell = [&] {
+        const InCallback inside(mIsInCallback);
+        progress({mCounts.done, mCounts.failed, mCounts.cancelled, mQueue.size(), mRunning});
+    };
+    TimePoint next = nqPoolClock::now();
+    while (unfinishedCount() != 0 || mDelivery.isDue()) {
+        if (progress && nqPoolClock::now() >= next) {
+            next = nqPoolClock::now() + progressInterval;
+            tell();
+        }
+        pump(progress ? progressInterval : noLimit);
+    }
+    if (progress)
+        tell();
+    return std::exchange(mIsAllDone, true);
+}
+
+bool nqPoolPrivate::start()
+{
+    requireOutsideCallback("start()");
+    mStartsAll = !mIsStopped && !mOptions.inProcess;
+    const std::uint64_t failedBefore = mCounts.launchesFailed;
+    const auto isUnderWay = [&] {
+        return count(Phase::Down) + count(Phase::Connected) + count(Phase::Initialising) != 0;
+    };
+    while (mStartsAll && isUnderWay() && mCounts.launchesFailed == failedBefore)
+        pump(noLimit);
+    mStartsAll = false;
+    return !mIsStopped && mCounts.launchesFailed == failedBefore;
+}
+
+// All workers are killed before any is waited for.
+void nqPoolPrivate::stop()
+{
+    requireOutsideCallback("stop()");
+    if (!mIsStopped) {
+        mIsStopped = true;
+        for (nqPoolJob& job : mQueue.removeAll())
+            finishWaiting(std::move(job), Reason::Stopped, {});
+        for (const auto& slot : mSlots) {
+            if (slot->phase() == Phase::Busy)
+                slot->endJob(Reason::Stopped);
+        }
+        for (const auto& slot : mSlots)
+            slot->stop();
+    }
+    pump(Milliseconds(0));
+}
+
+std::size_t nqPoolPrivate::unfinishedCount() const
+{
+    return mQueue.size() + mRunning;
+}
+
+std::size_t nqPoolPrivate::queuedCount() const
+{
+    return mQueue.size();
+}
+
+const std::string& nqPoolPrivate::problem() const
+{
+    return mProblem;
+}
+
+nqPoolStatistics nqPoolPrivate::statistics() const
+{
+    const TimePoint now = nqPoolClock::now();
+    nqPoolStatistics statistics = mCounts;
+    statistics.queued = mQueue.size();
+    statistics.running = mRunning;
+    statistics.alive = mSlots.size() - count(Phase::Down);
+    statistics.age = inMicroseconds(now - mMade);
+    statistics.donePerSecond = mRecentRate.perSecond(now, mMade);
+    statistics.medianRunTime = mRunTimes.quantile(0.5);
+    statistics.p90RunTime = mRunTimes.quantile(0.9);
+    statistics.p99RunTime = mRunTimes.quantile(0.99);
+    statistics.longestRunTime = mRunTimes.longest();
+    return statistics;
+}
+
+std::vector<nqPoolWorkerStatus> nqPoolPrivate::workers() const
+{
+    std::vector<nqPoolWorkerStatus> all;
+    for (const auto& slot : mSlots) {
+        if (slot->isAlive())
+            all.push_back(slot->status());
+    }
+    return all;
+}
+
+void nqPoolPrivate::requireOutsideCallback(const char* operation) const
+{
+    if (mIsInCallback)
+        throw nqPoolError(std::string("nqPool::") + operation + " was called from a callback");
+}
+
+} // namespace nq

@@ -1,0 +1,118 @@
+#pragma once
+
+#include "pool/include/nqPool.h"
+#include "pool/nqEnvelope.h"
+#include "pool/nqFailedJobStore.h"
+#include "pool/nqPoolDelivery.h"
+#include "pool/nqPoolLog.h"
+#include "pool/nqPoolQueue.h"
+#include "pool/nqPoolSlot.h"
+#include "pool/nqPoolWait.h"
+#include "pool/nqRecentRate.h"
+#include "pool/nqRunTimes.h"
+#include "pool/nqWorkerProgram.h"
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace nq {
+
+/// A pool's state. A job is in exactly one place: the queue, a slot, or, as an outcome, the
+/// delivery.
+class nqPoolPrivate final : private nqPoolSlotOwner {
+public:
+    using TimePoint = nqPoolClock::TimePoint;
+    using Milliseconds = std::chrono::milliseconds;
+
+    explicit nqPoolPrivate(const nqPoolOptions& options);
+    ~nqPoolPrivate();
+    nqPoolPrivate(const nqPoolPrivate&) = delete;
+    nqPoolPrivate& operator=(const nqPoolPrivate&) = delete;
+
+    nqJobId submit(nqJobBytes& bytes, const nqJobOptions* options, nqPool::Callback&& callback);
+    bool cancel(nqJobId id);
+
+    std::size_t pump(Milliseconds timeout);
+    int waitDescriptor();
+    std::optional<nqOutcome> next(Milliseconds timeout);
+    bool drain(const std::function<void(const nqProgress&)>& progress);
+    bool start();
+    void stop();
+
+    std::size_t unfinishedCount() const;
+    std::size_t queuedCount() const;
+    const std::string& problem() const;
+    nqPoolStatistics statistics() const;
+    std::vector<nqPoolWorkerStatus> workers() const;
+
+private:
+    void onJobEnded(
+        nqPoolSlot& slot, nqPoolJob&& job, nqAttempt&& attempt, std::vector<char>&& bytes) override;
+    void onWorkerReady(nqPoolSlot& slot) override;
+    void onLaunchFailed(nqPoolSlot& slot, const std::string& text) override;
+
+    // What is due, in the order in which a step does it.
+    void step();
+    void dropExpired(TimePoint now);
+    void enforceLimits(TimePoint now);
+    void startWorkers(TimePoint now);
+    void feed(TimePoint now);
+    void runInProcess(TimePoint now);
+    void giveUpWaitingJobs();
+
+    void service(const std::vector<void*>& sources);
+    std::size_t deliver();
+    bool isFull() const;
+    bool isStartWanted() const;
+    nqPoolSlot* findIdle(TimePoint now);
+    nqPoolSlot* findStartable(TimePoint now);
+    std::optional<TimePoint> nextDue(TimePoint now);
+    Milliseconds untilDue(Milliseconds timeout);
+    void updateWakeUp();
+    void requireOutsideCallback(const char* operation) const;
+    std::size_t count(nqPoolSlot::Phase phase) const;
+    Milliseconds pauseAfter(unsigned failures) const;
+
+    bool tryAgain(nqPoolJob& job, nqAttempt& attempt, std::vector<char>& bytes);
+    void finish(nqPoolJob&& job, nqAttempt&& attempt, std::vector<char>&& bytes);
+    void finishWaiting(nqPoolJob&& job, nqAttempt::Reason reason, const std::string& message);
+    void countOutcome(const nqOutcome& outcome);
+
+    nqPoolOptions mOptions;
+    nqPoolLog mLog;
+    nqWorkerProgram mProgram;
+    std::optional<nqEnvelope> mEnvelope; ///< none for plain workers
+    nqFailedJobStore mFailedJobs;
+    nqWork mOwnWork; ///< in this process, see nqPoolOptions::inProcess
+    nqPoolWait mWait;
+
+    nqPoolQueue mQueue;
+    std::vector<std::unique_ptr<nqPoolSlot>> mSlots;
+    nqPoolDelivery mDelivery;
+    nqJobId mLastId = 0;
+    std::size_t mRunning = 0;
+
+    unsigned mFailedLaunches = 0; ///< in a row
+    TimePoint mNextLaunch;        ///< not before, after one that has failed
+    bool mHasGivenUp = false;     ///< on the jobs that wait; done by the next step
+    std::string mProblem;
+
+    bool mStartsAll = false;
+    bool mIsStopped = false;
+    bool mIsInCallback = false;
+    bool mIsAllDone = true; ///< since the last drain
+    bool mIsWaitedFor = false;
+
+    const TimePoint mMade = nqPoolClock::now();
+    nqPoolStatistics mCounts; ///< what only grows
+    nqRunTimes mRunTimes;
+    nqRecentRate mRecentRate;
+};
+
+} // namespace nq

@@ -1,0 +1,148 @@
+#include "pool/nqPoolQueue.h"
+
+#include <algorithm>
+
+namespace nq {
+
+namespace {
+
+const std::optional<nqPoolClock::TimePoint> noDeadline;
+
+const std::optional<nqPoolClock::TimePoint>& deadlineOf(const nqPoolJob& job)
+{
+    return job.details != nullptr ? job.details->options.deadline : noDeadline;
+}
+
+} // namespace
+
+// Whoever throws for lack of memory leaves the job with the caller.
+void nqPoolQueue::push(nqPoolJob&& job)
+{
+    noteDeadline(job);
+    try {
+        mNew.push_back(std::move(job));
+    } catch (...) {
+        forgetDeadline(job);
+        throw;
+    }
+}
+
+void nqPoolQueue::pushAgain(nqPoolJob&& job, TimePoint time)
+{
+    const nqJobId id = job.id;
+    mAgainAt.emplace(id, time);
+    try {
+        noteDeadline(job);
+        mAgain.emplace(TimedId(time, id), std::move(job));
+    } catch (...) {
+        forgetDeadline(job);
+        mAgainAt.erase(id);
+        throw;
+    }
+}
+
+bool nqPoolQueue::hasDue(TimePoint now) const
+{
+    return !mNew.empty() || (!mAgain.empty() && mAgain.begin()->first.first <= now);
+}
+
+std::optional<nqPoolJob> nqPoolQueue::pop(TimePoint now)
+{
+    if (!mAgain.empty() && mAgain.begin()->first.first <= now)
+        return remove(mAgain.begin()->first.second);
+    if (mNew.empty())
+        return std::nullopt;
+    std::optional<nqPoolJob> job(std::move(mNew.front()));
+    mNew.pop_front();
+    dropGone();
+    forgetDeadline(*job);
+    return job;
+}
+
+std::optional<nqPoolJob> nqPoolQueue::remove(nqJobId id)
+{
+    const auto again = mAgainAt.find(id);
+    if (again == mAgainAt.end())
+        return removeNew(id);
+    auto node = mAgain.extract(TimedId(again->second, id));
+    mAgainAt.erase(again);
+    forgetDeadline(node.mapped());
+    return std::move(node.mapped());
+}
+
+std::optional<nqPoolJob> nqPoolQueue::removeNew(nqJobId id)
+{
+    const auto isBefore = [](const nqPoolJob& job, nqJobId wanted) { return job.id < wanted; };
+    const auto found = std::lower_bound(mNew.begin(), mNew.end(), id, isBefore);
+    if (found == mNew.end() || found->id != id || found->isGone != 0)
+        return std::nullopt;
+    std::optional<nqPoolJob> job(std::move(*found));
+    found->callback = nullptr;
+    found->isGone = 1;
+    ++mGone;
+    dropGone();
+    forgetDeadline(*job);
+    return job;
+}
+
+std::optional<nqPoolJob> nqPoolQueue::removeExpired(TimePoint now)
+{
+    if (mDeadlines.empty() || mDeadlines.begin()->first > now)
+        return std::nullopt;
+    return remove(mDeadlines.begin()->second);
+}
+
+std::vector<nqPoolJob> nqPoolQueue::removeAll()
+{
+    std::vector<nqPoolJob> all;
+    all.reserve(size());
+    for (auto& [key, job] : mAgain)
+        all.push_back(std::move(job));
+    for (nqPoolJob& job : mNew) {
+        if (job.isGone == 0)
+            all.push_back(std::move(job));
+    }
+    const auto isOlder = [](const nqPoolJob& one, const nqPoolJob& other) {
+        return one.id < other.id;
+    };
+    std::sort(all.begin(), all.end(), isOlder);
+    *this = nqPoolQueue();
+    return all;
+}
+
+std::optional<nqPoolQueue::TimePoint> nqPoolQueue::nextDue() const
+{
+    std::optional<TimePoint> due;
+    if (!mDeadlines.empty())
+        due = mDeadlines.begin()->first;
+    if (!mAgain.empty())
+        due = due ? std::min(*due, mAgain.begin()->first.first) : mAgain.begin()->first.first;
+    return due;
+}
+
+std::size_t nqPoolQueue::size() const
+{
+    return mNew.size() - mGone + mAgain.size();
+}
+
+void nqPoolQueue::noteDeadline(const nqPoolJob& job)
+{
+    if (const auto& deadline = deadlineOf(job))
+        mDeadlines.emplace(*deadline, job.id);
+}
+
+void nqPoolQueue::forgetDeadline(const nqPoolJob& job)
+{
+    if (const auto& deadline = deadlineOf(job))
+        mDeadlines.erase(TimedId(*deadline, job.id));
+}
+
+void nqPoolQueue::dropGone()
+{
+    while (!mNew.empty() && mNew.front().isGone != 0) {
+        mNew.pop_front();
+        --mGone;
+    }
+}
+
+} // namespace nq

@@ -1,0 +1,122 @@
+#include "pool/nqPoolLog.h"
+#include "system/nqLog.h"
+#include "tests/scripted/scriptedMachine.h"
+
+#include <atomic>
+#include <gtest/gtest.h>
+#include <optional>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using nq::nqLog;
+using nq::nqPoolLog;
+using Log = nq::nqPoolOptions::Log;
+
+class PoolLog : public testing::Test {
+protected:
+    /// How many lines of those that the library logs now reach standard error.
+    std::size_t shownLines()
+    {
+        mMachine.logged.clear();
+        nqLog::LogEntry entry;
+        entry.mMessage = "a line";
+        nqLog::msInstance->Write(entry, true);
+        return mMachine.logged.size();
+    }
+
+    scripted::Machine mMachine;
+};
+
+TEST_F(PoolLog, keepsLinesFromStandardOutput)
+{
+    const nqPoolLog guard(Log::Nowhere);
+    ASSERT_NE(nqLog::msInstance, nullptr);
+    EXPECT_EQ(shownLines(), 0U);
+}
+
+TEST_F(PoolLog, sendsLinesToStandardErrorIfToldSo)
+{
+    const nqPoolLog guard(Log::StandardError);
+    EXPECT_EQ(shownLines(), 1U);
+}
+
+TEST_F(PoolLog, showsLinesAsLongAsOneOfSeveralWantsThem)
+{
+    const nqPoolLog silent(Log::Nowhere);
+    {
+        const nqPoolLog shown(Log::StandardError);
+        EXPECT_EQ(shownLines(), 1U);
+    }
+    EXPECT_EQ(shownLines(), 0U);
+}
+
+TEST_F(PoolLog, leavesNoLoggerBehind)
+{
+    {
+        const nqPoolLog guard(Log::Nowhere);
+    }
+    EXPECT_EQ(nqLog::msInstance, nullptr);
+}
+
+TEST_F(PoolLog, staysInstalledUntilTheLastGuardGoes)
+{
+    std::optional<nqPoolLog> first(Log::Nowhere);
+    const nqPoolLog second(Log::Nowhere);
+    first.reset();
+    EXPECT_NE(nqLog::msInstance, nullptr);
+}
+
+TEST_F(PoolLog, canBeUsedAgainAfterTheLastGuard)
+{
+    {
+        const nqPoolLog guard(Log::StandardError);
+    }
+    const nqPoolLog guard(Log::Nowhere);
+    EXPECT_EQ(shownLines(), 0U);
+}
+
+TEST_F(PoolLog, leavesTheHostsLoggerAlone)
+{
+    nqLog host;
+    nqLog::msInstance = &host;
+    {
+        const nqPoolLog guard(Log::Nowhere);
+        EXPECT_EQ(nqLog::msInstance, &host);
+    }
+    EXPECT_EQ(nqLog::msInstance, &host);
+}
+
+TEST_F(PoolLog, leavesALoggerAloneThatTheHostInstallsLater)
+{
+    nqLog host;
+    {
+        const nqPoolLog guard(Log::Nowhere);
+        nqLog::msInstance = &host;
+        const nqPoolLog another(Log::Nowhere);
+        EXPECT_EQ(nqLog::msInstance, &host);
+    }
+    EXPECT_EQ(nqLog::msInstance, &host);
+}
+
+TEST_F(PoolLog, isSharedByThreads)
+{
+    std::atomic<int> missing{0};
+    std::vector<std::thread> threads;
+    for (int number = 0; number < 4; ++number) {
+        threads.emplace_back([&missing] {
+            for (int round = 0; round < 1'000; ++round) {
+                const nqPoolLog guard(Log::Nowhere);
+                if (nqLog::msInstance == nullptr)
+                    ++missing;
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(missing, 0);
+    EXPECT_EQ(nqLog::msInstance, nullptr);
+}
+
+} // namespace
