@@ -66,7 +66,8 @@ private:
     void runInProcess(TimePoint now);
     void giveUpWaitingJobs();
 
-    void service(const std::vector<void*>& sources);
+    void sleep(Milliseconds timeout);
+    nqPoolSlot* onlyOneAtWork() const;
     std::size_t deliver();
     bool isFull() const;
     bool isStartWanted() const;

@@ -99,9 +99,7 @@ void nqPoolSlot::launch()
     mScheduler.stopScheduler();
     configure();
     const auto timeout = static_cast<int>(mShared.options.connectionTimeout.count());
-    if (mScheduler.startScheduler(1, timeout))
-        setWatched(true);
-    else if (!mNews.hasLaunchFailed) {
+    if (!mScheduler.startScheduler(1, timeout) && !mNews.hasLaunchFailed) {
         mNews.hasLaunchFailed = true;
         mNews.launchFailure = "cannot listen for " + mShared.program.path();
     }
@@ -156,7 +154,7 @@ void nqPoolSlot::run(nqPoolJob&& job)
     send(std::move(bytes));
 }
 
-// The pump that follows hands it to the worker at once.
+// The first pump gives it to the worker's record, the next one, which comes at once, to the kernel.
 void nqPoolSlot::send(std::vector<char>&& message)
 {
     mScheduler.push(std::move(message));
@@ -165,8 +163,18 @@ void nqPoolSlot::send(std::vector<char>&& message)
 
 void nqPoolSlot::pump()
 {
-    mScheduler.processScheduler(0);
-    settle();
+    do {
+        mScheduler.processScheduler(0);
+        settle();
+    } while (mScheduler.hasImmediateWork());
+}
+
+void nqPoolSlot::pumpAndWait(std::chrono::milliseconds timeout)
+{
+    mScheduler.processScheduler(static_cast<int>(timeout.count()));
+    pump();
+    if (mPhase == Phase::Busy)
+        readStandardError();
 }
 
 void nqPoolSlot::readStandardError()
@@ -368,7 +376,7 @@ void nqPoolSlot::settleFailedLaunch()
     takeStandardError();
     mLastWords.read();
     enter(Phase::Down);
-    setWatched(false);
+    unwatch();
     mShared.owner.onLaunchFailed(*this, withLastWords(mNews.launchFailure, mLastWords.text()));
 }
 
@@ -383,16 +391,16 @@ void nqPoolSlot::takeStandardError()
     }
 }
 
-void nqPoolSlot::setWatched(bool isWatched)
+void nqPoolSlot::watch()
 {
-    if (mIsWatched == isWatched)
-        return;
-    const int descriptor = mScheduler.waitDescriptor();
-    if (!isWatched)
-        mShared.wait.forget(descriptor);
-    else if (!mShared.wait.watch(descriptor, &mWorkerSource))
-        return;
-    mIsWatched = isWatched;
+    if (!mIsWatched && mPhase != Phase::Down && !mPausedUntil)
+        mIsWatched = mShared.wait.watch(mScheduler.waitDescriptor(), &mWorkerSource);
+}
+
+void nqPoolSlot::unwatch()
+{
+    if (std::exchange(mIsWatched, false))
+        mShared.wait.forget(mScheduler.waitDescriptor());
 }
 
 void nqPoolSlot::kill()
@@ -430,7 +438,7 @@ void nqPoolSlot::recycle()
 // in a pump, which replaces the worker.
 void nqPoolSlot::stop()
 {
-    setWatched(false);
+    unwatch();
     mScheduler.clearPendingJobs();
     killAll();
     while (mScheduler.jobCount() != 0) {
@@ -446,7 +454,7 @@ void nqPoolSlot::stop()
 void nqPoolSlot::pauseUntil(TimePoint time)
 {
     mPausedUntil = time;
-    setWatched(false);
+    unwatch();
 }
 
 bool nqPoolSlot::isPaused(TimePoint now) const
@@ -457,8 +465,6 @@ bool nqPoolSlot::isPaused(TimePoint now) const
 void nqPoolSlot::resume()
 {
     mPausedUntil.reset();
-    if (mPhase != Phase::Down)
-        setWatched(true);
 }
 
 void nqPoolSlot::enforceLimits(TimePoint now)
@@ -510,6 +516,11 @@ unsigned nqPoolSlot::barrenWorkers() const
 nqJobId nqPoolSlot::jobId() const
 {
     return mJob ? mJob->id : 0;
+}
+
+bool nqPoolSlot::isAtWork() const
+{
+    return mPhase == Phase::Initialising || mPhase == Phase::Busy || mPhase == Phase::Leaving;
 }
 
 bool nqPoolSlot::isAlive() const

@@ -88,6 +88,12 @@ public:
     /// Moves bytes, notices ends, and tells the owner.
     void pump();
 
+    /// The same, and waits at most `timeout` for the worker to say something.
+    void pumpAndWait(std::chrono::milliseconds timeout);
+
+    /// Lets the pool sleep on the worker, but for a pause.
+    void watch();
+
     /// Takes in what the worker has printed.
     void readStandardError();
 
@@ -121,6 +127,7 @@ public:
     unsigned barrenWorkers() const;
 
     nqJobId jobId() const; ///< 0: none
+    bool isAtWork() const; ///< something will come of it soon
     bool isAlive() const;
     nqPoolWorkerStatus status() const;
 
@@ -160,7 +167,7 @@ private:
     void send(std::vector<char>&& message);
     void configure();
     void takeStandardError();
-    void setWatched(bool isWatched);
+    void unwatch();
     void kill();
     void killAll();
 

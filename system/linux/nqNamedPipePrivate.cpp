@@ -183,7 +183,7 @@ bool nqNamedPipe::Private::read(bool mayStopAtShortCount)
             mPhase = Phase::ended;
             return true;
         }
-        if (isEmpty && probePeer())
+        if (isEmpty && probePeer(count != 0))
             continue; // one read more, for what it sent before it died
         const bool isShort = received.mCount < wanted;
         if (isEmpty || (isShort && mayStopAtShortCount && !peerWasDead)) {
@@ -217,8 +217,9 @@ void nqNamedPipe::Private::fill(char* bytes, std::size_t size)
 }
 
 // Whether the peer is found dead. Looks now and then only, since a look costs a system call and
-// most passes find nothing. But a set that reports the death goes on until it is found.
-bool nqNamedPipe::Private::probePeer()
+// most passes find nothing. But a set that reports the death goes on until it is found, by a call
+// that has received nothing.
+bool nqNamedPipe::Private::probePeer(bool hasReceived)
 {
     const milliseconds now = coarseNow();
     const bool isDue = now - mLastProbe >= peerProbeInterval;
@@ -227,7 +228,7 @@ bool nqNamedPipe::Private::probePeer()
         moveIntoRangeOfSelect();
         mPeer.watchWith(mSocket.get());
     }
-    return (isDue || mPeer.isInSet()) && mPeer.probeDeath();
+    return (isDue || (mPeer.isInSet() && !hasReceived)) && mPeer.probeDeath();
 }
 
 void nqNamedPipe::Private::wait(int timeoutMs)

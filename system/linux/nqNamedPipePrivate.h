@@ -63,7 +63,7 @@ private:
     bool write();
     bool read(bool mayStopAtShortCount);
     void peek();
-    bool probePeer();
+    bool probePeer(bool hasReceived);
     void wait(int timeoutMs);
 
     bool probeAbandonment();
