@@ -9,6 +9,7 @@ nqWaitSet::nqWaitSet()
 {
     scripted::Machine& machine = scripted::machine();
     machine.query("wait set: created");
+    mPrivate->set->descriptor += static_cast<int>(machine.waitSets.size()); // each its own
     machine.waitSets.push_back(mPrivate->set);
     if (std::exchange(machine.waitSetFails, false))
         mPrivate->set->descriptor = -1;
