@@ -1,48 +1,18 @@
 #include "pool/nqPoolWait.h"
 
-#include "pool/include/nqPool.h"
+#include "pool/nqPoolDescriptor.h"
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <climits>
-#include <string>
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
-#include <system_error>
-#include <unistd.h>
 
 namespace nq {
 
 namespace {
 
 constexpr std::size_t eventsOfOneSleep = 64; // the others come with the next one
-
-class Descriptor {
-public:
-    explicit Descriptor(int descriptor)
-        : mDescriptor(descriptor)
-    {
-        if (mDescriptor == -1)
-            throw nqPoolError(
-                "The pool has no descriptor to wait on: " + std::generic_category().message(errno) +
-                "; allow more open files");
-    }
-    ~Descriptor()
-    {
-        ::close(mDescriptor);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int get() const
-    {
-        return mDescriptor;
-    }
-
-private:
-    int mDescriptor;
-};
 
 int control(int set, int operation, int descriptor, void* owner)
 {
@@ -55,8 +25,8 @@ int control(int set, int operation, int descriptor, void* owner)
 } // namespace
 
 struct nqPoolWait::Private {
-    Descriptor mSet{::epoll_create1(EPOLL_CLOEXEC)};
-    Descriptor mTimer{::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)};
+    nqPoolDescriptor mSet{::epoll_create1(EPOLL_CLOEXEC)};
+    nqPoolDescriptor mTimer{::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)};
     std::optional<TimePoint> mWakeAt;
     std::array<epoll_event, eventsOfOneSleep> mEvents{};
     std::vector<void*> mOwners;
