@@ -1,5 +1,7 @@
 #include "pool/nqPoolPrivate.h"
 
+#include "pool/nqPoolRefusals.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -133,9 +135,7 @@ nqPoolPrivate::~nqPoolPrivate()
 nqJobId
 nqPoolPrivate::submit(nqJobBytes& bytes, const nqJobOptions* options, nqPool::Callback&& callback)
 {
-    if (bytes.size() == 0 && mOptions.plainWorker)
-        throw nqPoolError("A plain worker cannot be given an empty job: let it call runAsWorker(), "
-                          "or put at least one byte into the job");
+    refuseEmptyJob(bytes.size(), mOptions);
     while (!mIsStopped && isFull()) {
         if (mIsInCallback || mOptions.whenFull == nqPoolOptions::WhenFull::Refuse)
             return 0;
