@@ -14,6 +14,9 @@ namespace nq {
 /// @par Blocking
 /// submit() blocks while the pool is full, drain() until no job is left, and the destructor as
 /// stop() does. The others take a lock for a moment.
+///
+/// @par Forked children
+/// In a child that the host forks, only destroy it.
 class NQ_API nqPoolThread {
 public:
     /// Checks the options as nqPool does, on the calling thread, and starts the thread.
@@ -45,7 +48,8 @@ public:
     /// outcome.
     void stop();
 
-    /// As nqPool's, as of the thread's last look.
+    /// As nqPool's, as of the thread's last look, which comes when it has no jobs any more, and ten
+    /// times a second while it has.
     /// @{
     nqPoolStatistics statistics() const;
     std::string problem() const;

@@ -1,0 +1,528 @@
+#include "nqPoolThread.h"
+#include "tests/common/descriptors.h"
+#include "tests/common/files.h"
+#include "tests/common/random.h"
+#include "tests/end_to_end/fixture.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <set>
+#include <string>
+#include <sys/syscall.h>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using common::generousLimit;
+using nq::nqJobId;
+using nq::nqOutcome;
+using nq::nqPoolOptions;
+using nq::nqPoolThread;
+using Future = std::future<nqOutcome>;
+using Reason = nqOutcome::Reason;
+using State = nqOutcome::State;
+
+/// Yields until `done`. False when that does not happen in generous time.
+bool becomesTrue(const std::function<bool()>& done)
+{
+    const auto deadline = std::chrono::steady_clock::now() + generousLimit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::yield();
+    }
+    return true;
+}
+
+bool isReady(const Future& future)
+{
+    return future.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+}
+
+/// One that does not come within generous time comes as a failure of the test.
+nqOutcome outcomeOf(Future& future)
+{
+    if (future.wait_for(generousLimit) == std::future_status::ready)
+        return future.get();
+    ADD_FAILURE() << "a job has no outcome";
+    return {};
+}
+
+std::string fileOfTask(pid_t thread, const std::string& name)
+{
+    return common::contentOf("/proc/self/task/" + std::to_string(thread) + '/' + name);
+}
+
+/// Whether the thread sleeps, as the kernel sees it.
+bool isAsleep(pid_t thread)
+{
+    const std::string state = fileOfTask(thread, "stat");
+    const std::size_t name = state.rfind(") ");
+    return name != std::string::npos && state.compare(name, 3, ") S") == 0;
+}
+
+std::set<pid_t> threads()
+{
+    std::set<pid_t> all;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
+        all.insert(std::stoi(entry.path().filename()));
+    return all;
+}
+
+/// A host with threads, whose workers take the jobs as they are.
+class PoolThread : public end_to_end::EndToEnd {
+protected:
+    PoolThread()
+    {
+        mOptions.worker = end_to_end::workerPath();
+        mOptions.plainWorker = true;
+        mOptions.workers = 2;
+    }
+
+    /// A pool that can hold no other job than the one that does not end.
+    void fillWithAHangingJob(nqPoolThread& pool)
+    {
+        mHanging = pool.submit("hang", {}, &mHangingId);
+        ASSERT_TRUE(becomesTrue([&] { return pool.statistics().running == 1; }));
+    }
+
+    nqPoolOptions mOptions;
+    Future mHanging;
+    nqJobId mHangingId = 0;
+};
+
+/// A thread that submits one job and may have to wait for it.
+class Submitter {
+public:
+    Submitter(nqPoolThread& pool, const std::string& job)
+        : mFuture(std::async(std::launch::async, [this, &pool, job] {
+              mThread = static_cast<pid_t>(::syscall(SYS_gettid));
+              return pool.submit(job);
+          }))
+    {
+    }
+
+    /// Whether it waits inside submit(), once it has had time to come so far.
+    bool hasToWait()
+    {
+        const auto hasReturned = [&] {
+            return mFuture.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+        };
+        return becomesTrue([&] { return hasReturned() || (mThread != 0 && isAsleep(mThread)); }) &&
+               !hasReturned();
+    }
+
+    /// What submit() has returned or thrown.
+    Future result()
+    {
+        return mFuture.get();
+    }
+
+private:
+    std::atomic<pid_t> mThread{0};
+    std::future<Future> mFuture;
+};
+
+TEST_F(PoolThread, givesEachThreadTheOutcomesOfItsOwnJobs)
+{
+    nqPoolThread pool(mOptions);
+    constexpr int jobs = 200;
+    const auto host = [&](int thread) {
+        std::vector<Future> futures;
+        for (int job = 0; job < jobs; ++job)
+            futures.push_back(
+                pool.submit("echo " + std::to_string(thread) + ' ' + std::to_string(job)));
+        for (int job = 0; job < jobs; ++job)
+            EXPECT_EQ(
+                outcomeOf(futures[static_cast<std::size_t>(job)]).text(),
+                std::to_string(thread) + ' ' + std::to_string(job));
+    };
+    std::vector<std::thread> hosts;
+    for (int thread = 0; thread < 4; ++thread)
+        hosts.emplace_back(host, thread);
+    for (std::thread& one : hosts)
+        one.join();
+    EXPECT_EQ(pool.statistics().failed, 0U);
+}
+
+TEST_F(PoolThread, numbersTheJobsOfAllThreads)
+{
+    nqPoolThread pool(mOptions);
+    std::vector<std::vector<nqJobId>> ids(3);
+    std::vector<std::thread> hosts;
+    for (auto& own : ids)
+        hosts.emplace_back([&pool, &own] {
+            for (int job = 0; job < 50; ++job) {
+                nqJobId id = 0;
+                Future future = pool.submit("echo x", {}, &id);
+                own.push_back(id);
+                EXPECT_EQ(outcomeOf(future).id, id);
+            }
+        });
+    for (std::thread& one : hosts)
+        one.join();
+    std::set<nqJobId> all;
+    for (const auto& own : ids)
+        all.insert(own.begin(), own.end());
+    EXPECT_EQ(all.size(), 150U);
+    EXPECT_EQ(*all.begin(), 1U);
+    EXPECT_EQ(*all.rbegin(), 150U);
+}
+
+TEST_F(PoolThread, handsAFailedJobBack)
+{
+    nqPoolThread pool(mOptions);
+    Future future = pool.submit("crash");
+    const nqOutcome outcome = outcomeOf(future);
+    EXPECT_EQ(outcome.state, State::Failed);
+    EXPECT_EQ(outcome.reason, Reason::Crashed);
+    EXPECT_EQ(outcome.signal, SIGSEGV);
+    EXPECT_EQ(outcome.text(), "crash");
+}
+
+TEST_F(PoolThread, holdsAJobToItsOwnOptions)
+{
+    nqPoolThread pool(mOptions);
+    nq::nqJobOptions options;
+    options.timeout = std::chrono::milliseconds(50);
+    Future future = pool.submit("hang", options);
+    EXPECT_EQ(outcomeOf(future).reason, Reason::Timeout);
+}
+
+TEST_F(PoolThread, takesTheMemoryOfAJobThatIsMoved)
+{
+    nqPoolThread pool(mOptions);
+    std::vector<char> job(1000, 'x');
+    Future future = pool.submit(std::move(job));
+    EXPECT_TRUE(job.empty()); // NOLINT(bugprone-use-after-move): that is the question
+    EXPECT_EQ(outcomeOf(future).state, State::Done);
+}
+
+TEST_F(PoolThread, cancelsAJobThatRuns)
+{
+    nqPoolThread pool(mOptions);
+    fillWithAHangingJob(pool);
+    pool.cancel(mHangingId);
+    const nqOutcome outcome = outcomeOf(mHanging);
+    EXPECT_EQ(outcome.reason, Reason::Cancelled);
+    EXPECT_EQ(outcome.text(), "hang");
+}
+
+TEST_F(PoolThread, cancelsAJobThatHasJustBeenHandedOver)
+{
+    nqPoolThread pool(mOptions);
+    for (int round = 0; round < 100; ++round) {
+        nqJobId id = 0;
+        Future future = pool.submit("hang", {}, &id);
+        pool.cancel(id);
+        EXPECT_EQ(outcomeOf(future).reason, Reason::Cancelled);
+    }
+}
+
+TEST_F(PoolThread, letsAJobBeThatHasEndedOrNeverWas)
+{
+    nqPoolThread pool(mOptions);
+    nqJobId id = 0;
+    Future future = pool.submit("echo a", {}, &id);
+    EXPECT_EQ(outcomeOf(future).text(), "a");
+    pool.cancel(id);
+    pool.cancel(0);
+    pool.cancel(id + 1);
+    Future next = pool.submit("echo b");
+    EXPECT_EQ(outcomeOf(next).text(), "b");
+}
+
+TEST_F(PoolThread, givesEveryJobOneOutcomeWhoeverCancelsItAtWhateverMoment)
+{
+    nqPoolThread pool(mOptions);
+    constexpr int jobs = 300;
+    std::atomic<int> running{3};
+    const auto host = [&](std::uint64_t seed) {
+        common::SeededRandom random(seed);
+        std::vector<std::pair<std::string, Future>> submitted;
+        for (int job = 0; job < jobs; ++job) {
+            const std::string text = std::to_string(seed) + ' ' + std::to_string(job);
+            submitted.emplace_back("echo " + text, pool.submit("echo " + text));
+        }
+        for (auto& [job, future] : submitted) {
+            const nqOutcome outcome = outcomeOf(future);
+            EXPECT_TRUE(outcome || outcome.reason == Reason::Cancelled);
+            EXPECT_EQ((outcome ? "echo " : "") + std::string(outcome.text()), job);
+        }
+        --running;
+    };
+    const auto canceller = [&] {
+        common::SeededRandom random(1);
+        while (running != 0) {
+            pool.cancel(random.below(3 * jobs) + 1);
+            std::this_thread::yield();
+        }
+    };
+    std::vector<std::thread> all;
+    for (std::uint64_t seed = 1; seed <= 3; ++seed)
+        all.emplace_back(host, seed);
+    all.emplace_back(canceller);
+    for (std::thread& one : all)
+        one.join();
+}
+
+TEST_F(PoolThread, makesSubmittersWaitWhileItIsFull)
+{
+    mOptions.maxPendingJobs = 1;
+    nqPoolThread pool(mOptions);
+    fillWithAHangingJob(pool);
+    Submitter one(pool, "echo one");
+    Submitter other(pool, "echo other");
+    EXPECT_TRUE(one.hasToWait());
+    EXPECT_TRUE(other.hasToWait());
+    pool.cancel(mHangingId);
+    Future ofOne = one.result();
+    Future ofOther = other.result();
+    EXPECT_EQ(outcomeOf(ofOne).text(), "one");
+    EXPECT_EQ(outcomeOf(ofOther).text(), "other");
+}
+
+TEST_F(PoolThread, leavesTheJobToTheCallerWhenItIsFullAndRefuses)
+{
+    mOptions.maxPendingJobs = 1;
+    mOptions.whenFull = nqPoolOptions::WhenFull::Refuse;
+    nqPoolThread pool(mOptions);
+    fillWithAHangingJob(pool);
+    std::vector<char> job{'e', 'c', 'h', 'o', ' ', 'x'};
+    nqJobId id = 7;
+    EXPECT_FALSE(pool.submit(std::move(job), {}, &id).valid());
+    EXPECT_EQ(job.size(), 6U); // NOLINT(bugprone-use-after-move): it was not moved from
+    EXPECT_EQ(id, 7U);
+}
+
+TEST_F(PoolThread, hasRoomAgainAsSoonAsAFutureIsReady)
+{
+    mOptions.maxPendingJobs = 1;
+    mOptions.whenFull = nqPoolOptions::WhenFull::Refuse;
+    nqPoolThread pool(mOptions);
+    for (int job = 0; job < 300; ++job) {
+        Future future = pool.submit("echo x");
+        ASSERT_TRUE(future.valid());
+        EXPECT_EQ(outcomeOf(future).text(), "x");
+    }
+}
+
+TEST_F(PoolThread, hasTheOutcomesOfAllJobsOnceItIsDrained)
+{
+    nqPoolThread pool(mOptions);
+    std::vector<Future> futures;
+    for (int job = 0; job < 100; ++job)
+        futures.push_back(pool.submit(job % 10 == 0 ? "crash" : "echo x"));
+    pool.drain();
+    for (const Future& future : futures)
+        EXPECT_TRUE(isReady(future));
+    EXPECT_EQ(pool.statistics().done, 90U);
+    EXPECT_EQ(pool.statistics().failed, 10U);
+}
+
+TEST_F(PoolThread, isDrainedAtOnceWithoutJobs)
+{
+    nqPoolThread pool(mOptions);
+    pool.drain();
+    EXPECT_EQ(pool.statistics().submitted, 0U);
+}
+
+TEST_F(PoolThread, drainsWhatIsThereThoughOthersGoOnSubmitting)
+{
+    nqPoolThread pool(mOptions);
+    std::atomic<bool> isOver{false};
+    std::thread other([&] {
+        while (!isOver) {
+            Future future = pool.submit("echo y");
+            EXPECT_EQ(outcomeOf(future).text(), "y");
+        }
+    });
+    for (int round = 0; round < 50; ++round) {
+        const Future future = pool.submit("echo x");
+        pool.drain();
+        EXPECT_TRUE(isReady(future));
+    }
+    isOver = true;
+    other.join();
+}
+
+TEST_F(PoolThread, handsBackWhatAStopFinds)
+{
+    nqPoolThread pool(mOptions);
+    std::vector<Future> futures;
+    for (int job = 0; job < 10; ++job)
+        futures.push_back(pool.submit("hang " + std::to_string(job)));
+    pool.stop();
+    for (std::size_t job = 0; job < futures.size(); ++job) {
+        ASSERT_TRUE(isReady(futures[job]));
+        const nqOutcome outcome = futures[job].get();
+        EXPECT_EQ(outcome.state, State::Cancelled);
+        EXPECT_EQ(outcome.reason, Reason::Stopped);
+        EXPECT_EQ(outcome.text(), "hang " + std::to_string(job));
+        EXPECT_EQ(outcome.id, job + 1);
+    }
+    EXPECT_EQ(pool.statistics().cancelled, 10U);
+    EXPECT_EQ(pool.statistics().alive, 0U);
+}
+
+TEST_F(PoolThread, isStoppedBySeveralThreadsAtOnce)
+{
+    nqPoolThread pool(mOptions);
+    fillWithAHangingJob(pool);
+    std::vector<std::thread> stopping;
+    for (int thread = 0; thread < 4; ++thread)
+        stopping.emplace_back([&] {
+            pool.stop();
+            EXPECT_EQ(mHanging.wait_for(std::chrono::seconds(0)), std::future_status::ready);
+        });
+    for (std::thread& one : stopping)
+        one.join();
+    pool.stop();
+}
+
+TEST_F(PoolThread, refusesJobsOnceItIsStopped)
+{
+    nqPoolThread pool(mOptions);
+    pool.stop();
+    std::vector<char> job(3, 'x');
+    EXPECT_THROW(pool.submit(std::move(job)), nq::nqPoolError);
+    EXPECT_EQ(job.size(), 3U); // NOLINT(bugprone-use-after-move): it was not moved from
+    pool.cancel(1);
+    pool.drain();
+}
+
+TEST_F(PoolThread, wakesSubmittersThatWaitForRoomWhenItIsStopped)
+{
+    mOptions.maxPendingJobs = 1;
+    nqPoolThread pool(mOptions);
+    fillWithAHangingJob(pool);
+    Submitter waiting(pool, "echo x");
+    EXPECT_TRUE(waiting.hasToWait());
+    pool.stop();
+    EXPECT_THROW(waiting.result(), nq::nqPoolError);
+}
+
+TEST_F(PoolThread, givesEveryFutureItsOutcomeWhenItIsStoppedWhileOthersSubmit)
+{
+    for (int round = 0; round < 10; ++round) {
+        nqPoolThread pool(mOptions);
+        std::atomic<int> accepted{0};
+        const auto host = [&] {
+            std::vector<Future> futures;
+            try {
+                for (;;) {
+                    futures.push_back(pool.submit("echo x"));
+                    ++accepted;
+                }
+            } catch (const nq::nqPoolError&) {
+                pool.stop();
+            }
+            for (const Future& future : futures)
+                EXPECT_TRUE(isReady(future));
+        };
+        std::vector<std::thread> hosts;
+        for (int thread = 0; thread < 3; ++thread)
+            hosts.emplace_back(host);
+        EXPECT_TRUE(becomesTrue([&] { return accepted >= 20 * round; }));
+        pool.stop();
+        for (std::thread& one : hosts)
+            one.join();
+    }
+}
+
+TEST_F(PoolThread, givesEveryFutureItsOutcomeWhenItIsDestroyed)
+{
+    std::vector<Future> futures;
+    {
+        nqPoolThread pool(mOptions);
+        for (int job = 0; job < 10; ++job)
+            futures.push_back(pool.submit(job % 2 == 0 ? "hang" : "echo x"));
+    }
+    for (Future& future : futures) {
+        ASSERT_TRUE(isReady(future));
+        const nqOutcome outcome = future.get();
+        EXPECT_TRUE(outcome || outcome.reason == Reason::Stopped);
+    }
+}
+
+TEST_F(PoolThread, tellsTheCallerThatItsOptionsCannotWork)
+{
+    mOptions.worker = "/nowhere/worker";
+    EXPECT_THROW(nqPoolThread{mOptions}, nq::nqPoolError);
+}
+
+TEST_F(PoolThread, refusesAnEmptyJobForPlainWorkers)
+{
+    nqPoolThread pool(mOptions);
+    EXPECT_THROW(pool.submit(""), nq::nqPoolError);
+    Future future = pool.submit("echo x");
+    EXPECT_EQ(outcomeOf(future).id, 1U) << "the refused one has no number";
+}
+
+TEST_F(PoolThread, saysWhyNoWorkerCanBeLaunched)
+{
+    const common::TemporaryFolder folder;
+    mOptions.worker = folder.addScript("worker", "exit 3\n");
+    nqPoolThread pool(mOptions);
+    Future future = pool.submit("echo x");
+    const nqOutcome outcome = outcomeOf(future);
+    EXPECT_EQ(outcome.reason, Reason::NoWorker);
+    pool.drain();
+    EXPECT_EQ(pool.problem(), outcome.message);
+    EXPECT_NE(pool.problem(), "");
+}
+
+TEST_F(PoolThread, hasAllSignalsBlockedInItsThreadAlone)
+{
+    const std::set<pid_t> before = threads();
+    const std::string ofTheHost = "SigBlk:\t0000000000000000";
+    // All but SIGKILL and SIGSTOP, which nobody can block, and two of the C library's own.
+    const std::string all = "SigBlk:\tfffffffe7ffbfeff";
+    nqPoolThread pool(mOptions);
+    Future future = pool.submit("signals");
+    EXPECT_EQ(outcomeOf(future).text().substr(0, 24), "blocked 0000000000000000");
+    for (const pid_t thread : threads()) {
+        const std::string& wanted = before.count(thread) == 0 ? all : ofTheHost;
+        EXPECT_NE(fileOfTask(thread, "status").find(wanted), std::string::npos);
+    }
+    EXPECT_EQ(threads().size(), before.size() + 1);
+}
+
+TEST_F(PoolThread, sleepsWhileItHasNothingToDo)
+{
+    const std::set<pid_t> before = threads();
+    nqPoolThread pool(mOptions);
+    Future future = pool.submit("echo x");
+    outcomeOf(future);
+    pool.drain();
+    for (const pid_t thread : threads()) {
+        if (before.count(thread) == 0) {
+            EXPECT_TRUE(becomesTrue([&] { return isAsleep(thread); }));
+        }
+    }
+}
+
+TEST_F(PoolThread, isOnlyDestroyedInAForkedChild)
+{
+    auto pool = std::make_unique<nqPoolThread>(mOptions);
+    fillWithAHangingJob(*pool);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        pool.reset();
+        ::_exit(0);
+    }
+    EXPECT_EQ(common::waitForExitCode(child), 0);
+    Future future = pool->submit("echo x");
+    EXPECT_EQ(outcomeOf(future).text(), "x");
+}
+
+} // namespace
