@@ -67,6 +67,7 @@ std::size_t lastWordsOf(const nqPoolOptions& options)
 
 nqPoolSlot::nqPoolSlot(const Shared& shared)
     : mShared(shared),
+      mScheduler({}, !shared.options.inheritStandardOutput, {}, false),
       mLastWords(
           lastWordsOf(shared.options),
           shared.options.standardError == nqPoolOptions::StandardError::Forward)
