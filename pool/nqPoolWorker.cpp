@@ -3,6 +3,7 @@
 #include "include/nqWorker.h"
 #include "pool/include/nqPool.h"
 #include "pool/nqEnvelope.h"
+#include "pool/nqExceptionText.h"
 #include "pool/nqOwnProgram.h"
 #include "pool/nqWorkerStart.h"
 
@@ -11,15 +12,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <cxxabi.h>
-#include <exception>
 #include <limits>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
-#include <typeinfo>
 #include <unistd.h>
 
 // From the command line of a worker to its end:
@@ -50,34 +48,6 @@ void complain(const char* program, const std::string& text)
 {
     const std::string line = std::string(program) + ": " + text + '\n';
     std::fputs(line.c_str(), stderr);
-}
-
-// Of the exception being handled, which is no std::exception.
-std::string textOfItsType()
-{
-    const std::type_info* const type = abi::__cxa_current_exception_type();
-    if (type == nullptr)
-        return "an exception of another language";
-    const std::unique_ptr<char, decltype(&std::free)> name(
-        abi::__cxa_demangle(type->name(), nullptr, nullptr, nullptr), &std::free);
-    return std::string("an exception of type ") + (name ? name.get() : type->name()) +
-           ", which is no std::exception";
-}
-
-// The text of the exception that `action` ends with. A thread that is being ended passes.
-template <typename Action>
-std::optional<std::string> exceptionOf(Action action)
-{
-    try {
-        action();
-        return std::nullopt;
-    } catch (const abi::__forced_unwind&) {
-        throw;
-    } catch (const std::exception& exception) {
-        return exception.what();
-    } catch (...) {
-        return textOfItsType();
-    }
 }
 
 class PoolWorker : public nqWorker {
