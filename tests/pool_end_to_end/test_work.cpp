@@ -1,0 +1,113 @@
+#include "tests/pool_end_to_end/test_work.h"
+
+#include "pool/include/nqPool.h"
+#include "tests/common/files.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace pool_end_to_end {
+
+namespace {
+
+unsigned objectsBuilt = 0;
+
+std::string exhaustMemory(const std::string&)
+{
+    constexpr std::size_t blockBytes = std::size_t{1} << 20;
+    std::vector<std::unique_ptr<std::vector<char>>> blocks;
+    for (;;)
+        blocks.push_back(std::make_unique<std::vector<char>>(blockBytes));
+}
+
+std::string refusalOfAPool(const std::string&)
+{
+    try {
+        const nq::nqPool pool;
+        return "(none)";
+    } catch (const nq::nqPoolError& refusal) {
+        return refusal.what();
+    }
+}
+
+std::string crash(const std::string&)
+{
+    std::signal(SIGSEGV, SIG_DFL); // a sanitizer would make an exit status of it
+    std::raise(SIGSEGV);
+    return {};
+}
+
+using Command = std::function<std::string(const std::string& argument)>;
+
+const std::map<std::string, Command, std::less<>>& commands()
+{
+    static const std::map<std::string, Command, std::less<>> all = {
+        {"", [](const std::string&) { return ""; }},
+        {"echo", [](const std::string& argument) { return argument; }},
+        {"nothing", [](const std::string&) { return ""; }},
+        {"folder", [](const std::string&) { return std::filesystem::current_path().string(); }},
+        {"file", [](const std::string&) { return programFile(); }},
+        {"called",
+         [](const std::string&) {
+             return std::string(common::contentOf("/proc/self/cmdline").c_str());
+         }},
+        {"pid", [](const std::string&) { return std::to_string(::getpid()); }},
+        {"objects", [](const std::string&) { return std::to_string(objectsBuilt); }},
+        {"throw",
+         [](const std::string& argument) -> std::string { throw std::runtime_error(argument); }},
+        {"throw-a-number", [](const std::string&) -> std::string { throw 5; }},
+        {"exhaust", exhaustMemory},
+        {"exit", [](const std::string& argument) -> std::string { ::_exit(std::stoi(argument)); }},
+        {"crash", crash},
+        {"pool", refusalOfAPool},
+    };
+    return all;
+}
+
+} // namespace
+
+TestWork::TestWork()
+{
+    if (const char* text = std::getenv(failingVariable))
+        throw std::runtime_error(text);
+    ++objectsBuilt;
+}
+
+TestWork::~TestWork()
+{
+    if (const char* path = std::getenv(farewellVariable))
+        std::ofstream(path) << "left";
+}
+
+std::string TestWork::operator()(std::string_view job)
+{
+    ++mJobs;
+    const std::size_t nameBytes = job.find(' ');
+    const std::string_view name = job.substr(0, nameBytes);
+    if (name == "jobs")
+        return std::to_string(mJobs);
+    const auto command = commands().find(name);
+    if (command == commands().end())
+        throw std::invalid_argument("no such command: " + std::string(name));
+    return command->second(
+        nameBytes == std::string_view::npos ? "" : std::string(job.substr(nameBytes + 1)));
+}
+
+std::string programFile(const std::string& path)
+{
+    struct stat file {};
+    if (::stat(path.c_str(), &file) != 0)
+        return "(none)";
+    return std::to_string(file.st_dev) + ':' + std::to_string(file.st_ino);
+}
+
+} // namespace pool_end_to_end
