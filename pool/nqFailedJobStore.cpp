@@ -134,23 +134,22 @@ std::string attemptLines(const nqOutcome& outcome)
     return lines + attemptLine(outcome, number + 1);
 }
 
-std::string instructions(const std::string& howToRunAgain, const std::string& jobPath)
+std::string instructions(const std::string& program, const std::string& jobPath)
 {
-    if (howToRunAgain.empty())
+    if (program.empty())
         return {};
-    const std::string command = howToRunAgain + ' ' + quoted(jobPath) + "\n";
+    const std::string command = quoted(program) + " --job " + quoted(jobPath) + "\n";
     std::error_code unknown;
     return "\nTo run it again in " + quoted(std::filesystem::current_path(unknown).string()) +
            ":\n    " + command + "Under a debugger:\n    gdb --args " + command;
 }
 
-std::string
-textOn(const nqOutcome& outcome, const std::string& howToRunAgain, const std::string& jobPath)
+std::string textOn(const nqOutcome& outcome, const std::string& program, const std::string& jobPath)
 {
     std::string text = "Job " + std::to_string(outcome.id) + ", " + sizeText(outcome.bytes.size()) +
                        ", failed: " + outcome.failureText() +
                        "\n\nQueued: " + durationText(outcome.queued) + "\n" +
-                       attemptLines(outcome) + instructions(howToRunAgain, jobPath);
+                       attemptLines(outcome) + instructions(program, jobPath);
     if (!outcome.message.empty())
         text += "\nMessage:\n" + outcome.message + "\n";
     if (!outcome.lastWords.empty())
@@ -204,9 +203,9 @@ void warn(const std::string& message)
 } // namespace
 
 nqFailedJobStore::nqFailedJobStore(
-    const std::string& folder, std::size_t limit, std::string howToRunAgain)
+    const std::string& folder, std::size_t limit, std::string program)
     : mLimit(limit),
-      mHowToRunAgain(std::move(howToRunAgain))
+      mProgram(std::move(program))
 {
     if (folder.empty())
         return;
@@ -223,7 +222,7 @@ std::string nqFailedJobStore::keep(const nqOutcome& outcome)
     const std::string base = mFolder + '/' + newName(outcome.id);
     const std::string textPath = base + textSuffix;
     std::string jobPath = base + jobSuffix;
-    if (!makeFolder() || !write(textPath, textOn(outcome, mHowToRunAgain, jobPath)))
+    if (!makeFolder() || !write(textPath, textOn(outcome, mProgram, jobPath)))
         return {};
     if (!write(jobPath, outcome.text())) {
         ::unlink(textPath.c_str());

@@ -20,9 +20,9 @@ namespace nq {
 class nqFailedJobStore {
 public:
     /// A relative `folder` counts from the current one now, and is made if it is missing; an empty
-    /// one keeps nothing. Keeps the newest `limit` jobs; 0: all. `howToRunAgain` is a command as
-    /// typed in a shell, to which the path of NAME.job is added; empty when there is none.
-    nqFailedJobStore(const std::string& folder, std::size_t limit, std::string howToRunAgain);
+    /// one keeps nothing. Keeps the newest `limit` jobs; 0: all. `program` runs a job again with
+    /// `--job FILE`; empty when none does.
+    nqFailedJobStore(const std::string& folder, std::size_t limit, std::string program);
 
     /// Keeps a job that has failed, and returns the path of its bytes; empty when that cannot be.
     std::string keep(const nqOutcome& outcome);
@@ -38,7 +38,7 @@ private:
 
     std::string mFolder;
     std::size_t mLimit;
-    std::string mHowToRunAgain;
+    std::string mProgram;
     std::string mProblem;
 };
 

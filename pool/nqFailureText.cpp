@@ -182,9 +182,7 @@ Advice adviceOn(const nqAttempt& attempt)
                                      "probably there were too many jobs before it",
                                      "more workers or a later deadline help"};
     case Reason::Exception:
-        return {
-            quoted(attempt.message, "it said nothing"),
-            "run it again under a debugger that stops at exceptions (`catch throw`)"};
+        return {"", "run it again under a debugger that stops at exceptions (`catch throw`)"};
     case Reason::ResultLost:
         return {
             quoted(attempt.message, "probably its result is too large"),
@@ -295,7 +293,8 @@ std::string whatHappened(const nqAttempt& attempt)
     case Reason::Deadline:
         return "the job's deadline passed" + whenItEnded(attempt);
     case Reason::Exception:
-        return "the worker's function threw an exception" + circumstances(attempt);
+        return "the worker's function threw " +
+               quoted(attempt.message, "an exception without a text") + circumstances(attempt);
     case Reason::ResultLost:
         return "the host ran out of memory for the job" + circumstances(attempt);
     case Reason::NoWorker:

@@ -58,9 +58,9 @@ std::set<std::string> filesIn(const std::string& folder)
 
 class FailedJobStore : public testing::Test {
 protected:
-    nqFailedJobStore store(std::size_t limit = 100, std::string howToRunAgain = {}) const
+    nqFailedJobStore store(std::size_t limit = 100, std::string program = {}) const
     {
-        return {mFolder, limit, std::move(howToRunAgain)};
+        return {mFolder, limit, std::move(program)};
     }
 
     scripted::Machine mMachine;
@@ -84,7 +84,7 @@ TEST_F(FailedJobStore, keepsAnEmptyJob)
 
 TEST_F(FailedJobStore, keepsNothingWithoutAFolder)
 {
-    nqFailedJobStore store("", 100, "program --job");
+    nqFailedJobStore store("", 100, "/bin/program");
     EXPECT_EQ(store.keep(failedJob()), "");
     EXPECT_EQ(store.problem(), "");
 }
@@ -140,7 +140,7 @@ TEST_F(FailedJobStore, saysWhatHappenedToAJob)
 TEST_F(FailedJobStore, saysHowToRunAJobAgain)
 {
     const common::CurrentFolder current(mParent.path());
-    const std::string path = store(100, "/bin/program --job").keep(failedJob());
+    const std::string path = store(100, "/bin/program").keep(failedJob());
     const std::string text = contentOf(textBeside(path));
     const std::string expected =
         "\nTo run it again in " + mParent.path() + ":\n    /bin/program --job " + path +
@@ -151,9 +151,10 @@ TEST_F(FailedJobStore, saysHowToRunAJobAgain)
 TEST_F(FailedJobStore, saysItInWordsThatAShellUnderstands)
 {
     mFolder = mParent.file("it's a folder; $HOME `x` \"y\"");
-    const std::string path = store(100, "cat").keep(failedJob());
+    const std::string program = mParent.addScript("the program", "cat \"$2\"");
+    const std::string path = store(100, program).keep(failedJob());
     const std::string text = contentOf(textBeside(path));
-    const std::size_t begin = text.find("    cat ") + 4;
+    const std::size_t begin = text.find(":\n    ") + 2;
     const std::string command = text.substr(begin, text.find('\n', begin) - begin);
     const std::string output = mParent.file("output");
     ASSERT_EQ(std::system((command + " > " + output).c_str()), 0) << command;

@@ -284,12 +284,12 @@ INSTANTIATE_TEST_SUITE_P(
         Example{
             "exception",
             with(failed(Reason::Exception), "bad\nnumber"),
-            "the worker's function threw an exception after 1.2 s: \"bad number\"; run it again "
+            "the worker's function threw \"bad number\" after 1.2 s; run it again "
             "under a debugger that stops at exceptions (`catch throw`)"},
         Example{
             "silentException",
             failed(Reason::Exception),
-            "the worker's function threw an exception after 1.2 s: it said nothing; run it again "
+            "the worker's function threw an exception without a text after 1.2 s; run it again "
             "under a debugger that stops at exceptions (`catch throw`)"},
         Example{
             "resultLost",
