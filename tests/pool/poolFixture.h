@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <utility>
@@ -27,7 +28,7 @@ protected:
         options.plainWorker = true;
         options.workers = 1;
         options.restartPause = milliseconds(0);
-        machine.onSelect = [] { return 0; };
+        machine.onSelect = [this] { return loseTheDead(); };
     }
 
     void TearDown() override
@@ -105,6 +106,17 @@ protected:
     std::size_t launches() const
     {
         return machine.processes.size();
+    }
+
+    /// The kernel closes what a dead worker had open.
+    int loseTheDead()
+    {
+        const std::size_t count = std::min(machine.processes.size(), machine.pipes.size());
+        for (std::size_t i = 0; i < count; ++i) {
+            if (machine.processes[i]->state == nq::nqProcess::Ended)
+                machine.pipes[i]->lose();
+        }
+        return 0;
     }
 
     scripted::Machine machine;
