@@ -67,6 +67,7 @@ void nqNamedPipe::Private::adopt(nqDescriptor socket, nqPeer peer)
     mSocket = std::move(socket);
     mPeer = std::move(peer);
     mLastProbe = coarseNow();
+    mLastCallWasEmpty = false;
     mSkippedRead = nqSkippedRead();
     mWait = nqPipeWait();
     mPhase = Phase::open;
@@ -217,10 +218,12 @@ void nqNamedPipe::Private::fill(char* bytes, std::size_t size)
 }
 
 // Whether the peer is found dead. Looks now and then only, since a look costs a system call and
-// most passes find nothing. But a set that reports the death goes on until it is found, by a call
-// that has received nothing.
+// most passes find nothing. But a set that reports the death goes on until it is found: by the
+// second call in a row that has received nothing, since one such call is part of every small job.
 bool nqNamedPipe::Private::probePeer(bool hasReceived)
 {
+    const bool isSecondEmptyCall = !hasReceived && mLastCallWasEmpty;
+    mLastCallWasEmpty = !hasReceived;
     const milliseconds now = coarseNow();
     const bool isDue = now - mLastProbe >= peerProbeInterval;
     if (isDue) {
@@ -228,7 +231,7 @@ bool nqNamedPipe::Private::probePeer(bool hasReceived)
         moveIntoRangeOfSelect();
         mPeer.watchWith(mSocket.get());
     }
-    return (isDue || (mPeer.isInSet() && !hasReceived)) && mPeer.probeDeath();
+    return (isDue || (mPeer.isInSet() && isSecondEmptyCall)) && mPeer.probeDeath();
 }
 
 void nqNamedPipe::Private::wait(int timeoutMs)

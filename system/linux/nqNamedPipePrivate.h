@@ -35,6 +35,7 @@ struct nqNamedPipe::Private {
     bool mIsCongested = false;          // the kernel had no room for all that waited
     std::size_t mUntakenByLastCall = 0; // of mIncoming, when the last call returned
     std::chrono::milliseconds mLastProbe{0}; // when the peer's life was last looked at
+    bool mLastCallWasEmpty = false;          // it received nothing
     nqSkippedRead mSkippedRead;
     nqPipeWait mWait;
 
