@@ -63,7 +63,7 @@ std::optional<nqOutcome> nqPool::next(std::chrono::milliseconds timeout)
     return mPrivate->next(timeout);
 }
 
-bool nqPool::drain(const std::function<void(const nqProgress&)>& progress)
+bool nqPool::drain(const Progress& progress)
 {
     return mPrivate->drain(progress);
 }

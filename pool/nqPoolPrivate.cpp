@@ -527,23 +527,24 @@ std::optional<nqOutcome> nqPoolPrivate::next(Milliseconds timeout)
     }
 }
 
-bool nqPoolPrivate::drain(const std::function<void(const nqProgress&)>& progress)
+bool nqPoolPrivate::drain(const nqPool::Progress& progress)
 {
     requireOutsideCallback("drain()");
-    const auto tell = [&] {
+    const auto isWanted = [&] {
         const InCallback inside(mIsInCallback);
-        progress({mCounts.done, mCounts.failed, mCounts.cancelled, mQueue.size(), mRunning});
+        return !progress ||
+               progress({mCounts.done, mCounts.failed, mCounts.cancelled, mQueue.size(), mRunning});
     };
-    TimePoint next = nqPoolClock::now();
+    TimePoint nextLook = nqPoolClock::now();
     while (unfinishedCount() != 0 || mDelivery.isDue()) {
-        if (progress && nqPoolClock::now() >= next) {
-            next = nqPoolClock::now() + progressInterval;
-            tell();
+        if (nqPoolClock::now() >= nextLook) {
+            nextLook = nqPoolClock::now() + progressInterval;
+            if (!isWanted())
+                return false;
         }
         pump(progress ? progressInterval : noLimit);
     }
-    if (progress)
-        tell();
+    isWanted();
     return std::exchange(mIsAllDone, true);
 }
 

@@ -41,7 +41,7 @@ public:
     std::size_t pump(Milliseconds timeout);
     int waitDescriptor();
     std::optional<nqOutcome> next(Milliseconds timeout);
-    bool drain(const std::function<void(const nqProgress&)>& progress);
+    bool drain(const nqPool::Progress& progress);
     bool start();
     void stop();
 

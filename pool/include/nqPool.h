@@ -155,10 +155,13 @@ public:
     std::optional<nqOutcome>
     next(std::chrono::milliseconds timeout = std::chrono::milliseconds(-1));
 
+    /// Asked by drain() whether to go on.
+    using Progress = std::function<bool(const nqProgress& progress)>;
+
     /// Pumps until every job has its outcome, and those with a callback are delivered. Calls
-    /// `progress` ten times a second, and at the end. True when every outcome since the drain
-    /// before is Done.
-    bool drain(const std::function<void(const nqProgress&)>& progress = {});
+    /// `progress` ten times a second and at the end, and returns early when that says false. True
+    /// when every job has its outcome, and every outcome since the drain before is Done.
+    bool drain(const Progress& progress = {});
 
     /// Launches all workers now rather than with the first jobs, and waits until they are
     /// initialised. False when one could not be launched; problem() says why.

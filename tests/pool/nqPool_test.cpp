@@ -830,10 +830,22 @@ TEST_F(Pool, tellsItsProgressAtTheEndOfADrain)
     pump();
     answer(0, "result");
     std::vector<nq::nqProgress> told;
-    pool->drain([&](const nq::nqProgress& progress) { told.push_back(progress); });
+    pool->drain([&](const nq::nqProgress& progress) {
+        told.push_back(progress);
+        return true;
+    });
     ASSERT_EQ(told.size(), 1U);
     EXPECT_EQ(told.front().done, 1U);
     EXPECT_EQ(told.front().queued + told.front().running, 0U);
+}
+
+TEST_F(Pool, leavesADrainThatNobodyWantsAnyMore)
+{
+    make();
+    submit("job");
+    pump();
+    EXPECT_FALSE(pool->drain([](const nq::nqProgress&) { return false; }));
+    EXPECT_EQ(pool->unfinishedCount(), 1U);
 }
 
 // Waiting.
