@@ -1,0 +1,87 @@
+// Prints the lines of many files that match a regular expression, in the order of the files. The
+// library's matcher overflows the stack on long lines and takes for ever on unlucky expressions; a
+// file that does that to it costs a worker process, and is named at the end.
+#include <nqPool.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <regex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Reason = nq::nqAttempt::Reason;
+
+volatile std::sig_atomic_t interrupted = 0;
+
+/// A job is an expression and a file's path, with a line break between them.
+std::string matchingLines(std::string_view job)
+{
+    const auto lineBreak = job.find('\n');
+    const std::regex expression(std::string(job.substr(0, lineBreak)));
+    const std::string path(job.substr(lineBreak + 1));
+    std::ifstream file(path);
+    if (!file)
+        throw std::runtime_error("cannot be opened");
+    std::string found;
+    for (std::string line; std::getline(file, line);) {
+        if (std::regex_search(line, expression))
+            found += path + ": " + line + '\n';
+    }
+    return found;
+}
+
+bool showProgress(const nq::nqProgress& progress)
+{
+    const std::size_t left = progress.queued + progress.running;
+    std::cerr << '\r' << progress.done << " files, " << progress.failed << " failed, " << left
+              << " to go " << std::flush;
+    return interrupted == 0;
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    nq::runAsWorker(argc, argv, matchingLines);
+    if (argc != 3) {
+        std::cerr << "usage: lines EXPRESSION FOLDER\n";
+        return 2;
+    }
+    std::signal(SIGINT, [](int) { interrupted = 1; });
+
+    nq::nqPoolOptions options;
+    options.jobTimeout = std::chrono::seconds(1);
+    options.memoryCap = 256UL << 20;
+    options.recycleAfterJobs = 1000; // against leaks
+    options.retry.attempts = 3;
+    options.order = nq::nqPoolOptions::Order::Submission;
+    options.maxPendingJobs = 1000;
+    nq::nqPool pool(options);
+
+    std::vector<std::string> failures;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(argv[2])) {
+        if (interrupted != 0)
+            break;
+        if (!entry.is_regular_file())
+            continue;
+        const std::string path = entry.path();
+        pool.submit(std::string(argv[1]) + '\n' + path, [path, &failures](nq::nqOutcome&& outcome) {
+            if (outcome)
+                std::cout << outcome.text();
+            else if (outcome.reason != Reason::Stopped)
+                failures.push_back(path + ": " + outcome.failureText());
+        });
+    }
+    pool.drain(showProgress);
+    pool.stop(); // after Ctrl-C, ends what still runs
+    std::cerr << (interrupted != 0 ? "\ninterrupted\n" : "\n");
+    for (const std::string& failure : failures)
+        std::cerr << failure << '\n';
+    return interrupted != 0 || !failures.empty() ? 1 : 0;
+}
