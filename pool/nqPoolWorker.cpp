@@ -220,8 +220,9 @@ std::optional<std::vector<char>> contentOf(const char* path)
 
 bool print(const std::vector<char>& result)
 {
-    return std::fwrite(result.data(), 1, result.size(), stdout) == result.size() &&
-           std::fflush(stdout) == 0;
+    const bool isWhole = result.empty() || // which has no address
+                         std::fwrite(result.data(), result.size(), 1, stdout) == 1;
+    return isWhole && std::fflush(stdout) == 0;
 }
 
 // Nothing stands between the job and a debugger: no fork, no limit.

@@ -178,6 +178,8 @@ TEST_F(OwnProgram, tellsTheTypeOfAnyOtherObjectThatIsThrown)
         "an exception of type int, which is no std::exception");
 }
 
+#if !defined(__SANITIZE_ADDRESS__) &&                                                              \
+    !defined(__SANITIZE_THREAD__) // whose shadow memory alone is beyond every limit
 TEST_F(OwnProgram, tellsThatMemoryRanOutAndKeepsTheWorker)
 {
     nqPoolOptions options = oneWorker();
@@ -190,6 +192,7 @@ TEST_F(OwnProgram, tellsThatMemoryRanOutAndKeepsTheWorker)
     EXPECT_EQ(outcome.text(), "exhaust");
     EXPECT_EQ(ask(pool, "pid"), worker);
 }
+#endif
 
 TEST_F(OwnProgram, handsTheJobBackWhenTheWorkerCrashes)
 {
@@ -351,6 +354,22 @@ TEST_F(StartedByHand, explainsThatNoPoolListens)
                 program + " --job FILE\n");
         EXPECT_EQ(worker.waitForEnd(), 2);
     }
+}
+
+TEST_F(StartedByHand, explainsThatItsHostIsGone)
+{
+    ChildProgram gone("/bin/true", {});
+    EXPECT_EQ(gone.waitForEnd(), 0);
+    const std::string pid = std::to_string(gone.pid());
+    ChildProgram worker(
+        host, {"--nq-pool-worker=00112233445566778899aabbccddeeff:" + pid, "no-pipe-of-this-name"});
+    EXPECT_EQ(
+        worker.readAllErrors(),
+        host + ": the host's folder cannot be entered through /proc/" + pid +
+            "/cwd: No such file or directory; a pool starts its workers itself; to run the job in "
+            "a file: " +
+            host + " --job FILE\n");
+    EXPECT_EQ(worker.waitForEnd(), 2);
 }
 
 TEST_F(StartedByHand, explainsThatItsArgumentsMakeNoSense)
