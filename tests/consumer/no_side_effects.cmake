@@ -69,8 +69,8 @@ function(expect_no_side_effects)
 
     collect_targets(${CMAKE_CURRENT_SOURCE_DIR} targets)
     list(SORT targets)
-    set(expected nqCompileOptions nqHardening nqSchedulerAPI nqSchedulerObjects nqSourceTree
-                 nqSystem nqSystemObjects)
+    set(expected nqCompileOptions nqHardening nqPool nqPoolObjects nqPoolPlatformObjects
+                 nqSchedulerAPI nqSchedulerObjects nqSourceTree nqSystem nqSystemObjects)
     expect("targets" "${targets}" "${expected}")
 
     foreach(library nqSchedulerAPI nqSystem)

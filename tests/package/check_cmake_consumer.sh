@@ -44,7 +44,7 @@ if [[ $way == FetchContent ]]; then
     run_programs "$scratch/installed/bin" "$scratch/installed"
 else
     installed=$(cd "$scratch/installed" && find . -type f | LC_ALL=C sort | tr '\n' ' ')
-    [[ $installed == "./bin/host ./bin/logging_host ./bin/worker " ]] ||
-        fail "the consumer's installation holds '$installed', not its three programs alone"
+    [[ $installed == "./bin/host ./bin/logging_host ./bin/pool_host ./bin/worker " ]] ||
+        fail "the consumer's installation holds '$installed', not its programs alone"
 fi
 echo "The consumer works ($way)."

@@ -18,31 +18,41 @@ expect() {
     [[ $found == "$3" ]] || fail "$2 of $1 is '$found' instead of '$3'"
 }
 version=3.0.0-1
-for package in libnqsystem3.0 libnqschedulerapi3.0 libnqschedulerapi-dev; do
+for package in libnqsystem3.0 libnqschedulerapi3.0 libnqpool0.1 libnqschedulerapi-dev; do
     expect "$package" Package "$package"
     expect "$package" Version "$version"
     expect "$package" Architecture amd64
 done
 expect libnqschedulerapi-dev Depends \
-    "libnqschedulerapi3.0 (= $version), libnqsystem3.0 (= $version)"
+    "libnqschedulerapi3.0 (= $version), libnqsystem3.0 (= $version), libnqpool0.1 (= $version)"
 
-# A library's package names the other library's package, then what the libraries of the system need.
-depends=$(dpkg-deb --field "$folder"/build/libnqschedulerapi3.0_*.deb Depends)
-[[ $depends == "libnqsystem3.0 (= $version), libc6 (>= "* && $depends == *"libstdc++6 (>= "* ]] ||
-    fail "libnqschedulerapi3.0 depends on '$depends'"
+# expect_depends PACKAGE OURS: it names the packages of our libraries that it needs, then those of the
+# libraries of the system.
+expect_depends() {
+    local found
+    found=$(dpkg-deb --field "$folder/build/$1"_*.deb Depends)
+    [[ $found == "$2, libc6 (>= "* && $found == *"libstdc++6 (>= "* ]] || fail "$1 depends on '$found'"
+}
+expect_depends libnqschedulerapi3.0 "libnqsystem3.0 (= $version)"
+expect_depends libnqpool0.1 "libnqschedulerapi3.0 (= $version), libnqsystem3.0 (= $version)"
 
-for package in libnqSystem libnqSchedulerAPI; do
-    file=$(echo "$folder/build/${package,,}"3.0_*.deb)
+# expect_library NAME SOVERSION
+expect_library() {
+    local file found
+    file=$(echo "$folder/build/${1,,}$2"_*.deb)
     found=$(dpkg-deb --info "$file" shlibs)
-    [[ $found == "$package 3.0 ${package,,}3.0 (>= $version)" ]] || fail "shlibs of $package: $found"
+    [[ $found == "$1 $2 ${1,,}$2 (>= $version)" ]] || fail "shlibs of $1: $found"
     found=$(dpkg-deb --info "$file" triggers)
-    [[ $found == "activate-noawait ldconfig" ]] || fail "triggers of $package: $found"
-done
+    [[ $found == "activate-noawait ldconfig" ]] || fail "triggers of $1: $found"
+}
+expect_library libnqSystem 3.0
+expect_library libnqSchedulerAPI 3.0
+expect_library libnqPool 0.1
 
 for file in "$folder"/build/*.deb; do
     dpkg-deb --extract "$file" "$folder/root"
 done
-for library in "$folder"/root/usr/lib/x86_64-linux-gnu/*.so.3.0; do
+for library in "$folder"/root/usr/lib/x86_64-linux-gnu/*.so.*; do
     ! grep --quiet 'RUNPATH\|RPATH' < <(readelf --dynamic --wide "$library") ||
         fail "$(basename "$library") looks for libraries in folders of its own"
 done

@@ -23,17 +23,26 @@ variable() {
     echo "$value"
 }
 
-for package in nqSchedulerAPI nqSystem; do
-    found=$(pkg-config --modversion "$package") || fail "pkg-config does not know $package"
-    [[ $found == 3.0.0 ]] || fail "the version of $package is $found"
-    pkg-config --exists "$package >= 3.0" || fail "$package is older than 3.0"
-    ! pkg-config --exists "$package >= 3.1" || fail "$package passes itself off as version 3.1"
+# expect_version PACKAGE VERSION OLDEST TOO_NEW
+expect_version() {
+    found=$(pkg-config --modversion "$1") || fail "pkg-config does not know $1"
+    [[ $found == "$2" ]] || fail "the version of $1 is $found"
+    pkg-config --exists "$1 >= $3" || fail "$1 is older than $3"
+    ! pkg-config --exists "$1 >= $4" || fail "$1 passes itself off as version $4"
+}
+expect_version nqSchedulerAPI 3.0.0 3.0 3.1
+expect_version nqSystem 3.0.0 3.0 3.1
+expect_version nqPool 0.1 0.1 0.2
+
+for package in nqSchedulerAPI nqSystem nqPool; do
     found=$(variable prefix "$package")
     [[ $(realpath "$found") == "$(realpath "$prefix")" ]] ||
         fail "the prefix of $package is $found, not $prefix"
 done
-[[ $(pkg-config --libs nqSchedulerAPI) != *nqSystem* ]] ||
-    fail "every program is linked to the platform library"
+for package in nqSchedulerAPI nqPool; do
+    [[ $(pkg-config --libs "$package") != *nqSystem* ]] ||
+        fail "every program with $package is linked to the platform library"
+done
 
 # build PROGRAM PACKAGE...
 build() {
@@ -46,5 +55,6 @@ build() {
 build worker nqSchedulerAPI
 build host nqSchedulerAPI
 build logging_host nqSchedulerAPI nqSystem
+build pool_host nqPool
 run_programs "$scratch" "$prefix"
 echo "The consumer works (pkg-config)."

@@ -14,10 +14,12 @@ run_pair() {
 
 # run_programs FOLDER PLACE: the programs work, with libraries that are in PLACE.
 run_programs() {
-    local folder=$1 place program library loaded output
+    local folder=$1 place program libraries library loaded output
     place=$(realpath "$2")
-    for program in host worker logging_host; do
-        for library in libnqSchedulerAPI.so.3.0 libnqSystem.so.3.0; do
+    for program in host worker logging_host pool_host; do
+        libraries=(libnqSchedulerAPI.so.3.0 libnqSystem.so.3.0)
+        [[ $program != pool_host ]] || libraries+=(libnqPool.so.0.1)
+        for library in "${libraries[@]}"; do
             loaded=$(ldd "$folder/$program" | sed -n "s/^\t$library => \(\/.*\) (0x[0-9a-f]*)\$/\1/p")
             [[ -n $loaded && $(realpath "$loaded") == "$place"/* ]] ||
                 fail "$program loads $library from '$loaded' instead of $place"
@@ -28,4 +30,8 @@ run_programs() {
     output=$("$folder/logging_host") || fail "the logging host ended with $?: $output"
     [[ $output == $'limits 1.5GB and 2m 5s\nhost log, level 3: Cannot start '*$'/no-such-worker: No such file or directory\n'"host log, level 3: Fail to startWorker, Process state is not 'running' (pid "* ]] ||
         fail "the logging host printed '$output'"
+
+    output=$("$folder/pool_host") || fail "the host with a pool ended with $?: $output"
+    [[ $output == $'pool stressed\nthread desserts' ]] ||
+        fail "the host with a pool printed '$output'"
 }

@@ -7,7 +7,7 @@ set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-set(CPACK_COMPONENTS_ALL nqSystem nqSchedulerAPI nqDevelopment)
+set(CPACK_COMPONENTS_ALL nqSystem nqSchedulerAPI nqPool nqDevelopment)
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
@@ -18,13 +18,17 @@ set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 # What a library needs, and what a package with a program needs that was linked to it.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/system/linux)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/system/linux
+                                                ${PROJECT_BINARY_DIR}/cmake/library)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_POST_BUILD_SCRIPTS ${CMAKE_CURRENT_SOURCE_DIR}/debian/ldconfig_trigger.cmake)
 
 set(soVersion ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
+get_target_property(poolSoVersion nqPool SOVERSION)
 set(sameVersion "(= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
+set(schedulerLibraries
+    "libnqschedulerapi${soVersion} ${sameVersion}, libnqsystem${soVersion} ${sameVersion}")
 
 set(CPACK_DEBIAN_NQSYSTEM_PACKAGE_NAME libnqsystem${soVersion})
 set(CPACK_DEBIAN_NQSYSTEM_PACKAGE_SECTION libs)
@@ -43,14 +47,22 @@ A host program pushes jobs, calls one function from its own loop, and pops
 results and failures. A worker process that crashes, hangs or uses too much
 memory costs the one job that it holds, and is replaced.")
 
+set(CPACK_DEBIAN_NQPOOL_PACKAGE_NAME libnqpool${poolSoVersion})
+set(CPACK_DEBIAN_NQPOOL_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_NQPOOL_PACKAGE_DEPENDS "${schedulerLibraries}")
+set(CPACK_COMPONENT_NQPOOL_DESCRIPTION
+    "runs jobs in worker processes, each to exactly one outcome
+Identities, callbacks and futures, retries, limits for each job and bounded
+queues on top of libnqschedulerapi${soVersion}. A program may be its own worker.")
+
 set(CPACK_DEBIAN_NQDEVELOPMENT_PACKAGE_NAME libnqschedulerapi-dev)
 set(CPACK_DEBIAN_NQDEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_NQDEVELOPMENT_PACKAGE_DEPENDS
-    "libnqschedulerapi${soVersion} ${sameVersion}, libnqsystem${soVersion} ${sameVersion}")
+    "${schedulerLibraries}, libnqpool${poolSoVersion} ${sameVersion}")
 set(CPACK_COMPONENT_NQDEVELOPMENT_DESCRIPTION
     "runs jobs in a pool of supervised worker processes (development files)
 Headers, and what CMake, pkg-config and the linker need to build hosts and
-workers with nqSchedulerAPI.")
+workers with nqSchedulerAPI and nqPool.")
 
 # Every Debian package carries these two. An installation by other means does not.
 execute_process(
