@@ -8,6 +8,7 @@ import unittest
 import drawings
 import links
 import log_texts
+import programs
 
 
 def folder_with(case, **files):
@@ -63,6 +64,34 @@ class LogTexts(unittest.TestCase):
         source = '#include "a b.h"\n// "c d"\nf("e f"); static_assert(x, "g h");\ny = "i";'
         (root / "worker" / "a.cpp").write_text(source)
         self.assertEqual([text for _, text in log_texts.literals(root)], ["e f", "i"])
+
+
+class Programs(unittest.TestCase):
+    PROGRAM = "int a;\nint b;\n"
+
+    def faults(self, page):
+        root = folder_with(self, a__cpp=self.PROGRAM, a__md=page)
+        return [fault.split(": ", 1)[1] for fault in programs.faults(root, root / "a.md")]
+
+    def page(self, mark, shown):
+        return f"x\n\n<!-- {mark} -->\n```cpp\n{shown}```\n"
+
+    def test_a_program_or_lines_of_one_pass(self):
+        self.assertEqual(self.faults(self.page("a.cpp", self.PROGRAM)), [])
+        self.assertEqual(self.faults(self.page("part of a.cpp", "int b;\n")), [])
+
+    def test_a_program_that_has_changed_is_found(self):
+        wrong = ["does not show a.cpp as it is"]
+        self.assertEqual(self.faults(self.page("a.cpp", "int a;\n")), wrong)
+        self.assertEqual(self.faults(self.page("part of a.cpp", "b;\n")), wrong)
+
+    def test_a_file_that_is_not_there_is_found(self):
+        wrong = ["does not show b.cpp as it is"]
+        self.assertEqual(self.faults(self.page("b.cpp", self.PROGRAM)), wrong)
+
+    def test_a_name_without_a_program_is_found(self):
+        wrong = ["a file is named without a block of C++ behind it"]
+        self.assertEqual(self.faults("<!-- a.cpp -->\n\nx\n"), wrong)
 
 
 class Drawings(unittest.TestCase):
