@@ -21,8 +21,12 @@ FENCE = re.compile(r"^ *(```|~~~)")
 HEADING = re.compile(r"^(#{1,6}) +(.+?) *$")
 LINK = re.compile(r"(?P<code>`+[^`]*`+)|(?P<image>!?)\[(?P<text>[^][]*)\]\((?P<target>[^()\s]+)\)")
 
-# A class of the interface, or a namespace of functions.
-DECLARATION = re.compile(r"^(?:class(?: \[\[.*\]\])? (\w+)(?: \{)?|namespace (\w+::\w+) \{)$", re.MULTILINE)
+# A class of the interface, or a namespace of functions: one that is described, or is inside another.
+DECLARATION = re.compile(
+    r"^(?:(?:class|struct)(?: NQ_API)? (\w+)(?: : .+)? \{"
+    r"|(?:/// .*\nnamespace (?=\w+ )|namespace (?=\w+::))([\w:]+) \{)$",
+    re.MULTILINE,
+)
 
 
 def slug_of(heading):

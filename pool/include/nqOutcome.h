@@ -31,7 +31,7 @@ struct NQ_API nqAttempt {
         Stopped = 10    ///< by nqPool::stop()
     };
 
-    Reason reason = Reason::None;
+    Reason reason = Reason::None; ///< why it was not done
 
     /// What the exception, the failed launch or the supervision had to say; often empty.
     std::string message;
@@ -70,8 +70,8 @@ struct NQ_API nqOutcome : nqAttempt {
         Cancelled = 2 ///< likewise; by nqPool::cancel() or nqPool::stop()
     };
 
-    nqJobId id = 0;
-    State state = State::Done;
+    nqJobId id = 0;            ///< as submit() has returned it
+    State state = State::Done; ///< what became of the job
 
     /// The result of a job that was done, otherwise the job itself. Empty after ResultLost.
     std::vector<char> bytes;

@@ -34,7 +34,10 @@ public:
 /// vector that is an rvalue, but only once the job is accepted.
 class NQ_API nqJobBytes {
 public:
-    nqJobBytes(std::vector<char>&& bytes);      // NOLINT(google-explicit-constructor): a parameter
+    /// Moves from them once the job is accepted.
+    nqJobBytes(std::vector<char>&& bytes); // NOLINT(google-explicit-constructor): a parameter
+
+    /// Copies them.
     nqJobBytes(const std::vector<char>& bytes); // NOLINT(google-explicit-constructor)
 
     /// Anything that converts to `std::string_view`.
@@ -186,6 +189,7 @@ public:
     /// Why no worker can be launched at the moment; empty when that is not so.
     std::string problem() const;
 
+    /// Counts, rates and times, as of now.
     nqPoolStatistics statistics() const;
 
     /// Each worker process. Reads each one's memory from the kernel.

@@ -33,7 +33,7 @@ struct nqJobOptions {
     std::optional<std::chrono::milliseconds> timeout; ///< of one attempt; 0: none
     /// The job fails once this has passed, waiting, running or between two attempts.
     std::optional<std::chrono::steady_clock::time_point> deadline;
-    std::optional<nqRetryPolicy> retry;
+    std::optional<nqRetryPolicy> retry; ///< of this job
 };
 
 /// What a pool is told once, when it is made. Limits of 0 are off.
@@ -94,7 +94,7 @@ struct nqPoolOptions {
     /// A worker that ends without having finished a job is replaced after a pause, which doubles
     /// each time, up to the longest. A job that was done ends the series.
     std::chrono::milliseconds restartPause{10};
-    std::chrono::milliseconds longestRestartPause{1'000};
+    std::chrono::milliseconds longestRestartPause{1'000}; ///< see restartPause
 
     /// So many launches in a row may fail, or give a worker that ends before it had a job, while no
     /// other worker lives. Then all waiting jobs fail with NoWorker; later ones wait for the next
@@ -113,12 +113,12 @@ struct nqPoolOptions {
     /// @name Jobs
     /// @{
 
-    nqRetryPolicy retry;
-    Order order = Order::Completion;
+    nqRetryPolicy retry;             ///< never again unless told otherwise
+    Order order = Order::Completion; ///< of the outcomes
 
     /// Jobs at most that have no outcome yet, or one that waits for its turn. 0: no bound.
     std::size_t maxPendingJobs = 0;
-    WhenFull whenFull = WhenFull::Pump;
+    WhenFull whenFull = WhenFull::Pump; ///< what submit() does then
 
     /// Runs jobs in this process, one for each pump, on the pumping thread, without workers and
     /// limits, for a debugger. Needs runAsWorker() in this program.
@@ -128,8 +128,8 @@ struct nqPoolOptions {
     /// @name What is kept and shown
     /// @{
 
-    StandardError standardError = StandardError::Capture;
-    std::size_t lastWords = 4096; ///< bytes of nqAttempt::lastWords at most
+    StandardError standardError = StandardError::Capture; ///< of the workers
+    std::size_t lastWords = 4096;                         ///< bytes of nqAttempt::lastWords at most
 
     /// Whether a worker's standard output is the host's; otherwise it goes to the null device.
     bool inheritStandardOutput = false;
@@ -139,7 +139,7 @@ struct nqPoolOptions {
     std::string keepFailedJobs;
     std::size_t keptFailedJobs = 100; ///< the newest so many; older ones are deleted
 
-    Log log = Log::Nowhere;
+    Log log = Log::Nowhere; ///< where the lines of the library go
 
     /// @}
 };

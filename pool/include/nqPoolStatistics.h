@@ -35,11 +35,12 @@ struct nqPoolStatistics {
     std::chrono::microseconds age{}; ///< since the pool was made
     double donePerSecond = 0;        ///< over the last ten seconds, or the pool's age
 
+    /// @name Run times
     /// Of the attempts that gave a result, within 7 % of the true value; 0 when there was none.
     /// @{
-    std::chrono::microseconds medianRunTime{};
-    std::chrono::microseconds p90RunTime{};
-    std::chrono::microseconds p99RunTime{};
+    std::chrono::microseconds medianRunTime{};  ///< of half of them at most
+    std::chrono::microseconds p90RunTime{};     ///< of 90 %
+    std::chrono::microseconds p99RunTime{};     ///< of 99 %
     std::chrono::microseconds longestRunTime{}; ///< exact
     /// @}
 };

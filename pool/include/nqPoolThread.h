@@ -48,11 +48,12 @@ public:
     /// outcome.
     void stop();
 
+    /// @name What it does now
     /// As nqPool's, as of the thread's last look, which comes when it has no jobs any more, and ten
     /// times a second while it has.
     /// @{
-    nqPoolStatistics statistics() const;
-    std::string problem() const;
+    nqPoolStatistics statistics() const; ///< counts, rates and times
+    std::string problem() const;         ///< why no worker can be launched; empty: nothing
     /// @}
 
 private:

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+/// What the libraries declare: the classes, and the functions that make a program a worker.
 namespace nq {
 
 /// What a worker does with one job: reads it, and appends to or replaces `result`, which is empty
