@@ -79,7 +79,10 @@ private:
         else if (choice < 980)
             take(milliseconds(mRandom.below(6)));
         else if (choice < 990)
-            mPool->drain([this](const nq::nqProgress&) { checkBound(); });
+            mPool->drain([this](const nq::nqProgress&) {
+                checkBound();
+                return true;
+            });
         else if (choice < 995)
             stop();
         else

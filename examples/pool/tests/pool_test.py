@@ -1,16 +1,13 @@
 """The programs of the pool's guide, as a user starts them."""
 
-import os
 import pathlib
-import signal
-import subprocess
 import sys
 import tempfile
 import unittest
 
 import example_run
 
-REVERSE, WORKER, FUTURES, LOOP, SEARCH = sys.argv[1:6]
+REVERSE, WORKER, FUTURES, LOOP = sys.argv[1:5]
 
 
 class Pool(unittest.TestCase):
@@ -54,38 +51,6 @@ class Pool(unittest.TestCase):
     def test_a_loop_of_its_own_answers_each_line(self):
         lines = self.ends_well(example_run.run([LOOP], b"one\n\nthree\n"))
         self.assertEqual(sorted(lines), ["", "eerht", "eno"])
-
-    def test_files_are_searched_in_their_order(self):
-        folder = self.folder()
-        files = [folder / str(number) for number in range(20)]
-        for number, file in enumerate(files):
-            file.write_text("hit\n" * number)
-        ended = example_run.run([SEARCH, "hit", *files], b"")
-        self.assertEqual(ended.returncode, 0)
-        self.assertEqual(ended.stderr, b"20 done, 0 failed, 0 cancelled, 0 attempts more\n")
-        wanted = [f"{file}: {number}" for number, file in enumerate(files)]
-        self.assertEqual(ended.stdout.decode().splitlines(), wanted)
-
-    def test_an_expression_that_overflows_the_stack_costs_its_file_alone(self):
-        folder = self.folder()
-        (folder / "long").write_text("a" * 1_000_000)
-        (folder / "short").write_text("ac")
-        ended = example_run.run([SEARCH, "(a|b)*c", folder / "long", folder / "short"], b"")
-        self.assertEqual(ended.stdout.decode(), f"{folder}/short: 1\n")
-        self.assertIn(b"in each of 3 attempts", ended.stderr)
-        self.assertIn(b"1 done, 1 failed, 0 cancelled, 2 attempts more\n", ended.stderr)
-        self.assertEqual(ended.returncode, 1)
-
-    def test_an_interrupted_search_hands_back_what_is_left(self):
-        fifo = self.folder() / "fifo"
-        os.mkfifo(fifo)
-        search = subprocess.Popen([SEARCH, "hit", fifo], stderr=subprocess.PIPE)
-        with open(fifo, "wb"):  # waits until the worker reads there
-            search.send_signal(signal.SIGINT)
-            _, errors = search.communicate(timeout=example_run.SECONDS)
-        self.assertIn(b"the job was stopped with its pool while it ran", errors)
-        self.assertIn(b"0 done, 0 failed, 1 cancelled, 0 attempts more\n", errors)
-        self.assertEqual(search.returncode, 1)
 
 
 if __name__ == "__main__":
