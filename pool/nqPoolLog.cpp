@@ -2,23 +2,50 @@
 
 #include "system/nqLog.h"
 
-#include <atomic>
+#include <map>
 #include <mutex>
 
 namespace nq {
 
 namespace {
 
-/// Writes to standard error, or nothing.
+using Log = nqPoolOptions::Log;
+
+/// Writes to each place that somebody wants, or nothing.
 class PoolLogger : public nqLog {
 public:
     void Write(LogEntry& entry, bool flush) override
     {
-        if (mShowing > 0)
-            nqLog::Write(entry, flush);
+        const std::lock_guard<std::mutex> lock(mMutex);
+        for (auto& [path, place] : mPlaces) {
+            LogEntry copy = entry; // a logger may change it
+            place.mLog->Write(copy, flush);
+        }
     }
 
-    std::atomic<int> mShowing{0}; // the guards that want to see the lines
+    void addPlace(const std::string& path)
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        Place& place = mPlaces[path];
+        if (place.mWanted++ == 0)
+            place.mLog = path.empty() ? std::make_unique<nqLog>() : std::make_unique<nqLog>(path);
+    }
+
+    void removePlace(const std::string& path)
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (--mPlaces[path].mWanted == 0)
+            mPlaces.erase(path);
+    }
+
+private:
+    struct Place {
+        std::unique_ptr<nqLog> mLog;
+        int mWanted = 0; // guards
+    };
+
+    std::mutex mMutex;
+    std::map<std::string, Place> mPlaces; // by path; empty: standard error
 };
 
 struct Shared {
@@ -36,14 +63,15 @@ Shared& shared()
 
 } // namespace
 
-nqPoolLog::nqPoolLog(nqPoolOptions::Log log)
-    : mIsShown(log == nqPoolOptions::Log::StandardError)
+nqPoolLog::nqPoolLog(const nqPoolOptions& options)
+    : mLog(options.log),
+      mPath(mLog == Log::File ? options.logFile : std::string())
 {
     Shared& all = shared();
     const std::lock_guard<std::mutex> lock(all.mMutex);
+    if (mLog != Log::Nowhere)
+        all.mLogger.addPlace(mPath);
     ++all.mGuards;
-    if (mIsShown)
-        ++all.mLogger.mShowing;
     if (nqLog::msInstance == nullptr)
         nqLog::msInstance = &all.mLogger;
 }
@@ -52,8 +80,8 @@ nqPoolLog::~nqPoolLog()
 {
     Shared& all = shared();
     const std::lock_guard<std::mutex> lock(all.mMutex);
-    if (mIsShown)
-        --all.mLogger.mShowing;
+    if (mLog != Log::Nowhere)
+        all.mLogger.removePlace(mPath);
     if (--all.mGuards == 0 && nqLog::msInstance == &all.mLogger)
         nqLog::msInstance = nullptr;
 }

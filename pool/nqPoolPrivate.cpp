@@ -21,6 +21,8 @@ using State = nqOutcome::State;
 constexpr std::chrono::milliseconds progressInterval{100};
 constexpr std::chrono::milliseconds noLimit{-1};
 
+constexpr std::size_t jobsHandedBackAtOnce = 1000;
+
 /// At a single worker, before the others and what it prints are looked at.
 constexpr std::chrono::milliseconds longestLook{20};
 
@@ -101,7 +103,7 @@ private:
 
 nqPoolPrivate::nqPoolPrivate(const nqPoolOptions& options)
     : mOptions(completed(options)),
-      mLog(mOptions.log),
+      mLog(mOptions),
       mProgram(mOptions),
       mFailedJobs(
           mOptions.keepFailedJobs,
@@ -182,6 +184,7 @@ std::size_t nqPoolPrivate::pump(Milliseconds timeout)
         sleep(untilDue(timeout));
         step();
     }
+    handBackSome();
     const std::size_t delivered = deliver();
     updateWakeUp();
     return delivered;
@@ -238,8 +241,8 @@ void nqPoolPrivate::step()
     enforceLimits(now);
     startWorkers(now);
     feed(now);
-    if (std::exchange(mHasGivenUp, false))
-        giveUpWaitingJobs();
+    if (std::exchange(mIsGivingUp, false))
+        giveUpOnWaitingJobs();
 }
 
 void nqPoolPrivate::dropExpired(TimePoint now)
@@ -347,14 +350,28 @@ void nqPoolPrivate::runInProcess(TimePoint now)
         finish(std::move(*job), std::move(attempt), std::move(result));
 }
 
-/// All that waits, when nobody is there who could ever take it.
-void nqPoolPrivate::giveUpWaitingJobs()
+/// All that waits now, when nobody is there who could ever take it.
+void nqPoolPrivate::giveUpOnWaitingJobs()
 {
     if (count(Phase::Idle) + count(Phase::Busy) + count(Phase::Initialising) != 0)
         return;
     mNextLaunch = nqPoolClock::now() + mOptions.longestRestartPause;
-    for (nqPoolJob& job : mQueue.removeAll())
-        finishWaiting(std::move(job), Reason::NoWorker, mProblem);
+    mHandBackUpTo = mLastId;
+    mHandBackMessage = mProblem;
+}
+
+/// Outcomes are many times as large as jobs that wait, so not all of a million are made at once.
+void nqPoolPrivate::handBackSome()
+{
+    const Reason reason = mIsStopped ? Reason::Stopped : Reason::NoWorker;
+    for (std::size_t i = 0; i < jobsHandedBackAtOnce; ++i) {
+        std::optional<nqPoolJob> job = mQueue.removeUpTo(mHandBackUpTo);
+        if (!job) {
+            mHandBackUpTo = 0;
+            return;
+        }
+        finishWaiting(std::move(*job), reason, mHandBackMessage);
+    }
 }
 
 void nqPoolPrivate::onJobEnded(
@@ -383,7 +400,7 @@ void nqPoolPrivate::onLaunchFailed(nqPoolSlot& slot, const std::string& text)
     mProblem = text;
     mNextLaunch = nqPoolClock::now() + pauseAfter(mFailedLaunches);
     slot.pauseUntil(mNextLaunch);
-    mHasGivenUp = mHasGivenUp || mFailedLaunches >= mOptions.launchAttempts;
+    mIsGivingUp = mIsGivingUp || mFailedLaunches >= mOptions.launchAttempts;
 }
 
 std::chrono::milliseconds nqPoolPrivate::pauseAfter(unsigned failures) const
@@ -568,8 +585,8 @@ void nqPoolPrivate::stop()
     requireOutsideCallback("stop()");
     if (!mIsStopped) {
         mIsStopped = true;
-        for (nqPoolJob& job : mQueue.removeAll())
-            finishWaiting(std::move(job), Reason::Stopped, {});
+        mHandBackUpTo = mLastId;
+        mHandBackMessage.clear();
         for (const auto& slot : mSlots) {
             if (slot->phase() == Phase::Busy)
                 slot->endJob(Reason::Stopped);
@@ -577,7 +594,9 @@ void nqPoolPrivate::stop()
         for (const auto& slot : mSlots)
             slot->stop();
     }
-    pump(Milliseconds(0));
+    do
+        pump(Milliseconds(0));
+    while (unfinishedCount() != 0 || mDelivery.isDue());
 }
 
 std::size_t nqPoolPrivate::unfinishedCount() const

@@ -64,7 +64,8 @@ private:
     void startWorkers(TimePoint now);
     void feed(TimePoint now);
     void runInProcess(TimePoint now);
-    void giveUpWaitingJobs();
+    void giveUpOnWaitingJobs();
+    void handBackSome();
 
     void sleep(Milliseconds timeout);
     nqPoolSlot* onlyOneAtWork() const;
@@ -101,7 +102,9 @@ private:
 
     unsigned mFailedLaunches = 0; ///< in a row
     TimePoint mNextLaunch;        ///< not before, after one that has failed
-    bool mHasGivenUp = false;     ///< on the jobs that wait; done by the next step
+    bool mIsGivingUp = false;     ///< on the jobs that wait, if no other worker is there
+    nqJobId mHandBackUpTo = 0;    ///< jobs that wait and have ids up to this one end
+    std::string mHandBackMessage;
     std::string mProblem;
 
     bool mStartsAll = false;

@@ -92,22 +92,16 @@ std::optional<nqPoolJob> nqPoolQueue::removeExpired(TimePoint now)
     return remove(mDeadlines.begin()->second);
 }
 
-std::vector<nqPoolJob> nqPoolQueue::removeAll()
+// What was tried before is older than what is new.
+std::optional<nqPoolJob> nqPoolQueue::removeUpTo(nqJobId last)
 {
-    std::vector<nqPoolJob> all;
-    all.reserve(size());
-    for (auto& [key, job] : mAgain)
-        all.push_back(std::move(job));
-    for (nqPoolJob& job : mNew) {
-        if (job.isGone == 0)
-            all.push_back(std::move(job));
-    }
-    const auto isOlder = [](const nqPoolJob& one, const nqPoolJob& other) {
-        return one.id < other.id;
-    };
-    std::sort(all.begin(), all.end(), isOlder);
-    *this = nqPoolQueue();
-    return all;
+    const auto isMeant = [&](const auto& again) { return again.second.id <= last; };
+    const auto again = std::find_if(mAgain.begin(), mAgain.end(), isMeant);
+    if (again != mAgain.end())
+        return remove(again->first.second);
+    if (!mNew.empty() && mNew.front().id <= last)
+        return removeNew(mNew.front().id);
+    return std::nullopt;
 }
 
 std::optional<nqPoolQueue::TimePoint> nqPoolQueue::nextDue() const

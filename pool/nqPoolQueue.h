@@ -9,7 +9,6 @@
 #include <set>
 #include <unordered_map>
 #include <utility>
-#include <vector>
 
 namespace nq {
 
@@ -36,8 +35,8 @@ public:
     /// One whose deadline has passed.
     std::optional<nqPoolJob> removeExpired(TimePoint now);
 
-    /// All, the oldest first.
-    std::vector<nqPoolJob> removeAll();
+    /// One of those with ids up to `last`, whether it is due or not.
+    std::optional<nqPoolJob> removeUpTo(nqJobId last);
 
     /// When removeExpired() or pop() will find what they do not find now.
     std::optional<TimePoint> nextDue() const;

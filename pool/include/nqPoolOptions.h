@@ -59,8 +59,9 @@ struct nqPoolOptions {
 
     /// Where the library's log lines go while the host has no nqLog of its own.
     enum class Log : std::int32_t {
-        Nowhere = 0,      ///< outcomes say the same
-        StandardError = 1 ///< of the host
+        Nowhere = 0,       ///< outcomes say the same
+        StandardError = 1, ///< of the host
+        File = 2           ///< logFile
     };
 
     /// @name Workers
@@ -140,6 +141,7 @@ struct nqPoolOptions {
     std::size_t keptFailedJobs = 100; ///< the newest so many; older ones are deleted
 
     Log log = Log::Nowhere; ///< where the lines of the library go
+    std::string logFile;    ///< lines are appended; if it cannot be opened, to standard error
 
     /// @}
 };

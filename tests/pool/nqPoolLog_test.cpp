@@ -14,6 +14,14 @@ using nq::nqLog;
 using nq::nqPoolLog;
 using Log = nq::nqPoolOptions::Log;
 
+nq::nqPoolOptions options(Log log)
+{
+    nq::nqPoolOptions made;
+    made.log = log;
+    made.logFile = "/var/log/pool.log";
+    return made;
+}
+
 class PoolLog : public testing::Test {
 protected:
     /// How many lines of those that the library logs now reach standard error.
@@ -31,39 +39,49 @@ protected:
 
 TEST_F(PoolLog, keepsLinesFromStandardOutput)
 {
-    const nqPoolLog guard(Log::Nowhere);
+    const nqPoolLog guard(options(Log::Nowhere));
     ASSERT_NE(nqLog::msInstance, nullptr);
     EXPECT_EQ(shownLines(), 0U);
 }
 
 TEST_F(PoolLog, sendsLinesToStandardErrorIfToldSo)
 {
-    const nqPoolLog guard(Log::StandardError);
+    const nqPoolLog guard(options(Log::StandardError));
     EXPECT_EQ(shownLines(), 1U);
 }
 
 TEST_F(PoolLog, showsLinesAsLongAsOneOfSeveralWantsThem)
 {
-    const nqPoolLog silent(Log::Nowhere);
+    const nqPoolLog silent(options(Log::Nowhere));
     {
-        const nqPoolLog shown(Log::StandardError);
+        const nqPoolLog shown(options(Log::StandardError));
         EXPECT_EQ(shownLines(), 1U);
     }
     EXPECT_EQ(shownLines(), 0U);
 }
 
+TEST_F(PoolLog, sendsLinesToEachPlaceOnce)
+{
+    const nqPoolLog file(options(Log::File));
+    EXPECT_EQ(shownLines(), 1U);
+    const nqPoolLog sameFile(options(Log::File));
+    EXPECT_EQ(shownLines(), 1U);
+    const nqPoolLog shown(options(Log::StandardError));
+    EXPECT_EQ(shownLines(), 2U);
+}
+
 TEST_F(PoolLog, leavesNoLoggerBehind)
 {
     {
-        const nqPoolLog guard(Log::Nowhere);
+        const nqPoolLog guard(options(Log::Nowhere));
     }
     EXPECT_EQ(nqLog::msInstance, nullptr);
 }
 
 TEST_F(PoolLog, staysInstalledUntilTheLastGuardGoes)
 {
-    std::optional<nqPoolLog> first(Log::Nowhere);
-    const nqPoolLog second(Log::Nowhere);
+    std::optional<nqPoolLog> first(options(Log::Nowhere));
+    const nqPoolLog second(options(Log::Nowhere));
     first.reset();
     EXPECT_NE(nqLog::msInstance, nullptr);
 }
@@ -71,9 +89,9 @@ TEST_F(PoolLog, staysInstalledUntilTheLastGuardGoes)
 TEST_F(PoolLog, canBeUsedAgainAfterTheLastGuard)
 {
     {
-        const nqPoolLog guard(Log::StandardError);
+        const nqPoolLog guard(options(Log::StandardError));
     }
-    const nqPoolLog guard(Log::Nowhere);
+    const nqPoolLog guard(options(Log::Nowhere));
     EXPECT_EQ(shownLines(), 0U);
 }
 
@@ -82,7 +100,7 @@ TEST_F(PoolLog, leavesTheHostsLoggerAlone)
     nqLog host;
     nqLog::msInstance = &host;
     {
-        const nqPoolLog guard(Log::Nowhere);
+        const nqPoolLog guard(options(Log::Nowhere));
         EXPECT_EQ(nqLog::msInstance, &host);
     }
     EXPECT_EQ(nqLog::msInstance, &host);
@@ -92,9 +110,9 @@ TEST_F(PoolLog, leavesALoggerAloneThatTheHostInstallsLater)
 {
     nqLog host;
     {
-        const nqPoolLog guard(Log::Nowhere);
+        const nqPoolLog guard(options(Log::Nowhere));
         nqLog::msInstance = &host;
-        const nqPoolLog another(Log::Nowhere);
+        const nqPoolLog another(options(Log::Nowhere));
         EXPECT_EQ(nqLog::msInstance, &host);
     }
     EXPECT_EQ(nqLog::msInstance, &host);
@@ -107,7 +125,7 @@ TEST_F(PoolLog, isSharedByThreads)
     for (int number = 0; number < 4; ++number) {
         threads.emplace_back([&missing] {
             for (int round = 0; round < 1'000; ++round) {
-                const nqPoolLog guard(Log::Nowhere);
+                const nqPoolLog guard(options(Log::Nowhere));
                 if (nqLog::msInstance == nullptr)
                     ++missing;
             }

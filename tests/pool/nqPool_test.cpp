@@ -696,6 +696,30 @@ TEST_F(Pool, tellsAllThatWaitWhenNoWorkerCanBeLaunched)
     EXPECT_EQ(outcomes[1].text(), "two");
 }
 
+TEST_F(Pool, handsManyJobsBackInPortions)
+{
+    options.launchAttempts = 1;
+    make();
+    for (int i = 0; i < 2500; ++i)
+        submit("job");
+    machine.server.connections = {scripted::Connection::timesOut};
+    EXPECT_EQ(pool->pump(0ms), 1000U);
+    EXPECT_EQ(pool->pump(0ms), 1000U);
+    EXPECT_EQ(pool->pump(0ms), 500U);
+    EXPECT_EQ(outcomes.size(), 2500U);
+}
+
+TEST_F(Pool, goesOnHandingJobsBackBehindACallbackThatThrowsInAStop)
+{
+    make();
+    pool->submit("one", [](nqOutcome&&) { throw std::runtime_error("thrown"); });
+    for (int i = 0; i < 1500; ++i)
+        submit("job");
+    EXPECT_THROW(pool->stop(), std::runtime_error);
+    pool->stop();
+    EXPECT_EQ(outcomes.size(), 1500U);
+}
+
 TEST_F(Pool, healsWhenWorkersCanBeLaunchedAgain)
 {
     options.launchAttempts = 1;
