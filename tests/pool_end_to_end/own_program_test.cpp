@@ -192,6 +192,18 @@ TEST_F(OwnProgram, tellsThatMemoryRanOutAndKeepsTheWorker)
     EXPECT_EQ(outcome.text(), "exhaust");
     EXPECT_EQ(ask(pool, "pid"), worker);
 }
+
+// Both the job twice and the result would be too much.
+TEST_F(OwnProgram, givesUpAHalfMadeResultForTheJobThatGoesBack)
+{
+    nqPoolOptions options = oneWorker();
+    options.allocationLimit = std::uint64_t{128} << 20;
+    nqPool pool(options);
+    const std::string job = "exhaust-beside-a-result " + std::string(std::size_t{40} << 20, 'x');
+    const nqOutcome outcome = outcomeOf(pool, job);
+    EXPECT_EQ(outcome.reason, Reason::Exception) << outcome.failureText();
+    EXPECT_TRUE(outcome.text() == job);
+}
 #endif
 
 TEST_F(OwnProgram, handsTheJobBackWhenTheWorkerCrashes)

@@ -21,6 +21,8 @@ namespace {
 
 unsigned objectsBuilt = 0;
 
+constexpr std::size_t largeResultBytes = std::size_t{60} << 20;
+
 std::string exhaustMemory(const std::string&)
 {
     constexpr std::size_t blockBytes = std::size_t{1} << 20;
@@ -88,18 +90,28 @@ TestWork::~TestWork()
         std::ofstream(path) << "left";
 }
 
-std::string TestWork::operator()(std::string_view job)
+void TestWork::operator()(std::string_view job, std::vector<char>& result)
 {
     ++mJobs;
     const std::size_t nameBytes = job.find(' ');
     const std::string_view name = job.substr(0, nameBytes);
+    if (name == "exhaust-beside-a-result") {
+        result.resize(largeResultBytes);
+        exhaustMemory({});
+    }
+    const bool hasArgument = nameBytes != std::string_view::npos;
+    const std::string text = run(name, std::string(hasArgument ? job.substr(nameBytes + 1) : ""));
+    result.assign(text.begin(), text.end());
+}
+
+std::string TestWork::run(std::string_view name, const std::string& argument)
+{
     if (name == "jobs")
         return std::to_string(mJobs);
     const auto command = commands().find(name);
     if (command == commands().end())
         throw std::invalid_argument("no such command: " + std::string(name));
-    return command->second(
-        nameBytes == std::string_view::npos ? "" : std::string(job.substr(nameBytes + 1)));
+    return command->second(argument);
 }
 
 std::string programFile(const std::string& path)

@@ -2,6 +2,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace pool_end_to_end {
 
@@ -13,9 +14,11 @@ public:
     TestWork(const TestWork&) = delete;
     TestWork& operator=(const TestWork&) = delete;
 
-    std::string operator()(std::string_view job);
+    void operator()(std::string_view job, std::vector<char>& result);
 
 private:
+    std::string run(std::string_view name, const std::string& argument);
+
     unsigned mJobs = 0;
 };
 
