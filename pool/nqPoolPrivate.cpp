@@ -180,8 +180,9 @@ std::size_t nqPoolPrivate::pump(Milliseconds timeout)
 {
     requireOutsideCallback("pump()");
     if (!mIsStopped) {
+        const std::uint64_t readyBefore = mCounts.launched;
         step();
-        sleep(untilDue(timeout));
+        sleep(mCounts.launched != readyBefore ? Milliseconds(0) : untilDue(timeout));
         step();
     }
     handBackSome();

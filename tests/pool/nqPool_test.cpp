@@ -62,6 +62,14 @@ TEST_F(Pool, launchesAllWorkersWhenItIsStarted)
     EXPECT_EQ(pool->statistics().alive, 3U);
 }
 
+TEST_F(Pool, doesNotSleepOnAWorkerThatHasJustBecomeReady)
+{
+    options.workers = 3;
+    make();
+    EXPECT_TRUE(pool->start());
+    EXPECT_EQ(sleepsWithoutLimit(), 0) << "nothing would ever end it";
+}
+
 TEST_F(Pool, tellsTheCallbackOfAResultWithTheJobsId)
 {
     make();

@@ -65,6 +65,12 @@ protected:
         machine.advance(time);
     }
 
+    static std::ptrdiff_t sleepsWithoutLimit()
+    {
+        const auto& sleeps = scripted::poolWait()->sleeps;
+        return std::count(sleeps.begin(), sleeps.end(), milliseconds(-1));
+    }
+
     void answer(std::size_t worker, const std::string& result)
     {
         machine.pipes.at(worker)->arrivals.push_back(frame(result));
