@@ -266,8 +266,7 @@ void nqPoolPrivate::enforceLimits(TimePoint now)
 void nqPoolPrivate::startWorkers(TimePoint now)
 {
     for (const auto& slot : mSlots) {
-        if (slot->phase() == Phase::Connected && !slot->isPaused(now) &&
-            (mFailedLaunches == 0 || (now >= mNextLaunch && count(Phase::Initialising) == 0)))
+        if (canInitialise(*slot, now))
             slot->initialise();
     }
     nqPoolSlot* const slot = findStartable(now);
@@ -278,11 +277,20 @@ void nqPoolPrivate::startWorkers(TimePoint now)
         slot->initialise();
 }
 
+bool nqPoolPrivate::mayTryLaunch(TimePoint now) const
+{
+    return mFailedLaunches == 0 || (now >= mNextLaunch && count(Phase::Initialising) == 0);
+}
+
+bool nqPoolPrivate::canInitialise(const nqPoolSlot& slot, TimePoint now) const
+{
+    return slot.phase() == Phase::Connected && !slot.isPaused(now) && mayTryLaunch(now);
+}
+
 /// A place without a worker, when one is wanted and may be launched now.
 nqPoolSlot* nqPoolPrivate::findStartable(TimePoint now)
 {
-    const bool isTrying = count(Phase::Initialising) != 0;
-    if (!isStartWanted() || (mFailedLaunches != 0 && (now < mNextLaunch || isTrying)))
+    if (!isStartWanted() || !mayTryLaunch(now))
         return nullptr;
     const auto isFree = [&](const auto& slot) {
         return slot->phase() == Phase::Down && !slot->isPaused(now);
@@ -488,16 +496,21 @@ bool nqPoolPrivate::isFull() const
 /// When a pump has something to do by itself; `now` or earlier: at once.
 std::optional<nqPoolPrivate::TimePoint> nqPoolPrivate::nextDue(TimePoint now)
 {
-    const bool isDue = mDelivery.isDue() || findStartable(now) != nullptr ||
-                       (mQueue.hasDue(now) && (mOptions.inProcess || count(Phase::Idle) != 0));
-    std::optional<TimePoint> due = mQueue.nextDue();
+    if (mDelivery.isDue())
+        return now;
+    if (mIsStopped)
+        return std::nullopt;
+    const auto isReady = [&](const auto& slot) { return canInitialise(*slot, now); };
+    if (findStartable(now) != nullptr || std::any_of(mSlots.begin(), mSlots.end(), isReady) ||
+        (mQueue.hasDue(now) && (mOptions.inProcess || count(Phase::Idle) != 0)))
+        return now;
+    std::optional<TimePoint> due = mQueue.nextDue(now);
     const auto consider = [&](const std::optional<TimePoint>& other) {
         if (other && (!due || *other < *due))
             due = other;
     };
-    if (isDue)
-        consider(now);
-    if (mFailedLaunches != 0 && isStartWanted())
+    if (mFailedLaunches != 0 && mNextLaunch > now &&
+        (isStartWanted() || count(Phase::Connected) != 0))
         consider(mNextLaunch);
     for (const auto& slot : mSlots)
         consider(slot->nextDue());

@@ -72,6 +72,8 @@ private:
     std::size_t deliver();
     bool isFull() const;
     bool isStartWanted() const;
+    bool mayTryLaunch(TimePoint now) const;
+    bool canInitialise(const nqPoolSlot& slot, TimePoint now) const;
     nqPoolSlot* findIdle(TimePoint now);
     nqPoolSlot* findStartable(TimePoint now);
     std::optional<TimePoint> nextDue(TimePoint now);

@@ -104,14 +104,15 @@ std::optional<nqPoolJob> nqPoolQueue::removeUpTo(nqJobId last)
     return std::nullopt;
 }
 
-std::optional<nqPoolQueue::TimePoint> nqPoolQueue::nextDue() const
+std::optional<nqPoolQueue::TimePoint> nqPoolQueue::nextDue(TimePoint now) const
 {
     std::optional<TimePoint> due;
     if (!mDeadlines.empty())
         due = mDeadlines.begin()->first;
-    if (!mAgain.empty())
-        due = due ? std::min(*due, mAgain.begin()->first.first) : mAgain.begin()->first.first;
-    return due;
+    if (mAgain.empty() || mAgain.begin()->first.first <= now)
+        return due;
+    const TimePoint again = mAgain.begin()->first.first;
+    return due ? std::min(*due, again) : again;
 }
 
 std::size_t nqPoolQueue::size() const

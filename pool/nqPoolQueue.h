@@ -38,8 +38,9 @@ public:
     /// One of those with ids up to `last`, whether it is due or not.
     std::optional<nqPoolJob> removeUpTo(nqJobId last);
 
-    /// When removeExpired() or pop() will find what they do not find now.
-    std::optional<TimePoint> nextDue() const;
+    /// When removeExpired() finds something, or pop() will find what it does not find now: what is
+    /// due already waits for a worker, and not for a time.
+    std::optional<TimePoint> nextDue(TimePoint now) const;
 
     std::size_t size() const;
 

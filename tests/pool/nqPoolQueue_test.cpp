@@ -98,7 +98,7 @@ TEST_F(PoolQueue, givesAnotherAttemptBeforeNewJobsOnceItIsDue)
     queue.pushAgain(std::move(*tried), at(10));
     EXPECT_EQ(queue.pop(at(9))->id, 2U);
     EXPECT_FALSE(queue.hasDue(at(9)));
-    EXPECT_EQ(queue.nextDue(), at(10));
+    EXPECT_EQ(queue.nextDue(at(0)), at(10));
     EXPECT_TRUE(queue.hasDue(at(10)));
     EXPECT_EQ(queue.pop(at(10))->id, 1U);
 }
@@ -117,13 +117,13 @@ TEST_F(PoolQueue, findsWhatHasExpiredAtItsDeadlineAndNotBefore)
     queue.push(job(1));
     queue.push(jobWithDeadline(2, at(20)));
     queue.push(jobWithDeadline(3, at(10)));
-    EXPECT_EQ(queue.nextDue(), at(10));
+    EXPECT_EQ(queue.nextDue(at(0)), at(10));
     EXPECT_FALSE(queue.removeExpired(at(9)));
     EXPECT_EQ(queue.removeExpired(at(10))->id, 3U);
-    EXPECT_EQ(queue.nextDue(), at(20));
+    EXPECT_EQ(queue.nextDue(at(0)), at(20));
     EXPECT_EQ(queue.removeExpired(at(99))->id, 2U);
     EXPECT_FALSE(queue.removeExpired(at(99)));
-    EXPECT_EQ(queue.nextDue(), std::nullopt);
+    EXPECT_EQ(queue.nextDue(at(0)), std::nullopt);
     EXPECT_EQ(popAll(at(99)), Ids{1});
 }
 
@@ -141,7 +141,7 @@ TEST_F(PoolQueue, forgetsTheDeadlineOfAJobThatIsGone)
 TEST_F(PoolQueue, expiresAJobThatWaitsForAnotherAttempt)
 {
     queue.pushAgain(jobWithDeadline(1, at(5)), at(10));
-    EXPECT_EQ(queue.nextDue(), at(5));
+    EXPECT_EQ(queue.nextDue(at(0)), at(5));
     EXPECT_EQ(queue.removeExpired(at(5))->id, 1U);
     EXPECT_EQ(queue.size(), 0U);
 }

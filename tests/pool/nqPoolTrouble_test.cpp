@@ -1,0 +1,156 @@
+// What happens at a bad moment.
+#include "pool/include/nqPool.h"
+
+#include "pool/nqEnvelope.h"
+#include "pool/nqWorkerStart.h"
+#include "tests/pool/poolFixture.h"
+
+#include <filesystem>
+#include <limits>
+#include <stdexcept>
+
+namespace {
+
+using namespace std::chrono_literals;
+using nq::nqJobId;
+using nq::nqOutcome;
+using nq::nqPoolOptions;
+using support::frame;
+using support::milliseconds;
+using support::PoolFixture;
+using support::Reason;
+using support::State;
+
+std::string text(const std::vector<char>& bytes)
+{
+    return {bytes.begin(), bytes.end()};
+}
+
+class TroubledPool : public PoolFixture {
+protected:
+    /// Of a host that waits for nothing but the descriptor.
+    void makeForALoop()
+    {
+        make();
+        pool->waitDescriptor();
+    }
+
+    /// Whether the descriptor would be readable by itself.
+    static bool isAwake()
+    {
+        const auto& time = scripted::poolWait()->wakeAt;
+        return time && *time <= nq::nqPoolClock::now();
+    }
+
+    /// What the pool and the worker of that launch say to each other.
+    nq::nqEnvelope envelope(std::size_t process) const
+    {
+        std::vector<std::string> texts = machine.processes.at(process)->arguments;
+        texts.insert(texts.begin(), "worker");
+        std::vector<char*> arguments;
+        for (std::string& each : texts)
+            arguments.push_back(each.data());
+        const auto start =
+            nq::nqWorkerStart::read(static_cast<int>(arguments.size()), arguments.data());
+        return nq::nqEnvelope(start.value().tag);
+    }
+
+    /// For all of its workers.
+    std::string initialisation() const
+    {
+        return text(frame(envelope(0).initialise()));
+    }
+
+    void initialise(std::size_t worker)
+    {
+        answer(worker, text(envelope(0).initialised()));
+    }
+
+    /// The worker is gone, and nobody has noticed yet.
+    void dieUnnoticed(std::size_t worker)
+    {
+        nq::nqProcess::End end;
+        end.mSignal = 9;
+        endWorker(worker, end);
+    }
+};
+
+// A host with a loop of its own.
+
+TEST_F(TroubledPool, doesNotWakeForAnotherAttemptWhileAllWorkersAreBusy)
+{
+    options.retry.attempts = 2;
+    options.retry.pause = 10ms;
+    makeForALoop();
+    submit("bad");
+    submit("long");
+    pump();
+    crash(0);
+    pump();
+    EXPECT_EQ(received(1), text(frame("long")));
+    advance(10ms);
+    pump(2);
+    EXPECT_FALSE(isAwake());
+    answer(1, "result");
+    EXPECT_EQ(received(1), text(frame("long")) + text(frame("bad")));
+}
+
+TEST_F(TroubledPool, doesNotWakeForALaunchWhileAnotherWorkerTries)
+{
+    options.plainWorker = false;
+    options.workers = 2;
+    options.restartPause = 10ms;
+    makeForALoop();
+    machine.server.connections = {scripted::Connection::timesOut};
+    for (int i = 0; i < 3; ++i)
+        submit("job");
+    pump();
+    advance(10ms);
+    pump(2);
+    EXPECT_EQ(received(0), initialisation());
+    advance(10ms);
+    pump(2);
+    EXPECT_FALSE(isAwake());
+}
+
+TEST_F(TroubledPool, doesNotWakeForThePauseOfAWorkerOnceItHasStopped)
+{
+    options.restartPause = 10ms;
+    makeForALoop();
+    submit("bad");
+    pump();
+    crash(0);
+    pool->stop();
+    advance(10ms);
+    pump();
+    EXPECT_FALSE(isAwake());
+}
+
+// Workers that end at the wrong moment.
+
+TEST_F(TroubledPool, wakesForAJobAfterItHasGivenUpOnWorkersThatCannotBeInitialised)
+{
+    options.plainWorker = false;
+    options.launchAttempts = 3;
+    options.restartPause = 10ms;
+    makeForALoop();
+    submit("lost");
+    pump();
+    for (std::size_t worker = 0; worker < 3; ++worker) {
+        advance(100ms); // longer than each of the pauses
+        pump();
+        EXPECT_EQ(received(worker), initialisation());
+        crash(worker);
+    }
+    ASSERT_EQ(outcomes.size(), 1U);
+    EXPECT_EQ(outcomes.front().reason, Reason::NoWorker);
+    advance(100ms);
+    pump();
+    submit("waits");
+    pump();
+    const auto& wakeAt = scripted::poolWait()->wakeAt;
+    ASSERT_NE(wakeAt, std::nullopt);
+    EXPECT_EQ(*wakeAt, nq::nqPoolClock::now() + options.longestRestartPause - 100ms);
+}
+
+} // namespace
