@@ -179,16 +179,21 @@ bool nqPoolPrivate::cancel(nqJobId id)
 std::size_t nqPoolPrivate::pump(Milliseconds timeout)
 {
     requireOutsideCallback("pump()");
-    if (!mIsStopped) {
-        const std::uint64_t readyBefore = mCounts.launched;
-        step();
-        sleep(mCounts.launched != readyBefore ? Milliseconds(0) : untilDue(timeout));
-        step();
+    try {
+        if (!mIsStopped) {
+            const std::uint64_t readyBefore = mCounts.launched;
+            step();
+            sleep(mCounts.launched != readyBefore ? Milliseconds(0) : untilDue(timeout));
+            step();
+        }
+        handBackSome();
+        const std::size_t delivered = deliver();
+        updateWakeUp();
+        return delivered;
+    } catch (...) { // of a callback, or for lack of memory: the rest is still due
+        updateWakeUp();
+        throw;
     }
-    handBackSome();
-    const std::size_t delivered = deliver();
-    updateWakeUp();
-    return delivered;
 }
 
 /// The scheduler's own wait, where one is enough, saves half of the system calls for a small job.

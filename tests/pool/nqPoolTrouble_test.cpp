@@ -126,6 +126,21 @@ TEST_F(TroubledPool, doesNotWakeForThePauseOfAWorkerOnceItHasStopped)
     EXPECT_FALSE(isAwake());
 }
 
+TEST_F(TroubledPool, wakesForTheOutcomesBehindACallbackThatThrows)
+{
+    makeForALoop();
+    submit("runs");
+    pump();
+    const nqJobId second = pool->submit("two", [](nqOutcome&&) { throw std::runtime_error("no"); });
+    const nqJobId third = submit("three");
+    pool->cancel(second);
+    pool->cancel(third);
+    machine.steadyTime += 1ms; // nothing is due any more by what was noted for cancel()
+    scripted::poolWait()->wakeAt.reset();
+    EXPECT_THROW(pump(), std::runtime_error);
+    EXPECT_TRUE(isAwake());
+}
+
 // Workers that end at the wrong moment.
 
 TEST_F(TroubledPool, wakesForAJobAfterItHasGivenUpOnWorkersThatCannotBeInitialised)
