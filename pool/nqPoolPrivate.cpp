@@ -534,8 +534,11 @@ nqPoolPrivate::Milliseconds nqPoolPrivate::untilDue(Milliseconds timeout)
 
 void nqPoolPrivate::updateWakeUp()
 {
-    if (mIsWaitedFor && !mIsInCallback)
-        mWait.wakeAt(nextDue(nqPoolClock::now()));
+    if (!mIsWaitedFor || mIsInCallback)
+        return;
+    for (const auto& slot : mSlots)
+        slot->watch();
+    mWait.wakeAt(nextDue(nqPoolClock::now()));
 }
 
 int nqPoolPrivate::waitDescriptor()

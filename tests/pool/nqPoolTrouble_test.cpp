@@ -141,6 +141,28 @@ TEST_F(TroubledPool, wakesForTheOutcomesBehindACallbackThatThrows)
     EXPECT_TRUE(isAwake());
 }
 
+TEST_F(TroubledPool, watchesAWorkerThatWasLaunchedAtTheEndOfAPump)
+{
+    options.workers = 2;
+    options.standardError = nqPoolOptions::StandardError::NullDevice;
+    makeForALoop();
+    submit("one");
+    submit("two");
+    pump();
+    EXPECT_EQ(launches(), 2U);
+    EXPECT_EQ(scripted::poolWait()->watched.size(), 2U);
+}
+
+TEST_F(TroubledPool, watchesWorkersThatWereBusyBeforeTheDescriptorWasAskedFor)
+{
+    options.standardError = nqPoolOptions::StandardError::NullDevice;
+    make();
+    submit("one");
+    pump();
+    pool->waitDescriptor();
+    EXPECT_EQ(scripted::poolWait()->watched.size(), 1U);
+}
+
 // Workers that end at the wrong moment.
 
 TEST_F(TroubledPool, wakesForAJobAfterItHasGivenUpOnWorkersThatCannotBeInitialised)
