@@ -22,7 +22,7 @@ public:
     std::chrono::microseconds longest() const;
 
 private:
-    static constexpr std::size_t bucketCount = 8 * 61; // for all times that microseconds can hold
+    static constexpr std::size_t bucketCount = 488; // 8 of each power that a time can have
 
     std::array<std::uint64_t, bucketCount> mCounts{};
     std::uint64_t mTotal = 0;

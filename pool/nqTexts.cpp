@@ -46,16 +46,17 @@ twoUnits(std::int64_t number, std::int64_t divisor, const char* greater, const c
 
 std::string sizeText(std::uint64_t bytes)
 {
-    if (bytes < 1024)
+    constexpr std::uint64_t step = 1024;
+    if (bytes < step)
         return std::to_string(bytes) + " B";
     constexpr std::array<const char*, 6> units{" KB", " MB", " GB", " TB", " PB", " EB"};
     std::size_t unit = 0;
-    while (bytes >= 1024 * 1024) {
-        bytes /= 1024;
+    while (bytes >= step * step) {
+        bytes /= step;
         ++unit;
     }
-    const std::uint64_t whole = bytes / 1024;
-    const std::uint64_t tenths = whole < 100 ? bytes * 10 / 1024 : whole * 10;
+    const std::uint64_t whole = bytes / step;
+    const std::uint64_t tenths = whole < 100 ? bytes * 10 / step : whole * 10;
     return tenthsText(tenths) + units[unit];
 }
 

@@ -37,6 +37,8 @@ struct nqJobOptions {
 };
 
 /// What a pool is told once, when it is made. Limits of 0 are off.
+// In the order in which it is read.
+// NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding)
 struct nqPoolOptions {
     /// In which order outcomes are delivered.
     enum class Order : std::int32_t {

@@ -121,9 +121,9 @@ TEST_F(PoolLog, leavesALoggerAloneThatTheHostInstallsLater)
 TEST_F(PoolLog, isSharedByThreads)
 {
     std::atomic<int> missing{0};
-    std::vector<std::thread> threads;
-    for (int number = 0; number < 4; ++number) {
-        threads.emplace_back([&missing] {
+    std::vector<std::thread> threads(4);
+    for (std::thread& thread : threads) {
+        thread = std::thread([&missing] {
             for (int round = 0; round < 1'000; ++round) {
                 const nqPoolLog guard(options(Log::Nowhere));
                 if (nqLog::msInstance == nullptr)
