@@ -501,7 +501,7 @@ bool nqPoolPrivate::isFull() const
 /// When a pump has something to do by itself; `now` or earlier: at once.
 std::optional<nqPoolPrivate::TimePoint> nqPoolPrivate::nextDue(TimePoint now)
 {
-    if (mDelivery.isDue())
+    if (mDelivery.isDue() || mHandBackUpTo != 0)
         return now;
     if (mIsStopped)
         return std::nullopt;

@@ -711,7 +711,9 @@ TEST_F(Pool, handsManyJobsBackInPortions)
     for (int i = 0; i < 2500; ++i)
         submit("job");
     machine.server.connections = {scripted::Connection::timesOut};
+    pool->waitDescriptor();
     EXPECT_EQ(pool->pump(0ms), 1000U);
+    EXPECT_EQ(scripted::poolWait()->wakeAt, nq::nqPoolClock::now());
     EXPECT_EQ(pool->pump(0ms), 1000U);
     EXPECT_EQ(pool->pump(0ms), 500U);
     EXPECT_EQ(outcomes.size(), 2500U);
