@@ -76,7 +76,8 @@ TEST_F(SchedulerWaiting, triesAgainWhenThereWasNoDescriptor)
     machine.waitSetFails = true;
     EXPECT_EQ(scheduler->waitDescriptor(), -1);
     start(1);
-    EXPECT_EQ(scheduler->waitDescriptor(), machine.waitSets.at(1)->descriptor);
+    const int descriptor = scheduler->waitDescriptor();
+    EXPECT_EQ(descriptor, machine.waitSets.at(1)->descriptor);
     EXPECT_EQ(pipe(0).reportsTo, machine.waitSets.at(1).get());
 }
 
