@@ -261,6 +261,10 @@ public:
     /// Drops the jobs that no worker has taken yet. They are reported nowhere.
     void clearPendingJobs();
 
+    /// Takes back the oldest of them instead: moves it into `job`. False, and `job` untouched, when
+    /// there is none.
+    bool takePendingJob(std::vector<char>& job);
+
     /// @}
     /// @name Workers, as far as the last pump has seen
     /// @{

@@ -96,7 +96,7 @@ struct nqSchedulerEvent {
 /// @par Promises
 /// Counting from a moment when the scheduler held no job, result or failure:
 /// - The n-th JobHandedOut is the n-th job that was pushed, not counting empty jobs and those that
-///   clearPendingJobs() dropped.
+///   clearPendingJobs() dropped or takePendingJob() took back.
 /// - The n-th ResultComplete is the n-th pop(), the n-th JobFailed the n-th popFail().
 /// - Between two JobHandedOut of one pid lies exactly one ResultComplete, ResultLost or JobFailed
 ///   of that pid.
@@ -108,10 +108,10 @@ struct nqSchedulerEvent {
 /// once for each job.
 ///
 /// @par Calls from an observer
-/// push(), pop(), popFail(), clearPendingJobs() and everything that only asks may be called.
-/// Whatever starts, stops, pumps, kills or heals does nothing there and returns at once, as is said
-/// in nqScheduler of calls from a logger; so does setObserver(). Destroying the scheduler there
-/// ends the process.
+/// push(), pop(), popFail(), clearPendingJobs(), takePendingJob() and everything that only asks may
+/// be called. Whatever starts, stops, pumps, kills or heals does nothing there and returns at once,
+/// as is said in nqScheduler of calls from a logger; so does setObserver(). Destroying the
+/// scheduler there ends the process.
 class NQ_API nqSchedulerObserver {
 public:
     nqSchedulerObserver(const nqSchedulerObserver&) = delete;

@@ -65,6 +65,11 @@ void nqJobQueues::clearPendingJobs()
     mPendingJobs.clear();
 }
 
+bool nqJobQueues::takeBack(std::vector<char>& job)
+{
+    return moveFrontInto(mPendingJobs, job);
+}
+
 unsigned long nqJobQueues::jobCount() const
 {
     return mPendingJobs.size() + static_cast<unsigned long>(mJobsInProgress);

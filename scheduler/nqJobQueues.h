@@ -25,6 +25,7 @@ public:
     bool pop(std::vector<char>& result);
     bool popFail(std::vector<char>& job, nqScheduler::FailReason& reason, std::string& message);
     void clearPendingJobs();
+    bool takeBack(std::vector<char>& job);
 
     unsigned long jobCount() const;
     unsigned long resultCount() const;

@@ -175,6 +175,13 @@ void nqScheduler::clearPendingJobs()
     mPrivate->updateReadiness();
 }
 
+bool nqScheduler::takePendingJob(std::vector<char>& job)
+{
+    const bool isThere = mPrivate->mQueues->takeBack(job);
+    mPrivate->updateReadiness();
+    return isThere;
+}
+
 namespace {
 
 /// None while the pump destroys it: a logger may ask at that very moment.

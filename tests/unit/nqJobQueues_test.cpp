@@ -350,4 +350,28 @@ TEST(JobQueues, keepEverythingButPendingJobsWhenTheseAreCleared)
     EXPECT_EQ(queues.failCount(), 1U);
 }
 
+TEST(JobQueues, takeBackTheOldestJobThatIsPending)
+{
+    nqJobQueues queues;
+    for (const char* job : {"a", "b", "c"})
+        queues.push(bytes(job));
+    take(queues);
+    Bytes job;
+    EXPECT_TRUE(queues.takeBack(job));
+    EXPECT_EQ(job, bytes("b"));
+    EXPECT_EQ(queues.pendingJobCount(), 1U);
+    EXPECT_EQ(queues.jobCount(), 2U);
+}
+
+TEST(JobQueues, takeNoJobBackThatIsInProgress)
+{
+    nqJobQueues queues;
+    queues.push(bytes("a"));
+    take(queues);
+    Bytes job = bytes("untouched");
+    EXPECT_FALSE(queues.takeBack(job));
+    EXPECT_EQ(job, bytes("untouched"));
+    EXPECT_EQ(queues.jobCount(), 1U);
+}
+
 } // namespace

@@ -183,6 +183,15 @@ TEST_F(SchedulerWaiting, hasNoWorkOnceTheJobsAreCleared)
     EXPECT_FALSE(hasWork());
 }
 
+TEST_F(SchedulerWaiting, hasNoWorkOnceTheJobsAreTakenBack)
+{
+    startWaitedFor(1);
+    scheduler->push(bytes("job"));
+    Bytes job;
+    EXPECT_TRUE(scheduler->takePendingJob(job));
+    EXPECT_FALSE(hasWork());
+}
+
 TEST_F(SchedulerWaiting, hasWorkWithAJobThatWasPushedBeforeTheStart)
 {
     scheduler->waitDescriptor();
