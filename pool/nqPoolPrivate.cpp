@@ -400,6 +400,14 @@ void nqPoolPrivate::onJobEnded(
         finish(std::move(job), std::move(attempt), std::move(bytes));
 }
 
+void nqPoolPrivate::onJobReturned(nqPoolJob&& job)
+{
+    --mRunning;
+    if (job.details != nullptr && !job.details->earlierAttempts.empty())
+        --mCounts.retried;
+    mQueue.pushAgain(std::move(job), nqPoolClock::now());
+}
+
 void nqPoolPrivate::onWorkerReady(nqPoolSlot&)
 {
     ++mCounts.launched;

@@ -54,6 +54,7 @@ public:
 private:
     void onJobEnded(
         nqPoolSlot& slot, nqPoolJob&& job, nqAttempt&& attempt, std::vector<char>&& bytes) override;
+    void onJobReturned(nqPoolJob&& job) override;
     void onWorkerReady(nqPoolSlot& slot) override;
     void onLaunchFailed(nqPoolSlot& slot, const std::string& text) override;
 

@@ -348,8 +348,9 @@ void nqPoolSlot::settleEnd()
     const Phase before = mPhase;
     const nqAttempt ended = describeAttempt(Reason::Exited);
     enter(Phase::Down);
-    const bool hadNoJob = before == Phase::Connected || before == Phase::Initialising ||
-                          (before == Phase::Idle && mJobsDone == 0);
+    const bool wasIdle = takeBackUnsent() || before == Phase::Idle;
+    const bool hadNoJob =
+        before == Phase::Connected || before == Phase::Initialising || (wasIdle && mJobsDone == 0);
     if (!hadNoJob)
         return;
     const char* const when =
@@ -361,6 +362,22 @@ void nqPoolSlot::settleEnd()
 void nqPoolSlot::endInitialisation(const std::string& text)
 {
     mShared.owner.onLaunchFailed(*this, text);
+}
+
+// A worker that was gone already has left what it was to be sent to its replacement, for which it
+// is not meant. True when that was a job.
+bool nqPoolSlot::takeBackUnsent()
+{
+    std::vector<char> bytes;
+    if (!mScheduler.takePendingJob(bytes) || !mJob)
+        return false;
+    if (mShared.envelope != nullptr)
+        mShared.envelope->unwrapJob(bytes);
+    nqPoolJob job = std::move(*mJob);
+    mJob.reset();
+    job.bytes = std::move(bytes);
+    mShared.owner.onJobReturned(std::move(job));
+    return true;
 }
 
 void nqPoolSlot::settleLaunch()

@@ -33,6 +33,9 @@ public:
     virtual void onJobEnded(
         nqPoolSlot& slot, nqPoolJob&& job, nqAttempt&& attempt, std::vector<char>&& bytes) = 0;
 
+    /// The worker was gone before it could be given the job, which nobody has tried therefore.
+    virtual void onJobReturned(nqPoolJob&& job) = 0;
+
     /// A worker has been launched and is initialised.
     virtual void onWorkerReady(nqPoolSlot& slot) = 0;
 
@@ -157,6 +160,7 @@ private:
     void settleBusyAnswer(std::vector<char>&& answer);
     void settleFailure();
     void settleEnd();
+    bool takeBackUnsent();
     void settleLaunch();
     void settleFailedLaunch();
     void finishJob(Phase next, nqAttempt&& attempt, std::vector<char>&& bytes);

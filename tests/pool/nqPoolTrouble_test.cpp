@@ -165,6 +165,85 @@ TEST_F(TroubledPool, watchesWorkersThatWereBusyBeforeTheDescriptorWasAskedFor)
 
 // Workers that end at the wrong moment.
 
+TEST_F(TroubledPool, runsAJobOnAnotherWorkerWhenItsOwnIsGoneBeforeItGetsIt)
+{
+    make();
+    submit("one");
+    pump();
+    answer(0, "1");
+    dieUnnoticed(0);
+    submit("two");
+    pump(3);
+    EXPECT_EQ(received(1), text(frame("two")));
+    answer(1, "2");
+    ASSERT_EQ(outcomes.size(), 2U);
+    EXPECT_EQ(outcomes.back().text(), "2");
+    EXPECT_TRUE(outcomes.back().earlierAttempts.empty());
+    EXPECT_EQ(pool->unfinishedCount(), 0U);
+}
+
+TEST_F(TroubledPool, initialisesTheReplacementBeforeItGetsAJobThatNobodyHadYet)
+{
+    options.plainWorker = false;
+    make();
+    submit("one");
+    pump();
+    initialise(0);
+    answer(0, "1");
+    dieUnnoticed(0);
+    submit("two");
+    pump(3);
+    EXPECT_EQ(received(1), initialisation());
+    initialise(1);
+    EXPECT_EQ(received(1), initialisation() + text(frame("two")));
+    answer(1, "2");
+    ASSERT_EQ(outcomes.size(), 2U);
+    EXPECT_EQ(outcomes.back().text(), "2");
+}
+
+TEST_F(TroubledPool, handsAJobBackThatNoWorkerCouldBeGiven)
+{
+    options.launchAttempts = 1;
+    make();
+    submit("one");
+    pump();
+    answer(0, "1");
+    dieUnnoticed(0);
+    machine.server.connections = {scripted::Connection::timesOut};
+    submit("two");
+    pump(2);
+    ASSERT_EQ(outcomes.size(), 2U);
+    EXPECT_EQ(outcomes.back().reason, Reason::NoWorker);
+    EXPECT_EQ(outcomes.back().text(), "two");
+}
+
+TEST_F(TroubledPool, asksNobodyElseToLeaveInTheNameOfAWorkerThatIsGone)
+{
+    options.plainWorker = false;
+    options.recycleAfterJobs = 1;
+    make();
+    submit("one");
+    pump();
+    initialise(0);
+    answer(0, "1");
+    dieUnnoticed(0);
+    submit("two");
+    pump(3);
+    EXPECT_EQ(received(1), initialisation());
+}
+
+TEST_F(TroubledPool, initialisesAReplacementOnce)
+{
+    options.plainWorker = false;
+    options.launchAttempts = 9;
+    make();
+    submit("one");
+    machine.planPipe().onEvents = [](scripted::Pipe& pipe) { pipe.lose(); };
+    pump(3);
+    initialise(1);
+    EXPECT_EQ(received(1), initialisation() + text(frame("one")));
+}
+
 TEST_F(TroubledPool, wakesForAJobAfterItHasGivenUpOnWorkersThatCannotBeInitialised)
 {
     options.plainWorker = false;
