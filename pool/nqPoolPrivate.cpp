@@ -411,6 +411,10 @@ void nqPoolPrivate::onJobReturned(nqPoolJob&& job)
 void nqPoolPrivate::onWorkerReady(nqPoolSlot&)
 {
     ++mCounts.launched;
+}
+
+void nqPoolPrivate::onLaunchProven()
+{
     mFailedLaunches = 0;
     mProblem.clear();
 }

@@ -56,6 +56,7 @@ private:
         nqPoolSlot& slot, nqPoolJob&& job, nqAttempt&& attempt, std::vector<char>&& bytes) override;
     void onJobReturned(nqPoolJob&& job) override;
     void onWorkerReady(nqPoolSlot& slot) override;
+    void onLaunchProven() override;
     void onLaunchFailed(nqPoolSlot& slot, const std::string& text) override;
 
     // What is due, in the order in which a step does it.

@@ -213,6 +213,7 @@ void nqPoolSlot::onEvent(const nqSchedulerEvent& event) noexcept
             mNews.end->peakMemory = event.mLargestReading;
         break;
     case Kind::JobHandedOut:
+        mNews.hasJob = true;
         break;
     }
 }
@@ -220,6 +221,8 @@ void nqPoolSlot::onEvent(const nqSchedulerEvent& event) noexcept
 // One worker and one job at most: whatever was told in one pump happened in this order.
 void nqPoolSlot::settle()
 {
+    if (mNews.hasJob && mShared.envelope == nullptr && mJobsDone == 0)
+        mShared.owner.onLaunchProven();
     if (mNews.hasAnswer || mNews.isAnswerLost)
         settleAnswer();
     if (mNews.hasFailed)
@@ -245,6 +248,7 @@ void nqPoolSlot::settleAnswer()
         if (kind == nqEnvelope::Answer::Initialised) {
             enter(Phase::Idle);
             mShared.owner.onWorkerReady(*this);
+            mShared.owner.onLaunchProven();
         } else {
             enter(Phase::Leaving);
             kill();

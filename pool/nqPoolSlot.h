@@ -36,8 +36,11 @@ public:
     /// The worker was gone before it could be given the job, which nobody has tried therefore.
     virtual void onJobReturned(nqPoolJob&& job) = 0;
 
-    /// A worker has been launched and is initialised.
+    /// A worker has been launched and can take a job.
     virtual void onWorkerReady(nqPoolSlot& slot) = 0;
+
+    /// One has been launched well: it is initialised, or, if it is a plain one, has its first job.
+    virtual void onLaunchProven() = 0;
 
     /// A launch has given no worker that could take a job.
     virtual void onLaunchFailed(nqPoolSlot& slot, const std::string& text) = 0;
@@ -144,6 +147,7 @@ private:
 
     /// What the scheduler has told during one pump.
     struct News {
+        bool hasJob = false;
         bool hasAnswer = false;
         bool isAnswerLost = false;
         bool hasFailed = false;

@@ -244,6 +244,22 @@ TEST_F(TroubledPool, initialisesAReplacementOnce)
     EXPECT_EQ(received(1), initialisation() + text(frame("one")));
 }
 
+TEST_F(TroubledPool, givesUpOnPlainWorkersThatEndBeforeTheyGetAJob)
+{
+    options.launchAttempts = 3;
+    make();
+    for (int i = 0; i < 10; ++i)
+        machine.planPipe().onEvents = [](scripted::Pipe& pipe) { pipe.lose(); };
+    submit("job");
+    for (int i = 0; i < 10 && outcomes.empty(); ++i) {
+        pump();
+        advance(1s);
+    }
+    ASSERT_EQ(outcomes.size(), 1U);
+    EXPECT_EQ(outcomes.back().reason, Reason::NoWorker);
+    EXPECT_EQ(outcomes.back().text(), "job");
+}
+
 TEST_F(TroubledPool, wakesForAJobAfterItHasGivenUpOnWorkersThatCannotBeInitialised)
 {
     options.plainWorker = false;
