@@ -214,6 +214,7 @@ void nqPoolSlot::onEvent(const nqSchedulerEvent& event) noexcept
         break;
     case Kind::JobHandedOut:
         mNews.hasJob = true;
+        mIsOutOfStep = mIsOutOfStep || event.mUnreadBytes != 0;
         break;
     }
 }
@@ -273,6 +274,13 @@ void nqPoolSlot::settleBusyAnswer(std::vector<char>&& answer)
 {
     ++mJobsDone;
     mBarren = 0;
+    if (mIsOutOfStep) {
+        endJob(Reason::ResultLost);
+        nqAttempt attempt = describeAttempt(Reason::ResultLost);
+        attempt.message = "the worker had sent more than one answer to the job before";
+        finishJob(Phase::Leaving, std::move(attempt), {});
+        return;
+    }
     if (mNews.isAnswerLost) {
         finishJob(Phase::Idle, describeAttempt(Reason::ResultLost), {});
         return;
@@ -388,6 +396,7 @@ void nqPoolSlot::settleLaunch()
 {
     mPid = *mNews.launched;
     mJobsDone = 0;
+    mIsOutOfStep = false;
     takeStandardError();
     enter(Phase::Connected);
     mLaunched = mSince;

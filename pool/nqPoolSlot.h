@@ -191,6 +191,7 @@ private:
     TimePoint mSince;                                       ///< the phase began
     TimePoint mLaunched;                                    ///< the worker
     std::uint64_t mJobsDone = 0;
+    bool mIsOutOfStep = false; ///< the worker: its answers no longer tell which job they belong to
     std::optional<TimePoint> mKillAt;                        ///< what it does must be over by then
     nqAttempt::Reason mKillReason = nqAttempt::Reason::None; ///< of a job
     std::optional<TimePoint> mLookAt;                        ///< at the memory of the worker

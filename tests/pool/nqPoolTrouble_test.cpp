@@ -285,4 +285,18 @@ TEST_F(TroubledPool, wakesForAJobAfterItHasGivenUpOnWorkersThatCannotBeInitialis
     EXPECT_EQ(*wakeAt, nq::nqPoolClock::now() + options.longestRestartPause - 100ms);
 }
 
+TEST_F(TroubledPool, doesNotTakeAnAnswerOfTheJobBeforeForThatOfTheNextOne)
+{
+    make();
+    submit("one");
+    pump();
+    answer(0, "1");
+    machine.pipes.at(0)->incoming = frame("1 again");
+    submit("two");
+    pump(2);
+    ASSERT_EQ(outcomes.size(), 2U);
+    EXPECT_EQ(outcomes.back().reason, Reason::ResultLost);
+    EXPECT_TRUE(isKilled(0));
+}
+
 } // namespace
