@@ -470,6 +470,8 @@ void nqPoolSlot::recycle()
 void nqPoolSlot::stop()
 {
     unwatch();
+    if (mPhase == Phase::Busy)
+        endJob(Reason::Stopped);
     mScheduler.clearPendingJobs();
     killAll();
     while (mScheduler.jobCount() != 0) {
@@ -479,7 +481,8 @@ void nqPoolSlot::stop()
     killAll();
     mScheduler.stopScheduler();
     mNews = News();
-    mPhase = Phase::Down;
+    enter(Phase::Down);
+    mPausedUntil.reset();
 }
 
 void nqPoolSlot::pauseUntil(TimePoint time)

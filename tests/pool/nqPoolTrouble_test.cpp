@@ -299,4 +299,19 @@ TEST_F(TroubledPool, doesNotTakeAnAnswerOfTheJobBeforeForThatOfTheNextOne)
     EXPECT_TRUE(isKilled(0));
 }
 
+// The end of the pool.
+
+TEST_F(TroubledPool, keepsNoJobThatFailsOnlyBecauseThePoolIsDestroyed)
+{
+    const std::string folder = testing::TempDir() + "nqPoolTrouble_kept";
+    std::filesystem::remove_all(folder);
+    options.keepFailedJobs = folder;
+    make();
+    submit("job");
+    pump();
+    pool.reset();
+    EXPECT_TRUE(std::filesystem::is_empty(folder));
+    std::filesystem::remove_all(folder);
+}
+
 } // namespace
