@@ -174,7 +174,7 @@ void nqPoolSlot::pumpAndWait(std::chrono::milliseconds timeout)
 {
     mScheduler.processScheduler(static_cast<int>(timeout.count()));
     pump();
-    if (mPhase == Phase::Busy)
+    if (isAtWork())
         readStandardError();
 }
 

@@ -25,6 +25,7 @@ using nq::nqPool;
 using nq::nqPoolOptions;
 using pool_end_to_end::failingVariable;
 using pool_end_to_end::farewellVariable;
+using pool_end_to_end::printedVariable;
 
 using Reason = nq::nqAttempt::Reason;
 using State = nqOutcome::State;
@@ -262,6 +263,16 @@ TEST_F(OwnProgram, tellsWhyItsObjectCannotBeBuilt)
         outcome.message.find("the worker cannot be initialised: the dictionary is missing"),
         std::string::npos)
         << outcome.message;
+}
+
+TEST_F(OwnProgram, printsAsMuchAsItLikesWhileItsObjectIsBuilt)
+{
+    const Variable talkative(printedVariable, std::string(100'000, 'x')); // more than a pipe holds
+    nqPoolOptions options = oneWorker();
+    options.launchAttempts = 1;
+    options.initialisationTimeout = std::chrono::seconds(10);
+    nqPool pool(options);
+    EXPECT_EQ(ask(pool, "echo hello"), "hello");
 }
 
 TEST_F(OwnProgram, runsJobsInTheHostItselfWhenAsked)

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iostream>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -79,6 +80,8 @@ const std::map<std::string, Command, std::less<>>& commands()
 
 TestWork::TestWork()
 {
+    if (const char* text = std::getenv(printedVariable))
+        std::cerr << text << std::endl;
     if (const char* text = std::getenv(failingVariable))
         throw std::runtime_error(text);
     ++objectsBuilt;

@@ -24,6 +24,7 @@ private:
 
 /// Environment variables that a worker's TestWork looks at.
 constexpr const char* failingVariable = "NQ_TEST_WORK_FAILS";     // text of its exception
+constexpr const char* printedVariable = "NQ_TEST_WORK_PRINTS";    // it prints that at first
 constexpr const char* farewellVariable = "NQ_TEST_WORK_FAREWELL"; // file that it writes at its end
 
 /// Which file a process runs, however it is called: its device and inode.
