@@ -1,11 +1,11 @@
 #include "pool/nqPoolPrivate.h"
 
+#include "pool/nqExceptionText.h"
 #include "pool/nqPoolRefusals.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <exception>
 #include <iostream>
 #include <thread>
 #include <utility>
@@ -351,12 +351,13 @@ void nqPoolPrivate::runInProcess(TimePoint now)
         return;
     nqAttempt attempt;
     std::vector<char> result;
-    try {
+    const auto text = exceptionOf([&] {
         const InCallback inside(mIsInCallback); // the function may know the pool
         mOwnWork({job->bytes.data(), job->bytes.size()}, result);
-    } catch (const std::exception& exception) {
+    });
+    if (text) {
         attempt.reason = Reason::Exception;
-        attempt.message = exception.what();
+        attempt.message = *text;
         result = std::move(job->bytes);
     }
     attempt.ran = inMicroseconds(nqPoolClock::now() - now);

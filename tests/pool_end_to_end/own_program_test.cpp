@@ -285,6 +285,16 @@ TEST_F(OwnProgram, runsJobsInTheHostItselfWhenAsked)
     EXPECT_EQ(outcomeOf(pool, "throw no such page").message, "no such page");
 }
 
+TEST_F(OwnProgram, reportsWhateverAJobThrowsInTheHostItself)
+{
+    nqPoolOptions options;
+    options.inProcess = true;
+    nqPool pool(options);
+    const nqOutcome outcome = outcomeOf(pool, "throw-a-number");
+    EXPECT_EQ(outcome.message, "an exception of type int, which is no std::exception");
+    EXPECT_EQ(outcome.text(), "throw-a-number");
+}
+
 TEST_F(WorkerProgram, takesTwoLines)
 {
     nqPool pool(oneWorker(twoLineWorker));
