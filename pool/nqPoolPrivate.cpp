@@ -42,10 +42,13 @@ std::chrono::milliseconds growing(
     double growth,
     std::size_t steps)
 {
+    if (first.count() == 0)
+        return first; // times a growth that is infinite after a thousand steps, it would be none
     const double grown =
         static_cast<double>(first.count()) * std::pow(growth, static_cast<double>(steps));
-    const double limit = static_cast<double>(longest.count());
-    return std::chrono::milliseconds(static_cast<std::int64_t>(std::min(grown, limit)));
+    if (!(grown < static_cast<double>(longest.count())))
+        return longest;
+    return std::chrono::milliseconds(static_cast<std::int64_t>(grown));
 }
 
 State stateFor(Reason reason)
@@ -370,7 +373,7 @@ void nqPoolPrivate::giveUpOnWaitingJobs()
 {
     if (count(Phase::Idle) + count(Phase::Busy) + count(Phase::Initialising) != 0)
         return;
-    mNextLaunch = nqPoolClock::now() + mOptions.longestRestartPause;
+    mNextLaunch = nqPoolClock::later(nqPoolClock::now(), mOptions.longestRestartPause);
     mHandBackUpTo = mLastId;
     mHandBackMessage = mProblem;
 }
@@ -396,7 +399,7 @@ void nqPoolPrivate::onJobEnded(
     if (attempt.reason == Reason::None)
         mRunTimes.add(attempt.ran);
     else if (slot.barrenWorkers() != 0)
-        slot.pauseUntil(nqPoolClock::now() + pauseAfter(slot.barrenWorkers()));
+        slot.pauseUntil(nqPoolClock::later(nqPoolClock::now(), pauseAfter(slot.barrenWorkers())));
     if (attempt.reason == Reason::None || !tryAgain(job, attempt, bytes))
         finish(std::move(job), std::move(attempt), std::move(bytes));
 }
@@ -425,7 +428,7 @@ void nqPoolPrivate::onLaunchFailed(nqPoolSlot& slot, const std::string& text)
     ++mCounts.launchesFailed;
     ++mFailedLaunches;
     mProblem = text;
-    mNextLaunch = nqPoolClock::now() + pauseAfter(mFailedLaunches);
+    mNextLaunch = nqPoolClock::later(nqPoolClock::now(), pauseAfter(mFailedLaunches));
     slot.pauseUntil(mNextLaunch);
     mIsGivingUp = mIsGivingUp || mFailedLaunches >= mOptions.launchAttempts;
 }
@@ -454,7 +457,7 @@ bool nqPoolPrivate::tryAgain(nqPoolJob& job, nqAttempt& attempt, std::vector<cha
     details.earlierAttempts.push_back(std::move(attempt));
     job.bytes = std::move(bytes);
     const auto pause = growing(policy.pause, policy.longestPause, policy.growth, made - 1);
-    mQueue.pushAgain(std::move(job), now + pause);
+    mQueue.pushAgain(std::move(job), nqPoolClock::later(now, pause));
     return true;
 }
 
@@ -564,7 +567,7 @@ int nqPoolPrivate::waitDescriptor()
 std::optional<nqOutcome> nqPoolPrivate::next(Milliseconds timeout)
 {
     requireOutsideCallback("next()");
-    const TimePoint end = nqPoolClock::now() + timeout;
+    const TimePoint end = nqPoolClock::later(nqPoolClock::now(), timeout);
     for (;;) {
         std::optional<nqOutcome> outcome = mDelivery.take();
         if (outcome || (unfinishedCount() == 0 && !mDelivery.isDue()))

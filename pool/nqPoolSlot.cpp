@@ -1,6 +1,7 @@
 #include "pool/nqPoolSlot.h"
 
 #include <algorithm>
+#include <climits>
 #include <system_error>
 #include <utility>
 
@@ -99,8 +100,8 @@ void nqPoolSlot::launch()
 {
     mScheduler.stopScheduler();
     configure();
-    const auto timeout = static_cast<int>(mShared.options.connectionTimeout.count());
-    if (!mScheduler.startScheduler(1, timeout) && !mNews.hasLaunchFailed) {
+    const auto timeout = std::min<std::int64_t>(mShared.options.connectionTimeout.count(), INT_MAX);
+    if (!mScheduler.startScheduler(1, static_cast<int>(timeout)) && !mNews.hasLaunchFailed) {
         mNews.hasLaunchFailed = true;
         mNews.launchFailure = "cannot listen for " + mShared.program.path();
     }
@@ -127,7 +128,7 @@ void nqPoolSlot::initialise()
     }
     enter(Phase::Initialising);
     if (mShared.options.initialisationTimeout.count() > 0)
-        mKillAt = mSince + mShared.options.initialisationTimeout;
+        mKillAt = nqPoolClock::later(mSince, mShared.options.initialisationTimeout);
     send(mShared.envelope->initialise());
 }
 
@@ -138,7 +139,7 @@ void nqPoolSlot::run(nqPoolJob&& job)
     const auto timeout = own != nullptr ? own->timeout.value_or(mShared.options.jobTimeout)
                                         : mShared.options.jobTimeout;
     if (timeout.count() > 0) {
-        mKillAt = mSince + timeout;
+        mKillAt = nqPoolClock::later(mSince, timeout);
         mKillReason = Reason::Timeout;
     }
     if (own != nullptr && own->deadline && (!mKillAt || *own->deadline < *mKillAt)) {
@@ -539,7 +540,8 @@ bool nqPoolSlot::isDueForRecycling(TimePoint now) const
 {
     const nqPoolOptions& options = mShared.options;
     return (options.recycleAfterJobs != 0 && mJobsDone >= options.recycleAfterJobs) ||
-           (options.recycleAfter.count() > 0 && now >= mLaunched + options.recycleAfter);
+           (options.recycleAfter.count() > 0 &&
+            now >= nqPoolClock::later(mLaunched, options.recycleAfter));
 }
 
 unsigned nqPoolSlot::barrenWorkers() const

@@ -6,7 +6,6 @@
 #include "tests/pool/poolFixture.h"
 
 #include <filesystem>
-#include <limits>
 #include <stdexcept>
 
 namespace {
@@ -312,6 +311,33 @@ TEST_F(TroubledPool, keepsNoJobThatFailsOnlyBecauseThePoolIsDestroyed)
     pool.reset();
     EXPECT_TRUE(std::filesystem::is_empty(folder));
     std::filesystem::remove_all(folder);
+}
+
+// Extreme options.
+
+TEST_F(TroubledPool, takesTheLongestTimeForNoLimit)
+{
+    options.jobTimeout = milliseconds::max();
+    options.recycleAfter = milliseconds::max();
+    make();
+    submit("job");
+    submit("next");
+    pump(2);
+    EXPECT_FALSE(isKilled(0));
+    answer(0, "1");
+    EXPECT_FALSE(isKilled(0));
+}
+
+TEST_F(TroubledPool, waitsTheLongestTimeForAnOutcome)
+{
+    make();
+    pool->submit("job");
+    pump();
+    machine.onSelect = [&] {
+        machine.pipes.at(0)->arrivals.push_back(frame("1"));
+        return 1;
+    };
+    EXPECT_TRUE(pool->next(milliseconds::max()));
 }
 
 } // namespace
