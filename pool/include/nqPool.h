@@ -125,9 +125,9 @@ public:
     /// @{
 
     /// Accepts a job and returns its id. `callback` is told its outcome; without one, next()
-    /// returns it. 0, and the job's bytes stay with the caller, when the pool is full and may not
-    /// pump: see nqPoolOptions::WhenFull. Throws nqPoolError for an empty job to plain workers, and
-    /// after stop().
+    /// returns it. 0, and the job's bytes stay with the caller, after stop(), and when the pool is
+    /// full and may not pump: see nqPoolOptions::WhenFull. Throws nqPoolError for an empty job to
+    /// plain workers.
     nqJobId submit(nqJobBytes job, Callback callback = {});
 
     /// The same with options of its own.
