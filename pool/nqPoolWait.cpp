@@ -6,7 +6,9 @@
 #include <array>
 #include <climits>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/timerfd.h>
+#include <utility>
 
 namespace nq {
 
@@ -25,9 +27,14 @@ int control(int set, int operation, int descriptor, void* owner)
 } // namespace
 
 struct nqPoolWait::Private {
+    void setReady(bool isReady);
+    void setTimer(const std::optional<TimePoint>& time);
+
     nqPoolDescriptor mSet{::epoll_create1(EPOLL_CLOEXEC)};
     nqPoolDescriptor mTimer{::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)};
-    std::optional<TimePoint> mWakeAt;
+    nqPoolDescriptor mAlwaysReadable{::eventfd(1, EFD_CLOEXEC)}; // in the set while mIsReady
+    bool mIsReady = false;
+    std::optional<TimePoint> mTimerSetTo;
     std::array<epoll_event, eventsOfOneSleep> mEvents{};
     std::vector<void*> mOwners;
 };
@@ -74,20 +81,40 @@ int nqPoolWait::descriptor() const
     return mPrivate->mSet.get();
 }
 
+// To set a timer costs more than all else that a small job needs of the kernel, most of all one
+// that goes off at once. So what is due now has a descriptor of its own, and a timer that is going
+// to go off too early is left alone: that costs one look for many jobs.
 void nqPoolWait::wakeAt(const std::optional<TimePoint>& time)
 {
-    if (mPrivate->mWakeAt == time)
+    const TimePoint now = nqPoolClock::now();
+    const bool isDue = time && *time <= now;
+    mPrivate->setReady(isDue);
+    const bool isWanted = time && !isDue;
+    const std::optional<TimePoint>& set = mPrivate->mTimerSetTo;
+    const bool isEarlyEnough = set && *set > now && (!isWanted || *set <= *time);
+    if (isDue || isEarlyEnough || (!isWanted && !set))
         return;
-    mPrivate->mWakeAt = time;
-    itimerspec setting{};
+    mPrivate->setTimer(time);
+}
+
+void nqPoolWait::Private::setReady(bool isReady)
+{
+    if (std::exchange(mIsReady, isReady) == isReady)
+        return;
+    control(mSet.get(), isReady ? EPOLL_CTL_ADD : EPOLL_CTL_DEL, mAlwaysReadable.get(), nullptr);
+}
+
+void nqPoolWait::Private::setTimer(const std::optional<TimePoint>& time)
+{
+    mTimerSetTo = time;
+    itimerspec setting{}; // of zero: none
     if (time) {
-        // A time of zero would disarm it.
-        const auto since = std::max(time->time_since_epoch(), TimePoint::duration(1));
+        const auto since = time->time_since_epoch();
         const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since);
         setting.it_value.tv_sec = seconds.count();
         setting.it_value.tv_nsec = std::chrono::nanoseconds(since - seconds).count();
     }
-    ::timerfd_settime(mPrivate->mTimer.get(), TFD_TIMER_ABSTIME, &setting, nullptr);
+    ::timerfd_settime(mTimer.get(), TFD_TIMER_ABSTIME, &setting, nullptr);
 }
 
 } // namespace nq

@@ -35,7 +35,8 @@ public:
     /// Readable while something is, and from wakeAt() on.
     int descriptor() const;
 
-    /// When the descriptor becomes readable by itself; empty: never.
+    /// When the descriptor becomes readable by itself; empty: never. It may be earlier by a former
+    /// time: whoever wakes up says again what is due.
     void wakeAt(const std::optional<TimePoint>& time);
 
 private:
