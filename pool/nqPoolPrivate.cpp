@@ -554,10 +554,17 @@ void nqPoolPrivate::updateWakeUp()
         return;
     for (const auto& slot : mSlots)
         slot->watch();
-    mWait.wakeAt(nextDue(nqPoolClock::now()));
+    if (mUsesTimer)
+        mWait.wakeAt(nextDue(nqPoolClock::now()));
 }
 
 int nqPoolPrivate::waitDescriptor()
+{
+    mUsesTimer = true;
+    return workersDescriptor();
+}
+
+int nqPoolPrivate::workersDescriptor()
 {
     mIsWaitedFor = true;
     updateWakeUp();

@@ -6,9 +6,12 @@
 #include "pool/include/nqPoolThread.h"
 
 #include "pool/nqPoolDescriptor.h"
+#include "pool/nqPoolPrivate.h"
 #include "pool/nqPoolRefusals.h"
 
+#include <algorithm>
 #include <chrono>
+#include <climits>
 #include <condition_variable>
 #include <csignal>
 #include <cstdint>
@@ -28,7 +31,7 @@ namespace nq {
 
 namespace {
 
-/// How old statistics may become while jobs run.
+/// How old statistics may become that nobody has waited for: a look costs more than a round.
 constexpr std::chrono::milliseconds lookInterval{100};
 
 /// Before the next try when there was no memory: others may give some back.
@@ -123,8 +126,8 @@ struct nqPoolThread::Private {
 
     const nqPoolOptions mOptions; // of the host
     const pid_t mOwner = ::getpid();
-    nqPool mPool;
-    const int mPoolNews = mPool.waitDescriptor();
+    nqPoolPrivate mPool;
+    const int mPoolNews = mPool.workersDescriptor();
     const nqPoolDescriptor mNews; // an eventfd
 
     mutable std::mutex mMutex; // guards what follows, up to mHasStopped
@@ -136,7 +139,9 @@ struct nqPoolThread::Private {
     nqJobId mOldest = 1;         // every job before this one has its outcome
     std::size_t mUnfinished = 0; // jobs
     std::size_t mWaitForRoom = 0;
-    bool mIsAsleep = false; // the thread, until somebody has woken it
+    std::uint64_t mLooksAsked = 0;
+    std::uint64_t mLooksTaken = 0; // of those
+    bool mIsAsleep = false;        // the thread, until somebody has woken it
     bool mIsStopping = false;
     nqPoolStatistics mStatistics;
     std::string mProblem;
@@ -146,7 +151,9 @@ struct nqPoolThread::Private {
     Jobs mJobs; // that the pool has
     std::vector<nqJobId> mToCancel;
     nqJobId mLastTaken = 0;
+    std::uint64_t mLookToTake = 0;
     TimePoint mLastLook;
+    bool mHasOldLook = false; // something may have happened since
 
     std::thread mThread; // the last one: it uses the others
 };
@@ -221,6 +228,10 @@ void nqPoolThread::Private::drain()
     std::unique_lock<std::mutex> lock(mMutex);
     const nqJobId last = mLastId;
     mProgress.wait(lock, [&] { return mOldest > last || mHasStopped; });
+    const std::uint64_t look = ++mLooksAsked;
+    wakeUp(lock);
+    lock.lock();
+    mProgress.wait(lock, [&] { return mLooksTaken >= look || mHasStopped; });
 }
 
 void nqPoolThread::Private::stop()
@@ -269,6 +280,7 @@ bool nqPoolThread::Private::takeInbox()
         if (mToCancel.empty())
             mToCancel.swap(mAskedToCancel);
         isStopping = mIsStopping;
+        mLookToTake = mLooksAsked;
     }
     accept(jobs);
     return !isStopping;
@@ -280,13 +292,13 @@ void nqPoolThread::Private::accept(Jobs& jobs)
     while (!jobs.empty()) {
         const auto job = mJobs.insert(mJobs.end(), jobs.extract(jobs.begin()));
         mLastTaken = job->first;
-        const auto callback = [this, job](nqOutcome&& outcome) { finish(job, std::move(outcome)); };
         Job& its = job->second;
         its.inInbox = now - its.submitted;
+        nqJobBytes bytes(std::move(its.bytes));
         try {
-            its.idInPool = its.options == nullptr
-                               ? mPool.submit(std::move(its.bytes), callback)
-                               : mPool.submit(std::move(its.bytes), *its.options, callback);
+            its.idInPool = mPool.submit(bytes, its.options.get(), [this, job](nqOutcome&& outcome) {
+                finish(job, std::move(outcome));
+            });
             its.options.reset();
         } catch (const std::exception&) { // no memory for its entry
             finish(
@@ -326,6 +338,7 @@ void nqPoolThread::Private::endAll()
 {
     try {
         mPool.stop();
+        mLastLook = TimePoint(); // the last one is due
         publish();
     } catch (const std::exception&) {
     }
@@ -342,7 +355,7 @@ void nqPoolThread::Private::endAll()
 bool nqPoolThread::Private::publish()
 {
     const TimePoint now = std::chrono::steady_clock::now();
-    const bool isLookDue = mJobs.empty() || now >= mLastLook + lookInterval;
+    const bool isLookDue = mLookToTake != mLooksTaken || now >= mLastLook + lookInterval;
     nqPoolStatistics statistics;
     std::string problem;
     if (isLookDue) {
@@ -354,18 +367,22 @@ bool nqPoolThread::Private::publish()
     if (isLookDue) {
         mStatistics = statistics;
         mProblem.swap(problem);
+        mLooksTaken = mLookToTake;
     }
     mOldest = mJobs.empty() ? mLastTaken + 1 : mJobs.begin()->first;
     mProgress.notify_all();
-    mIsAsleep = mInbox.empty() && mAskedToCancel.empty() && !mIsStopping;
+    mHasOldLook = !isLookDue;
+    mIsAsleep =
+        mInbox.empty() && mAskedToCancel.empty() && mLooksAsked == mLookToTake && !mIsStopping;
     return mIsAsleep;
 }
 
 void nqPoolThread::Private::sleep()
 {
     pollfd news[] = {{mNews.get(), POLLIN, 0}, {mPoolNews, POLLIN, 0}};
-    const int limit = mJobs.empty() ? -1 : static_cast<int>(lookInterval.count());
-    ::poll(news, std::size(news), limit);
+    const bool isLookDue = mHasOldLook || !mJobs.empty();
+    const auto limit = mPool.untilDue(isLookDue ? lookInterval : std::chrono::milliseconds(-1));
+    ::poll(news, std::size(news), static_cast<int>(std::min<std::int64_t>(limit.count(), INT_MAX)));
     eventfd_t unused = 0;
     if (news[0].revents != 0)
         ::eventfd_read(mNews.get(), &unused);
