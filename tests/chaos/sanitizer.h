@@ -10,8 +10,14 @@ constexpr bool isUnderAddressSanitizer = true;
 constexpr bool isUnderAddressSanitizer = false;
 #endif
 
+#ifdef __SANITIZE_THREAD__
+constexpr bool isUnderThreadSanitizer = true;
+#else
+constexpr bool isUnderThreadSanitizer = false;
+#endif
+
 /// How many times as long a worker takes to launch: the sanitizer sets up its memory first. Plans
 /// have so many times fewer jobs and disturbances then, and tell the same story in the same time.
-constexpr std::uint32_t slowness = isUnderAddressSanitizer ? 8 : 1;
+constexpr std::uint32_t slowness = isUnderAddressSanitizer || isUnderThreadSanitizer ? 8 : 1;
 
 } // namespace chaos

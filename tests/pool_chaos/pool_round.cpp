@@ -1,3 +1,4 @@
+#include "tests/chaos/sanitizer.h"
 #include "tests/chaos/violation.h"
 #include "tests/pool_chaos/ledger.h"
 
@@ -44,7 +45,7 @@ public:
 
     void play()
     {
-        const std::size_t wanted = 20 + mRandom.below(130);
+        const std::size_t wanted = (20 + mRandom.below(130)) / chaos::slowness;
         while (mEntries.size() < wanted && !mIsStopped)
             guarded([this] { act(); });
         finish();

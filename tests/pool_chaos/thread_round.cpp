@@ -1,4 +1,5 @@
 #include "nqPoolThread.h"
+#include "tests/chaos/sanitizer.h"
 #include "tests/chaos/violation.h"
 #include "tests/pool_chaos/ledger.h"
 
@@ -57,7 +58,7 @@ private:
     void host(std::uint64_t seed, std::vector<Entry>& entries)
     {
         common::SeededRandom random(seed);
-        const std::size_t wanted = 20 + random.below(100);
+        const std::size_t wanted = (20 + random.below(100)) / chaos::slowness;
         try {
             while (entries.size() < wanted)
                 act(random, entries);
