@@ -313,6 +313,15 @@ TEST_F(TroubledPool, keepsNoJobThatFailsOnlyBecauseThePoolIsDestroyed)
     std::filesystem::remove_all(folder);
 }
 
+// Waits.
+
+TEST_F(TroubledPool, waitsForNothingMoreOnceAPlainWorkerIsStarted)
+{
+    make();
+    pool->start();
+    EXPECT_EQ(scripted::poolWait()->sleeps, std::vector<milliseconds>{0ms});
+}
+
 // Extreme options.
 
 TEST_F(TroubledPool, takesTheLongestTimeForNoLimit)
