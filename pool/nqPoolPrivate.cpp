@@ -186,7 +186,8 @@ std::size_t nqPoolPrivate::pump(Milliseconds timeout)
         if (!mIsStopped) {
             const std::uint64_t readyBefore = mCounts.launched;
             step();
-            sleep(mCounts.launched != readyBefore ? Milliseconds(0) : untilDue(timeout));
+            if (mCounts.launched == readyBefore)
+                sleep(untilDue(timeout));
             step();
         }
         handBackSome();

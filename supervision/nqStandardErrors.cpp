@@ -24,6 +24,8 @@ void nqStandardErrors::noteEnd(std::int64_t pid)
 
 void nqStandardErrors::dropEnded()
 {
+    if (isEmpty())
+        return; // in most passes; the standard algorithm is not cheap for nothing
     const auto ended = std::remove_if(
         mEntries.begin(), mEntries.end(), [](const Entry& entry) { return entry.mHasEnded; });
     mEntries.erase(ended, mEntries.end());
