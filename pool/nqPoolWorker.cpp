@@ -265,6 +265,7 @@ void runAsWorkerMade(int argc, char* argv[], nqMakeWork make)
     nqOwnProgram::note(std::move(make));
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): declared as the one before, which keeps it
 int runWorkerMade(int argc, char* argv[], nqMakeWork make)
 {
     if (const std::optional<int> status = runIfWorker(argc, argv, make))

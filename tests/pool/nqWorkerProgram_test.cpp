@@ -41,7 +41,7 @@ std::string toldByAChild(const std::function<std::string()>& story)
                    : 1;
     });
     writer.close();
-    const std::string told = common::readAll(reader.get());
+    std::string told = common::readAll(reader.get());
     EXPECT_EQ(child.wait(), 0);
     return told;
 }

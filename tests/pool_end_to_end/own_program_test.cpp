@@ -80,6 +80,12 @@ std::string ask(nqPool& pool, std::string_view job)
     return outcome ? std::string(outcome.text()) : "(" + outcome.failureText() + ")";
 }
 
+/// What a program says that was started by hand.
+std::string explained(const std::string& program, const std::string& text)
+{
+    return program + ": " + text + "; to run the job in a file: " + program + " --job FILE\n";
+}
+
 class OwnProgram : public EndToEnd {};
 class WorkerProgram : public EndToEnd {};
 class StartedByHand : public EndToEnd {
@@ -365,26 +371,23 @@ TEST_F(StartedByHand, explainsItself)
     ChildProgram worker(twoLineWorker, {});
     EXPECT_EQ(
         worker.readAllErrors(),
-        twoLineWorker +
-            ": a worker program, which a pool starts; name it in nqPoolOptions::worker; to run the "
-            "job in a file: " +
-            twoLineWorker + " --job FILE\n");
+        explained(
+            twoLineWorker,
+            "a worker program, which a pool starts; name it in nqPoolOptions::worker"));
     EXPECT_EQ(worker.readAllOutput(), "");
     EXPECT_EQ(worker.waitForEnd(), 2);
 }
 
 TEST_F(StartedByHand, explainsThatNoPoolListens)
 {
+    const std::string copied =
+        "--nq-pool-worker=00112233445566778899aabbccddeeff:" + std::to_string(::getppid());
     for (const std::string& program : {twoLineWorker, host}) {
-        const std::string copied =
-            "--nq-pool-worker=00112233445566778899aabbccddeeff:" + std::to_string(::getppid());
         ChildProgram worker(program, {copied, "no-pipe-of-this-name"});
         EXPECT_EQ(
             worker.readAllErrors(),
-            program +
-                ": no pool listens for this worker; a pool starts its workers itself; to run the "
-                "job in a file: " +
-                program + " --job FILE\n");
+            explained(
+                program, "no pool listens for this worker; a pool starts its workers itself"));
         EXPECT_EQ(worker.waitForEnd(), 2);
     }
 }
@@ -398,10 +401,10 @@ TEST_F(StartedByHand, explainsThatItsHostIsGone)
         host, {"--nq-pool-worker=00112233445566778899aabbccddeeff:" + pid, "no-pipe-of-this-name"});
     EXPECT_EQ(
         worker.readAllErrors(),
-        host + ": the host's folder cannot be entered through /proc/" + pid +
-            "/cwd: No such file or directory; a pool starts its workers itself; to run the job in "
-            "a file: " +
-            host + " --job FILE\n");
+        explained(
+            host,
+            "the host's folder cannot be entered through /proc/" + pid +
+                "/cwd: No such file or directory; a pool starts its workers itself"));
     EXPECT_EQ(worker.waitForEnd(), 2);
 }
 
@@ -409,9 +412,7 @@ TEST_F(StartedByHand, explainsThatItsArgumentsMakeNoSense)
 {
     ChildProgram worker(host, {"--nq-pool-worker=typed", "no-pipe-of-this-name"});
     EXPECT_EQ(
-        worker.readAllErrors(),
-        host + ": arguments of a worker that no pool has made; to run the job in a file: " + host +
-            " --job FILE\n");
+        worker.readAllErrors(), explained(host, "arguments of a worker that no pool has made"));
     EXPECT_EQ(worker.waitForEnd(), 2);
 }
 

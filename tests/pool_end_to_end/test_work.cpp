@@ -61,7 +61,8 @@ const std::map<std::string, Command, std::less<>>& commands()
         {"file", [](const std::string&) { return programFile(); }},
         {"called",
          [](const std::string&) {
-             return std::string(common::contentOf("/proc/self/cmdline").c_str());
+             const std::string arguments = common::contentOf("/proc/self/cmdline");
+             return arguments.substr(0, arguments.find('\0'));
          }},
         {"pid", [](const std::string&) { return std::to_string(::getpid()); }},
         {"objects", [](const std::string&) { return std::to_string(objectsBuilt); }},
