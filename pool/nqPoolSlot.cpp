@@ -17,6 +17,9 @@ constexpr std::chrono::seconds leaveTime{2};
 /// How often a memory cap is looked after while a job runs.
 constexpr std::chrono::milliseconds memoryTick{100};
 
+/// Enough for a small job: its result comes in, the next one is handed out and sent.
+constexpr int passesInARow = 3;
+
 /// Of a wait for the end of a worker that was killed; it only bounds how long a lost wake-up lasts.
 constexpr int stopSliceMs = 10;
 
@@ -163,12 +166,14 @@ void nqPoolSlot::send(std::vector<char>&& message)
     pump();
 }
 
+// What is left then, of a large job say, goes on when the other slots have had their turn.
 void nqPoolSlot::pump()
 {
-    do {
+    for (int pass = 0; pass == 0 || (pass < passesInARow && mScheduler.hasImmediateWork());
+         ++pass) {
         mScheduler.processScheduler(0);
         settle();
-    } while (mScheduler.hasImmediateWork());
+    }
 }
 
 void nqPoolSlot::pumpAndWait(std::chrono::milliseconds timeout)
