@@ -66,6 +66,8 @@ void nqPoolWait::forget(int descriptor)
 const std::vector<void*>& nqPoolWait::sleep(std::chrono::milliseconds timeout)
 {
     mPrivate->record.sleeps.push_back(timeout);
+    if (mPrivate->record.onSleep)
+        mPrivate->record.onSleep(timeout);
     mPrivate->owners.clear();
     for (const auto& [descriptor, owner] : mPrivate->watched)
         mPrivate->owners.push_back(owner);

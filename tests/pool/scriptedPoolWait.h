@@ -3,6 +3,7 @@
 #include "pool/nqPoolClock.h"
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -13,6 +14,7 @@ struct PoolWait {
     std::vector<std::chrono::milliseconds> sleeps; ///< their time-outs
     std::optional<nq::nqPoolClock::TimePoint> wakeAt;
     std::vector<int> watched;
+    std::function<void(std::chrono::milliseconds)> onSleep; ///< what happens meanwhile; may throw
 };
 
 /// That of the youngest pool; null when there is none.
