@@ -156,6 +156,10 @@ std::string howToRunAJob(const char* program)
     return std::string("to run the job in a file: ") + program + " --job FILE";
 }
 
+// The pool knows by now that this worker is over, and need not read any more. A pipe takes so much
+// in any case.
+constexpr std::size_t longestLastWords = 4096;
+
 // The exit status.
 int giveUp(const nqWorkerStart& start, const char* program, const std::string& problem)
 {
@@ -198,7 +202,7 @@ int serve(int argc, char* argv[], const nqMakeWork& make)
     });
     if (!text)
         return status;
-    complain(program, *text);
+    complain(program, text->substr(0, longestLastWords));
     return failed;
 }
 
