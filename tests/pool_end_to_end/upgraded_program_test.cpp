@@ -93,14 +93,6 @@ bool giveCapability(const std::string& path)
     return ::setxattr(path.c_str(), "security.capability", &capability, XATTR_CAPS_SZ_2, 0) == 0;
 }
 
-/// By the mount of its file system, or because this process may never gain rights.
-bool ignoresSetUserId(const std::string& path)
-{
-    struct statvfs system {};
-    return ::statvfs(path.c_str(), &system) != 0 || (system.f_flag & ST_NOSUID) != 0 ||
-           ::prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0) == 1;
-}
-
 TEST_F(UpgradedProgram, isStillItsOwnWorkerWhenItsFileIsDeleted)
 {
     EXPECT_EQ(mHost.ask("file"), mHost.file());
@@ -205,6 +197,14 @@ TEST_F(ElevatedRights, ofTheFileAreRefused)
 }
 
 #ifndef __SANITIZE_ADDRESS__ // whose search for leaks may not look into such a process
+/// By the mount of its file system, or because this process may never gain rights.
+bool ignoresSetUserId(const std::string& path)
+{
+    struct statvfs system {};
+    return ::statvfs(path.c_str(), &system) != 0 || (system.f_flag & ST_NOSUID) != 0 ||
+           ::prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0) == 1;
+}
+
 TEST_F(ElevatedRights, ofAnotherUserAreRefused)
 {
     constexpr uid_t other = 65'534;
