@@ -221,6 +221,43 @@ def rest_section(results):
          "host: system calls per s", "workers: system calls per s"], rows)
 
 
+def pool_section(results):
+    rows = []
+    for row in results.get("pool", []):
+        cpu = row["cpu_us"]
+        ratios = [mine / bare for bare, mine in zip(cpu["scheduler"], cpu["pool"])]
+        ratio = statistics.median(ratios)
+        rows.append([size_text(row["bytes"]), *(figure(statistics.median(cpu[way])) for way in cpu),
+                     f"{ratio:.2f}", f"{min(ratios):.2f} to {max(ratios):.2f}",
+                     f"{row['goal']:.2f}", yes_or_no(ratio <= row["goal"])])
+    return rows and table(
+        ["echo, one worker, one processor", "scheduler, µs CPU per job",
+         "pool, plain worker, µs", "pool, worker of runWorker(), µs", "pool : scheduler",
+         "lowest to highest", "goal", "reached"], rows)
+
+
+def pool_costs_section(results):
+    costs = results.get("pool-costs")
+    if not costs:
+        return ""
+    parts = [table(["jobs of 64 B in the queue of a pool", "bytes of memory per job beyond payload",
+                    "goal", "reached"],
+                   [[f"{costs['queued']['jobs']:.0f}", figure(costs["queued"]["bytes_per_job"]),
+                     "100", yes_or_no(costs["queued"]["bytes_per_job"] <= 100)]])]
+    rows = []
+    for processors, trip in costs["trips"].items():
+        condition, pool, thread = (statistics.median(trip[through])
+                                   for through in ("condition", "pool", "thread"))
+        goal = pool + condition + 5
+        rows.append(["one" if processors == "0" else "two", figure(condition), figure(pool),
+                     figure(thread), figure(goal), yes_or_no(thread <= goal)])
+    parts.append(table(
+        ["one job at a time, processors", "condition variable there and back, µs",
+         "job through an nqPool, µs", "through an nqPoolThread, µs",
+         "goal: the sum of the two and 5 µs", "reached"], rows))
+    return "\n\n".join(parts)
+
+
 def size_text(count):
     for factor, unit in ((1 << 20, "MiB"), (1 << 10, "KiB")):
         if count >= factor:
@@ -241,6 +278,8 @@ SECTIONS = {
     "pending": pending_section,
     "payload": payload_section,
     "rest": rest_section,
+    "pool": pool_section,
+    "pool-costs": pool_costs_section,
 }
 
 WIDTH, HEIGHT, LEFT, TOP, RIGHT, BOTTOM = 640, 360, 76, 40, 170, 52

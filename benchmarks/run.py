@@ -311,6 +311,45 @@ def measure_windows(runner, _passes):
     return rows
 
 
+def measure_pool(runner, passes):
+    """What the pool library adds to the scheduler, in turns on one processor."""
+    rows = []
+    for size, jobs, goal in ((64, 50_000, 1.10), (64 * KIB, 5_000, 1.03), (MIB, 500, 1.03)):
+        ways = {
+            "scheduler": ("ours", "ours", {}),
+            "pool": ("pool", "ours", {"plain": 1}),
+            "run_worker": ("pool", "pool", {}),
+        }
+        cpu = {way: [] for way in ways}
+        for number in range(passes):
+            order = list(ways)
+            for way in order[number % 3 :] + order[: number % 3]:
+                name, worker, options = ways[way]
+                result = runner.run(name, worker, bytes=size, processors="0", moves_jobs=1,
+                                    jobs=max(2, jobs // 20 if runner.quick else jobs), **options)
+                cpu[way].append(cpu_microseconds_per_job(result))
+        rows.append({"bytes": size, "goal": goal, "cpu_us": cpu})
+    return rows
+
+
+def measure_pool_costs(runner, passes):
+    queued = medians_of([
+        runner.run("pool-costs", "ours", verb=["queued"], plain=1,
+                   jobs=10**5 if runner.quick else 10**6)
+        for _ in range(passes)
+    ])
+    trips = {}
+    for processors in ("0", "0,1"):
+        trips[processors] = {"condition": [], "pool": [], "thread": []}
+        for _ in range(passes):
+            for through, medians in trips[processors].items():
+                result = runner.run("pool-costs", "ours", verb=["round-trip"], plain=1,
+                                    through=through, processors=processors,
+                                    trips=1_000 if runner.quick else 20_000)
+                medians.append(result["median_ns"] / 1e3)
+    return {"queued": queued, "trips": trips}
+
+
 def measure_sides(runner, passes):
     """Each host with each worker: all of them speak the same frames."""
     rows = []
@@ -338,6 +377,8 @@ GROUPS = {
     "pending": measure_pending,
     "payload": measure_payload,
     "rest": measure_rest,
+    "pool": measure_pool,
+    "pool-costs": measure_pool_costs,
 }
 
 

@@ -16,9 +16,10 @@ constexpr std::size_t jobsAhead = 2;
 struct PoolOptions {
     std::size_t workers;
     std::string workerExecutable;
-    bool movesJobs;    // into the queue instead of copying them; a pool without a queue ignores it
-    bool isObserved;   // the library alone knows observers
-    bool waitsInEpoll; // the host, on the descriptor of a pool that has one
+    bool movesJobs;     // into the queue instead of copying them; a pool without a queue ignores it
+    bool isObserved;    // the library alone knows observers
+    bool waitsInEpoll;  // the host, on the descriptor of a pool that has one
+    bool isPlainWorker; // the worker knows nothing of the pool library
 };
 
 /// A pool of worker processes; implemented bare, by hand, and with the library. Destruction ends

@@ -106,7 +106,8 @@ int main(int argc, char* argv[])
          options.text("worker", ""),
          options.number("moves-jobs", 0) != 0,
          options.number("observed", 0) != 0,
-         options.number("epoll", 0) != 0});
+         options.number("epoll", 0) != 0,
+         options.number("plain", 0) != 0});
     if (kind == "repair")
         measureRepair(*pool, ledger, deaths, options);
     else
