@@ -184,9 +184,9 @@ Advice adviceOn(const nqAttempt& attempt)
     case Reason::Exception:
         return {"", "run it again under a debugger that stops at exceptions (`catch throw`)"};
     case Reason::ResultLost:
-        return {
-            quoted(attempt.message, "probably its result is too large"),
-            "smaller results or fewer at a time help"};
+        if (!attempt.message.empty())
+            return {quoted(attempt.message, ""), "look at what the worker sends"};
+        return {"probably its result is too large", "smaller results or fewer at a time help"};
     case Reason::NoWorker:
         return {
             quoted(attempt.message, "the cause is not known"),
@@ -296,7 +296,9 @@ std::string whatHappened(const nqAttempt& attempt)
         return "the worker's function threw " +
                quoted(attempt.message, "an exception without a text") + circumstances(attempt);
     case Reason::ResultLost:
-        return "the host ran out of memory for the job" + circumstances(attempt);
+        return (attempt.message.empty() ? "the host ran out of memory for the job"
+                                        : "the result was lost") +
+               circumstances(attempt);
     case Reason::NoWorker:
         return "no worker could be started";
     case Reason::Cancelled:

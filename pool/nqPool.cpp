@@ -26,6 +26,12 @@ std::vector<char> nqJobBytes::take()
     return mMoved != nullptr ? std::move(*mMoved) : std::vector<char>(mView.begin(), mView.end());
 }
 
+void nqJobBytes::putBack(std::vector<char>&& bytes)
+{
+    if (mMoved != nullptr)
+        *mMoved = std::move(bytes);
+}
+
 nqPool::nqPool(const nqPoolOptions& options)
     : mPrivate(std::make_unique<nqPoolPrivate>(options))
 {

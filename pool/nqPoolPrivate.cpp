@@ -134,6 +134,7 @@ nqPoolPrivate::~nqPoolPrivate()
         std::abort(); // the operation would go on in freed memory
     }
     mIsStopped = true;
+    endBusyWorkers();
     mSlots.clear(); // what they still tell is told to a whole object
 }
 
@@ -156,7 +157,12 @@ nqPoolPrivate::submit(nqJobBytes& bytes, const nqJobOptions* options, nqPool::Ca
     job.id = (mLastId + 1) & nqPoolJob::largestId;
     const std::size_t size = bytes.size();
     job.bytes = bytes.take();
-    mQueue.push(std::move(job));
+    try {
+        mQueue.push(std::move(job));
+    } catch (...) {
+        bytes.putBack(std::move(job.bytes)); // the queue has left it there
+        throw;
+    }
     ++mLastId;
     ++mCounts.submitted;
     mCounts.jobBytes += size;
@@ -189,6 +195,8 @@ std::size_t nqPoolPrivate::pump(Milliseconds timeout)
             if (mCounts.launched == readyBefore)
                 sleep(untilDue(timeout));
             step();
+            if (mOptions.inProcess)
+                runInProcess(nqPoolClock::now());
         }
         handBackSome();
         const std::size_t delivered = deliver();
@@ -244,10 +252,8 @@ void nqPoolPrivate::step()
 {
     const TimePoint now = nqPoolClock::now();
     dropExpired(now);
-    if (mOptions.inProcess) {
-        runInProcess(now);
+    if (mOptions.inProcess)
         return;
-    }
     enforceLimits(now);
     startWorkers(now);
     feed(now);
@@ -625,7 +631,15 @@ bool nqPoolPrivate::start()
     return !mIsStopped && mCounts.launchesFailed == failedBefore;
 }
 
-// All workers are killed before any is waited for.
+/// All of them are killed before any is waited for.
+void nqPoolPrivate::endBusyWorkers()
+{
+    for (const auto& slot : mSlots) {
+        if (slot->phase() == Phase::Busy)
+            slot->endJob(Reason::Stopped);
+    }
+}
+
 void nqPoolPrivate::stop()
 {
     requireOutsideCallback("stop()");
@@ -633,10 +647,7 @@ void nqPoolPrivate::stop()
         mIsStopped = true;
         mHandBackUpTo = mLastId;
         mHandBackMessage.clear();
-        for (const auto& slot : mSlots) {
-            if (slot->phase() == Phase::Busy)
-                slot->endJob(Reason::Stopped);
-        }
+        endBusyWorkers();
         for (const auto& slot : mSlots)
             slot->stop();
     }

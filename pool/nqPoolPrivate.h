@@ -74,6 +74,7 @@ private:
     void feed(TimePoint now);
     void runInProcess(TimePoint now);
     void giveUpOnWaitingJobs();
+    void endBusyWorkers();
     void handBackSome();
 
     void sleep(Milliseconds timeout);

@@ -55,6 +55,9 @@ public:
     /// Gives them away.
     std::vector<char> take();
 
+    /// Takes them back, after take() only.
+    void putBack(std::vector<char>&& bytes);
+
 private:
     std::string_view mView;
     std::vector<char>* mMoved = nullptr;

@@ -49,8 +49,8 @@ public:
     void stop();
 
     /// @name What it does now
-    /// As nqPool's, as of the thread's last look: at the end of drain() and stop(), and a tenth of a
-    /// second ago at most unless a launch blocks the thread.
+    /// As nqPool's, as of the thread's last look: at the end of drain() and stop(), and a tenth of
+    /// a second ago at most unless a launch blocks the thread.
     /// @{
     nqPoolStatistics statistics() const; ///< counts, rates and times
     std::string problem() const;         ///< why no worker can be launched; empty: nothing

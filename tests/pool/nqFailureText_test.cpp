@@ -297,6 +297,11 @@ INSTANTIATE_TEST_SUITE_P(
             "the host ran out of memory for the job after 1.2 s: probably its result is too large; "
             "smaller results or fewer at a time help"},
         Example{
+            "senselessAnswer",
+            with(failed(Reason::ResultLost), "the worker's answer makes no sense"),
+            "the result was lost after 1.2 s: \"the worker's answer makes no sense\"; look at what "
+            "the worker sends"},
+        Example{
             "noWorker",
             with(
                 neverRun(failed(Reason::NoWorker)), "Cannot start /x: No such file or directory\n"),
