@@ -211,7 +211,7 @@ std::size_t nqPoolPrivate::pump(Milliseconds timeout)
 /// The scheduler's own wait, where one is enough, saves half of the system calls for a small job.
 void nqPoolPrivate::sleep(Milliseconds timeout)
 {
-    nqPoolSlot* const slot = mIsWaitedFor ? nullptr : onlyOneAtWork();
+    nqPoolSlot* const slot = mIsWaitedFor || mIsWokenBesides ? nullptr : onlyOneAtWork();
     if (slot != nullptr) {
         const bool isShort = timeout.count() >= 0 && timeout < longestLook;
         slot->pumpAndWait(isShort ? timeout : longestLook);
@@ -561,21 +561,20 @@ void nqPoolPrivate::updateWakeUp()
         return;
     for (const auto& slot : mSlots)
         slot->watch();
-    if (mUsesTimer)
-        mWait.wakeAt(nextDue(nqPoolClock::now()));
+    mWait.wakeAt(nextDue(nqPoolClock::now()));
 }
 
 int nqPoolPrivate::waitDescriptor()
 {
-    mUsesTimer = true;
-    return workersDescriptor();
-}
-
-int nqPoolPrivate::workersDescriptor()
-{
     mIsWaitedFor = true;
     updateWakeUp();
     return mWait.descriptor();
+}
+
+void nqPoolPrivate::wakeUpFor(int descriptor)
+{
+    mIsWokenBesides = true;
+    mWait.watch(descriptor, nullptr);
 }
 
 std::optional<nqOutcome> nqPoolPrivate::next(Milliseconds timeout)

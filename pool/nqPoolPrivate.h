@@ -41,11 +41,9 @@ public:
     std::size_t pump(Milliseconds timeout);
     int waitDescriptor();
 
-    /// For a thread that sleeps by itself: readable while a worker has something to say. What is
-    /// due at some time does not show there; untilDue() says how long to sleep, `timeout` at most
-    /// (negative: no limit).
-    int workersDescriptor();
-    Milliseconds untilDue(Milliseconds timeout);
+    /// For a thread that sleeps in pump() alone: a pump ends its sleep when `descriptor` is
+    /// readable as well.
+    void wakeUpFor(int descriptor);
 
     std::optional<nqOutcome> next(Milliseconds timeout);
     bool drain(const nqPool::Progress& progress);
@@ -87,6 +85,7 @@ private:
     nqPoolSlot* findIdle(TimePoint now);
     nqPoolSlot* findStartable(TimePoint now);
     std::optional<TimePoint> nextDue(TimePoint now);
+    Milliseconds untilDue(Milliseconds timeout);
     void updateWakeUp();
     void requireOutsideCallback(const char* operation) const;
     std::size_t count(nqPoolSlot::Phase phase) const;
@@ -121,9 +120,9 @@ private:
     bool mStartsAll = false;
     bool mIsStopped = false;
     bool mIsInCallback = false;
-    bool mIsAllDone = true;    ///< since the last drain
-    bool mIsWaitedFor = false; ///< outside of pump()
-    bool mUsesTimer = false;   ///< by somebody who does not know untilDue()
+    bool mIsAllDone = true;       ///< since the last drain
+    bool mIsWaitedFor = false;    ///< outside of pump()
+    bool mIsWokenBesides = false; ///< by more than its workers
 
     const TimePoint mMade = nqPoolClock::now();
     nqPoolStatistics mCounts; ///< what only grows

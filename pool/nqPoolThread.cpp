@@ -1,22 +1,19 @@
 // Submitting threads put jobs into the inbox, with all the memory that they need. The pool's thread
-// takes the inbox in whole, pumps, and sleeps on the pool's descriptor and on an eventfd, which is
-// written only while it sleeps. A job is in exactly one place: the inbox, or, with its promise, the
-// list of the unfinished until the pool's callback takes it out. The pool itself belongs to the
-// thread, from its first instruction to its last.
+// takes the inbox in whole and pumps. It sleeps inside the pump, which an eventfd ends that is
+// written only while the thread may be asleep. A job is in exactly one place: the inbox, or, with
+// its promise, the list of the unfinished until the pool's callback takes it out. The pool itself
+// belongs to the thread, from its first instruction to its last.
 #include "pool/include/nqPoolThread.h"
 
 #include "pool/nqPoolDescriptor.h"
 #include "pool/nqPoolPrivate.h"
 #include "pool/nqPoolRefusals.h"
 
-#include <algorithm>
 #include <chrono>
-#include <climits>
 #include <condition_variable>
 #include <csignal>
 #include <cstdint>
 #include <exception>
-#include <iterator>
 #include <map>
 #include <mutex>
 #include <poll.h>
@@ -36,6 +33,8 @@ constexpr std::chrono::milliseconds lookInterval{100};
 
 /// Before the next try when there was no memory: others may give some back.
 constexpr int memoryPauseMs = 10;
+
+constexpr std::chrono::milliseconds noLimit{-1};
 
 using TimePoint = std::chrono::steady_clock::time_point;
 
@@ -121,13 +120,11 @@ struct nqPoolThread::Private {
     void cancelAsked();
     void finish(Jobs::iterator job, nqOutcome&& outcome);
     void endAll();
-    bool publish();
-    void sleep();
+    std::chrono::milliseconds publish();
 
     const nqPoolOptions mOptions; // of the host
     const pid_t mOwner = ::getpid();
     nqPoolPrivate mPool;
-    const int mPoolNews = mPool.workersDescriptor();
     const nqPoolDescriptor mNews; // an eventfd
 
     mutable std::mutex mMutex; // guards what follows, up to mHasStopped
@@ -141,7 +138,8 @@ struct nqPoolThread::Private {
     std::size_t mWaitForRoom = 0;
     std::uint64_t mLooksAsked = 0;
     std::uint64_t mLooksTaken = 0; // of those
-    bool mIsAsleep = false;        // the thread, until somebody has woken it
+    bool mIsAsleep = false;        // the thread, or nearly so, until somebody has woken it
+    std::uint64_t mWrites = 0;     // of the eventfd that the thread does not know of
     bool mIsStopping = false;
     nqPoolStatistics mStatistics;
     std::string mProblem;
@@ -152,8 +150,8 @@ struct nqPoolThread::Private {
     std::vector<nqJobId> mToCancel;
     nqJobId mLastTaken = 0;
     std::uint64_t mLookToTake = 0;
+    std::uint64_t mWritesToRead = 0;
     TimePoint mLastLook;
-    bool mHasOldLook = false; // something may have happened since
 
     std::thread mThread; // the last one: it uses the others
 };
@@ -163,6 +161,7 @@ nqPoolThread::Private::Private(const nqPoolOptions& options)
       mPool(optionsOfThePool(options)),
       mNews(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
+    mPool.wakeUpFor(mNews.get());
     const AllSignalsBlocked whileItBegins;
     mThread = std::thread([this] { run(); });
 }
@@ -248,6 +247,8 @@ void nqPoolThread::Private::stop()
 void nqPoolThread::Private::wakeUp(std::unique_lock<std::mutex>& lock)
 {
     const bool isAsleep = std::exchange(mIsAsleep, false);
+    if (isAsleep)
+        ++mWrites;
     lock.unlock();
     if (isAsleep)
         ::eventfd_write(mNews.get(), 1); // cannot fail: it is far from its largest number
@@ -258,9 +259,7 @@ void nqPoolThread::Private::run()
     while (takeInbox()) {
         try {
             cancelAsked();
-            mPool.pump(std::chrono::milliseconds(0));
-            if (publish())
-                sleep();
+            mPool.pump(publish());
         } catch (const std::exception&) { // no memory: each step can be taken again
             ::poll(nullptr, 0, memoryPauseMs);
         }
@@ -276,12 +275,17 @@ bool nqPoolThread::Private::takeInbox()
     {
         const std::lock_guard<std::mutex> lock(mMutex);
         mIsAsleep = false;
+        mWritesToRead += std::exchange(mWrites, 0);
         jobs.swap(mInbox);
         if (mToCancel.empty())
             mToCancel.swap(mAskedToCancel);
         isStopping = mIsStopping;
         mLookToTake = mLooksAsked;
     }
+    // One that has not come yet, its thread being on the way to it, is read in a later round.
+    eventfd_t writes = 0;
+    if (mWritesToRead != 0 && ::eventfd_read(mNews.get(), &writes) == 0)
+        mWritesToRead -= writes;
     accept(jobs);
     return !isStopping;
 }
@@ -324,6 +328,7 @@ void nqPoolThread::Private::finish(Jobs::iterator job, nqOutcome&& outcome)
     Jobs::node_type ended = mJobs.extract(job);
     {
         const std::lock_guard<std::mutex> lock(mMutex);
+        mIsAsleep = false;
         --mUnfinished;
         if (mWaitForRoom != 0)
             mRoom.notify_one();
@@ -351,8 +356,8 @@ void nqPoolThread::Private::endAll()
     mProgress.notify_all();
 }
 
-/// What other threads may know. True when the thread may sleep.
-bool nqPoolThread::Private::publish()
+/// What other threads may know. Returns for how long the thread may sleep.
+std::chrono::milliseconds nqPoolThread::Private::publish()
 {
     const TimePoint now = std::chrono::steady_clock::now();
     const bool isLookDue = mLookToTake != mLooksTaken || now >= mLastLook + lookInterval;
@@ -371,21 +376,11 @@ bool nqPoolThread::Private::publish()
     }
     mOldest = mJobs.empty() ? mLastTaken + 1 : mJobs.begin()->first;
     mProgress.notify_all();
-    mHasOldLook = !isLookDue;
     mIsAsleep =
         mInbox.empty() && mAskedToCancel.empty() && mLooksAsked == mLookToTake && !mIsStopping;
-    return mIsAsleep;
-}
-
-void nqPoolThread::Private::sleep()
-{
-    pollfd news[] = {{mNews.get(), POLLIN, 0}, {mPoolNews, POLLIN, 0}};
-    const bool isLookDue = mHasOldLook || !mJobs.empty();
-    const auto limit = mPool.untilDue(isLookDue ? lookInterval : std::chrono::milliseconds(-1));
-    ::poll(news, std::size(news), static_cast<int>(std::min<std::int64_t>(limit.count(), INT_MAX)));
-    eventfd_t unused = 0;
-    if (news[0].revents != 0)
-        ::eventfd_read(mNews.get(), &unused);
+    if (!mIsAsleep)
+        return std::chrono::milliseconds(0);
+    return isLookDue && mJobs.empty() ? noLimit : lookInterval;
 }
 
 nqPoolThread::nqPoolThread(const nqPoolOptions& options)
