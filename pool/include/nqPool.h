@@ -103,7 +103,7 @@ struct nqPoolWorkerStatus {
 /// @par Errors
 /// What happens to jobs and workers is an outcome, never an exception. nqPoolError says that the
 /// pool is used in a way that cannot work. Allocation exceptions pass through; a job whose result
-/// or entry has no memory fails with ResultLost.
+/// has no memory fails with ResultLost.
 ///
 /// @par Forked children
 /// A pool belongs to the process that made it. In a child that the host forks, only destroy it.
@@ -146,9 +146,9 @@ public:
     /// @name Pumping
     /// @{
 
-    /// Does what is due, then waits at most `timeout` for something to do, does that and delivers
-    /// outcomes. Does not wait when there was something to do. Returns how many outcomes were
-    /// delivered or became ready for next().
+    /// Does what is due, then waits at most `timeout` (negative: no limit) for something to do,
+    /// does that and delivers outcomes. Does not wait when there was something to do. Returns how
+    /// many outcomes were delivered or became ready for next().
     std::size_t pump(std::chrono::milliseconds timeout);
 
     /// One descriptor to add, once, to a loop of the host's own: readable when pump() has something
