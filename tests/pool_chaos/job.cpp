@@ -171,7 +171,7 @@ std::string
 faultOfAttempts(const Job& job, const nqOutcome& outcome, const JobPlan& plan, bool isStopAsked)
 {
     for (const nqAttempt& attempt : outcome.earlierAttempts) {
-        if (const std::string fault = faultOfAttempt(job, attempt, plan); !fault.empty())
+        if (std::string fault = faultOfAttempt(job, attempt, plan); !fault.empty())
             return fault;
         if (!isTriedAgain(job, attempt.reason))
             return "it was tried again for a reason that its policy does not name";
@@ -245,7 +245,7 @@ std::vector<char> perform(std::string_view job)
 
 std::string faultOf(const Job& job, const nqOutcome& outcome, const JobPlan& plan, bool isStopAsked)
 {
-    if (const std::string fault = faultOfAttempts(job, outcome, plan, isStopAsked); !fault.empty())
+    if (std::string fault = faultOfAttempts(job, outcome, plan, isStopAsked); !fault.empty())
         return fault;
     if (outcome.state == State::Done)
         return faultOfResult(job, outcome);

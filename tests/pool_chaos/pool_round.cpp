@@ -74,7 +74,7 @@ private:
         if (choice < 600)
             submit();
         else if (choice < 700)
-            cancel();
+            cancelSome();
         else if (choice < 900)
             pump(milliseconds(mRandom.below(6)));
         else if (choice < 980)
@@ -123,6 +123,12 @@ private:
             mIsInCallback || mPlan.options.whenFull == nqPoolOptions::WhenFull::Refuse;
         if (mPlan.options.maxPendingJobs == 0 || !mayRefuse)
             chaos::reportViolation("a job is refused by a pool that may not refuse");
+    }
+
+    void cancelSome()
+    {
+        for (std::uint64_t left = 1 + mRandom.below(10); left != 0; --left)
+            cancel();
     }
 
     void cancel()

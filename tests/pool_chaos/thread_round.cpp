@@ -74,7 +74,7 @@ private:
         if (choice < 700)
             submit(random, entries);
         else if (choice < 900)
-            cancel(random);
+            cancelSome(random);
         else if (choice < 970)
             await(random, entries);
         else if (choice < 990)
@@ -94,7 +94,8 @@ private:
         if (!entry.future.valid()) {
             ++figures().refused;
             const bool mayRefuse = mPlan.options.whenFull == nq::nqPoolOptions::WhenFull::Refuse;
-            if (mPlan.options.maxPendingJobs == 0 || !mayRefuse || bytes != entry.job.bytes)
+            const bool isTaken = bytes != entry.job.bytes; // NOLINT(bugprone-use-after-move)
+            if (mPlan.options.maxPendingJobs == 0 || !mayRefuse || isTaken)
                 chaos::reportViolation("a job is refused that may not be, or is taken");
             await(random, entries);
             return;
@@ -103,6 +104,12 @@ private:
             chaos::reportViolation("an id is out of its range");
         ++figures().jobs;
         entries.push_back(std::move(entry));
+    }
+
+    void cancelSome(common::SeededRandom& random)
+    {
+        for (std::uint64_t left = 1 + random.below(10); left != 0; --left)
+            cancel(random);
     }
 
     /// Anybody's job, or one that does not exist yet; of those, nobody knows whether it is too

@@ -58,6 +58,28 @@ nqOutcome outcomeOf(Future& future)
     return {};
 }
 
+/// Calls `host` with 0, 1, 2 and so on, each on a thread of its own, and waits for all.
+void onThreads(std::size_t count, const std::function<void(std::size_t thread)>& host)
+{
+    std::vector<std::thread> all;
+    all.reserve(count);
+    for (std::size_t thread = 0; thread < count; ++thread)
+        all.emplace_back(host, thread);
+    for (std::thread& one : all)
+        one.join();
+}
+
+/// Submits what `job` makes of 0, 1, 2 and so on.
+std::vector<Future>
+submitAll(nqPoolThread& pool, std::size_t count, const std::function<std::string(std::size_t)>& job)
+{
+    std::vector<Future> futures;
+    futures.reserve(count);
+    for (std::size_t i = 0; i < count; ++i)
+        futures.push_back(pool.submit(job(i)));
+    return futures;
+}
+
 std::string fileOfTask(pid_t thread, const std::string& name)
 {
     return common::contentOf("/proc/self/task/" + std::to_string(thread) + '/' + name);
@@ -156,41 +178,30 @@ private:
 TEST_F(PoolThread, givesEachThreadTheOutcomesOfItsOwnJobs)
 {
     nqPoolThread pool(mOptions);
-    constexpr int jobs = 200;
-    const auto host = [&](int thread) {
-        std::vector<Future> futures;
-        for (int job = 0; job < jobs; ++job)
-            futures.push_back(
-                pool.submit("echo " + std::to_string(thread) + ' ' + std::to_string(job)));
-        for (int job = 0; job < jobs; ++job)
-            EXPECT_EQ(
-                outcomeOf(futures[static_cast<std::size_t>(job)]).text(),
-                std::to_string(thread) + ' ' + std::to_string(job));
-    };
-    std::vector<std::thread> hosts;
-    for (int thread = 0; thread < 4; ++thread)
-        hosts.emplace_back(host, thread);
-    for (std::thread& one : hosts)
-        one.join();
-    EXPECT_EQ(pool.statistics().failed, 0U);
+    onThreads(4, [&](std::size_t thread) {
+        const auto text = [thread](std::size_t job) {
+            return std::to_string(thread) + ' ' + std::to_string(job);
+        };
+        auto futures = submitAll(pool, 200, [&](std::size_t job) { return "echo " + text(job); });
+        for (std::size_t job = 0; job < futures.size(); ++job)
+            EXPECT_EQ(outcomeOf(futures[job]).text(), text(job));
+    });
+    pool.drain();
+    EXPECT_EQ(pool.statistics().done, 800U);
 }
 
 TEST_F(PoolThread, numbersTheJobsOfAllThreads)
 {
     nqPoolThread pool(mOptions);
-    std::vector<std::vector<nqJobId>> ids(3);
-    std::vector<std::thread> hosts;
-    for (auto& own : ids)
-        hosts.emplace_back([&pool, &own] {
-            for (int job = 0; job < 50; ++job) {
-                nqJobId id = 0;
-                Future future = pool.submit("echo x", {}, &id);
-                own.push_back(id);
-                EXPECT_EQ(outcomeOf(future).id, id);
-            }
-        });
-    for (std::thread& one : hosts)
-        one.join();
+    std::vector<std::set<nqJobId>> ids(3);
+    onThreads(ids.size(), [&](std::size_t thread) {
+        for (int job = 0; job < 50; ++job) {
+            nqJobId id = 0;
+            Future future = pool.submit("echo x", {}, &id);
+            ids[thread].insert(id);
+            EXPECT_EQ(outcomeOf(future).id, id);
+        }
+    });
     std::set<nqJobId> all;
     for (const auto& own : ids)
         all.insert(own.begin(), own.end());
@@ -265,35 +276,29 @@ TEST_F(PoolThread, letsAJobBeThatHasEndedOrNeverWas)
 TEST_F(PoolThread, givesEveryJobOneOutcomeWhoeverCancelsItAtWhateverMoment)
 {
     nqPoolThread pool(mOptions);
-    constexpr int jobs = 300;
-    std::atomic<int> running{3};
-    const auto host = [&](std::uint64_t seed) {
-        common::SeededRandom random(seed);
-        std::vector<std::pair<std::string, Future>> submitted;
-        for (int job = 0; job < jobs; ++job) {
-            const std::string text = std::to_string(seed) + ' ' + std::to_string(job);
-            submitted.emplace_back("echo " + text, pool.submit("echo " + text));
-        }
-        for (auto& [job, future] : submitted) {
-            const nqOutcome outcome = outcomeOf(future);
+    constexpr std::size_t hosts = 3;
+    constexpr std::size_t jobs = 300;
+    std::atomic<std::size_t> running{hosts};
+    const auto host = [&](std::size_t thread) {
+        const auto text = [thread](std::size_t job) {
+            return std::to_string(thread) + ' ' + std::to_string(job);
+        };
+        auto futures = submitAll(pool, jobs, [&](std::size_t job) { return "echo " + text(job); });
+        for (std::size_t job = 0; job < jobs; ++job) {
+            const nqOutcome outcome = outcomeOf(futures[job]);
             EXPECT_TRUE(outcome || outcome.reason == Reason::Cancelled);
-            EXPECT_EQ((outcome ? "echo " : "") + std::string(outcome.text()), job);
+            EXPECT_EQ(outcome.text(), (outcome ? "" : "echo ") + text(job));
         }
         --running;
     };
-    const auto canceller = [&] {
+    const auto cancelAny = [&] {
         common::SeededRandom random(1);
         while (running != 0) {
-            pool.cancel(random.below(3 * jobs) + 1);
+            pool.cancel(random.below(hosts * jobs) + 1);
             std::this_thread::yield();
         }
     };
-    std::vector<std::thread> all;
-    for (std::uint64_t seed = 1; seed <= 3; ++seed)
-        all.emplace_back(host, seed);
-    all.emplace_back(canceller);
-    for (std::thread& one : all)
-        one.join();
+    onThreads(hosts + 1, [&](std::size_t thread) { thread < hosts ? host(thread) : cancelAny(); });
 }
 
 TEST_F(PoolThread, makesSubmittersWaitWhileItIsFull)
@@ -340,9 +345,8 @@ TEST_F(PoolThread, hasRoomAgainAsSoonAsAFutureIsReady)
 TEST_F(PoolThread, hasTheOutcomesOfAllJobsOnceItIsDrained)
 {
     nqPoolThread pool(mOptions);
-    std::vector<Future> futures;
-    for (int job = 0; job < 100; ++job)
-        futures.push_back(pool.submit(job % 10 == 0 ? "crash" : "echo x"));
+    const auto futures =
+        submitAll(pool, 100, [](std::size_t job) { return job % 10 == 0 ? "crash" : "echo x"; });
     pool.drain();
     for (const Future& future : futures)
         EXPECT_TRUE(isReady(future));
@@ -379,9 +383,8 @@ TEST_F(PoolThread, drainsWhatIsThereThoughOthersGoOnSubmitting)
 TEST_F(PoolThread, handsBackWhatAStopFinds)
 {
     nqPoolThread pool(mOptions);
-    std::vector<Future> futures;
-    for (int job = 0; job < 10; ++job)
-        futures.push_back(pool.submit("hang " + std::to_string(job)));
+    auto futures =
+        submitAll(pool, 10, [](std::size_t job) { return "hang " + std::to_string(job); });
     pool.stop();
     for (std::size_t job = 0; job < futures.size(); ++job) {
         ASSERT_TRUE(isReady(futures[job]));
@@ -399,14 +402,10 @@ TEST_F(PoolThread, isStoppedBySeveralThreadsAtOnce)
 {
     nqPoolThread pool(mOptions);
     fillWithAHangingJob(pool);
-    std::vector<std::thread> stopping;
-    for (int thread = 0; thread < 4; ++thread)
-        stopping.emplace_back([&] {
-            pool.stop();
-            EXPECT_EQ(mHanging.wait_for(std::chrono::seconds(0)), std::future_status::ready);
-        });
-    for (std::thread& one : stopping)
-        one.join();
+    onThreads(4, [&](std::size_t) {
+        pool.stop();
+        EXPECT_TRUE(isReady(mHanging));
+    });
     pool.stop();
 }
 
@@ -450,13 +449,12 @@ TEST_F(PoolThread, givesEveryFutureItsOutcomeWhenItIsStoppedWhileOthersSubmit)
             for (const Future& future : futures)
                 EXPECT_TRUE(isReady(future));
         };
-        std::vector<std::thread> hosts;
-        for (int thread = 0; thread < 3; ++thread)
-            hosts.emplace_back(host);
-        EXPECT_TRUE(becomesTrue([&] { return accepted >= 20 * round; }));
-        pool.stop();
-        for (std::thread& one : hosts)
-            one.join();
+        onThreads(4, [&](std::size_t thread) {
+            if (thread != 0)
+                return host();
+            EXPECT_TRUE(becomesTrue([&] { return accepted >= 20 * round; }));
+            pool.stop();
+        });
     }
 }
 
@@ -465,8 +463,8 @@ TEST_F(PoolThread, givesEveryFutureItsOutcomeWhenItIsDestroyed)
     std::vector<Future> futures;
     {
         nqPoolThread pool(mOptions);
-        for (int job = 0; job < 10; ++job)
-            futures.push_back(pool.submit(job % 2 == 0 ? "hang" : "echo x"));
+        futures =
+            submitAll(pool, 10, [](std::size_t job) { return job % 2 == 0 ? "hang" : "echo x"; });
     }
     for (Future& future : futures) {
         ASSERT_TRUE(isReady(future));
