@@ -223,11 +223,9 @@ TEST_F(Pool, killsAWorkerAtItsTimeOutAndNotBefore)
     advance(1ms);
     pump();
     EXPECT_TRUE(isKilled(0));
-    machine.pipes.at(0)->lose();
-    pump();
-    ASSERT_EQ(outcomes.size(), 1U);
-    EXPECT_EQ(outcomes.front().reason, Reason::Timeout);
-    EXPECT_EQ(outcomes.front().text(), "job");
+    const nqOutcome outcome = outcomeOfKilled(0);
+    EXPECT_EQ(outcome.reason, Reason::Timeout);
+    EXPECT_EQ(outcome.text(), "job");
 }
 
 TEST_F(Pool, prefersTheJobsOwnTimeOut)
@@ -321,10 +319,8 @@ TEST_F(Pool, endsAJobWhoseDeadlinePassesWhileItRuns)
     advance(30ms);
     pump();
     EXPECT_TRUE(isKilled(0));
-    machine.pipes.at(0)->lose();
-    pump();
-    ASSERT_EQ(outcomes.size(), 1U);
-    EXPECT_EQ(outcomes.front().reason, Reason::Deadline);
+    const nqOutcome outcome = outcomeOfKilled(0);
+    EXPECT_EQ(outcome.reason, Reason::Deadline);
 }
 
 TEST_F(Pool, looksAtTheMemoryOfAWorkerTenTimesASecond)
@@ -339,11 +335,9 @@ TEST_F(Pool, looksAtTheMemoryOfAWorkerTenTimesASecond)
     advance(1ms);
     pump();
     EXPECT_TRUE(isKilled(0));
-    machine.pipes.at(0)->lose();
-    pump();
-    ASSERT_EQ(outcomes.size(), 1U);
-    EXPECT_EQ(outcomes.front().reason, Reason::MemoryCap);
-    EXPECT_EQ(outcomes.front().text(), "job");
+    const nqOutcome outcome = outcomeOfKilled(0);
+    EXPECT_EQ(outcome.reason, Reason::MemoryCap);
+    EXPECT_EQ(outcome.text(), "job");
 }
 
 // Cancelling.
@@ -372,11 +366,9 @@ TEST_F(Pool, cancelsAJobThatRunsByEndingItsWorker)
     pump();
     EXPECT_TRUE(pool->cancel(id));
     EXPECT_TRUE(isKilled(0));
-    machine.pipes.at(0)->lose();
-    pump();
-    ASSERT_EQ(outcomes.size(), 1U);
-    EXPECT_EQ(outcomes.front().state, State::Cancelled);
-    EXPECT_EQ(outcomes.front().text(), "job");
+    const nqOutcome outcome = outcomeOfKilled(0);
+    EXPECT_EQ(outcome.state, State::Cancelled);
+    EXPECT_EQ(outcome.text(), "job");
     EXPECT_FALSE(pool->cancel(id));
 }
 
@@ -464,10 +456,8 @@ TEST_F(Pool, neverTriesACancelledJobAgain)
     const nqJobId id = submit("job");
     pump();
     pool->cancel(id);
-    machine.pipes.at(0)->lose();
-    pump();
-    ASSERT_EQ(outcomes.size(), 1U);
-    EXPECT_EQ(outcomes.front().state, State::Cancelled);
+    const nqOutcome outcome = outcomeOfKilled(0);
+    EXPECT_EQ(outcome.state, State::Cancelled);
 }
 
 TEST_F(Pool, makesPausesBetweenAttemptsThatGrowUpToTheLongest)

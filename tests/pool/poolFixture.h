@@ -92,6 +92,15 @@ protected:
         pump();
     }
 
+    /// What became of the only job when the kernel has ended its worker.
+    nq::nqOutcome outcomeOfKilled(std::size_t worker)
+    {
+        machine.pipes.at(worker)->lose();
+        pump();
+        EXPECT_EQ(outcomes.size(), 1U);
+        return outcomes.empty() ? nq::nqOutcome() : outcomes.front();
+    }
+
     /// What the worker has been sent, frames included.
     std::string received(std::size_t worker) const
     {

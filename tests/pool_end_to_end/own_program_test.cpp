@@ -486,19 +486,4 @@ TEST_F(StartedByHand, tellsThatTheResultCannotBeWritten)
     EXPECT_EQ(shell.waitForEnd(), 2);
 }
 
-TEST_F(EndToEnd, theProgramOfTheDocumentsReversesEveryLine)
-{
-    ChildProgram shell(
-        "/bin/sh", {"-c", R"(printf 'one\n\ntwo\nno line break' | ')" NQ_REVERSE_LINES "'"});
-    const std::string output = shell.readAllOutput();
-    for (const char* line :
-         {"one: eno\n", "\n: \n", "two: owt\n", "no line break: kaerb enil on\n"})
-        EXPECT_NE(("\n" + output).find(line), std::string::npos) << output;
-    EXPECT_EQ(
-        output.size(),
-        std::string("one: eno\n: \ntwo: owt\nno line break: kaerb enil on\n").size());
-    EXPECT_EQ(shell.readAllErrors(), "");
-    EXPECT_EQ(shell.waitForEnd(), 0);
-}
-
 } // namespace
