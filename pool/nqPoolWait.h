@@ -21,8 +21,8 @@ public:
     nqPoolWait(const nqPoolWait&) = delete;
     nqPoolWait& operator=(const nqPoolWait&) = delete;
 
-    /// From now on, `owner` has something to do while `descriptor` is readable; null: it only ends a
-    /// sleep. False when the kernel refuses.
+    /// From now on, `owner` has something to do while `descriptor` is readable; null: it only ends
+    /// a sleep. False when the kernel refuses.
     bool watch(int descriptor, void* owner);
 
     /// No longer. Before the descriptor is closed.
