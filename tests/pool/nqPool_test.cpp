@@ -1,7 +1,9 @@
 #include "pool/include/nqPool.h"
 
+#include "tests/common/refusedMemory.h"
 #include "tests/pool/poolFixture.h"
 
+#include <new>
 #include <stdexcept>
 
 namespace {
@@ -154,6 +156,28 @@ TEST_F(Pool, takesTheMemoryOfAJobThatIsMoved)
     std::vector<char> job{'j'};
     pool->submit(std::move(job));
     EXPECT_TRUE(job.empty()); // NOLINT(bugprone-use-after-move): that is what is tested
+}
+
+TEST_F(Pool, leavesAMovedJobToTheCallerWhenItHasNoMemoryForIt)
+{
+    if (!common::RefusedMemory::isPossible())
+        GTEST_SKIP() << "this tool has its own allocator";
+    constexpr std::size_t entries = 400; // bytes; the queue takes memory for several at once
+    make();
+    std::size_t accepted = 0;
+    for (;; ++accepted) {
+        ASSERT_LT(accepted, 100U) << "the queue never took memory";
+        std::vector<char> job{'j'};
+        try {
+            const common::RefusedMemory refused(entries);
+            pool->submit(std::move(job));
+        } catch (const std::bad_alloc&) {
+            EXPECT_EQ(job.size(), 1U); // NOLINT(bugprone-use-after-move): that is what is tested
+            break;
+        }
+    }
+    EXPECT_EQ(pool->unfinishedCount(), accepted);
+    EXPECT_EQ(submit("next"), accepted + 1) << "it took no id";
 }
 
 TEST_F(Pool, refusesAnEmptyJobForAPlainWorker)
