@@ -128,7 +128,7 @@ class Conversation(unittest.TestCase):
 
 
 class Pool(unittest.TestCase):
-    """The quickstart's host is the scheduler."""
+    """The host of the core example is the scheduler."""
 
     def reversed_by_pool(self, lines):
         ended = example_run.run([LINES_HOST, WORKER], b"".join(line + b"\n" for line in lines))

@@ -8,7 +8,7 @@
 int main(int argc, char* argv[])
 {
     if (argc != 2) {
-        std::cerr << "usage: quickstart-host WORKER < lines\n";
+        std::cerr << "usage: core-host WORKER < lines\n";
         return 2;
     }
     nq::nqScheduler scheduler(argv[1], false, {}, true);

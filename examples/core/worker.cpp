@@ -1,4 +1,4 @@
-// The worker of the quickstart host: a job is a line, its result is the line reversed.
+// The worker: a job is a line, its result is the line reversed.
 #include <nqWorker.h>
 
 #include <vector>
