@@ -323,7 +323,6 @@ void nqPoolSlot::settleFailure()
         what = mNews.end && mNews.end->exitStatus ? Reason::Exited : Reason::Crashed;
     if (what == Reason::Crashed || what == Reason::Exited)
         mBarren = mJobsDone == 0 ? mBarren + 1 : 0;
-    mLastWords.read();
     nqAttempt attempt = describeAttempt(what);
     attempt.message = std::move(message);
     if (mShared.envelope != nullptr)
@@ -338,8 +337,10 @@ nqAttempt nqPoolSlot::describeAttempt(Reason reason)
     attempt.pid = mPid;
     attempt.ran =
         std::chrono::duration_cast<std::chrono::microseconds>(nqPoolClock::now() - mSince);
-    if (reason != Reason::None)
+    if (reason != Reason::None) {
+        mLastWords.read(); // a worker that lives on has said them too
         attempt.lastWords = mLastWords.text();
+    }
     if (mNews.end) {
         attempt.exitStatus = mNews.end->exitStatus;
         attempt.signal = mNews.end->signal;
@@ -362,7 +363,6 @@ void nqPoolSlot::finishJob(Phase next, nqAttempt&& attempt, std::vector<char>&& 
 // One that ends before it had a job has not been launched well.
 void nqPoolSlot::settleEnd()
 {
-    mLastWords.read();
     const Phase before = mPhase;
     const nqAttempt ended = describeAttempt(Reason::Exited);
     enter(Phase::Down);

@@ -177,6 +177,14 @@ TEST_F(OwnProgram, tellsAnExceptionAndKeepsTheWorker)
     EXPECT_EQ(ask(pool, "pid"), worker);
 }
 
+TEST_F(OwnProgram, tellsTheLastWordsOfAJobThatThrows)
+{
+    nqPool pool(oneWorker());
+    const nqOutcome outcome = outcomeOf(pool, "complain row 17 has no price");
+    EXPECT_EQ(outcome.message, "see above");
+    EXPECT_EQ(outcome.lastWords, "row 17 has no price\n");
+}
+
 TEST_F(OwnProgram, tellsTheTypeOfAnyOtherObjectThatIsThrown)
 {
     nqPool pool(oneWorker());

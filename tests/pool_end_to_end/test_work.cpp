@@ -68,6 +68,11 @@ const std::map<std::string, Command, std::less<>>& commands()
         {"objects", [](const std::string&) { return std::to_string(objectsBuilt); }},
         {"throw",
          [](const std::string& argument) -> std::string { throw std::runtime_error(argument); }},
+        {"complain",
+         [](const std::string& argument) -> std::string {
+             std::cerr << argument << std::endl;
+             throw std::runtime_error("see above");
+         }},
         {"throw-a-number", [](const std::string&) -> std::string { throw 5; }},
         {"exhaust", exhaustMemory},
         {"exit", [](const std::string& argument) -> std::string { ::_exit(std::stoi(argument)); }},
