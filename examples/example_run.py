@@ -13,22 +13,23 @@ def forbid_core_files():
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
 
 
-def run(command, text):
-    """Runs a host to its end, with `text` on its standard input."""
+def run(command, text, folder=None):
+    """Runs a program to its end, with `text` on its standard input, in `folder`."""
     return subprocess.run(
         command,
         input=text,
         capture_output=True,
         timeout=SECONDS,
         check=False,
+        cwd=folder,
         preexec_fn=forbid_core_files,
     )
 
 
-def promised_output(test_file):
-    """The lines that the README beside the tests shows as output: those of its last text block."""
-    readme = pathlib.Path(test_file).resolve().parents[1] / "README.md"
-    blocks = re.findall(r"^```text\n(.*?)^```$", readme.read_text(), re.DOTALL | re.MULTILINE)
+def promised_output(test_file, page="README.md"):
+    """The lines that a page, beside the tests by default, shows as output: its last text block."""
+    page = pathlib.Path(test_file).resolve().parents[1] / page
+    blocks = re.findall(r"^```text\n(.*?)^```$", page.read_text(), re.DOTALL | re.MULTILINE)
     return blocks[-1].splitlines()
 
 
