@@ -51,6 +51,10 @@ expect_library libnqPool 0.1
 
 for file in "$folder"/build/*.deb; do
     dpkg-deb --extract "$file" "$folder/root"
+    texts=$folder/root/usr/share/doc/$(dpkg-deb --field "$file" Package)
+    grep --quiet --line-regexp 'License: Apache-2.0' "$texts/copyright" ||
+        fail "$(basename "$file") does not say its licence"
+    cmp "$source_tree/NOTICE" "$texts/NOTICE" || fail "$(basename "$file") has another notice"
 done
 for library in "$folder"/root/usr/lib/x86_64-linux-gnu/*.so.*; do
     ! grep --quiet 'RUNPATH\|RPATH' < <(readelf --dynamic --wide "$library") ||

@@ -13,7 +13,11 @@ mkdir -p "$folder"
 "$cmake" --install "$build_tree" --prefix "$folder/first"
 mv "$folder/first" "$folder/moved"
 
+for text in LICENSE NOTICE; do
+    cmp "$source_tree/$text" "$folder/moved/share/doc/nqSchedulerAPI/$text"
+done
+
 # Neither tests nor examples nor documents: a build within another project must not want them.
 tar --create --gzip --file "$folder/nqSchedulerAPI-3.0.0.tar.gz" --directory "$source_tree" \
     --transform 's,^,nqSchedulerAPI-3.0.0/,' \
-    CMakeLists.txt cmake include pool scheduler supervision support system worker
+    CMakeLists.txt LICENSE NOTICE cmake include pool scheduler supervision support system worker

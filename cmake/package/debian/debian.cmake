@@ -64,14 +64,14 @@ set(CPACK_COMPONENT_NQDEVELOPMENT_DESCRIPTION
 Headers, and what CMake, pkg-config and the linker need to build hosts and
 workers with nqSchedulerAPI and nqPool.")
 
-# Every Debian package carries these two. An installation by other means does not.
+# Every Debian package carries these, in Debian's place for them. An installation by other means does not.
 execute_process(
     COMMAND gzip --best --no-name --stdout ${CMAKE_CURRENT_SOURCE_DIR}/debian/changelog
     OUTPUT_FILE ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz COMMAND_ERROR_IS_FATAL ANY)
 foreach(component IN LISTS CPACK_COMPONENTS_ALL)
     string(TOUPPER ${component} variable)
     install(
-        FILES debian/copyright ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz
+        FILES debian/copyright ${root}/NOTICE ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${CPACK_DEBIAN_${variable}_PACKAGE_NAME}
         COMPONENT ${component}
         EXCLUDE_FROM_ALL)
