@@ -37,17 +37,14 @@ endfunction()
 
 # File name, SONAME and memory protection of a library that is shipped. EXPORTS names its linker map,
 # which keeps symbols of the C++ standard library's templates and private nested types out of the
-# interface. A third argument is the version of a library that does not share the project's.
-function(nq_ship_library target exports)
-    set(version ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
-    if(ARGC GREATER 2)
-        set(version ${ARGV2})
-    endif()
+# interface. The first two numbers of VERSION are that interface's number.
+function(nq_ship_library target exports version)
+    string(REGEX MATCH "^[0-9]+\\.[0-9]+" soVersion ${version})
     set_target_properties(
         ${target}
         PROPERTIES LINKER_LANGUAGE CXX
-                   VERSION ${version}
-                   SOVERSION ${version}
+                   VERSION ${soVersion}
+                   SOVERSION ${soVersion}
                    LINK_DEPENDS ${exports})
     target_link_options(${target} PRIVATE -Wl,--version-script=${exports})
     # Everything is resolved when the library is loaded, and the tables are read-only from then on.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "nqExport.h"
+#include "nqVersion.h"
 #include "nqWorkerStatus.h"
 
 #include <cstdint>

@@ -1,10 +1,12 @@
 #pragma once
 
 #include "nqExport.h"
+#include "nqVersion.h"
 
 /// Which build of the library is loaded. Constants without side effects: nothing blocks, nothing
 /// fails, and any thread may call. The texts belong to the library and live as long as it is
-/// loaded; never free them. The bool parameters are ignored.
+/// loaded; never free them. The bool parameters are ignored. The macros of nqVersion.h tell which
+/// version a program was compiled with.
 namespace nqSchedulerAPI::Version {
 
 NQ_API int GetMajor();    ///< the first number of the version

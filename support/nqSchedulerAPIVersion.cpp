@@ -1,19 +1,12 @@
 #include "include/nqSchedulerAPIVersion.h"
+#include "include/nqVersion.h"
 
 // The numbers stand once and reach the texts through the preprocessor.
-#define NQ_MAJOR 3
-#define NQ_MINOR 0
-#define NQ_RELEASE 0
 #define NQ_REVISION 47
 #define NQ_YEAR 2025
 #define NQ_MONTH 6
 
-#define NQ_TEXT_OF(token) #token
-#define NQ_TEXT(macro) NQ_TEXT_OF(macro)
-
-#define NQ_MAJOR_MINOR NQ_TEXT(NQ_MAJOR) "." NQ_TEXT(NQ_MINOR)
-#define NQ_MAJOR_MINOR_RELEASE NQ_MAJOR_MINOR "." NQ_TEXT(NQ_RELEASE)
-#define NQ_FULL NQ_MAJOR_MINOR_RELEASE "." NQ_TEXT(NQ_REVISION) " #" NQ_BUILD_IDENTIFIER
+#define NQ_FULL NQ_VERSION_STRING "." NQ_VERSION_TEXT(NQ_REVISION) " #" NQ_BUILD_IDENTIFIER
 
 namespace nqSchedulerAPI::Version {
 
@@ -22,17 +15,17 @@ static_assert(
 
 int GetMajor()
 {
-    return NQ_MAJOR;
+    return NQ_VERSION_MAJOR;
 }
 
 int GetMinor()
 {
-    return NQ_MINOR;
+    return NQ_VERSION_MINOR;
 }
 
 int GetRelease()
 {
-    return NQ_RELEASE;
+    return NQ_VERSION_PATCH;
 }
 
 int GetRevision()
@@ -52,12 +45,12 @@ int GetMonth()
 
 const char* GetDescStringMajorMinor(bool /*ignored*/)
 {
-    return NQ_MAJOR_MINOR;
+    return NQ_VERSION_TEXT(NQ_VERSION_MAJOR) "." NQ_VERSION_TEXT(NQ_VERSION_MINOR);
 }
 
 const char* GetDescStringMajorMinorRelease(bool /*ignored*/)
 {
-    return NQ_MAJOR_MINOR_RELEASE;
+    return NQ_VERSION_STRING;
 }
 
 const char* GetDescStringMajorMinorReleaseRevision(bool /*ignored*/)
@@ -67,7 +60,7 @@ const char* GetDescStringMajorMinorReleaseRevision(bool /*ignored*/)
 
 const char* GetDescStringMajorMinorReleaseRevisionDate()
 {
-    return NQ_FULL " " NQ_TEXT(NQ_YEAR) "-" NQ_TEXT(NQ_MONTH);
+    return NQ_FULL " " NQ_VERSION_TEXT(NQ_YEAR) "-" NQ_VERSION_TEXT(NQ_MONTH);
 }
 
 bool IsBeta()

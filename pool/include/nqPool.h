@@ -4,6 +4,7 @@
 #include "nqOutcome.h"
 #include "nqPoolOptions.h"
 #include "nqPoolStatistics.h"
+#include "nqPoolVersion.h"
 #include "nqPoolWorker.h"
 
 #include <chrono>

@@ -9,7 +9,10 @@ int main(int argumentCount, char** arguments)
 {
     if (argumentCount != 2)
         return 2;
-    std::printf("version %s\n", nqSchedulerAPI::Version::GetDescStringMajorMinorRelease(false));
+    std::printf(
+        "version %s, headers %s\n",
+        nqSchedulerAPI::Version::GetDescStringMajorMinorRelease(false),
+        NQ_VERSION_STRING);
 
     nq::nqScheduler scheduler(arguments[1], false, {}, false);
     scheduler.setJobProcessTimeout(60);

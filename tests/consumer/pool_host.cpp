@@ -12,6 +12,7 @@ int main(int argc, char* argv[])
     nq::runAsWorker(
         argc, argv, [](std::string_view job) { return std::string(job.rbegin(), job.rend()); });
 
+    std::cout << "version " << NQ_POOL_VERSION_STRING << '\n';
     nq::nqPoolOptions options;
     options.workers = 1;
     nq::nqPool pool(options);

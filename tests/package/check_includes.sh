@@ -19,7 +19,7 @@ standard+='|istream|iterator|limits|list|locale|map|memory|mutex|new|numeric|opt
 standard+='|random|ratio|set|sstream|stdexcept|streambuf|string|string_view|system_error|tuple'
 standard+='|type_traits|typeinfo|unordered_map|unordered_set|utility|variant|vector)>'
 
-public='"(include/)?nq(Export|Scheduler|SchedulerAPIVersion|SchedulerObserver|Worker|WorkerStatus)\.h"'
+public='"(include/)?nq(Export|Scheduler|SchedulerAPIVersion|SchedulerObserver|Version|Worker|WorkerStatus)\.h"'
 system='"system/nq[A-Za-z]+\.h"'
 pool_headers=$(cd pool/include && printf '%s|' *.h)nqExport.h
 platform_headers=$(cd system && printf '%s|' *.h)nqExport.h

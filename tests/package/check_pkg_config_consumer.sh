@@ -32,7 +32,7 @@ expect_version() {
 }
 expect_version nqSchedulerAPI 3.0.0 3.0 3.1
 expect_version nqSystem 3.0.0 3.0 3.1
-expect_version nqPool 0.1 0.1 0.2
+expect_version nqPool 0.1.0 0.1 0.2
 
 for package in nqSchedulerAPI nqSystem nqPool; do
     found=$(variable prefix "$package")

@@ -7,7 +7,7 @@ fail() {
 
 # run_pair HOST WORKER: the host hands one job to the worker.
 run_pair() {
-    local output expected=$'version 3.0.0\nanswer stressed'
+    local output expected=$'version 3.0.0, headers 3.0.0\nanswer stressed'
     output=$("$1" "$2") || fail "the host ended with $?: $output"
     [[ $output == "$expected" ]] || fail "the host printed '$output' instead of '$expected'"
 }
@@ -32,6 +32,6 @@ run_programs() {
         fail "the logging host printed '$output'"
 
     output=$("$folder/pool_host") || fail "the host with a pool ended with $?: $output"
-    [[ $output == $'pool stressed\nthread desserts' ]] ||
+    [[ $output == $'version 0.1.0\npool stressed\nthread desserts' ]] ||
         fail "the host with a pool printed '$output'"
 }

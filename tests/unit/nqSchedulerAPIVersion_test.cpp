@@ -31,6 +31,15 @@ TEST(Version, describesItselfInGrowingDetail)
     EXPECT_STREQ(Version::GetDescStringMajorMinorRelease(false), "3.0.0");
 }
 
+TEST(Version, isTheOneThatHeadersTellThePreprocessor)
+{
+    EXPECT_EQ(Version::GetMajor(), NQ_VERSION_MAJOR);
+    EXPECT_EQ(Version::GetMinor(), NQ_VERSION_MINOR);
+    EXPECT_EQ(Version::GetRelease(), NQ_VERSION_PATCH);
+    EXPECT_STREQ(Version::GetDescStringMajorMinorRelease(false), NQ_VERSION_STRING);
+    EXPECT_EQ(NQ_VERSION, 30000);
+}
+
 TEST(Version, namesItsBuildInSixteenLowerCaseHexadecimalDigits)
 {
     const std::string start = "3.0.0.47 #";
