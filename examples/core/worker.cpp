@@ -9,7 +9,7 @@ public:
 
     void processJob(std::vector<char>& job, std::vector<char>& result) override
     {
-        result.assign(job.rbegin(), job.rend()); // never leave the result empty
+        result.assign(job.rbegin(), job.rend()); // an empty one would never complete its job
     }
 };
 
