@@ -1,6 +1,5 @@
-// Prints the lines of many files that match a regular expression, in the order of the files. The
-// library's matcher overflows the stack on long lines and takes for ever on unlucky expressions; a
-// file that does that to it costs a worker process, and is named at the end.
+// Prints the lines of many files that match a regular expression, in the order of the files. One
+// that crashes or hangs the C++ library's matcher costs a worker, and is named at the end.
 #include <nqPool.h>
 
 #include <csignal>
@@ -14,8 +13,6 @@
 #include <vector>
 
 namespace {
-
-using Reason = nq::nqAttempt::Reason;
 
 volatile std::sig_atomic_t interrupted = 0;
 
@@ -36,23 +33,25 @@ std::string matchingLines(std::string_view job)
     return found;
 }
 
-bool showProgress(const nq::nqProgress& progress)
+/// Shows how far it is. False after Ctrl-C.
+bool goesOn(const nq::nqPool& pool)
 {
-    const std::size_t left = progress.queued + progress.running;
-    std::cerr << '\r' << progress.done << " files, " << progress.failed << " failed, " << left
-              << " to go " << std::flush;
+    const nq::nqPoolStatistics now = pool.statistics();
+    std::cerr << '\r' << now.done << " files, " << now.failed << " failed, "
+              << now.queued + now.running << " to go " << std::flush;
     return interrupted == 0;
 }
 
 } // namespace
 
 int main(int argc, char* argv[])
-{
+try {
     nq::runAsWorker(argc, argv, matchingLines);
     if (argc != 3) {
         std::cerr << "usage: lines EXPRESSION FOLDER\n";
         return 2;
     }
+    const std::regex mustBeGood(argv[1]); // or is refused here, once
     std::signal(SIGINT, [](int) { interrupted = 1; });
 
     nq::nqPoolOptions options;
@@ -61,27 +60,31 @@ int main(int argc, char* argv[])
     options.recycleAfterJobs = 1000; // against leaks
     options.retry.attempts = 3;
     options.order = nq::nqPoolOptions::Order::Submission;
-    options.maxPendingJobs = 1000;
+    options.maxPendingJobs = 1000; // submit() pumps meanwhile
     nq::nqPool pool(options);
 
     std::vector<std::string> failures;
+    std::size_t count = 0;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(argv[2])) {
-        if (interrupted != 0)
-            break;
         if (!entry.is_regular_file())
             continue;
+        if (interrupted != 0 || (++count % 100 == 0 && !goesOn(pool)))
+            break;
         const std::string path = entry.path();
         pool.submit(std::string(argv[1]) + '\n' + path, [path, &failures](nq::nqOutcome&& outcome) {
             if (outcome)
                 std::cout << outcome.text();
-            else if (outcome.reason != Reason::Stopped)
+            else if (outcome.reason != nq::nqAttempt::Reason::Stopped)
                 failures.push_back(path + ": " + outcome.failureText());
         });
     }
-    pool.drain(showProgress);
+    pool.drain([&pool](const nq::nqProgress&) { return goesOn(pool); });
     pool.stop(); // after Ctrl-C, ends what still runs
     std::cerr << (interrupted != 0 ? "\ninterrupted\n" : "\n");
     for (const std::string& failure : failures)
         std::cerr << failure << '\n';
     return interrupted != 0 || !failures.empty() ? 1 : 0;
+} catch (const std::exception& error) {
+    std::cerr << "lines: " << error.what() << '\n';
+    return 2;
 }

@@ -67,6 +67,25 @@ class Lines(unittest.TestCase):
         self.assertEqual(searching.returncode, 1)
         self.assertNotIn(b"50 failed", rest)
 
+    def test_a_folder_that_is_not_there_is_told(self):
+        ended = example_run.run([LINES, "alpha", "/nowhere/folder"], b"")
+        self.assertEqual(ended.returncode, 2)
+        self.assertIn(b"/nowhere/folder", ended.stderr)
+
+    def test_an_expression_that_is_none_is_refused_once(self):
+        for number in range(10):
+            self.write(f"file{number}", "alpha\n")
+        ended = self.search("(")
+        self.assertEqual(ended.returncode, 2)
+        self.assertEqual(ended.stderr.count(b"\n"), 1, ended.stderr)
+
+    def test_progress_is_shown_while_files_are_still_handed_over(self):
+        for number in range(1500):
+            self.write(f"file{number}", "alpha\n")
+        ended = self.search("beta")
+        self.assertRegex(ended.stderr, rb"^\r0 files, 0 failed, \d+ to go \r")
+        self.assertRegex(ended.stderr, rb"\r1500 files, 0 failed, 0 to go \n$")
+
     def test_a_missing_argument_is_explained(self):
         ended = example_run.run([LINES], b"")
         self.assertEqual(ended.returncode, 2)
