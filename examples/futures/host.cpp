@@ -8,7 +8,7 @@
 int main(int argc, char* argv[])
 try {
     if (argc < 2) {
-        std::cerr << "usage: pool-futures WORKER [WORD...]\n";
+        std::cerr << "usage: futures-host WORKER [WORD...]\n";
         return 2;
     }
     nq::nqPoolOptions options;

@@ -14,7 +14,7 @@ import uuid
 
 import example_run
 
-LINES_HOST, LOOP_HOST, PAGE = sys.argv[1:4]
+CORE_HOST, POOL_HOST, PAGE = sys.argv[1:4]
 WORKER = pathlib.Path(__file__).resolve().parents[1] / "worker.py"
 
 # The worker's first line finds the interpreter that runs this test.
@@ -127,38 +127,50 @@ class Conversation(unittest.TestCase):
         self.assertIn(b"UnicodeDecodeError", self.worker.stderr.read())
 
 
-class Pool(unittest.TestCase):
-    """The host of the core example is the scheduler."""
+class Scheduler(unittest.TestCase):
+    """The host is the one of the core example."""
 
-    def reversed_by_pool(self, lines):
-        ended = example_run.run([LINES_HOST, WORKER], b"".join(line + b"\n" for line in lines))
+    def reversed_by_scheduler(self, lines):
+        ended = example_run.run([CORE_HOST, WORKER], b"".join(line + b"\n" for line in lines))
         self.assertEqual(ended.stderr, b"")
         self.assertEqual(ended.returncode, 0)
         return sorted(ended.stdout.splitlines())
 
-    def test_the_readme_shows_its_answers(self):
-        shown = sorted(line.encode() for line in example_run.promised_output(__file__))
-        self.assertEqual(self.reversed_by_pool([b"one", "naïve".encode(), b"three"]), shown)
-
     def test_payloads_of_any_size_come_back(self):
         sizes = (1, 4096, 1 << 20, 5 << 20)
         lines = [(b"%d." % size + b"x" * size)[:size] for size in sizes]
-        self.assertEqual(self.reversed_by_pool(lines), sorted(line[::-1] for line in lines))
+        self.assertEqual(self.reversed_by_scheduler(lines), sorted(line[::-1] for line in lines))
 
     def test_many_jobs_are_all_answered(self):
         lines = [b"job %d" % number for number in range(2000)]
-        self.assertEqual(self.reversed_by_pool(lines), sorted(line[::-1] for line in lines))
+        self.assertEqual(self.reversed_by_scheduler(lines), sorted(line[::-1] for line in lines))
 
     def test_an_exception_costs_its_one_job(self):
         lines = [b"job %d" % number for number in range(20)]
         no_text = b"\xff no text"
         jobs = b"\n".join(lines[:10] + [no_text] + lines[10:])
-        ended = example_run.run([LINES_HOST, WORKER], jobs)
+        ended = example_run.run([CORE_HOST, WORKER], jobs)
         self.assertEqual(ended.returncode, 1)
         self.assertEqual(ended.stderr.count(b"failed: "), 1)
         self.assertIn(b"failed: " + no_text + b": Unexpected crash\n", ended.stderr)
         answers = set(ended.stdout.splitlines())
         self.assertLessEqual({line[::-1] for line in lines}, answers)
+
+
+class Pool(unittest.TestCase):
+    def answers(self, text):
+        ended = example_run.run([POOL_HOST, WORKER], text)
+        self.assertEqual((ended.stderr, ended.returncode), (b"", 0))
+        return ended.stdout.decode().splitlines()
+
+    def test_the_readme_shows_its_answers(self):
+        shown = example_run.promised_output(__file__)
+        self.assertEqual(self.answers("one\n\nnaïve\nthree\n".encode()), shown)
+
+    def test_an_exception_costs_its_one_job_and_its_traceback_is_told(self):
+        before, failed, after = self.answers(b"one\n\xff\nthree\n")
+        self.assertEqual([before, after], ["eno", "eerht"])
+        self.assertRegex(failed, "left with exit status 1 .*it last wrote .UnicodeDecodeError")
 
 
 def children_of(pid):
@@ -174,11 +186,11 @@ def children_of(pid):
 
 
 class End(unittest.TestCase):
-    """The host of the event loop is the scheduler, since it answers while its input is open."""
+    """The host is the example's own, which answers while its input is open."""
 
     def setUp(self):
         self.host = subprocess.Popen(
-            [LOOP_HOST, WORKER], stdin=subprocess.PIPE, stdout=subprocess.PIPE
+            [POOL_HOST, WORKER], stdin=subprocess.PIPE, stdout=subprocess.PIPE
         )
         self.addCleanup(self.host.wait)
         self.addCleanup(self.host.kill)
@@ -190,7 +202,7 @@ class End(unittest.TestCase):
         self.workers = [os.pidfd_open(pid) for pid in children_of(self.host.pid)]
         for worker in self.workers:
             self.addCleanup(os.close, worker)
-        self.assertEqual(len(self.workers), 2)
+        self.assertEqual(len(self.workers), 1)
 
     def assert_workers_are_gone(self):
         for worker in self.workers:
