@@ -1,132 +1,273 @@
-// contact-sheet: draws one picture with small versions of many, decoded by worker processes.
+// contact-sheet: small versions of many pictures on one sheet, decoded by worker processes, which
+// are this program too. The host never looks into a file: it hands out paths, draws the tiles that
+// come back, and a red one with the reason for each file that none comes back for.
 
-#include "examples/contact_sheet/collect.h"
-#include "examples/contact_sheet/contact_sheet.h"
-#include "examples/contact_sheet/decode_all.h"
-#include "examples/contact_sheet/host_log.h"
-#include "examples/contact_sheet/options.h"
-#include "examples/contact_sheet/output_file.h"
-#include "examples/contact_sheet/progress.h"
-#include "examples/contact_sheet/report.h"
-#include "examples/contact_sheet/stop_signal.h"
+#include "files.h"
+#include "options.h"
+#include "sheet.h"
 
-#include <nqSchedulerAPIVersion.h>
+#include <nqPool.h>
+
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <chrono>
+#include <cmath>
 #include <csignal>
-#include <cstdio>
-#include <exception>
+#include <iostream>
+#include <sstream>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace {
 
 using namespace sheet;
+using Json = nlohmann::ordered_json;
+using Reason = nq::nqAttempt::Reason;
 
-std::string versionText()
+volatile std::sig_atomic_t stopSignal = 0;
+
+/// The first Ctrl-C asks for an end. The second one finds no handler, and ends the program.
+void noteStopSignal(int signal)
 {
-    return std::string("contact-sheet ") +
-           nqSchedulerAPI::Version::GetDescStringMajorMinorReleaseRevisionDate();
+    stopSignal = signal;
+    std::signal(signal, SIG_DFL);
 }
 
-std::vector<Entry> entriesFor(const Options& options)
+/// What people read meanwhile: lines and, on a terminal, one below that changes.
+class Screen {
+public:
+    ~Screen()
+    {
+        show("");
+    }
+
+    void say(const std::string& text)
+    {
+        show("");
+        std::cerr << printable(text) << '\n';
+    }
+
+    /// Cut to the width that the terminal has now: a line that wraps cannot be replaced.
+    void show(const std::string& text)
+    {
+        winsize size{};
+        if (::isatty(STDERR_FILENO) == 0)
+            return;
+        const bool isKnown = ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+        std::cerr << "\r\x1b[K" << text.substr(0, isKnown ? size.ws_col - 1U : 79U) << std::flush;
+    }
+};
+
+/// What went wrong, in a few words.
+std::string headlineOf(const nq::nqOutcome& outcome, const Options& options)
 {
-    std::vector<Entry> entries;
-    for (std::string& path : collectFiles(options.paths, options.output))
-        entries.push_back({std::move(path), Unresolved{}});
-    if (entries.empty())
-        throw std::runtime_error("no pictures found (.jpg, .jpeg, .png)");
-    return entries;
+    std::ostringstream text;
+    switch (outcome.reason) {
+    case Reason::Exception:
+        return "cannot be decoded";
+    case Reason::Crashed:
+        return "crashed (" + outcome.signalName() + ")";
+    case Reason::Exited:
+        return "exited (status " + std::to_string(outcome.exitStatus.value_or(-1)) + ")";
+    case Reason::MemoryCap:
+        return "too much memory (" + std::to_string(options.memory) + " MB)";
+    case Reason::Timeout:
+        text << "timeout (" << options.timeout << " s)";
+        return text.str();
+    case Reason::None:
+        return "the answer makes no sense";
+    case Reason::NoWorker:
+    case Reason::ResultLost:
+    case Reason::Deadline:
+    case Reason::Cancelled:
+    case Reason::Stopped:
+        break;
+    }
+    return "not done";
 }
 
-void requireWorker(const std::string& path)
+/// What the decoder has thrown or printed about it.
+std::string detailOf(const nq::nqOutcome& outcome)
 {
-    if (access(path.c_str(), X_OK) != 0)
-        throw std::runtime_error("no worker program at " + path + "; name it with --worker");
+    std::string words = outcome.lastWords;
+    words.erase(words.find_last_not_of('\n') + 1);
+    words.erase(0, words.rfind('\n') + 1); // all but the last line
+    if (outcome.reason != Reason::Exception)
+        return words;
+    return outcome.message + (words.empty() ? "" : ": " + words);
 }
 
-void writeReport(OutputFile& file, const std::string& text)
+nq::nqPoolOptions poolOptions(const Options& options)
 {
-    std::fwrite(text.data(), 1, text.size(), file.stream());
-    file.keep();
+    nq::nqPoolOptions pool;
+    pool.workers = options.workers;
+    pool.jobTimeout = std::chrono::milliseconds(std::llround(options.timeout * 1000));
+    pool.memoryCap = static_cast<std::uint64_t>(options.memory) << 20;
+    pool.keepFailedJobs = options.keep;
+    // Tiles come in the order of the files, so a sheet is drawn and forgotten once it is full. The
+    // bound says how many of them may wait for a file that takes long; with it, a million files
+    // need no more memory than a thousand.
+    pool.order = nq::nqPoolOptions::Order::Submission;
+    pool.maxPendingJobs = 64;
+    pool.whenFull = nq::nqPoolOptions::WhenFull::Refuse; // not to be out of reach of Ctrl-C
+    return pool;
 }
 
-std::size_t countFailures(const std::vector<Entry>& entries)
+class Run {
+public:
+    /// Refuses what can be refused before the work begins.
+    explicit Run(const Options& options);
+    int go();
+
+private:
+    void submitSome();
+    void take(const std::string& path, const nq::nqOutcome& outcome);
+    void finishSheet();
+    std::string progress() const;
+
+    const Options& mOptions;
+    const std::vector<std::string> mFiles;
+    const std::string mReportName;
+    const Layout mLayout;
+    const std::size_t mCellsOfASheet;
+    const std::size_t mSheetCount;
+    nq::nqPool mPool;
+    Screen mScreen;
+    std::size_t mSubmitted = 0;
+    std::size_t mShown = 0;
+    std::size_t mFailed = 0;
+    std::vector<Cell> mCells;     // of the next sheet
+    Json mSheets = Json::array(); // names of those written
+    Json mReport = Json::array(); // of the files so far
+};
+
+Layout layoutOf(const Options& options, std::size_t files)
 {
-    return static_cast<std::size_t>(
-        std::count_if(entries.begin(), entries.end(), [](const Entry& entry) {
-            return !std::holds_alternative<DecodedPicture>(entry.outcome);
-        }));
+    if (files == 0)
+        throw std::runtime_error("there are no pictures (.jpg, .jpeg, .png, .ppm)");
+    const auto columns = std::min(files, static_cast<std::size_t>(options.columns));
+    const Size tile{options.tileWidth, options.tileWidth * 3 / 4};
+    return {tile, static_cast<int>(columns), options.rows, options.title};
 }
 
-int run(const Options& options)
+Run::Run(const Options& options)
+    : mOptions(options),
+      mFiles(findPictures(options.paths, options.output)),
+      mReportName(options.output.substr(0, options.output.rfind('.')) + ".json"),
+      mLayout(layoutOf(options, mFiles.size())),
+      mCellsOfASheet(static_cast<std::size_t>(mLayout.columns * mLayout.rows)),
+      mSheetCount((mFiles.size() - 1) / mCellsOfASheet + 1),
+      mPool(poolOptions(options))
 {
-    // Whatever can be refused is refused before the work begins.
-    std::vector<Entry> entries = entriesFor(options);
-    requireWorker(options.pool.worker);
-    Font font(options.font, letterHeight(options.edge));
-    const Layout layout = layOut(entries.size(), options.columns, options.edge, font);
-    if (options.report == options.output)
-        throw std::runtime_error("the picture and its report cannot both be " + options.output);
-    OutputFile pictureFile(options.output);
-    OutputFile reportFile(options.report);
-
-    watchForStopSignals();
-    const auto start = std::chrono::steady_clock::now();
-    Progress progress(!options.quiet);
-    const HostLog log(progress, options.verbose);
-    const RunEnd how = decodeAll(entries, options.edge, options.pool, progress);
-    progress.clear();
-    if (how == RunEnd::notStarted)
-        throw std::runtime_error("the worker processes could not be started");
-    if (how == RunEnd::interrupted)
-        return exitSomeFailed; // leaves no files behind
-    if (how == RunEnd::poolLost)
-        std::fputs("contact-sheet: no worker process is left and none could be started\n", stderr);
-
-    PngWriter writer(pictureFile.stream(), layout.size());
-    drawSheet(entries, layout, font, writer);
-    pictureFile.keep();
-    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-    writeReport(reportFile, reportText(entries, {options.output, options.pool.workers, elapsed}));
-
-    const std::size_t failures = countFailures(entries);
-    if (!options.quiet)
-        std::printf(
-            "%zu shown, %zu failed: %s, %s\n",
-            entries.size() - failures,
-            failures,
-            options.output.c_str(),
-            options.report.c_str());
-    return failures == 0 ? exitAllGood : exitSomeFailed;
+    newSurface(sheetSize(mLayout, options.rows));
+    requireWritable(sheetName(options.output, 1, mSheetCount));
+    requireWritable(mReportName);
 }
 
-// A stopped program dies of the signal, so that its shell sees why it ended.
-void dieOfStopSignal()
+int Run::go()
 {
-    if (stopSignal() == 0)
-        return;
-    std::signal(stopSignal(), SIG_DFL);
-    std::raise(stopSignal());
+    std::signal(SIGINT, noteStopSignal);
+    std::signal(SIGTERM, noteStopSignal);
+    while (mShown + mFailed < mFiles.size() && stopSignal == 0) {
+        submitSome();
+        mPool.pump(std::chrono::milliseconds(100));
+        mScreen.show(progress());
+    }
+    if (stopSignal != 0)
+        mScreen.say("interrupted: stopping; interrupt again to leave at once");
+    mPool.stop();
+    if (!mCells.empty())
+        finishSheet();
+    for (std::size_t left = mReport.size(); left < mFiles.size(); ++left)
+        mReport.push_back({{"path", mFiles[left]}, {"status", "not-done"}});
+    const Json report{{"sheets", mSheets}, {"files", mReport}};
+    writeFile(mReportName, report.dump(2, ' ', false, Json::error_handler_t::replace) + '\n');
+    mScreen.show("");
+    std::cout << progress() << ", report in " << printable(mReportName) << std::endl;
+    return mShown == mFiles.size() ? 0 : 1;
+}
+
+void Run::submitSome()
+{
+    for (; mSubmitted < mFiles.size(); ++mSubmitted) {
+        const std::string& path = mFiles[mSubmitted];
+        const auto toTake = [this, &path](nq::nqOutcome&& outcome) { take(path, outcome); };
+        if (mPool.submit(jobOf(path, mLayout.tile), toTake) == 0)
+            return; // full
+    }
+}
+
+void Run::take(const std::string& path, const nq::nqOutcome& outcome)
+{
+    if (outcome.state == nq::nqOutcome::State::Cancelled)
+        return; // interrupted
+    Cell cell;
+    cell.caption = path.substr(path.rfind('/') + 1);
+    if (outcome)
+        cell.tile = tileOf(outcome.bytes, mLayout.tile);
+    if (cell.tile) {
+        ++mShown;
+        mReport.push_back({{"path", path}, {"status", "ok"}});
+    } else {
+        ++mFailed;
+        cell.headline = headlineOf(outcome, mOptions);
+        cell.detail = detailOf(outcome);
+        mScreen.say(path + ": " + cell.headline + (cell.detail.empty() ? "" : ": " + cell.detail));
+        mReport.push_back(
+            {{"path", path},
+             {"status", "failed"},
+             {"reason", cell.headline},
+             {"detail", cell.detail},
+             {"failure", outcome.failureText()},
+             {"kept", outcome.keptAs}});
+    }
+    mCells.push_back(std::move(cell));
+    if (mCells.size() == mCellsOfASheet)
+        finishSheet();
+}
+
+void Run::finishSheet()
+{
+    const auto failed =
+        std::count_if(mCells.begin(), mCells.end(), [](const Cell& cell) { return !cell.tile; });
+    std::ostringstream note;
+    if (mSheetCount > 1)
+        note << "sheet " << mSheets.size() + 1 << " of " << mSheetCount << ": ";
+    note << mCells.size() << (mCells.size() == 1 ? " file" : " files");
+    if (failed > 0)
+        note << ", " << failed << " failed";
+    const std::string name = sheetName(mOptions.output, mSheets.size() + 1, mSheetCount);
+    writeFile(name, drawSheet(mCells, mLayout, note.str()));
+    mScreen.say(name + ": " + note.str());
+    mSheets.push_back(name);
+    mCells.clear();
+}
+
+std::string Run::progress() const
+{
+    std::ostringstream text;
+    text << mShown << " of " << mFiles.size() << " shown, " << mFailed << " failed";
+    return text.str();
 }
 
 } // namespace
 
-int main(int argc, char** argv)
+int main(int argc, char* argv[])
 {
-    const ParsedOptions parsed = parseOptions(argc, argv, versionText());
-    if (!parsed.options)
-        return parsed.exitStatus;
-    try {
-        const int status = run(*parsed.options);
-        dieOfStopSignal();
+    nq::runAsWorker(argc, argv, makeTile);
+    int status = 0;
+    const std::optional<Options> options = parseOptions(argc, argv, status);
+    if (!options)
         return status;
+    try {
+        status = Run(*options).go();
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "contact-sheet: %s\n", error.what());
+        std::cerr << "contact-sheet: " << printable(error.what()) << '\n';
         return exitUsage;
     }
+    if (stopSignal != 0)
+        std::raise(stopSignal); // so that the shell sees why it ended
+    return status;
 }
