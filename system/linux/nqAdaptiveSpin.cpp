@@ -12,6 +12,18 @@ using std::chrono::steady_clock;
 constexpr std::chrono::microseconds spinTime{60}; // twice what a virtual machine takes to wake one
 constexpr unsigned int maxBackoff = 4095;         // misses then cost next to nothing
 
+/// Leaves a processor's other hardware thread more to do while this one spins. Not a yield to the
+/// scheduler: a worker that gets this processor would turn the spin into a hit where sleeping is
+/// cheaper.
+void relaxProcessor()
+{
+#if defined(__x86_64__)
+    __builtin_ia32_pause();
+#else
+    asm volatile("yield"); // to the hardware thread, as pause is
+#endif
+}
+
 } // namespace
 
 bool nqSpinBackoff::countWait()
@@ -51,9 +63,7 @@ bool nqAdaptiveSpin::spin(pollfd* descriptors, nfds_t count)
     }
     const steady_clock::time_point end = steady_clock::now() + spinTime;
     do {
-        // Not a yield: a worker that gets this processor would turn the spin into a hit where
-        // sleeping is cheaper.
-        __builtin_ia32_pause();
+        relaxProcessor();
         if (::poll(descriptors, count, 0) > 0) {
             mBackoff.noteHit();
             return true;
