@@ -23,11 +23,6 @@ Mark usedMarks{none};
 /// Holds the mark where the kernel cannot wipe memory in a child.
 Mark ordinaryMark{none};
 
-void wipeOrdinaryMark()
-{
-    ordinaryMark = none;
-}
-
 Mark& makeMark() noexcept
 {
     const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
@@ -37,15 +32,28 @@ Mark& makeMark() noexcept
         return *new (memory) Mark(none);
     if (memory != MAP_FAILED)
         ::munmap(memory, page);
-    // Before Linux 4.14. Misses only a child whose fork runs no handlers.
-    ::pthread_atfork(nullptr, nullptr, wipeOrdinaryMark);
-    return ordinaryMark;
+    return ordinaryMark; // before Linux 4.14
 }
+
+Mark& markPlace() noexcept
+{
+    static Mark& mark = makeMark();
+    return mark;
+}
+
+void wipeMark()
+{
+    markPlace() = none;
+}
+
+/// Emulators of other processors accept the wish for a wiped page and do nothing about it. Without the
+/// kernel's help, only a child whose fork runs no handlers is missed.
+[[maybe_unused]] const int handlerAtLoad = ::pthread_atfork(nullptr, nullptr, wipeMark);
 
 /// The mark of this process; a forked child gets its own here, at its first call.
 std::uint64_t currentMark() noexcept
 {
-    static Mark& mark = makeMark();
+    Mark& mark = markPlace();
     std::uint64_t current = mark.load(std::memory_order_relaxed);
     if (current != none)
         return current;
