@@ -10,7 +10,8 @@ endfunction()
 
 # What the compiler builds for counts, which options such as -m32 change.
 function(nq_require_compiler)
-    nq_require("a compiler for x86-64" NQ_BUILDS_FOR_X86_64 "defined(__x86_64__) && defined(__LP64__)")
+    nq_require("a compiler for x86-64 or aarch64" NQ_KNOWS_PROCESSOR
+               "(defined(__x86_64__) || defined(__aarch64__)) && defined(__LP64__)")
     nq_require("glibc 2.34 or later" NQ_HAS_GLIBC_2_34 "defined(__GLIBC__) && __GLIBC_PREREQ(2, 34)")
 endfunction()
 

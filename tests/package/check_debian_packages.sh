@@ -56,7 +56,7 @@ for file in "$folder"/build/*.deb; do
         fail "$(basename "$file") does not say its licence"
     cmp "$source_tree/NOTICE" "$texts/NOTICE" || fail "$(basename "$file") has another notice"
 done
-for library in "$folder"/root/usr/lib/x86_64-linux-gnu/*.so.*; do
+for library in "$folder"/root/usr/lib/*/*.so.*; do
     ! grep --quiet 'RUNPATH\|RPATH' < <(readelf --dynamic --wide "$library") ||
         fail "$(basename "$library") looks for libraries in folders of its own"
 done

@@ -31,7 +31,7 @@ for system in Windows FreeBSD Darwin; do
     expect_refusal "nqSchedulerAPI runs on Linux only, not on $system." -DCMAKE_SYSTEM_NAME=$system
 done
 for option in -m32 -mx32; do
-    expect_refusal "nqSchedulerAPI needs a compiler for x86-64." -DCMAKE_CXX_FLAGS=$option
+    expect_refusal "nqSchedulerAPI needs a compiler for x86-64 or aarch64." -DCMAKE_CXX_FLAGS=$option
 done
 
 # The header by which a C library tells its name and version.

@@ -43,7 +43,7 @@ nq_prepares_for(debianPackages debianRoot)
 nq_is_slow(Package.debianPackages 15)
 nq_needs(Package.debianPackages ${debianTools})
 # Stands for the loader's own folders, where the packages put the libraries on a real system.
-set(debianLoader LD_LIBRARY_PATH=${debian}/root/usr/lib/x86_64-linux-gnu)
+set(debianLoader LD_LIBRARY_PATH=${debian}/root/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE})
 
 # nq_add_pkg_config_test(NAME COMPILER PREFIX)
 function(nq_add_pkg_config_test name compiler prefix)
