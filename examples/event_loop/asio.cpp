@@ -4,6 +4,7 @@
 #include <boost/asio.hpp>
 
 #include <cstdint>
+#include <exception>
 #include <iostream>
 #include <stdexcept>
 #include <string>
@@ -88,7 +89,7 @@ private:
 } // namespace
 
 int main(int argc, char* argv[])
-{
+try {
     nq::runAsWorker(argc, argv, factorised);
 
     nq::nqPoolOptions options;
@@ -98,4 +99,7 @@ int main(int argc, char* argv[])
     const Session session(loop, pool);
     loop.run();
     return 0;
+} catch (const std::exception& error) {
+    std::cerr << error.what() << '\n';
+    return 2;
 }

@@ -28,7 +28,7 @@ std::string matchingLines(std::string_view job)
     std::string found;
     for (std::string line; std::getline(file, line);) {
         if (std::regex_search(line, expression))
-            found += path + ": " + line + '\n';
+            found.append(path).append(": ").append(line) += '\n';
     }
     return found;
 }
