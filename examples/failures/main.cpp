@@ -75,8 +75,10 @@ std::string wrapped(const std::string& text)
     std::string lines;
     std::size_t column = 0;
     for (std::string word; words >> word; column += word.size() + 1) {
-        if (column + word.size() > width)
-            lines += '\n' + std::string(18, ' '), column = 0;
+        if (column + word.size() > width) {
+            lines += '\n' + std::string(18, ' ');
+            column = 0;
+        }
         lines += (column == 0 ? "" : " ") + word;
     }
     return lines;
