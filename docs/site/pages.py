@@ -22,7 +22,11 @@ VERSION = ROOT / "include" / "nqVersion.h"
 
 FENCE = re.compile(r"^ *(```|~~~)")
 HEADING = re.compile(r"^(#{1,6}) +(.+?) *$")
-LINK = re.compile(r"(?P<code>`+[^`]*`+)|(?P<image>!?)\[(?P<text>[^][]*)\]\((?P<target>[^()\s]+)\)")
+LINK = re.compile(
+    r"(?P<code>^ *(?P<fence>```|~~~).*?^ *(?P=fence)|`+[^`]*`+)"
+    r"|(?P<image>!?)\[(?P<text>[^][]*)\]\((?P<target>[^()\s]+)\)",
+    re.DOTALL | re.MULTILINE,
+)
 
 # A class of the interface, or a namespace of functions: one that is described, or is inside another.
 DECLARATION = re.compile(
@@ -76,7 +80,7 @@ def picture(file, description):
     if width:
         pixels = float(width[1]) * (4 / 3 if width[2] == "pt" else 1)
         style = f' style="min-width: {min(0.6 * pixels, 900):.0f}px"'
-    image = f'<img src="{file.name}" alt={quoteattr(description)}{style}/>'
+    image = f'<img src="{file.name}" alt={quoteattr(" ".join(description.split()))}{style}/>'
     return f'<div class="drawing">{image}</div>'
 
 
@@ -87,7 +91,7 @@ def whole(file):
 def name_of(path):
     """The name of a page on the site: folders have files of one name."""
     if path.stem == "README":
-        name = f"example-{path.parent.name}"
+        name = "-".join(path.parent.relative_to(ROOT).parts)
     else:
         name = path.stem if path.parent == START.parent else f"project-{path.stem}"
     return name.lower().replace("_", "-")
@@ -145,6 +149,8 @@ class Site:
 
     def entry(self, text, programs=""):
         path = ROOT / text
+        if not path.exists():
+            sys.exit(f"docs/site/navigation: there is no {text}")
         found = [sorted(path.parent.glob(pattern)) for pattern in programs.split()]
         if not all(found):
             sys.exit(f"docs/site/navigation: there are no {programs} beside {text}")
@@ -152,20 +158,15 @@ class Site:
         return page.title(), page.label()
 
     def converted(self, page):
-        lines = []
-        is_code = False
-        for number, line in enumerate(page.lines):
-            is_code ^= bool(FENCE.match(line))
-            if not is_code and not FENCE.match(line):
-                line = LINK.sub(lambda match: self.link(page, match), line)
-            if number in page.anchors:
-                line = line.replace("`", "")  # which Doxygen would show as tags
-            if number in page.anchors and page.path != START:
-                line += f" {{#{page.label(page.anchors[number])}}}"
-            lines.append(line)
+        lines = page.lines.copy()
+        for number, anchor in page.anchors.items():
+            lines[number] = lines[number].replace("`", "")  # which Doxygen would show as tags
+            if page.path != START:
+                lines[number] += f" {{#{page.label(anchor)}}}"
+        text = LINK.sub(lambda match: self.link(page, match), "\n".join(lines)) + "\n"
         for program in page.programs:
-            lines.append(f"\n## {program.name} {{#{page.label(slug_of(program.name))}}}\n\n{whole(program)}")
-        return "\n".join(lines) + "\n"
+            text += f"\n## {program.name} {{#{page.label(slug_of(program.name))}}}\n\n{whole(program)}"
+        return text
 
     def link(self, page, match):
         if match["code"]:

@@ -1,12 +1,17 @@
-"""Tests of site_links.py and site_width.py: each finds what it is there for."""
+"""Tests of what prepares the pages of the site, docs/site/pages.py, and of the checks of the built one."""
 
 import pathlib
 import shutil
+import sys
 import tempfile
 import unittest
+import unittest.mock
 
 import site_links
 import site_width
+
+sys.path.append(str(pathlib.Path(__file__).parents[2] / "docs" / "site"))
+import pages
 
 
 def site_with(case, **pages):
@@ -18,6 +23,70 @@ def site_with(case, **pages):
         text = f'<!DOCTYPE html><body style="margin: 0"><div class="contents">{body}</div>'
         (site / f"{name}.html").write_text(text)
     return site
+
+
+class Pages(unittest.TestCase):
+    FILES = {
+        "docs/index.md": "# Start\n",
+        "docs/guide.md": "# Guide\n[run\nit](../examples/one/main.cpp) [class](../include/nqOne.h)\n",
+        "examples/one/README.md": "# One\n",
+        "examples/one/main.cpp": "int main() {}\n",
+        "include/nqOne.h": "class NQ_API nqOne {\n",
+    }
+    NAVIGATION = """Read
+docs/guide.md
+Call
+examples/one/README.md + *.cpp
+Classes: include
+"""
+
+    def site(self, navigation=NAVIGATION):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        root = pathlib.Path(folder.name).resolve()
+        for name, text in (*self.FILES.items(), ("navigation", navigation)):
+            (root / name).parent.mkdir(parents=True, exist_ok=True)
+            (root / name).write_text(text)
+        places = {"ROOT": root, "START": root / "docs/index.md", "NAVIGATION": root / "navigation"}
+        patch = unittest.mock.patch.multiple(pages, **places)
+        patch.start()
+        self.addCleanup(patch.stop)
+        return pages.Site()
+
+    def converted(self, name):
+        site = self.site()
+        return site, site.converted(site.pages[pages.ROOT / name])
+
+    def test_a_page_without_a_place_in_the_menu_is_refused(self):
+        with self.assertRaisesRegex(SystemExit, "docs/guide.md is missing"):
+            self.site(self.NAVIGATION.replace("docs/guide.md\n", ""))
+
+    def test_a_page_that_is_not_there_is_refused(self):
+        with self.assertRaisesRegex(SystemExit, "there is no docs/tour.md"):
+            self.site(self.NAVIGATION.replace("guide", "tour"))
+
+    def test_a_program_that_is_not_there_is_refused(self):
+        with self.assertRaisesRegex(SystemExit, r"no \*.py beside examples/one/README.md"):
+            self.site(self.NAVIGATION.replace("*.cpp", "*.py"))
+
+    def test_pages_and_classes_stand_below_their_groups(self):
+        classes = ("Classes", [("nq::nqOne", "nq::nqOne")])
+        groups = [("Read", [("Guide", "guide")]), ("Call", [("One", "examples-one"), classes])]
+        self.assertEqual(self.site().entries, groups)
+
+    def test_an_example_ends_with_its_programs(self):
+        _, text = self.converted("examples/one/README.md")
+        self.assertIn("## main.cpp {#examples-one-maincpp}", text)
+        self.assertIn("~~~{.cpp}\nint main() {}\n~~~\n", text)
+
+    def test_a_link_to_a_source_file_leads_to_a_page_with_it(self):
+        site, text = self.converted("docs/guide.md")
+        self.assertIn("[run\nit](@ref file-examplesonemaincpp)", text)
+        self.assertIn("int main() {}", site.source(pages.ROOT / "examples/one/main.cpp"))
+
+    def test_a_link_to_a_header_leads_to_its_class(self):
+        _, text = self.converted("docs/guide.md")
+        self.assertIn("[class](@ref nq::nqOne)", text)
 
 
 class Links(unittest.TestCase):
