@@ -4,10 +4,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <regex>
 #include <stdexcept>
 #include <system_error>
 
+#include <fnmatch.h>
 #include <unistd.h>
 
 namespace sheet {
@@ -18,19 +18,17 @@ namespace fs = std::filesystem;
 
 bool isPicture(const fs::path& path)
 {
-    static const std::regex ending("\\.(jpe?g|png|ppm)", std::regex::icase);
-    return std::regex_match(path.extension().string(), ending);
+    return ::fnmatch("*.@(jpg|jpeg|png|ppm)", path.c_str(), FNM_EXTMATCH | FNM_CASEFOLD) == 0;
 }
 
 /// Whether it has the name of the output or, with a number, of one sheet of it.
 bool isSheet(const fs::path& path, const fs::path& output)
 {
-    static const std::regex number("(-[0-9]+)?");
     const std::string name = path.stem().string();
     const std::string stem = output.stem().string();
     std::error_code ignored;
     return path.extension() == output.extension() && name.compare(0, stem.size(), stem) == 0 &&
-           std::regex_match(name.substr(stem.size()), number) &&
+           ::fnmatch("?(-+([0-9]))", name.c_str() + stem.size(), FNM_EXTMATCH) == 0 &&
            fs::equivalent(path.parent_path(), fs::absolute(output).parent_path(), ignored);
 }
 

@@ -1,6 +1,5 @@
 #include "sheet.h"
 
-#include <regex>
 #include <stdexcept>
 
 #include <pango/pangocairo.h>
@@ -84,9 +83,9 @@ void drawCell(cairo_t* cairo, const Cell& cell, Size tile, int x, int y)
         Box box{x + inner, y + inner, tile.width - 2 * inner, tile.height - 2 * inner};
         const Style headline{8.8 * unit, failureInk, "Sans Bold"};
         const Style detail{7.2 * unit, failureInk};
-        // A figure and its unit, in brackets, stay on one line.
-        const std::string text =
-            std::regex_replace(cell.headline, std::regex(" (?=[^(]*\\))"), "\u00a0");
+        std::string text = cell.headline; // a figure and its unit, in brackets, stay on one line
+        for (std::size_t at = text.find('('); (at = text.find(' ', at)) != std::string::npos;)
+            text.replace(at, 1, "\u00a0");
         const double used = drawText(cairo, text, box, headline) + inner / 2;
         box.y += used;
         box.height -= used;

@@ -247,10 +247,10 @@ Surface tileFrom(Surface picture, Size box, int orientation)
         std::max(1, int(std::lround(upright.width * scale))),
         std::max(1, int(std::lround(upright.height * scale)))};
     // Cairo averages over 16 pixels at most, and would skip others.
-    for (double left = 1 / scale; left > 8; left /= 8) {
-        const Size size = sizeOf(picture);
+    const int edge = std::max(goal.width, goal.height);
+    for (Size size = sizeOf(picture); std::max(size.width, size.height) > 8 * edge;
+         size = sizeOf(picture))
         picture = scaled(picture, {std::max(1, size.width / 8), std::max(1, size.height / 8)}, 1);
-    }
     return scaled(picture, goal, orientation);
 }
 

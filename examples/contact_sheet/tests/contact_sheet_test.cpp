@@ -49,17 +49,19 @@ std::uint32_t colourAt(std::string png, int x, int y)
     std::memcpy(
         &colour,
         cairo_image_surface_get_data(surface.get()) +
-            std::ptrdiff_t{y} * cairo_image_surface_get_stride(surface.get()) + 4 * x,
+            std::ptrdiff_t{y} * cairo_image_surface_get_stride(surface.get()) +
+            std::ptrdiff_t{4} * x,
         sizeof colour);
     return colour & 0xffffff;
 }
 
 TEST(Sheet, showsPicturesAndRedTilesInRows)
 {
+    constexpr std::size_t pixels = 240UL * 180;
     std::vector<Cell> cells(3);
-    cells[0].tile = tileOf(answerOf(box, 240 * 180), box);
+    cells[0].tile = tileOf(answerOf(box, pixels), box);
     cells[1].headline = "crashed";
-    cells[2].tile = tileOf(answerOf(box, 240 * 180), box);
+    cells[2].tile = tileOf(answerOf(box, pixels), box);
     const Layout layout{box, 2, 8, "Title"};
     const std::string sheet = drawSheet(cells, layout, "note");
     const int left = sheetSize(layout, 1).width / 4;
