@@ -46,8 +46,8 @@ void wipeMark()
     markPlace() = none;
 }
 
-/// Emulators of other processors accept the wish for a wiped page and do nothing about it. Without the
-/// kernel's help, only a child whose fork runs no handlers is missed.
+/// Emulators of other processors accept the wish for a wiped page and do nothing about it. Without
+/// the kernel's help, only a child whose fork runs no handlers is missed.
 [[maybe_unused]] const int handlerAtLoad = ::pthread_atfork(nullptr, nullptr, wipeMark);
 
 /// The mark of this process; a forked child gets its own here, at its first call.

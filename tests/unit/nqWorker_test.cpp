@@ -28,8 +28,9 @@ static_assert(std::has_virtual_destructor_v<nq::nqWorker>);
 static_assert(std::is_nothrow_destructible_v<nq::nqWorker>);
 static_assert(sizeof(nq::nqWorker) == 2 * sizeof(void*), "one table and one pointer, for ever");
 
-/// The place of a virtual operation in its class's table. A pointer to it holds the offset in bytes,
-/// with a mark for "virtual": one more on x86-64, where aarch64 has the mark in the second half.
+/// The place of a virtual operation in its class's table. A pointer to it holds the offset in
+/// bytes, with a mark for "virtual": one more on x86-64, where aarch64 has the mark in the second
+/// half.
 template <typename Operation>
 std::ptrdiff_t slotOf(Operation operation)
 {
