@@ -337,10 +337,9 @@ nqAttempt nqPoolSlot::describeAttempt(Reason reason)
     attempt.pid = mPid;
     attempt.ran =
         std::chrono::duration_cast<std::chrono::microseconds>(nqPoolClock::now() - mSince);
-    if (reason != Reason::None) {
-        mLastWords.read(); // a worker that lives on has said them too
+    mLastWords.read(); // also of a job that is done, or they would be those of the next one
+    if (reason != Reason::None)
         attempt.lastWords = mLastWords.text();
-    }
     if (mNews.end) {
         attempt.exitStatus = mNews.end->exitStatus;
         attempt.signal = mNews.end->signal;

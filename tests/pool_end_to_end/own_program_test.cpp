@@ -185,6 +185,17 @@ TEST_F(OwnProgram, tellsTheLastWordsOfAJobThatThrows)
     EXPECT_EQ(outcome.lastWords, "row 17 has no price\n");
 }
 
+TEST_F(OwnProgram, tellsNoWordsOfTheJobBeforeTheOneThatFails)
+{
+    nqPool pool(oneWorker());
+    pool.submit("remark the job before");
+    pool.submit("throw silently");
+    ASSERT_TRUE(pool.next().value());
+    const nqOutcome outcome = pool.next().value();
+    EXPECT_EQ(outcome.message, "silently");
+    EXPECT_EQ(outcome.lastWords, "");
+}
+
 TEST_F(OwnProgram, tellsTheTypeOfAnyOtherObjectThatIsThrown)
 {
     nqPool pool(oneWorker());

@@ -66,6 +66,11 @@ const std::map<std::string, Command, std::less<>>& commands()
          }},
         {"pid", [](const std::string&) { return std::to_string(::getpid()); }},
         {"objects", [](const std::string&) { return std::to_string(objectsBuilt); }},
+        {"remark",
+         [](const std::string& argument) {
+             std::cerr << argument << std::endl;
+             return argument;
+         }},
         {"throw",
          [](const std::string& argument) -> std::string { throw std::runtime_error(argument); }},
         {"complain",
