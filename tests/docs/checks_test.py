@@ -6,6 +6,7 @@ import tempfile
 import unittest
 
 import drawings
+import figures
 import links
 import log_texts
 import programs
@@ -38,6 +39,21 @@ class Links(unittest.TestCase):
 
     def test_code_is_no_link(self):
         self.assertEqual(self.faults("`[y](c.md)`\n```\n[y](c.md)\n```"), [])
+
+
+class Figures(unittest.TestCase):
+    def faults(self, readme, page):
+        root = folder_with(self, README__md=readme, page__md=page)
+        return list(figures.faults(root))
+
+    def test_a_figure_that_its_page_has_passes(self):
+        row = "| **2.10 ms**, 1 600 of them, of **7 jobs** | [with](page.md#x) |\n"
+        self.assertEqual(self.faults(row, "2.10 and 1 600\n| 7 |\n"), [])
+
+    def test_a_figure_that_its_page_no_longer_has_is_found(self):
+        row = "| **2.10 ms** and 3 µs | [with](page.md) |\n"
+        wrong = ["README.md: 2.10 is not in page.md", "README.md: 3 is not in page.md"]
+        self.assertEqual(self.faults(row, "12.10, 2.101 and 3.5 µs\n"), wrong)
 
 
 class LogTexts(unittest.TestCase):
