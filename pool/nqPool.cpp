@@ -84,6 +84,11 @@ void nqPool::stop()
     mPrivate->stop();
 }
 
+void nqPool::expectJobs(std::uint64_t jobs)
+{
+    mPrivate->expectJobs(jobs);
+}
+
 std::size_t nqPool::unfinishedCount() const
 {
     return mPrivate->unfinishedCount();

@@ -124,7 +124,7 @@ nqPoolPrivate::nqPoolPrivate(const nqPoolOptions& options)
         mOptions, mProgram, mEnvelope ? &*mEnvelope : nullptr, mWait, *this};
     mSlots.reserve(mOptions.workers);
     while (mSlots.size() < mOptions.workers)
-        mSlots.push_back(std::make_unique<nqPoolSlot>(shared));
+        mSlots.push_back(std::make_unique<nqPoolSlot>(shared, mSlots.size() + 1));
 }
 
 nqPoolPrivate::~nqPoolPrivate()
@@ -653,6 +653,11 @@ void nqPoolPrivate::stop()
     do
         pump(Milliseconds(0));
     while (unfinishedCount() != 0 || mDelivery.isDue());
+}
+
+void nqPoolPrivate::expectJobs(std::uint64_t jobs)
+{
+    mExpectedJobs = jobs;
 }
 
 std::size_t nqPoolPrivate::unfinishedCount() const

@@ -50,6 +50,8 @@ public:
     bool start();
     void stop();
 
+    void expectJobs(std::uint64_t jobs);
+
     std::size_t unfinishedCount() const;
     std::size_t queuedCount() const;
     const std::string& problem() const;
@@ -108,6 +110,7 @@ private:
     std::vector<std::unique_ptr<nqPoolSlot>> mSlots;
     nqPoolDelivery mDelivery;
     nqJobId mLastId = 0;
+    std::uint64_t mExpectedJobs = 0; ///< as the host has announced
     std::size_t mRunning = 0;
 
     unsigned mFailedLaunches = 0; ///< in a row

@@ -69,8 +69,9 @@ std::size_t lastWordsOf(const nqPoolOptions& options)
 
 } // namespace
 
-nqPoolSlot::nqPoolSlot(const Shared& shared)
+nqPoolSlot::nqPoolSlot(const Shared& shared, std::size_t number)
     : mShared(shared),
+      mNumber(number),
       mScheduler({}, !shared.options.inheritStandardOutput, {}, false),
       mLastWords(
           lastWordsOf(shared.options),
@@ -553,6 +554,11 @@ unsigned nqPoolSlot::barrenWorkers() const
     return mBarren;
 }
 
+std::size_t nqPoolSlot::number() const
+{
+    return mNumber;
+}
+
 nqJobId nqPoolSlot::jobId() const
 {
     return mJob ? mJob->id : 0;
@@ -571,8 +577,11 @@ bool nqPoolSlot::isAlive() const
 nqPoolWorkerStatus nqPoolSlot::status() const
 {
     nqPoolWorkerStatus status;
+    status.number = mNumber;
     status.pid = mPid;
     status.job = jobId();
+    if (mJob && mJob->details != nullptr)
+        status.label = mJob->details->options.label;
     status.jobsDone = mJobsDone;
     for (const nqWorkerStatus& worker : mScheduler.workers())
         status.residentMemory = worker.mResidentMemory;

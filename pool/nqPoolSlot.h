@@ -73,7 +73,8 @@ public:
         nqPoolSlotOwner& owner;
     };
 
-    explicit nqPoolSlot(const Shared& shared);
+    /// `number` is its place in the pool, from 1.
+    nqPoolSlot(const Shared& shared, std::size_t number);
     /// Kills the worker and waits for its end.
     ~nqPoolSlot();
 
@@ -132,6 +133,7 @@ public:
     /// How many workers in a row have ended without having finished a job.
     unsigned barrenWorkers() const;
 
+    std::size_t number() const;
     nqJobId jobId() const; ///< 0: none
     bool isAtWork() const; ///< something will come of it soon
     bool isAlive() const;
@@ -180,6 +182,7 @@ private:
     void killAll();
 
     const Shared mShared;
+    const std::size_t mNumber;
     nqScheduler mScheduler;
     nqLastWords mLastWords;
     News mNews;

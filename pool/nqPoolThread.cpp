@@ -60,7 +60,7 @@ nqPoolOptions optionsOfThePool(nqPoolOptions options)
 
 bool isDefault(const nqJobOptions& options)
 {
-    return !options.timeout && !options.deadline && !options.retry;
+    return !options.timeout && !options.deadline && !options.retry && options.label.empty();
 }
 
 nqOutcome outcomeWithoutThePool(nqOutcome::State state, nqAttempt::Reason reason)

@@ -75,8 +75,10 @@ struct nqProgress {
 
 /// One worker process of a pool. A copy, which does not change.
 struct nqPoolWorkerStatus {
+    std::size_t number = 0;                ///< its place in the pool, from 1; a successor's as well
     std::int64_t pid = 0;                  ///< its process id
     nqJobId job = 0;                       ///< the job that it holds; 0: none
+    std::string label;                     ///< nqJobOptions::label of that job
     std::uint64_t jobsDone = 0;            ///< since it was launched
     std::uint64_t residentMemory = 0;      ///< bytes, read now; 0 when it cannot be read
     std::chrono::milliseconds timeInJob{}; ///< since it was given the job that it holds; else 0
@@ -179,6 +181,10 @@ public:
     /// nqPoolOptions::connectionTimeout for each worker, and what the kernel takes to end them. To
     /// let jobs finish, call drain() before.
     void stop();
+
+    /// Announces how many jobs there will be in all, for the time left in the status file: a host
+    /// that submits them one by one knows more than the pool. 0: those submitted so far.
+    void expectJobs(std::uint64_t jobs);
 
     /// @}
     /// @name What it does now

@@ -34,6 +34,9 @@ struct nqJobOptions {
     /// The job fails once this has passed, waiting, running or between two attempts.
     std::optional<std::chrono::steady_clock::time_point> deadline;
     std::optional<nqRetryPolicy> retry; ///< of this job
+
+    /// A name for people, in the trace, the timeline and the status file; any bytes. Empty: the id.
+    std::string label;
 };
 
 /// What a pool is told once, when it is made. Limits of 0 are off.
@@ -144,6 +147,36 @@ struct nqPoolOptions {
 
     Log log = Log::Nowhere; ///< where the lines of the library go
     std::string logFile;    ///< lines are appended; if it cannot be opened, to standard error
+
+    /// @}
+    /// @name Files that show the pool
+    /// Written while the pool is pumped, and at its end: stop() or the destructor. Each path is of
+    /// a regular file, new or not, which the pool then owns; empty: none. One that cannot be
+    /// written is refused when the pool is made. What fails later, on a full disk say, is a warning
+    /// in the log and counted in nqPoolStatistics::writesFailed; the jobs go on. All files but the
+    /// trace are replaced as a whole, so that a reader never sees half of one. An idle pool writes
+    /// nothing.
+    /// @{
+
+    std::string
+        name; ///< of the pool, for people: a label of all metrics, the title of the timeline
+
+    /// Counts and times in the text format of Prometheus; for the textfile collector of its node
+    /// exporter, the name has to end with `.prom`.
+    std::string metricsFile;
+    std::chrono::milliseconds metricsInterval{10'000}; ///< between two writes, at least
+
+    /// What the pool does now, see readPoolStatus().
+    std::string statusFile;
+    std::chrono::milliseconds statusInterval{1'000}; ///< between two writes, at least
+
+    /// Each attempt of each job, with marks and counters, as JSON trace events, which Perfetto and
+    /// Chrome open. Appended to half a second after it has happened at the latest.
+    std::string traceFile;
+    std::uint64_t traceLimit = 256 << 20; ///< bytes; what comes later is left out. 0: no limit
+
+    /// A picture of the whole run, in SVG, made at the end; see nqPoolTimeline.
+    std::string timelineFile;
 
     /// @}
 };

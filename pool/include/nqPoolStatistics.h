@@ -32,6 +32,8 @@ struct nqPoolStatistics {
     std::uint64_t jobBytes = 0;    ///< of the jobs accepted
     std::uint64_t resultBytes = 0; ///< of the results
 
+    std::uint64_t writesFailed = 0; ///< of the files that show the pool, see nqPoolOptions
+
     std::chrono::microseconds age{}; ///< since the pool was made
     double donePerSecond = 0;        ///< over the last ten seconds, or the pool's age
 
