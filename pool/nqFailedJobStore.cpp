@@ -1,19 +1,16 @@
 #include "pool/nqFailedJobStore.h"
 
 #include "pool/nqFailureText.h"
-#include "pool/nqQuietWrites.h"
+#include "pool/nqPoolWarning.h"
 #include "pool/nqTexts.h"
-#include "system/nqLog.h"
+#include "pool/nqWholeFile.h"
 
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <ctime>
-#include <fcntl.h>
 #include <filesystem>
 #include <set>
 #include <system_error>
@@ -26,7 +23,7 @@ namespace {
 
 constexpr char jobSuffix[] = ".job";
 constexpr char textSuffix[] = ".txt";
-constexpr char partSuffix[] = ".part"; // behind one of the others while the file is written
+constexpr char partSuffix[] = ".part"; // of replaceFile(), behind one of the others
 
 /// The wall clock's microseconds, which differ from call to call: two jobs of two pools with the
 /// same id have two names.
@@ -157,49 +154,6 @@ std::string textOn(const nqOutcome& outcome, const std::string& program, const s
     return text;
 }
 
-/// 0, or why not all of it was written.
-int writeAll(int descriptor, std::string_view content)
-{
-    const nqQuietWrites quiet;
-    while (!content.empty()) {
-        const ssize_t count = ::write(descriptor, content.data(), content.size());
-        if (count < 0 && errno != EINTR)
-            return errno;
-        content.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-    }
-    return 0;
-}
-
-/// 0, or an errno.
-int writeFile(const std::string& path, std::string_view content)
-{
-    constexpr mode_t forTheUser = 0600;
-    const int descriptor =
-        ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, forTheUser);
-    if (descriptor < 0)
-        return errno;
-    const int error = writeAll(descriptor, content);
-    if (::close(descriptor) != 0 && error == 0)
-        return errno; // a file system that writes late says here what it could not
-    return error;
-}
-
-void warn(const std::string& message)
-{
-    nqLog* const log = nqLog::msInstance;
-    if (log == nullptr || !log->isLevelEnabled(nqLog::Warning))
-        return;
-    nqLog::LogEntry entry;
-    entry.mMessage = message;
-    entry.mLevel = nqLog::Warning;
-    entry.mTimestampMs =
-        static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                       std::chrono::system_clock::now().time_since_epoch())
-                                       .count());
-    entry.computeLogPrefix(false);
-    log->Write(entry, true);
-}
-
 } // namespace
 
 nqFailedJobStore::nqFailedJobStore(
@@ -248,13 +202,10 @@ bool nqFailedJobStore::makeFolder()
 
 bool nqFailedJobStore::write(const std::string& path, std::string_view content)
 {
-    const std::string part = path + partSuffix;
-    int error = writeFile(part, content);
-    if (error == 0 && ::rename(part.c_str(), path.c_str()) != 0)
-        error = errno;
+    constexpr mode_t forTheUser = 0600;
+    const int error = replaceFile(path, content, forTheUser);
     if (error == 0)
         return true;
-    ::unlink(part.c_str());
     return fail("A failed job cannot be kept", path, error);
 }
 
