@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <thread>
+#include <unistd.h>
 #include <utility>
 
 namespace nq {
@@ -78,6 +79,12 @@ bool mayBeTriedAgain(Reason reason)
            reason != Reason::ResultLost && reason != Reason::NoWorker;
 }
 
+/// With the one that has just ended.
+std::size_t attemptsMade(const nqPoolJob& job)
+{
+    return 1 + (job.details != nullptr ? job.details->earlierAttempts.size() : std::size_t{0});
+}
+
 std::chrono::microseconds inMicroseconds(nqPoolClock::TimePoint::duration duration)
 {
     return std::chrono::duration_cast<std::chrono::microseconds>(duration);
@@ -112,6 +119,7 @@ nqPoolPrivate::nqPoolPrivate(const nqPoolOptions& options)
           mOptions.keepFailedJobs,
           mOptions.keptFailedJobs,
           mProgram.isEnveloped() ? mProgram.path() : std::string()),
+      mObserver(nqPoolObserver::of(mOptions)),
       mDelivery(mOptions.order)
 {
     if (mProgram.isEnveloped())
@@ -136,6 +144,7 @@ nqPoolPrivate::~nqPoolPrivate()
     mIsStopped = true;
     endBusyWorkers();
     mSlots.clear(); // what they still tell is told to a whole object
+    endObservation();
 }
 
 nqJobId
@@ -166,6 +175,8 @@ nqPoolPrivate::submit(nqJobBytes& bytes, const nqJobOptions* options, nqPool::Ca
     ++mLastId;
     ++mCounts.submitted;
     mCounts.jobBytes += size;
+    if (mObserver != nullptr)
+        mObserver->onSubmitted();
     updateWakeUp();
     return mLastId;
 }
@@ -200,6 +211,8 @@ std::size_t nqPoolPrivate::pump(Milliseconds timeout)
         }
         handBackSome();
         const std::size_t delivered = deliver();
+        if (mObserver != nullptr)
+            observe();
         updateWakeUp();
         return delivered;
     } catch (...) { // of a callback, or for lack of memory: the rest is still due
@@ -337,6 +350,8 @@ void nqPoolPrivate::feed(TimePoint now)
         ++mRunning;
         if (job->details != nullptr && !job->details->earlierAttempts.empty())
             ++mCounts.retried;
+        if (mObserver != nullptr)
+            mObserver->onGiven(slot->number(), *job);
         slot->run(std::move(*job));
     }
 }
@@ -359,6 +374,8 @@ void nqPoolPrivate::runInProcess(TimePoint now)
     std::optional<nqPoolJob> job = mQueue.pop(now);
     if (!job)
         return;
+    if (mObserver != nullptr)
+        mObserver->onGiven(1, *job);
     nqAttempt attempt;
     std::vector<char> result;
     const auto text = exceptionOf([&] {
@@ -371,8 +388,7 @@ void nqPoolPrivate::runInProcess(TimePoint now)
         result = std::move(job->bytes);
     }
     attempt.ran = inMicroseconds(nqPoolClock::now() - now);
-    if (attempt.reason == Reason::None || !tryAgain(*job, attempt, result))
-        finish(std::move(*job), std::move(attempt), std::move(result));
+    endAttempt(1, std::move(*job), std::move(attempt), std::move(result));
 }
 
 /// All that waits now, when nobody is there who could ever take it.
@@ -407,8 +423,19 @@ void nqPoolPrivate::onJobEnded(
         mRunTimes.add(attempt.ran);
     else if (slot.barrenWorkers() != 0)
         slot.pauseUntil(nqPoolClock::later(nqPoolClock::now(), pauseAfter(slot.barrenWorkers())));
-    if (attempt.reason == Reason::None || !tryAgain(job, attempt, bytes))
+    endAttempt(slot.number(), std::move(job), std::move(attempt), std::move(bytes));
+}
+
+void nqPoolPrivate::endAttempt(
+    std::size_t worker, nqPoolJob&& job, nqAttempt&& attempt, std::vector<char>&& bytes)
+{
+    const bool isLast = !isTriedAgain(job, attempt.reason);
+    if (mObserver != nullptr)
+        mObserver->onAttemptEnded(worker, job, attempt, bytes.size(), isLast);
+    if (isLast)
         finish(std::move(job), std::move(attempt), std::move(bytes));
+    else
+        tryAgain(std::move(job), std::move(attempt), std::move(bytes));
 }
 
 void nqPoolPrivate::onJobReturned(nqPoolJob&& job)
@@ -417,6 +444,18 @@ void nqPoolPrivate::onJobReturned(nqPoolJob&& job)
     if (job.details != nullptr && !job.details->earlierAttempts.empty())
         --mCounts.retried;
     mQueue.pushAgain(std::move(job), nqPoolClock::now());
+}
+
+void nqPoolPrivate::onWorkerLaunched(nqPoolSlot& slot, std::int64_t pid)
+{
+    if (mObserver != nullptr)
+        mObserver->onWorkerLaunched(slot.number(), pid);
+}
+
+void nqPoolPrivate::onWorkerEnded(nqPoolSlot& slot, nqWorkerEnd how)
+{
+    if (mObserver != nullptr)
+        mObserver->onWorkerEnded(slot.number(), how);
 }
 
 void nqPoolPrivate::onWorkerReady(nqPoolSlot&)
@@ -432,6 +471,8 @@ void nqPoolPrivate::onLaunchProven()
 
 void nqPoolPrivate::onLaunchFailed(nqPoolSlot& slot, const std::string& text)
 {
+    if (mIsStopped)
+        return; // the pool itself has ended the worker
     ++mCounts.launchesFailed;
     ++mFailedLaunches;
     mProblem = text;
@@ -445,18 +486,27 @@ std::chrono::milliseconds nqPoolPrivate::pauseAfter(unsigned failures) const
     return growing(mOptions.restartPause, mOptions.longestRestartPause, 2, failures - 1);
 }
 
-/// Puts a job back into the queue if its policy says so.
-bool nqPoolPrivate::tryAgain(nqPoolJob& job, nqAttempt& attempt, std::vector<char>& bytes)
+const nqRetryPolicy& nqPoolPrivate::policyFor(const nqPoolJob& job) const
 {
-    const nqRetryPolicy& policy = job.details != nullptr && job.details->options.retry
-                                      ? *job.details->options.retry
-                                      : mOptions.retry;
-    const auto& reasons = policy.reasons;
-    const std::size_t made =
-        1 + (job.details != nullptr ? job.details->earlierAttempts.size() : std::size_t{0});
-    if (mIsStopped || made >= policy.attempts || !mayBeTriedAgain(attempt.reason) ||
-        std::find(reasons.begin(), reasons.end(), attempt.reason) == reasons.end())
+    return job.details != nullptr && job.details->options.retry ? *job.details->options.retry
+                                                                : mOptions.retry;
+}
+
+bool nqPoolPrivate::isTriedAgain(const nqPoolJob& job, Reason reason) const
+{
+    if (reason == Reason::None || mIsStopped || !mayBeTriedAgain(reason))
         return false;
+    const nqRetryPolicy& policy = policyFor(job);
+    const auto& reasons = policy.reasons;
+    return attemptsMade(job) < policy.attempts &&
+           std::find(reasons.begin(), reasons.end(), reason) != reasons.end();
+}
+
+/// Puts a job back into the queue.
+void nqPoolPrivate::tryAgain(nqPoolJob&& job, nqAttempt&& attempt, std::vector<char>&& bytes)
+{
+    const nqRetryPolicy& policy = policyFor(job);
+    const std::size_t made = attemptsMade(job);
     const TimePoint now = nqPoolClock::now();
     nqJobDetails& details = job.ownDetails();
     if (details.earlierAttempts.empty())
@@ -465,7 +515,6 @@ bool nqPoolPrivate::tryAgain(nqPoolJob& job, nqAttempt& attempt, std::vector<cha
     job.bytes = std::move(bytes);
     const auto pause = growing(policy.pause, policy.longestPause, policy.growth, made - 1);
     mQueue.pushAgain(std::move(job), nqPoolClock::later(now, pause));
-    return true;
 }
 
 void nqPoolPrivate::finishWaiting(nqPoolJob&& job, Reason reason, const std::string& message)
@@ -473,6 +522,8 @@ void nqPoolPrivate::finishWaiting(nqPoolJob&& job, Reason reason, const std::str
     nqAttempt attempt;
     attempt.reason = reason;
     attempt.message = message;
+    if (mObserver != nullptr)
+        mObserver->onWaitingJobEnded(job, reason);
     std::vector<char> bytes = std::move(job.bytes);
     finish(std::move(job), std::move(attempt), std::move(bytes));
 }
@@ -491,6 +542,8 @@ void nqPoolPrivate::finish(nqPoolJob&& job, nqAttempt&& attempt, std::vector<cha
         outcome.queued = inMicroseconds(nqPoolClock::now() - job.submitted) - outcome.ran;
     }
     countOutcome(outcome);
+    if (mObserver != nullptr)
+        mObserver->onOutcome(outcome);
     if (outcome.state == State::Failed && outcome.reason != Reason::NoWorker)
         outcome.keptAs = mFailedJobs.keep(outcome);
     mDelivery.add(std::move(outcome), std::move(job.callback));
@@ -542,6 +595,8 @@ std::optional<nqPoolPrivate::TimePoint> nqPoolPrivate::nextDue(TimePoint now)
         consider(mNextLaunch);
     for (const auto& slot : mSlots)
         consider(slot->nextDue());
+    if (mObserver != nullptr)
+        consider(mObserver->nextDue());
     return due;
 }
 
@@ -653,6 +708,23 @@ void nqPoolPrivate::stop()
     do
         pump(Milliseconds(0));
     while (unfinishedCount() != 0 || mDelivery.isDue());
+    endObservation();
+}
+
+void nqPoolPrivate::observe()
+{
+    mObserver->onState(mQueue.size(), mRunning);
+    mObserver->write([this] { return status(nqPoolStatus::State::Running); });
+}
+
+void nqPoolPrivate::endObservation()
+{
+    if (mObserver == nullptr)
+        return;
+    mObserver->onState(mQueue.size(), mRunning);
+    mObserver->end([this] { return status(nqPoolStatus::State::Ended); });
+    mCounts.writesFailed = mObserver->writesFailed();
+    mObserver.reset();
 }
 
 void nqPoolPrivate::expectJobs(std::uint64_t jobs)
@@ -682,6 +754,8 @@ nqPoolStatistics nqPoolPrivate::statistics() const
     statistics.queued = mQueue.size();
     statistics.running = mRunning;
     statistics.alive = mSlots.size() - count(Phase::Down);
+    if (mObserver != nullptr)
+        statistics.writesFailed = mObserver->writesFailed();
     statistics.age = inMicroseconds(now - mMade);
     statistics.donePerSecond = mRecentRate.perSecond(now, mMade);
     statistics.medianRunTime = mRunTimes.quantile(0.5);
@@ -689,6 +763,39 @@ nqPoolStatistics nqPoolPrivate::statistics() const
     statistics.p99RunTime = mRunTimes.quantile(0.99);
     statistics.longestRunTime = mRunTimes.longest();
     return statistics;
+}
+
+nqPoolStatus nqPoolPrivate::status(nqPoolStatus::State state) const
+{
+    nqPoolStatus status;
+    status.state = state;
+    status.name = mOptions.name;
+    status.host = ::getpid();
+    status.written = std::chrono::system_clock::now();
+    status.statistics = statistics();
+    status.problem = mProblem;
+    status.timeLeft = timeLeft(status.statistics);
+    status.workers = workers();
+    return status;
+}
+
+/// From the recent rate of those done, for which failed ones take their part; from all of the
+/// pool's age where jobs take so long that there is none.
+std::optional<nqPoolPrivate::Milliseconds>
+nqPoolPrivate::timeLeft(const nqPoolStatistics& now) const
+{
+    const std::uint64_t ended = now.done + now.failed + now.cancelled;
+    const std::uint64_t left = std::max(mExpectedJobs, now.submitted) - ended;
+    if (left == 0)
+        return Milliseconds(0);
+    double perSecond = 0;
+    if (now.donePerSecond > 0)
+        perSecond = now.donePerSecond * static_cast<double>(ended) / static_cast<double>(now.done);
+    else if (now.age.count() > 0)
+        perSecond = static_cast<double>(ended) * 1e6 / static_cast<double>(now.age.count());
+    if (!(perSecond > 0))
+        return std::nullopt;
+    return Milliseconds(std::llround(static_cast<double>(left) * 1e3 / perSecond));
 }
 
 std::vector<nqPoolWorkerStatus> nqPoolPrivate::workers() const

@@ -5,6 +5,7 @@
 #include "pool/nqFailedJobStore.h"
 #include "pool/nqPoolDelivery.h"
 #include "pool/nqPoolLog.h"
+#include "pool/nqPoolObserver.h"
 #include "pool/nqPoolQueue.h"
 #include "pool/nqPoolSlot.h"
 #include "pool/nqPoolWait.h"
@@ -62,6 +63,8 @@ private:
     void onJobEnded(
         nqPoolSlot& slot, nqPoolJob&& job, nqAttempt&& attempt, std::vector<char>&& bytes) override;
     void onJobReturned(nqPoolJob&& job) override;
+    void onWorkerLaunched(nqPoolSlot& slot, std::int64_t pid) override;
+    void onWorkerEnded(nqPoolSlot& slot, nqWorkerEnd how) override;
     void onWorkerReady(nqPoolSlot& slot) override;
     void onLaunchProven() override;
     void onLaunchFailed(nqPoolSlot& slot, const std::string& text) override;
@@ -93,17 +96,26 @@ private:
     std::size_t count(nqPoolSlot::Phase phase) const;
     Milliseconds pauseAfter(unsigned failures) const;
 
-    bool tryAgain(nqPoolJob& job, nqAttempt& attempt, std::vector<char>& bytes);
+    void
+    endAttempt(std::size_t worker, nqPoolJob&& job, nqAttempt&& attempt, std::vector<char>&& bytes);
+    const nqRetryPolicy& policyFor(const nqPoolJob& job) const;
+    bool isTriedAgain(const nqPoolJob& job, nqAttempt::Reason reason) const;
+    void tryAgain(nqPoolJob&& job, nqAttempt&& attempt, std::vector<char>&& bytes);
     void finish(nqPoolJob&& job, nqAttempt&& attempt, std::vector<char>&& bytes);
     void finishWaiting(nqPoolJob&& job, nqAttempt::Reason reason, const std::string& message);
     void countOutcome(const nqOutcome& outcome);
+    void observe();
+    void endObservation();
+    nqPoolStatus status(nqPoolStatus::State state) const;
+    std::optional<Milliseconds> timeLeft(const nqPoolStatistics& now) const;
 
     nqPoolOptions mOptions;
     nqPoolLog mLog;
     nqWorkerProgram mProgram;
     std::optional<nqEnvelope> mEnvelope; ///< none for plain workers
     nqFailedJobStore mFailedJobs;
-    nqWork mOwnWork; ///< in this process, see nqPoolOptions::inProcess
+    std::unique_ptr<nqPoolObserver> mObserver; ///< of a pool that is shown, until it ends
+    nqWork mOwnWork;                           ///< in this process, see nqPoolOptions::inProcess
     nqPoolWait mWait;
 
     nqPoolQueue mQueue;

@@ -259,6 +259,7 @@ void nqPoolSlot::settleAnswer()
             mShared.owner.onLaunchProven();
         } else {
             enter(Phase::Leaving);
+            mEnd = nqWorkerEnd::LaunchFailed;
             kill();
             endInitialisation(
                 mShared.program.path() +
@@ -322,6 +323,7 @@ void nqPoolSlot::settleFailure()
         what = Reason::MemoryCap;
     else if (what == Reason::None)
         what = mNews.end && mNews.end->exitStatus ? Reason::Exited : Reason::Crashed;
+    mEnd = endFor(what);
     if (what == Reason::Crashed || what == Reason::Exited)
         mBarren = mJobsDone == 0 ? mBarren + 1 : 0;
     nqAttempt attempt = describeAttempt(what);
@@ -365,7 +367,10 @@ void nqPoolSlot::settleEnd()
 {
     const Phase before = mPhase;
     const nqAttempt ended = describeAttempt(Reason::Exited);
+    const nqWorkerEnd how = mEnd ? *mEnd : endOfUntold(before);
+    mEnd.reset();
     enter(Phase::Down);
+    mShared.owner.onWorkerEnded(*this, how);
     const bool wasIdle = takeBackUnsent() || before == Phase::Idle;
     const bool hadNoJob =
         before == Phase::Connected || before == Phase::Initialising || (wasIdle && mJobsDone == 0);
@@ -375,6 +380,20 @@ void nqPoolSlot::settleEnd()
         before == Phase::Initialising ? " while it was initialised" : " before it had a job";
     endInitialisation(withLastWords(
         mShared.program.path() + " ended " + howItEnded(ended) + when, ended.lastWords));
+}
+
+/// Of a worker that ended by itself, or was ended by its scheduler, without a job.
+nqWorkerEnd nqPoolSlot::endOfUntold(Phase phase) const
+{
+    if (phase == Phase::Connected || phase == Phase::Initialising)
+        return nqWorkerEnd::LaunchFailed;
+    const auto isAbove = [&](std::uint64_t cap) {
+        return cap != 0 && mNews.end->peakMemory && *mNews.end->peakMemory > cap;
+    };
+    if (mNews.end->signal)
+        return isAbove(mShared.options.memoryCap) ? nqWorkerEnd::MemoryCap : nqWorkerEnd::Crashed;
+    return isAbove(mShared.options.recycleAboveMemory) ? nqWorkerEnd::Recycled
+                                                       : nqWorkerEnd::Exited;
 }
 
 void nqPoolSlot::endInitialisation(const std::string& text)
@@ -406,6 +425,7 @@ void nqPoolSlot::settleLaunch()
     takeStandardError();
     enter(Phase::Connected);
     mLaunched = mSince;
+    mShared.owner.onWorkerLaunched(*this, mPid);
 }
 
 void nqPoolSlot::settleFailedLaunch()
@@ -457,12 +477,14 @@ void nqPoolSlot::endJob(Reason reason)
     if (mKilledFor != Reason::None)
         return;
     mKilledFor = reason;
+    mEnd = endFor(reason);
     kill();
 }
 
 void nqPoolSlot::recycle()
 {
     enter(Phase::Leaving);
+    mEnd = nqWorkerEnd::Recycled;
     if (mShared.envelope == nullptr) {
         kill();
         return;
@@ -478,6 +500,8 @@ void nqPoolSlot::stop()
     unwatch();
     if (mPhase == Phase::Busy)
         endJob(Reason::Stopped);
+    if (!mEnd)
+        mEnd = nqWorkerEnd::Stopped;
     mScheduler.clearPendingJobs();
     killAll();
     while (mScheduler.jobCount() != 0) {
@@ -487,6 +511,9 @@ void nqPoolSlot::stop()
     killAll();
     mScheduler.stopScheduler();
     mNews = News();
+    if (mPhase != Phase::Down)
+        mShared.owner.onWorkerEnded(*this, mEnd.value_or(nqWorkerEnd::Stopped));
+    mEnd.reset();
     enter(Phase::Down);
     mPausedUntil.reset();
 }
@@ -526,6 +553,8 @@ void nqPoolSlot::endForTime()
     }
     const bool isInitialising = mPhase == Phase::Initialising;
     enter(Phase::Leaving);
+    if (isInitialising)
+        mEnd = nqWorkerEnd::LaunchFailed;
     kill();
     if (isInitialising)
         endInitialisation(mShared.program.path() + " was not initialised in time");

@@ -2,6 +2,7 @@
 
 #include "nqScheduler.h"
 #include "nqSchedulerObserver.h"
+#include "pool/nqEndNames.h"
 #include "pool/nqEnvelope.h"
 #include "pool/nqLastWords.h"
 #include "pool/nqPoolJob.h"
@@ -35,6 +36,12 @@ public:
 
     /// The worker was gone before it could be given the job, which nobody has tried therefore.
     virtual void onJobReturned(nqPoolJob&& job) = 0;
+
+    /// A worker has connected, and begins its life.
+    virtual void onWorkerLaunched(nqPoolSlot& slot, std::int64_t pid) = 0;
+
+    /// It has come to its end.
+    virtual void onWorkerEnded(nqPoolSlot& slot, nqWorkerEnd how) = 0;
 
     /// A worker has been launched and can take a job.
     virtual void onWorkerReady(nqPoolSlot& slot) = 0;
@@ -176,6 +183,7 @@ private:
     void endForTime();
     void send(std::vector<char>&& message);
     void configure();
+    nqWorkerEnd endOfUntold(Phase phase) const;
     void takeStandardError();
     void unwatch();
     void kill();
@@ -199,6 +207,7 @@ private:
     nqAttempt::Reason mKillReason = nqAttempt::Reason::None; ///< of a job
     std::optional<TimePoint> mLookAt;                        ///< at the memory of the worker
     std::optional<TimePoint> mPausedUntil;
+    std::optional<nqWorkerEnd> mEnd; ///< how the worker comes to its end, once that is known
     unsigned mBarren = 0;
     bool mIsWatched = false;
     nqPoolSource mWorkerSource{this, false};
