@@ -85,4 +85,16 @@ CurrentFolder::~CurrentFolder()
     std::filesystem::current_path(mBefore, leftAsItIs);
 }
 
+FileSizeLimit::FileSizeLimit(rlim_t bytes)
+{
+    ::getrlimit(RLIMIT_FSIZE, &mBefore);
+    const rlimit limit{bytes, mBefore.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+FileSizeLimit::~FileSizeLimit()
+{
+    ::setrlimit(RLIMIT_FSIZE, &mBefore);
+}
+
 } // namespace common

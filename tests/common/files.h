@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <string>
+#include <sys/resource.h>
 #include <sys/types.h>
 
 namespace common {
@@ -39,6 +40,18 @@ public:
 
 private:
     std::filesystem::path mBefore;
+};
+
+/// No file may grow beyond these bytes until the end of the scope, as on a full disk.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes);
+    ~FileSizeLimit();
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+private:
+    rlimit mBefore{};
 };
 
 } // namespace common

@@ -15,7 +15,6 @@
 #include <gtest/gtest.h>
 #include <set>
 #include <string>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <system_error>
 #include <thread>
@@ -310,31 +309,11 @@ TEST_F(FailedJobStore, warnsInTheLogOfAJobThatIsNotKept)
     EXPECT_EQ(mMachine.logged[0].entry.mLevel, nq::nqLog::Warning);
 }
 
-/// Lets no file of this process grow beyond `bytes`, as on a full disk.
-class FileSizeLimit {
-public:
-    explicit FileSizeLimit(rlim_t bytes)
-    {
-        ::getrlimit(RLIMIT_FSIZE, &mBefore);
-        const rlimit limit{bytes, mBefore.rlim_max};
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FileSizeLimit()
-    {
-        ::setrlimit(RLIMIT_FSIZE, &mBefore);
-    }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
-private:
-    rlimit mBefore{};
-};
-
 TEST_F(FailedJobStore, leavesNoHalfOfAJobThatFindsNoRoom)
 {
     nqFailedJobStore full = store();
     {
-        const FileSizeLimit limit(4096);
+        const common::FileSizeLimit limit(4096);
         EXPECT_EQ(full.keep(failedJob(1, std::string(5'000, 'x'))), "");
     }
     EXPECT_NE(full.problem().find(": File too large"), std::string::npos) << full.problem();
@@ -345,7 +324,7 @@ TEST_F(FailedJobStore, keepsJobsAgainOnceThereIsRoom)
 {
     nqFailedJobStore full = store();
     {
-        const FileSizeLimit limit(4096);
+        const common::FileSizeLimit limit(4096);
         full.keep(failedJob(1, std::string(5'000, 'x')));
     }
     EXPECT_NE(full.keep(failedJob(2)), "");
