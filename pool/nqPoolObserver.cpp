@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <exception>
 #include <unistd.h>
+#include <utility>
 
 namespace nq {
 
@@ -164,14 +165,15 @@ void nqPoolObserver::onWorkerLaunched(std::size_t worker, std::int64_t pid)
 {
     note([&] {
         const Time at = now();
-        std::optional<nqWorkerEnd>& before = place(worker).end;
         if (mTrace)
             mTrace->addWorkerLaunched(at, worker, pid);
-        if (mTimeline && before)
+        const std::optional<nqWorkerEnd> before = std::exchange(place(worker).end, std::nullopt);
+        if (!before || *before == nqWorkerEnd::Stopped)
+            return; // the last one has a successor that is never used
+        if (mTimeline)
             mTimeline->addRestart(worker, at, nameOf(*before));
-        if (mMetrics && before)
+        if (mMetrics)
             mMetrics->addRestart(*before);
-        before.reset();
     });
 }
 

@@ -84,8 +84,9 @@ private:
         const auto before = mEnds.find(event["tid"].count());
         if (before == mEnds.end())
             return;
-        mTimeline.addRestart(
-            static_cast<std::size_t>(before->first), timeOf(event["ts"]), before->second);
+        if (before->second != nameOf(nqWorkerEnd::Stopped))
+            mTimeline.addRestart(
+                static_cast<std::size_t>(before->first), timeOf(event["ts"]), before->second);
         mEnds.erase(before);
     }
 
