@@ -13,7 +13,7 @@ namespace {
 using Reason = nqAttempt::Reason;
 
 constexpr std::array<std::string_view, nqPoolStatistics::reasons> reasonNames{
-    "none",
+    "done",
     "crashed",
     "exited",
     "memory_cap",

@@ -22,7 +22,7 @@ enum class nqWorkerEnd {
 
 /// The names in files that programs read; they do not change.
 /// @{
-std::string_view nameOf(nqAttempt::Reason reason); ///< "memory_cap"; "none" for a job that was done
+std::string_view nameOf(nqAttempt::Reason reason); ///< "memory_cap"; "done" for one that was
 std::string_view nameOf(nqWorkerEnd end);          ///< "launch_failed"
 /// @}
 

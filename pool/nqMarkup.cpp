@@ -1,5 +1,6 @@
 #include "pool/nqMarkup.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstddef>
@@ -58,6 +59,11 @@ void forEachCharacter(std::string_view text, const Append& append)
 }
 
 constexpr std::array<char, 17> hexadecimal{"0123456789abcdef"};
+
+bool isPlainInJson(char character)
+{
+    return character >= ' ' && character <= '~' && character != '"' && character != '\\';
+}
 
 void appendJsonCharacter(std::string& out, std::string_view character)
 {
@@ -133,10 +139,15 @@ std::string shownLabel(std::string_view label)
     return shortened(label, longestLabel);
 }
 
+/// Nearly all texts are plain, and a trace has many.
 void appendJsonText(std::string& out, std::string_view text)
 {
     out += '"';
-    forEachCharacter(text, [&](std::string_view each) { appendJsonCharacter(out, each); });
+    const auto end = std::find_if_not(text.begin(), text.end(), isPlainInJson);
+    const auto plain = static_cast<std::size_t>(end - text.begin());
+    out += text.substr(0, plain);
+    forEachCharacter(
+        text.substr(plain), [&](std::string_view each) { appendJsonCharacter(out, each); });
     out += '"';
 }
 

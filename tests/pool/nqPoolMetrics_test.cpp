@@ -53,7 +53,7 @@ TEST(Metrics, tellOutcomesByReason)
     status.statistics.byReason[static_cast<std::size_t>(nq::nqAttempt::Reason::MemoryCap)] = 2;
     status.statistics.byReason[static_cast<std::size_t>(nq::nqAttempt::Reason::Stopped)] = 1;
     const std::string text = nqPoolMetrics().text(status, 1);
-    EXPECT_EQ(valueOf(text, "nq_pool_jobs_total{outcome=\"done\",reason=\"none\"}"), "7");
+    EXPECT_EQ(valueOf(text, "nq_pool_jobs_total{outcome=\"done\",reason=\"done\"}"), "7");
     EXPECT_EQ(valueOf(text, "nq_pool_jobs_total{outcome=\"failed\",reason=\"memory_cap\"}"), "2");
     EXPECT_EQ(valueOf(text, "nq_pool_jobs_total{outcome=\"cancelled\",reason=\"stopped\"}"), "1");
     EXPECT_EQ(valueOf(text, "nq_pool_jobs_total{outcome=\"failed\",reason=\"crashed\"}"), "0")

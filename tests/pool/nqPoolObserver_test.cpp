@@ -279,7 +279,7 @@ TEST_F(Shown, measuresRunsAndWaitsToTheMicrosecond)
     EXPECT_EQ(metric("nq_pool_job_run_seconds_sum{pool=\"shown\"}"), "0.25");
     EXPECT_EQ(metric("nq_pool_job_wait_seconds_sum{pool=\"shown\"}"), "1.5");
     EXPECT_EQ(metric("nq_pool_job_wait_seconds_count{pool=\"shown\"}"), "1");
-    EXPECT_EQ(metric("nq_pool_jobs_total{pool=\"shown\",outcome=\"done\",reason=\"none\"}"), "1");
+    EXPECT_EQ(metric("nq_pool_jobs_total{pool=\"shown\",outcome=\"done\",reason=\"done\"}"), "1");
     EXPECT_EQ(metric("nq_pool_job_bytes_total{pool=\"shown\"}"), "3");
     EXPECT_EQ(metric("nq_pool_result_bytes_total{pool=\"shown\"}"), "6");
 }

@@ -51,7 +51,7 @@ class Files(unittest.TestCase):
         self.assertEqual(sorted(event["args"]["id"] for event in attempts),
                          list(range(1, JOBS + 1)))
         outcomes = collections.Counter(event["args"]["outcome"] for event in attempts)
-        self.assertEqual(outcomes, {"none": 30, "crashed": 5, "exception": 5})
+        self.assertEqual(outcomes, {"done": 30, "crashed": 5, "exception": 5})
         self.assertEqual({event["name"] for event in attempts}, LABELS)
 
     def test_spans_of_one_worker_do_not_overlap(self):
