@@ -15,6 +15,7 @@ import platform
 import statistics
 import subprocess
 import sys
+import tempfile
 
 import counts
 import report
@@ -332,6 +333,21 @@ def measure_pool(runner, passes):
     return rows
 
 
+def measure_pool_files(runner, passes):
+    """What the files cost that show a pool, in turns on one processor."""
+    shown = ("", "trace", "timeline", "status")
+    cpu = {what: [] for what in shown}
+    with tempfile.TemporaryDirectory() as folder:
+        for number in range(passes):
+            turn = number % len(shown)
+            for what in shown[turn:] + shown[:turn]:
+                options = {"shown": what, "folder": folder} if what else {}
+                result = runner.run("pool", "ours", plain=1, bytes=64, processors="0", moves_jobs=1,
+                                    jobs=2_500 if runner.quick else 50_000, **options)
+                cpu[what].append(result["host_cpu_ns"] / result["jobs"] / 1e3)
+    return {"host_us": cpu}
+
+
 def measure_pool_costs(runner, passes):
     queued = medians_of([
         runner.run("pool-costs", "ours", verb=["queued"], plain=1,
@@ -378,6 +394,7 @@ GROUPS = {
     "payload": measure_payload,
     "rest": measure_rest,
     "pool": measure_pool,
+    "pool-files": measure_pool_files,
     "pool-costs": measure_pool_costs,
 }
 

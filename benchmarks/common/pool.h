@@ -20,6 +20,8 @@ struct PoolOptions {
     bool isObserved;    // the library alone knows observers
     bool waitsInEpoll;  // the host, on the descriptor of a pool that has one
     bool isPlainWorker; // the worker knows nothing of the pool library
+    std::string shown;  // a file that the pool library shows itself in: trace, timeline or status
+    std::string folder; // where that is
 };
 
 /// A pool of worker processes; implemented bare, by hand, and with the library. Destruction ends

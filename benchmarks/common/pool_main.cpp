@@ -107,7 +107,9 @@ int main(int argc, char* argv[])
          options.number("moves-jobs", 0) != 0,
          options.number("observed", 0) != 0,
          options.number("epoll", 0) != 0,
-         options.number("plain", 0) != 0});
+         options.number("plain", 0) != 0,
+         options.text("shown", ""),
+         options.text("folder", ".")});
     if (kind == "repair")
         measureRepair(*pool, ledger, deaths, options);
     else

@@ -22,6 +22,17 @@ nq::nqPoolOptions optionsFor(const PoolOptions& options)
     made.worker = options.workerExecutable;
     made.plainWorker = options.isPlainWorker;
     made.workers = static_cast<unsigned>(options.workers);
+    if (options.shown == "trace") {
+        made.traceFile = options.folder + "/trace.json";
+        made.traceLimit = 0;
+    } else if (options.shown == "timeline") {
+        made.timelineFile = options.folder + "/timeline.svg";
+    } else if (options.shown == "status") {
+        made.statusFile = options.folder + "/status.json";
+        made.metricsFile = options.folder + "/pool.prom";
+    } else if (!options.shown.empty()) {
+        fail("a pool shows trace, timeline or status");
+    }
     return made;
 }
 
