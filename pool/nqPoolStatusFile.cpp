@@ -23,7 +23,7 @@ constexpr std::uint64_t version = 1;
 constexpr char running[] = "running";
 constexpr char ended[] = "ended";
 
-void appendName(std::string& out, const char* name)
+void appendName(std::string& out, std::string_view name)
 {
     if (out.back() != '{' && out.back() != '[')
         out += ", ";
@@ -31,19 +31,19 @@ void appendName(std::string& out, const char* name)
     out += ": ";
 }
 
-void appendText(std::string& out, const char* name, std::string_view text)
+void appendText(std::string& out, std::string_view name, std::string_view text)
 {
     appendName(out, name);
     appendJsonText(out, text);
 }
 
-void appendCount(std::string& out, const char* name, std::uint64_t count)
+void appendCount(std::string& out, std::string_view name, std::uint64_t count)
 {
     appendName(out, name);
     appendNumber(out, count);
 }
 
-void appendTime(std::string& out, const char* name, microseconds time)
+void appendTime(std::string& out, std::string_view name, microseconds time)
 {
     appendName(out, name);
     appendSeconds(out, time);
@@ -55,9 +55,7 @@ void appendReasons(std::string& out, const nqPoolStatistics& statistics)
     out += '{';
     for (std::size_t reason = 0; reason < nqPoolStatistics::reasons; ++reason)
         appendCount(
-            out,
-            std::string(nameOf(static_cast<nqAttempt::Reason>(reason))).c_str(),
-            statistics.byReason[reason]);
+            out, nameOf(static_cast<nqAttempt::Reason>(reason)), statistics.byReason[reason]);
     out += '}';
 }
 

@@ -79,8 +79,8 @@ void nqShownFile::require(std::string_view content)
 nqGrowingFile::nqGrowingFile(std::string what, const std::string& path)
     : mWhat(std::move(what)),
       mPath(regularPath(mWhat, path)),
-      mDescriptor(::open(
-          mPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_NONBLOCK | O_CLOEXEC, forAll))
+      mDescriptor(
+          ::open(mPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, forAll))
 {
     if (mDescriptor < 0)
         throw nqPoolError(sentence(mWhat, mPath, textOf(errno)));

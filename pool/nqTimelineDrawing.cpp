@@ -32,7 +32,7 @@ constexpr Length legendStep = 22 * unit;
 constexpr Length queueHeight = 44 * unit;
 constexpr Length labelHeight = 15 * unit;
 constexpr Length narrowestFailure = 2 * unit;
-constexpr std::size_t longestTitle = 80; // bytes
+constexpr std::size_t longestTitle = 50; // bytes
 constexpr std::size_t mostTicks = 10;
 constexpr std::uint64_t manyRestarts = 100;
 
@@ -59,6 +59,8 @@ constexpr char style[] =
 
 constexpr std::array<const char*, nqTimelineRecord::looks> classes{
     "Done", "Died", "Late", "Large", "Wrong", "Gone"};
+
+constexpr char markLook[] = "mark";
 
 const char* classOf(Look look)
 {
@@ -123,6 +125,13 @@ void appendPiece(std::string& path, Length x, Length y, Length wide, Length high
     path += 'z';
 }
 
+struct LegendEntry {
+    const char* look;
+    std::string text;
+    Length x;
+    Length y;
+};
+
 class Drawing {
 public:
     Drawing(const nqTimelineRecord& record, const std::string& title)
@@ -136,6 +145,7 @@ public:
 
 private:
     void layOut();
+    void layOutLegend();
     void drawHead();
     void drawTotals();
     void drawLegend();
@@ -147,6 +157,7 @@ private:
     void drawRestarts();
     void drawRestartsOfColumns(Length half);
     void drawMark(std::size_t row, Time at, Length half, const std::string& what);
+    void drawTriangle(Length x, Length y, Length half);
     void drawQueue();
 
     Length share(const nqTimelineRecord::Cell& cell, Time column, Look look) const;
@@ -162,7 +173,7 @@ private:
     const std::string& mTitle;
     const Time mEnd;
     std::string mOut;
-    std::vector<std::pair<Reason, std::string>> mLegend;
+    std::vector<LegendEntry> mLegend;
     Length mRowsTop = 0;
     Length mPitch = 0;
     Length mBarHeight = 0;
@@ -217,12 +228,8 @@ void Drawing::layOut()
             ->second *
         unit;
     mBarHeight = mPitch - std::max(unit, mPitch / 5);
-    for (std::size_t index = 0; index < nqPoolStatistics::reasons; ++index) {
-        const auto reason = static_cast<Reason>(index);
-        if (mRecord.attempts()[index] != 0)
-            mLegend.emplace_back(reason, spoken(reason) + ' ' + grouped(mRecord.attempts()[index]));
-    }
-    mRowsTop = legendLine + legendStep;
+    layOutLegend();
+    mRowsTop = (mLegend.empty() ? legendLine : mLegend.back().y) + legendStep;
     mQueueTop = mRowsTop + static_cast<Length>(rows) * mPitch;
     mAxis = mQueueTop + 6 * unit;
     if (!mRecord.queued().empty())
@@ -256,7 +263,7 @@ void Drawing::drawTotals()
                                     mRecord.jobs()[static_cast<std::size_t>(Reason::Stopped)];
     std::string line = counted(mRecord.workers(), "worker");
     const double available =
-        static_cast<double>(mEnd.count()) * static_cast<double>(mRecord.workers());
+        static_cast<double>(mEnd.count()) * static_cast<double>(mRecord.rows().size());
     if (available > 0 && busy > 0)
         line += ", busy " + std::to_string(std::lround(100 * busy / available)) + " % of the time";
     line += "; " + grouped(done) + " done, " + grouped(jobs - done - cancelled) + " failed";
@@ -270,31 +277,39 @@ void Drawing::drawTotals()
 }
 
 // How wide a text is, nobody knows: eight units for a character are enough.
-void Drawing::drawLegend()
+void Drawing::layOutLegend()
 {
     Length x = margin;
-    const auto advance = [&](std::string_view label) {
-        x += 32 * unit + static_cast<Length>(label.size()) * 8 * unit;
+    Length y = legendLine;
+    const auto add = [&](const char* look, std::string label) {
+        const Length wide = 32 * unit + static_cast<Length>(label.size()) * 8 * unit;
+        if (x + wide > width) {
+            x = margin;
+            y += legendStep;
+        }
+        mLegend.push_back({look, std::move(label), x, y});
+        x += wide;
     };
-    for (const auto& [reason, label] : mLegend) {
-        rectangle(
-            classOf(nqTimelineRecord::lookOf(reason)),
-            x,
-            legendLine - 10 * unit,
-            12 * unit,
-            12 * unit);
-        mOut += '\n';
-        text(x + 18 * unit, legendLine, label);
-        advance(label);
+    for (std::size_t index = 0; index < nqPoolStatistics::reasons; ++index) {
+        const auto reason = static_cast<Reason>(index);
+        if (mRecord.attempts()[index] != 0)
+            add(classOf(nqTimelineRecord::lookOf(reason)),
+                spoken(reason) + ' ' + grouped(mRecord.attempts()[index]));
     }
-    if (mRecord.restartCount() == 0)
-        return;
-    mOut += "<path class=\"mark\" transform=\"translate(";
-    appendDecimal(mOut, x + 6 * unit, 2);
-    mOut += ' ';
-    appendDecimal(mOut, legendLine + unit, 2);
-    mOut += ")\" d=\"M0 0l-5-9h10z\"/>\n";
-    text(x + 18 * unit, legendLine, "worker replaced");
+    if (mRecord.restartCount() != 0)
+        add(markLook, "worker replaced");
+}
+
+void Drawing::drawLegend()
+{
+    for (const LegendEntry& entry : mLegend) {
+        if (entry.look == markLook)
+            drawTriangle(entry.x + 6 * unit, entry.y + unit, 5 * unit);
+        else
+            rectangle(entry.look, entry.x, entry.y - 10 * unit, 12 * unit, 12 * unit);
+        mOut += entry.look == markLook ? "/>\n" : "\n";
+        text(entry.x + 18 * unit, entry.y, entry.text);
+    }
 }
 
 void Drawing::drawGrid()
@@ -457,19 +472,26 @@ void Drawing::drawRestartsOfColumns(Length half)
 
 void Drawing::drawMark(std::size_t row, Time at, Length half, const std::string& what)
 {
-    mOut += "<path class=\"mark\" d=\"M";
-    appendDecimal(mOut, xOf(at), 2);
+    drawTriangle(xOf(at), topOf(row) + half * 3 / 2, half);
+    mOut += "><title>worker " + std::to_string(row + 1) + ' ';
+    appendXmlText(mOut, what);
+    mOut += "</title></path>\n";
+}
+
+/// With its tip down there; the element is still open.
+void Drawing::drawTriangle(Length x, Length y, Length half)
+{
+    mOut.append("<path class=\"").append(markLook).append("\" d=\"M");
+    appendDecimal(mOut, x, 2);
     mOut += ' ';
-    appendDecimal(mOut, topOf(row) + half * 3 / 2, 2);
+    appendDecimal(mOut, y, 2);
     mOut += 'l';
     appendDecimal(mOut, -half, 2);
     mOut += ' ';
     appendDecimal(mOut, -half * 9 / 5, 2);
     mOut += 'h';
     appendDecimal(mOut, 2 * half, 2);
-    mOut += "z\"><title>worker " + std::to_string(row + 1) + ' ';
-    appendXmlText(mOut, what);
-    mOut += "</title></path>\n";
+    mOut += "z\"";
 }
 
 void Drawing::drawQueue()

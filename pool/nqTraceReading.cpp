@@ -4,6 +4,7 @@
 #include "pool/nqJson.h"
 #include "pool/nqPoolTrace.h"
 
+#include <algorithm>
 #include <fstream>
 #include <map>
 #include <optional>
@@ -18,9 +19,12 @@ using Time = nqPoolTimeline::Time;
 /// More than any pool has; a file that says more was not written by one.
 constexpr std::uint64_t mostWorkers = 1'000'000;
 
+/// Likewise; two of them can be added.
+constexpr std::uint64_t longestMicroseconds = 3'000'000'000'000'000; // a hundred years
+
 Time timeOf(const nqJson& microseconds)
 {
-    return Time(static_cast<std::int64_t>(microseconds.count()));
+    return Time(static_cast<std::int64_t>(std::min(microseconds.count(), longestMicroseconds)));
 }
 
 /// The event of one line; empty for the brackets around all of them, and for half a line.

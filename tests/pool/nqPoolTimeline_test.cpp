@@ -86,6 +86,16 @@ TEST(Timeline, hasALegendOfTheReasonsThatThereWere)
     EXPECT_FALSE(contains(svg, ">crashed"));
 }
 
+TEST(Timeline, putsALongLegendIntoMoreThanOneLine)
+{
+    nqPoolTimeline timeline(1);
+    for (int reason = 0; reason <= static_cast<int>(Reason::Stopped); ++reason)
+        timeline.addAttempt(attempt(1, reason * 1ms, reason * 1ms, static_cast<Reason>(reason)));
+    const std::string svg = timeline.svg();
+    EXPECT_TRUE(contains(svg, "y=\"86\">done 1</text>"));
+    EXPECT_TRUE(contains(svg, "y=\"108\">stopped 1</text>"));
+}
+
 TEST(Timeline, tellsOfABarWhatItIs)
 {
     nqPoolTimeline timeline(2);

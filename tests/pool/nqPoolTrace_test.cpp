@@ -191,6 +191,14 @@ TEST_F(Trace, isReadUpToWhereverItWasCut)
     }
 }
 
+TEST_F(Trace, isReadWithTimesThatNobodyLivesToSee)
+{
+    std::string text = nqPoolTrace(0, {}, 1).take();
+    text +=
+        R"({"ph":"X","tid":1,"ts":18446744073709551615,"dur":18446744073709551615,"cat":"attempt","args":{"last":1}})";
+    EXPECT_NE(readBack(text).find("1 job in"), std::string::npos);
+}
+
 TEST_F(Trace, isRefusedWhenItIsMissing)
 {
     EXPECT_THROW(nq::readPoolTrace(mFolder.file("none")), nq::nqPoolError);
