@@ -1,0 +1,255 @@
+#include "tools/nqrun/options.h"
+
+#include "tools/nqrun/error.h"
+#include "tools/nqrun/text.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+
+namespace nqrun {
+
+namespace {
+
+constexpr const char* help =
+    R"(usage: nqrun [OPTION...] COMMAND [ARGUMENT...] [::: ITEM... | :::: FILE...]
+       nqrun status FILE
+Runs COMMAND once for each item: a line of standard input, an ITEM, or a line of FILE.
+  {} item   {.} without extension   {/} without folder   {/.} both   {//} folder   {#} number
+  -j, --jobs N          so many at a time; default: one for each processor
+  -0, --null            items, or with --pipe lines, end with a null byte
+      --pipe            items are standard input: blocks of lines of ...
+      --block SIZE      ... this size (1M), or
+      --lines N         ... this number
+      --shell           COMMAND is a line for /bin/sh
+  -k, --keep-order      output in the order of the items
+      --tag             each line of output begins with the item
+  -n, --dry-run         print the commands, run nothing
+  -q, --quiet           neither progress nor failures on standard error
+limits and failures (TIME: 0.5, 30s, 2m, 1h; SIZE: 512M, 2G)
+      --timeout TIME    a command that takes longer is ended with all it has started
+      --memory SIZE     likewise one that uses more, all that it has started counted
+      --retries N       try a failed item so often again
+      --halt POLICY     never, or WHEN,WHY=N: soon or now, after N of fail, success, done
+      --keep-failed DIR a script for each failed item that runs its command again
+long runs
+      --joblog FILE     one line for each attempt; --joblog-format json or parallel
+      --resume          leave out what the joblog has; --resume-failed: but for failures
+      --shard I/N       only each Nth item from the Ith on; auto: as Slurm arrays and MPI
+                        launchers say; auto/N: Kubernetes' indexed jobs
+      --metrics FILE    Prometheus' text format     --timeline FILE  a picture, SVG
+      --trace FILE      for Perfetto and Chrome     --status FILE    for `nqrun status`
+workers of nqPool
+      --worker PROGRAM  items are its jobs; results are lines, or files in --results DIR
+  -h, --help, --version
+exit status: 0 none failed, 1 to 100 so many, 101 more, 255 nqrun itself
+)";
+
+// What the words after the options are.
+struct Words {
+    std::vector<std::string> options; ///< with the command behind them
+    std::string separator;            ///< ":::" or "::::"; empty: there is none
+    std::vector<std::string> items;
+};
+
+Words split(int argc, const char* const* argv)
+{
+    Words words;
+    std::vector<std::string>* current = &words.options;
+    for (int at = 1; at < argc; ++at) {
+        const std::string_view word = argv[at];
+        if (word == ":::" || word == "::::") {
+            if (!words.separator.empty())
+                throw Error("there may be one ::: or :::: only, and all items after it");
+            words.separator = word;
+            current = &words.items;
+        } else {
+            current->emplace_back(word);
+        }
+    }
+    return words;
+}
+
+struct Texts {
+    std::string timeout;
+    std::string memory;
+    std::string block;
+    std::string halt;
+    std::string shard;
+    std::string format;
+    std::uint64_t lines = 0;
+    bool isPipe = false;
+    bool isNull = false;
+    bool isHelp = false;
+    bool isVersion = false;
+};
+
+void addOptions(CLI::App& app, Options& options, Texts& texts)
+{
+    const auto count = CLI::Range(1u, 1'000'000u);
+    app.add_option("-j,--jobs", options.jobs)->check(CLI::Range(0u, 4096u));
+    app.add_flag("-0,--null", texts.isNull);
+    app.add_flag("--pipe", texts.isPipe);
+    app.add_option("--block", texts.block);
+    app.add_option("--lines", texts.lines)
+        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 40));
+    app.add_flag("--shell", options.isShell);
+    app.add_flag("-k,--keep-order", options.keepOrder);
+    app.add_flag("--tag", options.hasTags);
+    app.add_flag("-n,--dry-run", options.isDryRun);
+    app.add_flag("-q,--quiet", options.isQuiet);
+    app.add_option("--timeout", texts.timeout);
+    app.add_option("--memory", texts.memory);
+    app.add_option("--retries", options.retries)->check(CLI::Range(0u, 1'000'000u));
+    app.add_option("--halt", texts.halt);
+    app.add_option("--keep-failed", options.keepFailed);
+    app.add_option("--joblog", options.joblog);
+    app.add_option("--joblog-format", texts.format);
+    app.add_flag("--resume", options.resumes);
+    app.add_flag("--resume-failed", options.resumesFailed);
+    app.add_option("--shard", texts.shard);
+    app.add_option("--worker", options.worker);
+    app.add_option("--results", options.results);
+    app.add_option("--metrics", options.metrics);
+    app.add_option("--trace", options.trace);
+    app.add_option("--timeline", options.timeline);
+    app.add_option("--status", options.status);
+    app.add_flag("-h,--help", texts.isHelp);
+    app.add_flag("--version", texts.isVersion);
+}
+
+// CLI11 stops at the first word that is no option; one that looks like an option is unknown.
+std::vector<std::string> commandOf(std::vector<std::string> rest)
+{
+    if (!rest.empty() && rest.front() == "--")
+        rest.erase(rest.begin());
+    else if (!rest.empty() && rest.front().size() > 1 && rest.front().front() == '-')
+        throw Error("unknown option " + shown(rest.front()) + "; see nqrun --help");
+    return rest;
+}
+
+void readTexts(const Texts& texts, Options& options)
+{
+    if (!texts.timeout.empty()) {
+        const auto timeout = parseDuration(texts.timeout);
+        if (!timeout)
+            throw Error(
+                "--timeout takes a time such as 0.5, 30s, 2m or 1h, not " + shown(texts.timeout));
+        options.limits.timeout = *timeout;
+    }
+    if (!texts.memory.empty()) {
+        const auto memory = parseSize(texts.memory);
+        if (!memory)
+            throw Error("--memory takes a size such as 512M or 2G, not " + shown(texts.memory));
+        options.limits.memory = *memory;
+    }
+    if (!texts.block.empty()) {
+        const auto block = parseSize(texts.block);
+        if (!block || *block > std::uint64_t{1} << 30)
+            throw Error(
+                "--block takes a size such as 64K or 1M, 1G at most, not " + shown(texts.block));
+        options.items.blockBytes = *block;
+    }
+    if (!texts.halt.empty()) {
+        const auto halt = parseHalt(texts.halt);
+        if (!halt)
+            throw Error(
+                "--halt takes never, or for example now,fail=1 (soon or now; fail, success or "
+                "done), not " +
+                shown(texts.halt));
+        options.halt = *halt;
+    }
+    if (texts.format == "parallel")
+        options.joblogFormat = JoblogFormat::Parallel;
+    else if (!texts.format.empty() && texts.format != "json")
+        throw Error("--joblog-format takes json or parallel, not " + shown(texts.format));
+    options.items.blockLines = texts.lines;
+    options.items.asBlocks = texts.isPipe;
+    options.items.separator = texts.isNull ? '\0' : '\n';
+    if (!texts.shard.empty())
+        options.shard = parseShard(texts.shard, [](const std::string& name) {
+            const char* const value = std::getenv(name.c_str());
+            return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
+        });
+}
+
+void refuse(bool isSo, const char* text)
+{
+    if (isSo)
+        throw Error(text);
+}
+
+void checkTogether(const Options& options, const Texts& texts, const CLI::App& app)
+{
+    for (const CLI::Option* const option : app.get_options()) {
+        if (option->get_expected_min() == 0 || option->count() == 0) // flags
+            continue;
+        for (const std::string& value : option->results())
+            if (value.empty())
+                throw Error(option->get_name() + " has an empty value");
+    }
+    const bool hasWorker = !options.worker.empty();
+    refuse(options.command.empty() && !hasWorker, "there is no command; see nqrun --help");
+    refuse(
+        !options.command.empty() && options.command.front().empty(),
+        "the command has an empty name");
+    refuse(!options.command.empty() && hasWorker, "--worker takes items only, and no command");
+    refuse(hasWorker && options.isShell, "--worker and --shell do not go together");
+    refuse(!hasWorker && !options.results.empty(), "--results is for the results of a --worker");
+    refuse(
+        !texts.isPipe && (!texts.block.empty() || texts.lines != 0),
+        "--block and --lines say what --pipe is given");
+    refuse(!texts.block.empty() && texts.lines != 0, "--block and --lines do not go together");
+    refuse(
+        texts.isPipe && options.items.arguments.has_value(),
+        "--pipe reads blocks of standard input or of files after ::::");
+    refuse(
+        (options.resumes || options.resumesFailed) && options.joblog.empty(),
+        "--resume and --resume-failed go by a --joblog");
+    refuse(!texts.format.empty() && options.joblog.empty(), "--joblog-format is about a --joblog");
+}
+
+} // namespace
+
+const char* helpText()
+{
+    return help;
+}
+
+std::optional<Options>
+parseOptions(int argc, const char* const* argv, const std::string& version, int& exitStatus)
+{
+    Words words = split(argc, argv);
+    Options options;
+    Texts texts;
+    CLI::App app("", "nqrun");
+    app.set_help_flag();
+    app.prefix_command();
+    addOptions(app, options, texts);
+    try {
+        std::vector<std::string> arguments = std::move(words.options);
+        std::reverse(arguments.begin(), arguments.end()); // as it wants them
+        app.parse(std::move(arguments));
+    } catch (const CLI::ParseError& error) {
+        throw Error(std::string(error.what()) + "; see nqrun --help");
+    }
+    if (texts.isHelp || texts.isVersion) {
+        std::fputs(texts.isHelp ? help : version.c_str(), stdout);
+        exitStatus = std::fflush(stdout) == 0 ? 0 : exitOwnError;
+        return std::nullopt;
+    }
+    options.command = commandOf(app.remaining());
+    if (words.separator == ":::")
+        options.items.arguments = std::move(words.items);
+    else if (words.separator == "::::")
+        options.items.files = std::move(words.items);
+    if (words.separator == "::::" && options.items.files.empty())
+        throw Error(":::: wants files to read items from");
+    readTexts(texts, options);
+    checkTogether(options, texts, app);
+    return options;
+}
+
+} // namespace nqrun

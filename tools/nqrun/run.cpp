@@ -1,0 +1,655 @@
+#include "tools/nqrun/run.h"
+
+#include "tools/nqrun/error.h"
+#include "tools/nqrun/io.h"
+#include "tools/nqrun/process_tree.h"
+#include "tools/nqrun/stop_signals.h"
+#include "tools/nqrun/text.h"
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+
+namespace nqrun {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Reason = nq::nqAttempt::Reason;
+
+// The keeper of a command ends it in time; the pool steps in when a keeper does not answer, because
+// a process of its command cannot be ended, say.
+constexpr std::chrono::seconds keeperGrace{10};
+constexpr std::chrono::seconds orphanLimit{5};
+constexpr std::size_t lastWordsBytes = 2048;
+constexpr std::size_t mostWaiting = 100'000; // items whose output waits for an earlier one's
+
+unsigned workersOf(const Options& options)
+{
+    return options.jobs != 0 ? options.jobs : std::max(std::thread::hardware_concurrency(), 1u);
+}
+
+// Two files for each item that is on its way, and what the pool needs for each worker.
+std::uint64_t raiseOpenFiles()
+{
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return 0;
+    const std::uint64_t former = limit.rlim_cur;
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    return former;
+}
+
+nq::nqPoolOptions poolOptions(const Options& options)
+{
+    nq::nqPoolOptions pool;
+    pool.workers = workersOf(options);
+    pool.name = options.command.empty() ? options.worker : options.command.front();
+    pool.metricsFile = options.metrics;
+    pool.traceFile = options.trace;
+    pool.timelineFile = options.timeline;
+    pool.statusFile = options.status;
+    if (!options.worker.empty()) {
+        pool.worker = options.worker;
+        pool.memoryCap = options.limits.memory;
+        pool.jobTimeout = std::chrono::ceil<std::chrono::milliseconds>(options.limits.timeout);
+    } else if (options.limits.timeout.count() > 0) {
+        pool.jobTimeout =
+            std::chrono::ceil<std::chrono::milliseconds>(options.limits.timeout) + keeperGrace;
+    }
+    return pool;
+}
+
+Joblog::Run joblogRun(const Options& options)
+{
+    Joblog::Run run;
+    run.command = options.command;
+    if (!options.worker.empty())
+        run.command = {options.worker};
+    run.kind = !options.worker.empty() ? "worker" : options.isShell ? "shell" : "arguments";
+    if (options.items.asBlocks)
+        run.kind += options.items.blockLines != 0
+                        ? ", blocks of " + std::to_string(options.items.blockLines) + " lines"
+                        : ", blocks of " + std::to_string(options.items.blockBytes) + " bytes";
+    return run;
+}
+
+// A command line for a file of lines and columns.
+std::string onOneLine(const std::vector<std::string>& arguments)
+{
+    std::string line;
+    for (const std::string& argument : arguments) {
+        line += line.empty() ? "" : " ";
+        const bool isPlain = argument.find_first_of("\n\r\t") == argument.npos;
+        if (isPlain) {
+            line += shellQuoted(argument);
+            continue;
+        }
+        line += "$'";
+        for (const char byte : argument) {
+            if (byte == '\n' || byte == '\r' || byte == '\t')
+                line += byte == '\n' ? "\\n" : byte == '\r' ? "\\r" : "\\t";
+            else
+                line += (byte == '\'' || byte == '\\' ? "\\" : "") + std::string(1, byte);
+        }
+        line += '\'';
+    }
+    return line;
+}
+
+std::uint64_t sizeOf(int file)
+{
+    struct stat about {};
+    return ::fstat(file, &about) == 0 ? static_cast<std::uint64_t>(about.st_size) : 0;
+}
+
+const char* wordFor(End end)
+{
+    switch (end) {
+    case End::Exited:
+        return "exit";
+    case End::Signalled:
+        return "signal";
+    case End::TimedOut:
+        return "timeout";
+    case End::MemoryCap:
+        return "memory";
+    case End::NotStarted:
+        return "not started";
+    case End::None:
+        break;
+    }
+    return "lost";
+}
+
+const char* wordFor(Reason reason)
+{
+    switch (reason) {
+    case Reason::Crashed:
+        return "signal";
+    case Reason::Exited:
+        return "exit";
+    case Reason::MemoryCap:
+        return "memory";
+    case Reason::Timeout:
+    case Reason::Deadline:
+        return "timeout";
+    case Reason::Exception:
+        return "exception";
+    case Reason::None:
+    case Reason::ResultLost:
+    case Reason::NoWorker:
+    case Reason::Cancelled:
+    case Reason::Stopped:
+        break;
+    }
+    return "lost";
+}
+
+std::string fingerprint(std::string_view bytes)
+{
+    std::uint64_t hash = 0xcbf29ce484222325U; // FNV-1a
+    for (const char byte : bytes)
+        hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001b3U;
+    std::array<char, 24> text{};
+    std::snprintf(text.data(), text.size(), "%016llx", static_cast<unsigned long long>(hash));
+    return text.data();
+}
+
+} // namespace
+
+RunResult dryRun(const Options& options)
+{
+    const CommandTemplate commands(options.command, options.isShell, options.items.asBlocks);
+    Items items(options.items);
+    Item item;
+    for (;;) {
+        const Items::Next next = items.next(item);
+        if (next == Items::Next::End)
+            break;
+        if (next == Items::Next::Wait) {
+            pollfd stream{items.descriptor(), POLLIN, 0};
+            ::poll(&stream, 1, -1);
+            continue;
+        }
+        if (!options.shard.holds(item.index))
+            continue;
+        if (writeAll(STDOUT_FILENO, commandLine(commands.arguments(item)) + '\n'))
+            continue;
+        if (errno == EPIPE)
+            return {0, SIGPIPE};
+        throw Error("standard output cannot be written: " + lastError());
+    }
+    return {};
+}
+
+Run::Run(const Options& options)
+    : mOptions(options),
+      mFormerChildren(childrenOf(::getpid())),
+      mLimits(options.limits),
+      mItems(options.items),
+      mProgress(!options.isQuiet),
+      mDelivery(
+          options.keepOrder,
+          options.hasTags,
+          [this] { mProgress.clear(); },
+          [this](Finished&& finished) { onDelivered(std::move(finished)); },
+          [] { return StopSignals::wish() == StopSignals::Wish::End; })
+{
+    if (options.worker.empty()) {
+        mTemplate.emplace(options.command, options.isShell, options.items.asBlocks);
+        const std::string program = mTemplate->program();
+        if (!program.empty())
+            mProgram = findProgram(program);
+    }
+    if (!options.results.empty()) {
+        std::error_code problem;
+        std::filesystem::create_directories(options.results, problem);
+        if (problem)
+            throw Error(
+                "the folder " + shown(options.results) +
+                " for results cannot be made: " + problem.message());
+    }
+    if (!options.keepFailed.empty())
+        mScripts.emplace(options.keepFailed);
+    adoptOrphans(); // keepers whose worker was ended; without it they are init's
+    mLimits.openFiles = raiseOpenFiles();
+    try {
+        mPool = std::make_unique<nq::nqPool>(poolOptions(options));
+    } catch (const nq::nqPoolError& error) {
+        throw Error(error.what());
+    }
+    // Last, so that no log is made by a run that cannot begin.
+    if (!options.joblog.empty())
+        mJoblog.emplace(
+            options.joblog,
+            options.joblogFormat,
+            joblogRun(options),
+            options.resumes || options.resumesFailed);
+    const unsigned workers = workersOf(options);
+    mRoom = workers + workers / 2 + 2; // so that no worker waits for the next item
+}
+
+Run::~Run()
+{
+    mPool.reset();
+    awaitOrphans(mFormerChildren, orphanLimit);
+}
+
+RunResult Run::run()
+{
+    try {
+        loop();
+        mDelivery.flush();
+    } catch (const OutputClosed&) {
+        mResult.signal =
+            StopSignals::wish() == StopSignals::Wish::End ? StopSignals::signal() : SIGPIPE;
+    }
+    mPhase = Phase::Ending;
+    mPool->stop();
+    mPool.reset();
+    awaitOrphans(mFormerChildren, orphanLimit);
+    if (mJoblog)
+        mJoblog->sync();
+    mProgress.clear();
+    if (mResult.signal != SIGPIPE)
+        summarize();
+    return mResult;
+}
+
+void Run::loop()
+{
+    for (;;) {
+        startItems();
+        if (mAttempts.empty() && (mPhase != Phase::Going || mHasAllItems))
+            return;
+        wait();
+        mPool->pump(std::chrono::milliseconds(0));
+        obeySignals();
+        if (mJoblog && mJoblog->syncDue() && Clock::now() >= *mJoblog->syncDue())
+            mJoblog->sync();
+        showProgress();
+    }
+}
+
+void Run::startItems()
+{
+    mWaitsForItems = false;
+    while (mPhase == Phase::Going && !mHasAllItems && mAttempts.size() < mRoom &&
+           mDelivery.waiting() < mostWaiting) {
+        Attempt attempt;
+        switch (mItems.next(attempt.item)) {
+        case Items::Next::End:
+            mHasAllItems = true;
+            return;
+        case Items::Next::Wait:
+            mWaitsForItems = true;
+            return;
+        case Items::Next::Item:
+            break;
+        }
+        if (!mOptions.shard.holds(attempt.item.index) || isLogged(attempt.item))
+            continue;
+        attempt.ordinal = mStarted++;
+        start(std::move(attempt));
+    }
+}
+
+bool Run::isLogged(const Item& item)
+{
+    if (!mJoblog)
+        return false;
+    const Logged state = mJoblog->history().stateOf(item.index);
+    if (state == Logged::No)
+        return false;
+    if (!mJoblog->history().isOf(item.index, identityOf(item)))
+        throw Error(
+            "the joblog " + shown(mOptions.joblog) + " is of other items: its item " +
+            std::to_string(item.index) + " is not " + nameOf(item));
+    if (state == Logged::Failed && mOptions.resumesFailed)
+        return false;
+    ++mSkipped;
+    return true;
+}
+
+std::string Run::nameOf(const Item& item) const
+{
+    if (mOptions.items.asBlocks)
+        return "block " + std::to_string(item.index);
+    return shown(item.text, 200);
+}
+
+std::string Run::identityOf(const Item& item) const
+{
+    if (mJoblog && mJoblog->format() == JoblogFormat::Parallel)
+        return mTemplate ? onOneLine(mTemplate->arguments(item))
+                         : onOneLine({mOptions.worker, item.text});
+    if (mOptions.items.asBlocks)
+        return std::to_string(item.text.size()) + " bytes " + fingerprint(item.text);
+    return item.text;
+}
+
+void Run::start(Attempt&& attempt)
+{
+    nq::nqJobOptions jobOptions;
+    jobOptions.label = mOptions.items.asBlocks ? nameOf(attempt.item) : attempt.item.text;
+    const std::uint64_t serial = attempt.serial = ++mSerial;
+    std::string bytes;
+    if (mTemplate) {
+        attempt.slot = mSlots.take();
+        Command command;
+        command.serial = serial;
+        command.files = attempt.slot.files();
+        command.limits = mLimits;
+        command.arguments = mTemplate->arguments(attempt.item);
+        command.program = mProgram.empty() ? command.arguments.front() : mProgram;
+        command.hasInput = mOptions.items.asBlocks;
+        if (command.hasInput)
+            command.input = attempt.item.text;
+        bytes = command.encoded();
+    } else {
+        bytes = attempt.item.text;
+    }
+    Attempt& placed = mAttempts.emplace(serial, std::move(attempt)).first->second;
+    placed.job = mPool->submit(bytes, jobOptions, [this, serial](nq::nqOutcome&& outcome) {
+        onOutcome(serial, std::move(outcome));
+    });
+    if (placed.job == 0)
+        throw Error("the pool takes no more commands");
+}
+
+void Run::wait()
+{
+    std::array<pollfd, 3> sources = {
+        {{mPool->waitDescriptor(), POLLIN, 0},
+         {StopSignals::descriptor(), POLLIN, 0},
+         {mWaitsForItems ? mItems.descriptor() : -1, POLLIN, 0}}};
+    std::optional<Clock::time_point> due = mProgress.due();
+    if (mJoblog && mJoblog->syncDue() && (!due || *mJoblog->syncDue() < *due))
+        due = mJoblog->syncDue();
+    int limit = -1;
+    if (due) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(*due - Clock::now());
+        limit = static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60'000));
+    }
+    ::poll(sources.data(), sources.size(), limit); // whatever comes of it, the loop looks
+}
+
+void Run::onOutcome(std::uint64_t serial, nq::nqOutcome&& outcome)
+{
+    auto node = mAttempts.extract(serial);
+    Attempt attempt = std::move(node.mapped());
+    if (mPhase == Phase::Ending || outcome.state == nq::nqOutcome::State::Cancelled) {
+        if (mPhase != Phase::Ending)
+            mDelivery.skip(attempt.ordinal);
+        return; // not logged; the files of its slot are not used again
+    }
+    if (outcome.reason == Reason::NoWorker)
+        throw Error("no worker process can be started: " + outcome.message);
+    Finished finished = describe(attempt, outcome);
+    finished.isFinal =
+        finished.isDone || attempt.number > mOptions.retries || mPhase != Phase::Going;
+    if (finished.isFinal) {
+        conclude(std::move(attempt), std::move(finished), outcome);
+        return;
+    }
+    if (!mOptions.isQuiet)
+        mDelivery.say(
+            "nqrun: " + finished.name + ": " + finished.failure + " after " +
+            durationText(std::chrono::microseconds(finished.ran)) + "; attempt " +
+            std::to_string(attempt.number) + " of " + std::to_string(mOptions.retries + 1) +
+            ", trying again");
+    if (mJoblog)
+        mJoblog->write(finished);
+    if (mTemplate && finished.outcome != "lost")
+        mSlots.giveBack(std::move(attempt.slot), true);
+    attempt.slot = OutputSlot();
+    ++attempt.number;
+    start(std::move(attempt));
+}
+
+void Run::conclude(Attempt&& attempt, Finished&& finished, const nq::nqOutcome& outcome)
+{
+    if (finished.isDone)
+        ++mDone;
+    else
+        ++mResult.failed;
+    if (mScripts && finished.isDone)
+        mScripts->remove(finished.index);
+    else if (mScripts)
+        keepScript(attempt, finished);
+    const bool isOverHalt = mOptions.halt.isReached(mResult.failed, mDone);
+    const bool isLost = finished.outcome == "lost";
+    if (mTemplate) {
+        const bool hasContent = finished.outputBytes + finished.errorBytes != 0;
+        mDelivery.take(std::move(finished), attempt.slot);
+        if (!isLost)
+            mSlots.giveBack(std::move(attempt.slot), hasContent);
+    } else if (!finished.isDone || !mOptions.results.empty()) {
+        if (finished.isDone) {
+            std::array<char, 32> name{};
+            std::snprintf(
+                name.data(),
+                name.size(),
+                "/%06llu",
+                static_cast<unsigned long long>(finished.index));
+            writeWhole(mOptions.results + name.data(), outcome.text(), 0666);
+        }
+        mDelivery.take(std::move(finished), std::string_view());
+    } else {
+        std::string line(outcome.text());
+        if (line.empty() || line.back() != '\n')
+            line += '\n';
+        mDelivery.take(std::move(finished), line);
+    }
+    if (isOverHalt && mPhase == Phase::Going) {
+        finish("--halt");
+        if (mOptions.halt.when == Halt::When::Now)
+            mIsToEnd = true;
+    }
+}
+
+// An item is told of and logged once all of its output has been written.
+void Run::onDelivered(Finished&& finished)
+{
+    if (!finished.isDone && !mOptions.isQuiet) {
+        std::string line = "nqrun: " + finished.name + ": " + finished.failure;
+        if (finished.outcome != "not started" && finished.outcome != "timeout")
+            line += " after " + durationText(std::chrono::microseconds(finished.ran));
+        if (finished.attempt > 1)
+            line += ", attempt " + std::to_string(finished.attempt);
+        mDelivery.say(line);
+    }
+    if (mJoblog)
+        mJoblog->write(finished);
+}
+
+void Run::keepScript(const Attempt& attempt, const Finished& finished) const
+{
+    FailedCommand command;
+    command.isWorkersJob = !mTemplate;
+    command.hasInput = mTemplate && mOptions.items.asBlocks;
+    command.input = attempt.item.text;
+    if (mTemplate)
+        command.arguments = mTemplate->arguments(attempt.item);
+    else
+        command.arguments = {mOptions.worker};
+    mScripts->write(finished, command);
+}
+
+Finished Run::describe(const Attempt& attempt, const nq::nqOutcome& outcome) const
+{
+    Finished finished;
+    finished.ordinal = attempt.ordinal;
+    finished.index = attempt.item.index;
+    finished.name = nameOf(attempt.item);
+    finished.attempt = attempt.number;
+    if (mJoblog)
+        finished.identity = identityOf(attempt.item);
+    if (mTemplate)
+        describeCommand(finished, attempt, outcome);
+    else
+        describeJob(finished, outcome);
+    if (finished.isDone)
+        finished.outcome = "done";
+    return finished;
+}
+
+void Run::describeCommand(
+    Finished& finished, const Attempt& attempt, const nq::nqOutcome& outcome) const
+{
+    Report report;
+    const std::string bytes = readAt(attempt.slot.report.number(), 0, sizeof report);
+    if (bytes.size() == sizeof report)
+        std::memcpy(&report, bytes.data(), sizeof report);
+    const bool isOfThis = bytes.size() == sizeof report && report.serial == attempt.serial;
+    if (!isOfThis ||
+        (outcome.state == nq::nqOutcome::State::Failed && outcome.reason != Reason::Exception)) {
+        // The worker was lost; what the command has printed until then is there.
+        finished.outcome = wordFor(End::None);
+        finished.failure = outcome.failureText();
+        finished.ran = outcome.ran.count();
+        finished.outputBytes = sizeOf(attempt.slot.output.number());
+        finished.errorBytes = sizeOf(attempt.slot.error.number());
+    } else {
+        finished.isDone = report.isDone();
+        finished.outcome = wordFor(report.end);
+        finished.status = report.shellStatus();
+        finished.signal = report.end == End::Signalled ? report.code : 0;
+        finished.startedAt = report.startedAt;
+        finished.ran = report.ran;
+        finished.peakMemory = report.peakMemory;
+        finished.outputBytes = report.outputBytes;
+        finished.errorBytes = report.errorBytes;
+        if (!finished.isDone)
+            finished.failure = outcome.message;
+    }
+    if (finished.isDone)
+        return;
+    const std::uint64_t count = std::min<std::uint64_t>(finished.errorBytes, 2 * lastWordsBytes);
+    finished.lastWords = lastLines(
+        readAt(attempt.slot.error.number(), finished.errorBytes - count, count), lastWordsBytes);
+}
+
+void Run::describeJob(Finished& finished, const nq::nqOutcome& outcome)
+{
+    finished.isDone = static_cast<bool>(outcome);
+    finished.ran = outcome.ran.count();
+    finished.startedAt = std::chrono::duration_cast<std::chrono::microseconds>(
+                             std::chrono::system_clock::now().time_since_epoch())
+                             .count() -
+                         finished.ran;
+    finished.peakMemory = outcome.peakMemory.value_or(0);
+    if (finished.isDone)
+        return;
+    finished.outcome = wordFor(outcome.reason);
+    finished.failure = outcome.failureText();
+    finished.status = outcome.exitStatus.value_or(0);
+    finished.signal = outcome.reason == Reason::Crashed ? outcome.signal.value_or(0) : 0;
+    finished.lastWords = lastLines(outcome.lastWords, lastWordsBytes);
+}
+
+void Run::obeySignals()
+{
+    if (mIsToEnd)
+        end();
+    const StopSignals::Wish wish = StopSignals::wish();
+    if (wish == StopSignals::Wish::None)
+        return;
+    StopSignals::empty();
+    mResult.signal = StopSignals::signal();
+    if (wish == StopSignals::Wish::End)
+        end();
+    else if (mPhase == Phase::Going)
+        finish("interrupted");
+}
+
+// Nothing new is started, and what waits for a worker does not get one.
+void Run::finish(const std::string& why)
+{
+    mPhase = Phase::Finishing;
+    std::vector<nq::nqJobId> running;
+    for (const nq::nqPoolWorkerStatus& worker : mPool->workers())
+        running.push_back(worker.job);
+    for (const auto& [serial, attempt] : mAttempts) {
+        if (std::find(running.begin(), running.end(), attempt.job) == running.end())
+            mPool->cancel(attempt.job);
+    }
+    const auto count = static_cast<std::uint64_t>(
+        std::count_if(running.begin(), running.end(), [](nq::nqJobId job) { return job != 0; }));
+    if (count != 0)
+        mDelivery.say(
+            "nqrun: " + why + ": nothing new is started; waiting for " +
+            countText(count, "running item") + " (Ctrl-C ends " + (count == 1 ? "it" : "them") +
+            " now)");
+}
+
+void Run::end()
+{
+    if (mPhase == Phase::Ending)
+        return;
+    mPhase = Phase::Ending;
+    mPool->stop();
+    mAttempts.clear();
+}
+
+void Run::summarize()
+{
+    if (mResult.signal != 0)
+        mDelivery.say(
+            "nqrun: interrupted by " + signalText(mResult.signal) + ": " + std::to_string(mDone) +
+            " done, " + std::to_string(mResult.failed) + " failed" +
+            (mJoblog ? "; --resume goes on from " + shown(mOptions.joblog) : std::string()));
+    else if (mOptions.isQuiet)
+        return;
+    else if (mStarted == 0 && mSkipped == 0)
+        mDelivery.say("nqrun: there are no items");
+    else if (mResult.failed != 0 || mSkipped != 0)
+        mDelivery.say(
+            "nqrun: " + std::to_string(mDone) + " done, " + std::to_string(mResult.failed) +
+            " failed" +
+            (mSkipped != 0 ? ", " + std::to_string(mSkipped) + " in the joblog already"
+                           : std::string()) +
+            (mScripts && mResult.failed != 0
+                 ? "; scripts to run them again are in " + shown(mOptions.keepFailed)
+                 : std::string()));
+}
+
+void Run::showProgress()
+{
+    const auto due = mProgress.due();
+    if (!due || Clock::now() < *due)
+        return;
+    Tally tally;
+    tally.done = mDone;
+    tally.failed = mResult.failed;
+    tally.skipped = mSkipped;
+    tally.isStopping = mPhase != Phase::Going;
+    if (const auto total = mItems.estimatedTotal())
+        tally.total = *total / static_cast<double>(mOptions.shard.count);
+    for (const nq::nqPoolWorkerStatus& worker : mPool->workers()) {
+        if (worker.job == 0)
+            continue;
+        ++tally.running;
+        if (worker.timeInJob <= tally.slowestTime)
+            continue;
+        tally.slowestTime = worker.timeInJob;
+        for (const auto& [serial, attempt] : mAttempts) {
+            if (attempt.job == worker.job)
+                tally.slowest = nameOf(attempt.item);
+        }
+    }
+    mProgress.show(tally);
+}
+
+} // namespace nqrun
