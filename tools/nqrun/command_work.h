@@ -2,7 +2,10 @@
 
 #include "tools/nqrun/keeper.h"
 
+#include <memory>
+#include <optional>
 #include <stdexcept>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -14,13 +17,18 @@ class CommandWork {
 public:
     void operator()(std::string_view job, std::vector<char>& /*result*/)
     {
-        const std::string failure = mKeeper.run(job);
-        if (!failure.empty())
-            throw std::runtime_error(failure);
+        if (!mKeeper)
+            mKeeper = std::make_unique<Keeper>();
+        const std::optional<std::string> failure = mKeeper->run(job);
+        if (!failure)
+            mKeeper.reset(); // the next command gets another one
+        if (!failure || !failure->empty())
+            throw std::runtime_error(
+                failure.value_or("lost: the process that watches over the command was ended"));
     }
 
 private:
-    Keeper mKeeper;
+    std::unique_ptr<Keeper> mKeeper = std::make_unique<Keeper>();
 };
 
 } // namespace nqrun

@@ -2,10 +2,13 @@
 
 #include "tools/nqrun/error.h"
 #include "tools/nqrun/io.h"
+#include "tools/nqrun/stop_signals.h"
 #include "tools/nqrun/text.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <climits>
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
@@ -16,6 +19,9 @@ namespace nqrun {
 namespace {
 
 constexpr std::size_t chunkBytes = std::size_t{64} << 10;
+
+// A pipe that has room has room for so much, and a write of it does not block.
+constexpr std::size_t pieceBytes = PIPE_BUF;
 
 std::string tagged(std::string_view bytes, const std::string& tag, bool& isAtLineStart)
 {
@@ -31,15 +37,27 @@ std::string tagged(std::string_view bytes, const std::string& tag, bool& isAtLin
     return text;
 }
 
+// Reads `count` bytes of a file that has so many, in parts that take little memory.
+template <typename Take>
+void readParts(int from, std::uint64_t offset, std::uint64_t count, Take take)
+{
+    while (count > 0) {
+        const std::string part = readAt(from, offset, std::min<std::uint64_t>(chunkBytes, count));
+        if (part.empty())
+            throw Error("what a command has printed cannot be read again: " + lastError());
+        offset += part.size();
+        count -= part.size();
+        take(part);
+    }
+}
+
 } // namespace
 
-Delivery::Delivery(
-    bool keepOrder, bool hasTags, BeforeWriting before, OnDelivered after, IsGivenUp isGivenUp)
+Delivery::Delivery(bool keepOrder, bool hasTags, BeforeWriting before, OnDelivered after)
     : mKeepOrder(keepOrder),
       mHasTags(hasTags),
       mBefore(std::move(before)),
-      mAfter(std::move(after)),
-      mIsGivenUp(std::move(isGivenUp))
+      mAfter(std::move(after))
 {
 }
 
@@ -60,17 +78,9 @@ void Delivery::take(Finished&& finished, std::string_view output)
     finished.outputBytes = output.size();
     finished.errorBytes = 0;
     if (mKeepOrder && finished.ordinal != mNext) {
-        if (!mHeld.isOpen())
-            mHeld = makeTemporaryFile();
         const std::uint64_t offset = mHeldBytes;
-        if (::lseek(mHeld.number(), static_cast<off_t>(offset), SEEK_SET) < 0 ||
-            !writeAll(mHeld.number(), output))
-            throw Error(
-                "output that waits for its turn cannot be kept in " + temporaryFolder() + ": " +
-                lastError());
-        mHeldBytes += output.size();
-        const std::uint64_t ordinal = finished.ordinal;
-        mWaiting.emplace(ordinal, Waiting{std::move(finished), offset, false});
+        keep(output);
+        wait(std::move(finished), offset);
         return;
     }
     mBefore();
@@ -146,26 +156,34 @@ void Delivery::deliver(Finished&& finished, const Source& source)
 void Delivery::hold(Finished&& finished, const Source& source)
 {
     const std::uint64_t offset = mHeldBytes;
-    const auto keep = [&](int from, std::uint64_t count) {
-        for (std::uint64_t done = 0; done < count;) {
-            const std::string part =
-                readAt(from, done, std::min<std::uint64_t>(chunkBytes, count - done));
-            if (part.empty())
-                throw Error("what a command has printed cannot be read again: " + lastError());
-            if (::pwrite(
-                    mHeld.number(), part.data(), part.size(), static_cast<off_t>(mHeldBytes)) !=
-                static_cast<ssize_t>(part.size()))
-                throw Error(
-                    "output that waits for its turn cannot be kept in " + temporaryFolder() + ": " +
-                    lastError());
-            done += part.size();
-            mHeldBytes += part.size();
-        }
+    const auto keepAll = [this](int from, std::uint64_t count) {
+        readParts(from, 0, count, [this](const std::string& part) { keep(part); });
     };
-    if (finished.outputBytes + finished.errorBytes != 0 && !mHeld.isOpen())
+    keepAll(source.output, finished.outputBytes);
+    keepAll(source.error, finished.errorBytes);
+    wait(std::move(finished), offset);
+}
+
+void Delivery::keep(std::string_view bytes)
+{
+    if (!bytes.empty() && !mHeld.isOpen())
         mHeld = makeTemporaryFile();
-    keep(source.output, finished.outputBytes);
-    keep(source.error, finished.errorBytes);
+    while (!bytes.empty()) {
+        const ssize_t count = retryOnSignal([&] {
+            return ::pwrite(
+                mHeld.number(), bytes.data(), bytes.size(), static_cast<off_t>(mHeldBytes));
+        });
+        if (count < 0)
+            throw Error(
+                "output that waits for its turn cannot be kept in " + temporaryFolder() + ": " +
+                lastError());
+        bytes.remove_prefix(static_cast<std::size_t>(count));
+        mHeldBytes += static_cast<std::uint64_t>(count);
+    }
+}
+
+void Delivery::wait(Finished&& finished, std::uint64_t offset)
+{
     const std::uint64_t ordinal = finished.ordinal;
     mWaiting.emplace(ordinal, Waiting{std::move(finished), offset, false});
 }
@@ -174,14 +192,9 @@ void Delivery::copy(
     int from, std::uint64_t offset, std::uint64_t count, int to, const std::string& tag)
 {
     bool isAtLineStart = true;
-    while (count > 0) {
-        const std::string part = readAt(from, offset, std::min<std::uint64_t>(chunkBytes, count));
-        if (part.empty())
-            throw Error("what a command has printed cannot be read again: " + lastError());
-        offset += part.size();
-        count -= part.size();
+    readParts(from, offset, count, [&](const std::string& part) {
         write(to, tag.empty() ? part : tagged(part, tag, isAtLineStart));
-    }
+    });
 }
 
 void Delivery::write(int to, std::string_view bytes)
@@ -189,26 +202,36 @@ void Delivery::write(int to, std::string_view bytes)
     if (to == STDERR_FILENO && !bytes.empty())
         mIsErrorAtLineStart = bytes.back() == '\n';
     while (!bytes.empty()) {
-        const ssize_t count = ::write(to, bytes.data(), bytes.size());
+        awaitRoom(to);
+        const ssize_t count = ::write(to, bytes.data(), std::min(bytes.size(), pieceBytes));
         if (count >= 0) {
             bytes.remove_prefix(static_cast<std::size_t>(count));
             continue;
         }
-        if (errno == EINTR) {
-            if (mIsGivenUp())
-                throw OutputClosed("given up");
+        if (errno == EINTR || errno == EAGAIN)
             continue;
-        }
-        if (errno == EAGAIN) { // somebody has made a shared terminal non-blocking
-            pollfd stream{to, POLLOUT, 0};
-            ::poll(&stream, 1, -1);
-            continue;
-        }
         if (to == STDERR_FILENO)
             return; // there is nobody left to tell
         if (errno == EPIPE)
             throw OutputClosed("nobody reads standard output any more");
         throw Error("standard output cannot be written: " + lastError());
+    }
+}
+
+// A reader may take its time, or all time: Ctrl-C is heard meanwhile. A file is always ready.
+void Delivery::awaitRoom(int to)
+{
+    for (;;) {
+        std::array<pollfd, 2> sources = {
+            {{to, POLLOUT, 0}, {StopSignals::descriptor(), POLLIN, 0}}};
+        ::poll(sources.data(), sources.size(), -1);
+        if (sources[1].revents != 0) {
+            StopSignals::empty(); // the wish stays
+            if (StopSignals::wish() == StopSignals::Wish::End)
+                throw OutputClosed("interrupted while it was written");
+        }
+        if (sources[0].revents != 0)
+            return;
     }
 }
 

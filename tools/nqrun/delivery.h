@@ -12,7 +12,8 @@
 
 namespace nqrun {
 
-/// The reader of standard output has gone, as `head` does.
+/// Nothing more can be written: the reader of standard output has gone, as `head` does, or the user
+/// has lost patience with one that does not read.
 class OutputClosed : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
@@ -28,11 +29,8 @@ public:
     using BeforeWriting = std::function<void()>;
     /// Called when all of an item has been written.
     using OnDelivered = std::function<void(Finished&& finished)>;
-    /// Asked when a signal interrupts a write: whether to give up.
-    using IsGivenUp = std::function<bool()>;
 
-    Delivery(
-        bool keepOrder, bool hasTags, BeforeWriting before, OnDelivered after, IsGivenUp isGivenUp);
+    Delivery(bool keepOrder, bool hasTags, BeforeWriting before, OnDelivered after);
 
     /// Takes an item whose output stands in the slot. Throws Error when it cannot be written, and
     /// OutputClosed.
@@ -71,17 +69,19 @@ private:
 
     void deliver(Finished&& finished, const Source& source);
     void hold(Finished&& finished, const Source& source);
+    void keep(std::string_view bytes);
+    void wait(Finished&& finished, std::uint64_t offset);
     void deliverHeld(Waiting&& waiting);
     void releaseInTurn();
     void copy(int from, std::uint64_t offset, std::uint64_t count, int to, const std::string& tag);
     void write(int to, std::string_view bytes);
+    static void awaitRoom(int to);
     void freeHeld(std::uint64_t offset, std::uint64_t count);
 
     const bool mKeepOrder;
     const bool mHasTags;
     const BeforeWriting mBefore;
     const OnDelivered mAfter;
-    const IsGivenUp mIsGivenUp;
     std::map<std::uint64_t, Waiting> mWaiting; ///< by ordinal
     std::uint64_t mNext = 0;                   ///< the ordinal whose turn it is
     Descriptor mHeld;                          ///< the output of those that wait

@@ -10,7 +10,7 @@ struct Finished {
     std::uint64_t ordinal = 0; ///< in the order in which items were started, from 0
     std::uint64_t index = 0;   ///< of the item, from 1
     std::string name;          ///< of the item, for people
-    std::string identity;      ///< of the item, for the log
+    std::string identity;      ///< for the log: the item, or its command line
     unsigned attempt = 1;
     bool isFinal = true; ///< no further attempt follows
     bool isDone = false;
@@ -26,7 +26,6 @@ struct Finished {
     std::uint64_t peakMemory = 0;
     std::uint64_t outputBytes = 0;
     std::uint64_t errorBytes = 0;
-    std::string commandLine; ///< only where the log wants it
 };
 
 } // namespace nqrun

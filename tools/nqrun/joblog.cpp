@@ -113,7 +113,7 @@ std::string parallelLine(const Finished& finished)
         static_cast<unsigned long long>(finished.outputBytes),
         finished.outcome == "exception" ? 1 : status,
         isEnded ? 9 : finished.signal);
-    return numbers.data() + finished.commandLine;
+    return numbers.data() + finished.identity;
 }
 
 struct Entry {
@@ -273,7 +273,8 @@ void Joblog::load(const Run& run)
                     const Json header = Json::parse(line, nullptr, false);
                     if (mFormat == JoblogFormat::Json && header.is_object() &&
                         header.contains("nqrun"))
-                        throw Error(name + " is of another command line: " + commandOf(header));
+                        throw Error(
+                            name + " is of another command line: " + shown(commandOf(header), 200));
                     throw Error(name + " has another format, or is no joblog at all");
                 }
             } else if (const std::optional<Entry> entry = readLine(line, mFormat)) {

@@ -117,13 +117,13 @@ Keeper::~Keeper()
     retryOnSignal([&] { return ::waitpid(mProcess, nullptr, 0); });
 }
 
-std::string Keeper::run(std::string_view command)
+std::optional<std::string> Keeper::run(std::string_view command)
 {
     std::string failure;
     if (sendText(mSocket.number(), command) && receiveText(mSocket.number(), failure))
         return failure;
     endDescendants([](pid_t, int, const rusage&) {}); // the keeper's are this process's now
-    throw std::runtime_error("the process that watches over the commands was ended");
+    return std::nullopt;
 }
 
 } // namespace nqrun

@@ -2,6 +2,7 @@
 
 #include "tools/nqrun/descriptor.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -26,9 +27,9 @@ public:
     Keeper& operator=(const Keeper&) = delete;
 
     /// Runs an encoded command, and returns once neither it nor a descendant of it is left. The
-    /// text of its failure, empty for one that is done. Throws std::runtime_error when the keeper
-    /// is lost; its command is then ended as well.
-    std::string run(std::string_view command);
+    /// text of its failure, empty for one that is done; nothing when the keeper is lost, which
+    /// cannot be used again.
+    std::optional<std::string> run(std::string_view command);
 
 private:
     Descriptor mSocket;

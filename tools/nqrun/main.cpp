@@ -3,6 +3,7 @@
 #include "tools/nqrun/io.h"
 #include "tools/nqrun/options.h"
 #include "tools/nqrun/run.h"
+#include "tools/nqrun/status_view.h"
 #include "tools/nqrun/stop_signals.h"
 
 #include <csignal>
@@ -41,6 +42,12 @@ int runCommands(int argc, char* argv[])
 {
     std::signal(SIGPIPE, SIG_IGN);
     fillStandardStreams();
+    if (argc > 1 && std::strcmp(argv[1], "status") == 0) {
+        if (argc != 3)
+            throw nqrun::Error(
+                "usage: nqrun status FILE (a command of this name: nqrun -- status)");
+        return nqrun::showStatus(argv[2]);
+    }
     int status = 0;
     const std::optional<nqrun::Options> options =
         nqrun::parseOptions(argc, argv, "nqrun " NQRUN_VERSION "\n", status);

@@ -16,34 +16,34 @@ namespace {
 constexpr const char* help =
     R"(usage: nqrun [OPTION...] COMMAND [ARGUMENT...] [::: ITEM... | :::: FILE...]
        nqrun status FILE
-Runs COMMAND once for each item: a line of standard input, an ITEM, or a line of FILE.
-  {} item   {.} without extension   {/} without folder   {/.} both   {//} folder   {#} number
-  -j, --jobs N          so many at a time; default: one for each processor
-  -0, --null            items, or with --pipe lines, end with a null byte
-      --pipe            items are standard input: blocks of lines of ...
-      --block SIZE      ... this size (1M), or
-      --lines N         ... this number
-      --shell           COMMAND is a line for /bin/sh
-  -k, --keep-order      output in the order of the items
-      --tag             each line of output begins with the item
-  -n, --dry-run         print the commands, run nothing
-  -q, --quiet           neither progress nor failures on standard error
+Runs COMMAND for each item: a line of standard input, an ITEM, a line of FILE.
+  {} item {.} no extension  {/} no folder  {/.} neither  {//} folder  {#} index
+  -j, --jobs N           so many at a time; default: one for each processor
+  -0, --null             items, or with --pipe lines, end with a null byte
+      --pipe             items are standard input: blocks of lines of ...
+      --block SIZE       ... this size (1M), or
+      --lines N          ... this number
+      --shell            COMMAND is a line for /bin/sh
+  -k, --keep-order       output in the order of the items
+      --tag              each line of output begins with the item
+  -n, --dry-run          print the commands, run nothing
+  -q, --quiet            neither progress nor failures on standard error
 limits and failures (TIME: 0.5, 30s, 2m, 1h; SIZE: 512M, 2G)
-      --timeout TIME    a command that takes longer is ended with all it has started
-      --memory SIZE     likewise one that uses more, all that it has started counted
-      --retries N       try a failed item so often again
-      --halt POLICY     never, or WHEN,WHY=N: soon or now, after N of fail, success, done
-      --keep-failed DIR a script for each failed item that runs its command again
+      --timeout TIME     end a command that takes longer, with all its children
+      --memory SIZE      end one that uses more, all its children counted
+      --retries N        try a failed item so often again
+      --halt POLICY      never, or (soon or now),(fail, success or done)=N
+      --keep-failed DIR  a script for each failed item that runs it again
 long runs
-      --joblog FILE     one line for each attempt; --joblog-format json or parallel
-      --resume          leave out what the joblog has; --resume-failed: but for failures
-      --shard I/N       only each Nth item from the Ith on; auto: as Slurm arrays and MPI
-                        launchers say; auto/N: Kubernetes' indexed jobs
-      --metrics FILE    Prometheus' text format     --timeline FILE  a picture, SVG
-      --trace FILE      for Perfetto and Chrome     --status FILE    for `nqrun status`
+      --joblog FILE      one line per attempt; --joblog-format json, parallel
+      --resume           leave out what is logged; --resume-failed: but failed
+      --shard I/N        each Nth item from the Ith on; auto: by Slurm array or
+                         MPI launcher; auto/N: indexed job of Kubernetes
+      --metrics FILE     Prometheus' text      --timeline FILE a picture, SVG
+      --trace FILE       Perfetto, Chrome      --status FILE   see nqrun status
 workers of nqPool
-      --worker PROGRAM  items are its jobs; results are lines, or files in --results DIR
-  -h, --help, --version
+      --worker PROGRAM   items are its jobs; results: lines, or --results DIR
+  -h, --help             and --version
 exit status: 0 none failed, 1 to 100 so many, 101 more, 255 nqrun itself
 )";
 
@@ -197,6 +197,7 @@ void checkTogether(const Options& options, const Texts& texts, const CLI::App& a
         "the command has an empty name");
     refuse(!options.command.empty() && hasWorker, "--worker takes items only, and no command");
     refuse(hasWorker && options.isShell, "--worker and --shell do not go together");
+    refuse(hasWorker && options.isDryRun, "--worker and --dry-run do not go together");
     refuse(!hasWorker && !options.results.empty(), "--results is for the results of a --worker");
     refuse(
         !texts.isPipe && (!texts.block.empty() || texts.lines != 0),

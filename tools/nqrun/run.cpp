@@ -203,8 +203,7 @@ Run::Run(const Options& options)
           options.keepOrder,
           options.hasTags,
           [this] { mProgress.clear(); },
-          [this](Finished&& finished) { onDelivered(std::move(finished)); },
-          [] { return StopSignals::wish() == StopSignals::Wish::End; })
+          [this](Finished&& finished) { onDelivered(std::move(finished)); })
 {
     if (options.worker.empty()) {
         mTemplate.emplace(options.command, options.isShell, options.items.asBlocks);
@@ -464,7 +463,7 @@ void Run::onDelivered(Finished&& finished)
 {
     if (!finished.isDone && !mOptions.isQuiet) {
         std::string line = "nqrun: " + finished.name + ": " + finished.failure;
-        if (finished.outcome != "not started" && finished.outcome != "timeout")
+        if (finished.outcome == "exit" || finished.outcome == "signal")
             line += " after " + durationText(std::chrono::microseconds(finished.ran));
         if (finished.attempt > 1)
             line += ", attempt " + std::to_string(finished.attempt);
@@ -517,7 +516,8 @@ void Run::describeCommand(
         (outcome.state == nq::nqOutcome::State::Failed && outcome.reason != Reason::Exception)) {
         // The worker was lost; what the command has printed until then is there.
         finished.outcome = wordFor(End::None);
-        finished.failure = outcome.failureText();
+        finished.failure =
+            outcome.reason == Reason::Exception ? outcome.message : outcome.failureText();
         finished.ran = outcome.ran.count();
         finished.outputBytes = sizeOf(attempt.slot.output.number());
         finished.errorBytes = sizeOf(attempt.slot.error.number());

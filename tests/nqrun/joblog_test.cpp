@@ -1,0 +1,239 @@
+#include "tools/nqrun/error.h"
+#include "tools/nqrun/io.h"
+#include "tools/nqrun/joblog.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+namespace nqrun {
+namespace {
+
+class JoblogTest : public testing::TestWithParam<JoblogFormat> {
+protected:
+    JoblogTest()
+    {
+        std::string name = temporaryFolder() + "/joblog-XXXXXX";
+        mFolder = ::mkdtemp(name.data());
+    }
+    ~JoblogTest() override
+    {
+        std::filesystem::remove_all(mFolder);
+    }
+    std::string path() const
+    {
+        return mFolder + "/run.log";
+    }
+    Joblog::Run run() const
+    {
+        return {{"convert", "{}", "\xff"}, "arguments"};
+    }
+    static Finished item(std::uint64_t index, bool isDone, const std::string& identity)
+    {
+        Finished finished;
+        finished.index = index;
+        finished.identity = identity;
+        finished.isDone = isDone;
+        finished.outcome = isDone ? "done" : "exit";
+        finished.status = isDone ? 0 : 3;
+        return finished;
+    }
+    void writeThree() const
+    {
+        Joblog log(path(), GetParam(), run(), false);
+        log.write(item(1, true, "a"));
+        log.write(item(3, false, "c \xff"));
+        log.write(item(2, true, "b"));
+    }
+    std::string refusal(const Joblog::Run& of, bool resume) const
+    {
+        try {
+            const Joblog log(path(), GetParam(), of, resume);
+            return "";
+        } catch (const Error& error) {
+            return error.what();
+        }
+    }
+
+    std::string mFolder;
+};
+
+TEST_P(JoblogTest, tellsWhatIsLogged)
+{
+    writeThree();
+    const Joblog log(path(), GetParam(), run(), true);
+    EXPECT_EQ(log.history().stateOf(1), Logged::Done);
+    EXPECT_EQ(log.history().stateOf(2), Logged::Done);
+    EXPECT_EQ(log.history().stateOf(3), Logged::Failed);
+    EXPECT_EQ(log.history().stateOf(4), Logged::No);
+    EXPECT_EQ(log.history().stateOf(400), Logged::No);
+    EXPECT_EQ(log.history().count(), 3U);
+}
+
+TEST_P(JoblogTest, knowsAnotherItemOfTheSameNumber)
+{
+    writeThree();
+    const Joblog log(path(), GetParam(), run(), true);
+    EXPECT_TRUE(log.history().isOf(3, "c \xff"));
+    EXPECT_FALSE(log.history().isOf(3, "c"));
+}
+
+TEST_P(JoblogTest, believesTheLastLineOfAnItem)
+{
+    writeThree();
+    {
+        Joblog log(path(), GetParam(), run(), true);
+        log.write(item(3, true, "c \xff"));
+    }
+    const Joblog log(path(), GetParam(), run(), true);
+    EXPECT_EQ(log.history().stateOf(3), Logged::Done);
+}
+
+TEST_P(JoblogTest, doesNotCountAnAttemptThatIsToBeRepeated)
+{
+    {
+        Joblog log(path(), GetParam(), run(), false);
+        Finished finished = item(1, false, "a");
+        finished.isFinal = false;
+        log.write(finished);
+    }
+    const Joblog log(path(), GetParam(), run(), true);
+    EXPECT_EQ(log.history().stateOf(1), Logged::No);
+}
+
+// Wherever a write is torn: what was whole counts, the rest is cut off, and the next line fits.
+TEST_P(JoblogTest, isRepairedAfterATornLineOfAnyLength)
+{
+    writeThree();
+    const std::string whole = contentOf(path());
+    const std::size_t third = whole.rfind('\n', whole.size() - 2) + 1;
+    for (std::size_t size = third; size < whole.size(); ++size) {
+        std::filesystem::resize_file(path(), size);
+        {
+            Joblog log(path(), GetParam(), run(), true);
+            EXPECT_EQ(log.history().count(), 2U) << size;
+            EXPECT_EQ(log.history().stateOf(2), Logged::No) << size;
+            log.write(item(2, true, "b"));
+        }
+        ASSERT_EQ(contentOf(path()), whole) << size;
+    }
+}
+
+TEST_P(JoblogTest, isRepairedAfterATornFirstLine)
+{
+    writeThree();
+    const std::string whole = contentOf(path());
+    const std::size_t first = whole.find('\n') + 1;
+    for (std::size_t size = 0; size < first; ++size) {
+        std::filesystem::resize_file(path(), size);
+        EXPECT_EQ(refusal(run(), true), "") << size;
+        ASSERT_EQ(contentOf(path()), whole.substr(0, first)) << size;
+    }
+}
+
+// As some file systems leave them after a power loss.
+TEST_P(JoblogTest, cutsOffNullBytesAtTheEnd)
+{
+    writeThree();
+    const std::string whole = contentOf(path());
+    for (const char* const end : {"", "\n"}) {
+        writeWhole(path(), whole + std::string(300, '\0') + end, 0600);
+        EXPECT_EQ(refusal(run(), true), "");
+        EXPECT_EQ(contentOf(path()), whole);
+    }
+}
+
+TEST_P(JoblogTest, isRefusedWithALineThatMakesNoSenseInTheMiddle)
+{
+    writeThree();
+    std::string content = contentOf(path());
+    content.insert(content.find('\n') + 1, "rubbish\n");
+    writeWhole(path(), content, 0600);
+    EXPECT_NE(refusal(run(), true).find("line 2 makes no sense"), std::string::npos);
+    EXPECT_EQ(contentOf(path()), content) << "and left as it is";
+}
+
+TEST_P(JoblogTest, isNotOverwritten)
+{
+    writeThree();
+    const std::string content = contentOf(path());
+    EXPECT_NE(refusal(run(), false).find("--resume"), std::string::npos);
+    EXPECT_EQ(contentOf(path()), content);
+}
+
+TEST_P(JoblogTest, leavesOtherFilesAlone)
+{
+    for (const char* const content : {"some text of mine\n", "no line"}) {
+        writeWhole(path(), content, 0600);
+        EXPECT_NE(refusal(run(), true), "");
+        EXPECT_EQ(contentOf(path()), content);
+    }
+}
+
+TEST_P(JoblogTest, belongsToOneRunAtATime)
+{
+    const Joblog log(path(), GetParam(), run(), false);
+    EXPECT_NE(refusal(run(), true).find("in use by another nqrun"), std::string::npos);
+}
+
+TEST_P(JoblogTest, isOnDiskATenthOfASecondAfterTheFirstLine)
+{
+    Joblog log(path(), GetParam(), run(), false);
+    EXPECT_FALSE(log.syncDue()) << "nothing is to be synced";
+    const auto before = std::chrono::steady_clock::now();
+    log.write(item(1, true, "a"));
+    const auto due = log.syncDue();
+    ASSERT_TRUE(due);
+    EXPECT_LE(*due, std::chrono::steady_clock::now() + std::chrono::milliseconds(100));
+    EXPECT_GE(*due, before + std::chrono::milliseconds(100));
+    log.write(item(2, true, "b"));
+    EXPECT_EQ(log.syncDue(), due) << "later lines do not put it off";
+    log.sync();
+    EXPECT_FALSE(log.syncDue());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Format,
+    JoblogTest,
+    testing::Values(JoblogFormat::Json, JoblogFormat::Parallel),
+    [](const auto& format) { return format.param == JoblogFormat::Json ? "Json" : "Parallel"; });
+
+class JsonJoblogTest : public JoblogTest {};
+
+TEST_P(JsonJoblogTest, isRefusedForAnotherCommandLine)
+{
+    writeThree();
+    const std::string content = contentOf(path());
+    Joblog::Run other = run();
+    other.command = {"convert", "{}", "x"};
+    EXPECT_NE(
+        refusal(other, true).find("is of another command line: convert '{}' '\\xff'"),
+        std::string::npos)
+        << refusal(other, true);
+    other = run();
+    other.kind = "shell";
+    EXPECT_NE(refusal(other, true), "");
+    EXPECT_EQ(contentOf(path()), content);
+}
+
+INSTANTIATE_TEST_SUITE_P(Format, JsonJoblogTest, testing::Values(JoblogFormat::Json));
+
+TEST(JoblogLine, hasTheColumnsOfParallel)
+{
+    Finished finished;
+    finished.index = 7;
+    finished.outcome = "signal";
+    finished.signal = 11;
+    finished.status = 139;
+    finished.startedAt = 1'700'000'000'123'456;
+    finished.ran = 2'500'000;
+    finished.outputBytes = 42;
+    finished.identity = "echo 'a b'";
+    EXPECT_EQ(
+        joblogLine(finished, JoblogFormat::Parallel),
+        "7\t:\t1700000000.123\t     2.500\t0\t42\t0\t11\techo 'a b'");
+}
+
+} // namespace
+} // namespace nqrun

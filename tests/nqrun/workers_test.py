@@ -1,0 +1,151 @@
+"""Items as jobs for a worker program of the library, and the files that show a run."""
+
+import json
+import os
+import pathlib
+import re
+import subprocess
+import xml.dom.minidom
+
+import program
+
+WORKER = os.environ["UPPER_WORKER"]
+
+
+class Workers(program.ProgramTest):
+    def test_give_a_line_for_each_item(self):
+        done = self.run_it("--worker", WORKER, "-k", ":::", "a", "b c")
+        self.expect(done, 0, b"A\nB C\n", "")
+
+    def test_keep_order_over_thousands_of_items(self):
+        items = [f"item {n}" for n in range(3000)]
+        done = self.run_it("--worker", WORKER, "-k", "-j3", stdin="\n".join(items).encode())
+        self.assertEqual(self.lines(done), [item.upper() for item in items])
+
+    def test_give_files_on_demand(self):
+        done = self.run_it("--worker", WORKER, "--results", "out/deep", ":::", "a", "b")
+        self.expect(done, 0, b"", "")
+        files = {path.name: path.read_bytes() for path in (self.folder / "out/deep").iterdir()}
+        self.assertEqual(files, {"000001": b"A", "000002": b"B"})
+
+    def test_fail_as_their_jobs_do(self):
+        done = self.run_it("--worker", WORKER, "-j1", "--timeout", "0.5", "--joblog", "log", ":::", "throw", "crash", "hang", "fine")
+        self.assertEqual((done.status, done.out), (3, b"FINE\n"))
+        self.assertIn("I do not like it", done.err)
+        self.assertIn("SIGABRT", done.err)
+        outcomes = [json.loads(line)["outcome"] for line in (self.folder / "log").read_text().splitlines()[1:]]
+        self.assertEqual(sorted(outcomes), ["done", "exception", "signal", "timeout"])
+
+    def test_leave_scripts_that_run_the_job_again(self):
+        self.run_it("-q", "--worker", WORKER, "--keep-failed", "kept", ":::", "throw")
+        again = subprocess.run([self.folder / "kept/000001.sh"], capture_output=True, check=False)
+        self.assertEqual(again.returncode, 1)
+        self.assertIn(b"I do not like it", again.stderr)
+
+    def test_that_are_missing_are_refused(self):
+        done = self.run_it("--worker", "./none", ":::", "a")
+        self.assertEqual((done.status, done.out), (255, b""))
+        self.assertIn("none", done.err)
+
+    def test_that_cannot_work_are_one_error(self):
+        done = self.run_it("--worker", "/bin/false", ":::", *["a"] * 20)
+        self.assertEqual((done.status, done.out), (255, b""))
+        self.assertTrue(done.err.startswith("nqrun: no worker process can be started: "), done.err)
+        self.assertEqual(done.err.count("\n"), 1)
+
+
+class Files(program.ProgramTest):
+    def test_show_the_run(self):
+        done = self.run_it(
+            "-q", "--metrics", "m.prom", "--trace", "t.json", "--timeline", "t.svg", "--status", "s.json", "sh", "-c", "exit $0", ":::", "0", "0", "1"
+        )
+        self.assertEqual(done.status, 1)
+        self.assertRegex((self.folder / "m.prom").read_text(), r"nq_[a-z_]+\{")
+        picture = xml.dom.minidom.parse(str(self.folder / "t.svg"))
+        self.assertEqual(picture.documentElement.tagName, "svg")
+        trace = json.loads((self.folder / "t.json").read_text())
+        events = trace["traceEvents"] if isinstance(trace, dict) else trace
+        self.assertIn("1", [event.get("name") for event in events], "an item's name is that of its span")
+        shown = self.run_it("status", "s.json")
+        self.assertRegex(shown.out.decode(), r"^sh \(pid \d+\): ended .* ago\n2 done, 1 failed, 0 running, 0 waiting")
+
+
+class Status(program.ProgramTest):
+    def start_one(self):
+        script = "echo $$ >pids; until [ -e go ]; do sleep 0.05; done"
+        process = self.start("-j1", "--status", "s.json", "--shell", script + " # {}", ":::", "my item")
+        self.pids_in("pids", 1)
+        return process
+
+    def test_shows_what_runs(self):
+        process = self.start_one()
+
+        def seen():
+            done = self.run_it("status", "s.json") if (self.folder / "s.json").exists() else None
+            return done if done and "my item" in done.out.decode() else None
+
+        text = program.wait_until(seen, "the item in the status").out.decode()
+        self.assertRegex(text, rf"^.*\(pid {process.pid}\): runs for ")
+        self.assertRegex(text, r"\n0 done, 0 failed, 1 running, 0 waiting")
+        self.assertRegex(text, r"\n +1 +\d+ +[0-9.]+ s +[0-9.]+ MB  my item\n")
+        self.write("go", "")
+        process.communicate(timeout=program.LIMIT_SECONDS)
+
+    def test_says_that_a_run_was_killed(self):
+        process = self.start_one()
+        program.wait_until((self.folder / "s.json").exists, "the status file")
+        process.kill()
+        process.communicate()
+        self.assertIn(b"was killed; last heard of", self.run_it("status", "s.json").out)
+
+    def test_refuses_what_is_no_status(self):
+        self.write("text", "hello")
+        for name in ("text", "none"):
+            done = self.run_it("status", name)
+            self.assertEqual((done.status, done.out), (255, b""))
+            self.assertIn(name, done.err)
+        self.assertEqual(self.run_it("status").status, 255)
+
+
+class Manual(program.ProgramTest):
+    source = pathlib.Path(os.environ["SOURCE"])
+
+    def options(self):
+        done = self.run_it("--help")
+        self.assertEqual((done.status, done.err), (0, ""))
+        return set(re.findall(r"(?<![\w-])(--[a-z-]+|-[a-z0-9])(?![\w-])", done.out.decode()))
+
+    def test_describes_every_option_of_the_help_and_no_other(self):
+        page = (self.source / "tools/nqrun/nqrun.1").read_text().replace("\\-", "-")
+        heads = re.findall(r"\.TP\n(\.B.*)", page)
+        described = set(re.findall(r"(?<![\w-])(--[a-z-]+|-[a-z0-9])(?![\w-])", "\n".join(heads)))
+        self.assertEqual(described, self.options())
+
+    def test_is_completed_by_bash(self):
+        text = (self.source / "tools/nqrun/completion/nqrun").read_text()
+        (words,) = re.findall(r"compgen -W '(-j [^']*)'", text)
+        self.assertEqual(set(words.split()), self.options())
+
+    def complete(self, *words):
+        script = '. "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _nqrun 2>/dev/null; printf "%s\\n" "${COMPREPLY[@]}"'
+        path = self.source / "tools/nqrun/completion/nqrun"
+        done = subprocess.run(["bash", "-c", script, path, "nqrun", *words], cwd=self.folder, capture_output=True, check=False)
+        return done.stdout.decode().split()
+
+    def test_completion_knows_options_values_and_commands(self):
+        self.write("run.jsonl", "")
+        self.assertEqual(self.complete("--keep-"), ["--keep-order", "--keep-failed"])
+        self.assertEqual(self.complete("--joblog-format", ""), ["json", "parallel"])
+        self.assertEqual(self.complete("-j", "2", "--joblog", "run"), ["run.jsonl"])
+        self.assertEqual(self.complete("status", "run"), ["run.jsonl"])
+        self.assertIn("true", self.complete("-j", "2", "tru"))
+
+    def test_page_has_no_warnings(self):
+        done = subprocess.run(
+            ["man", "--warnings", "-E", "UTF-8", "-l", "-Tutf8", "-Z", self.source / "tools/nqrun/nqrun.1"], capture_output=True, check=False
+        )
+        self.assertEqual((done.returncode, done.stderr), (0, b""))
+
+
+if __name__ == "__main__":
+    program.main()
