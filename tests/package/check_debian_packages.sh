@@ -18,7 +18,7 @@ expect() {
     [[ $found == "$3" ]] || fail "$2 of $1 is '$found' instead of '$3'"
 }
 version=3.0.0-1
-for package in libnqsystem3.0 libnqschedulerapi3.0 libnqpool0.1 libnqschedulerapi-dev; do
+for package in libnqsystem3.0 libnqschedulerapi3.0 libnqpool0.1 libnqschedulerapi-dev nqrun; do
     expect "$package" Package "$package"
     expect "$package" Version "$version"
     expect "$package" Architecture amd64
@@ -35,6 +35,7 @@ expect_depends() {
 }
 expect_depends libnqschedulerapi3.0 "libnqsystem3.0 (= $version)"
 expect_depends libnqpool0.1 "libnqschedulerapi3.0 (= $version), libnqsystem3.0 (= $version)"
+expect_depends nqrun "libnqpool0.1 (= $version)"
 
 # expect_library NAME SOVERSION
 expect_library() {
@@ -60,4 +61,9 @@ for library in "$folder"/root/usr/lib/*/*.so.*; do
     ! grep --quiet 'RUNPATH\|RPATH' < <(readelf --dynamic --wide "$library") ||
         fail "$(basename "$library") looks for libraries in folders of its own"
 done
+for file in bin/nqrun share/man/man1/nqrun.1.gz share/bash-completion/completions/nqrun; do
+    [[ -f $folder/root/usr/$file ]] || fail "there is no $file"
+done
+[[ $(LD_LIBRARY_PATH=$folder/root/usr/lib/x86_64-linux-gnu "$folder/root/usr/bin/nqrun" echo ::: installed) == installed ]] ||
+    fail "the packaged nqrun does not run"
 echo "The packages are as they should be."

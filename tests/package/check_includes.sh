@@ -9,7 +9,8 @@
 # unwinds the stack of a cancelled thread. One look upwards is allowed: the record of a worker takes
 # jobs from the queues and hands its results to them. system/linux/: the system and system/.
 # pool/include/: the standard library, include/ and its own folder. pool/: the system, its own folder,
-# and of the other libraries include/ and the header for loggers.
+# and of the other libraries include/ and the header for loggers. tools/: the system, its own folder, and
+# the pool library's public headers.
 set -euo pipefail
 cd "$1"
 
@@ -69,6 +70,13 @@ check "pool/include/" "$standard|$public|\"($pool_headers)\"" pool/include/*.h
 check "pool/" "<[a-z0-9_./]+>|$public|\"pool/(include/)?nq[A-Za-z]+\.h\"|\"($pool_headers)\"|\"system/nqLog\.h\"" \
     pool/*.h pool/*.cpp
 check "system/linux/" '<[a-z0-9_./]+>|"system/(linux/)?nq[A-Za-z]+\.h"' system/linux/*.h system/linux/*.cpp
+
+check "tools/nqrun/" "<[a-zA-Z0-9_./+]+>|\"tools/nqrun/[a-z_]+\.h\"" tools/nqrun/*.h tools/nqrun/*.cpp
+! grep -EHn '#include <nq' tools/nqrun/*.h tools/nqrun/*.cpp |
+    grep -Ev '<(nqPool|nqPoolWorker|nqPoolStatus)\.h>' >&2 || {
+    echo "FAILED: tools/nqrun/ includes more of the libraries than programs of users do" >&2
+    failures=$((failures + 1))
+}
 
 # Platform #ifdefs are an include rule in disguise.
 platform_ifdefs=$(grep -EHn '^[[:space:]]*#[[:space:]]*(if|ifdef|ifndef|elif)\b.*(linux|unix|WIN32|APPLE)' \

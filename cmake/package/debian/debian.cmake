@@ -1,6 +1,6 @@
 # Debian packages, made by `scripts/package`: one for each library, with the library's SONAME in its
-# name, so that programs of an older and a newer one can live on one machine; and one for those who
-# build programs.
+# name, so that programs of an older and a newer one can live on one machine; one for those who build
+# programs; and one for each command.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_VERBATIM_VARIABLES ON)
@@ -8,6 +8,9 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_COMPONENTS_ALL nqSystem nqSchedulerAPI nqPool nqDevelopment)
+if(TARGET nqrun)
+    list(APPEND CPACK_COMPONENTS_ALL nqrun)
+endif()
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
@@ -19,7 +22,8 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 # What a library needs, and what a package with a program needs that was linked to it.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/system/linux
-                                                ${PROJECT_BINARY_DIR}/cmake/library)
+                                                ${PROJECT_BINARY_DIR}/cmake/library
+                                                ${PROJECT_BINARY_DIR}/pool)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_POST_BUILD_SCRIPTS ${CMAKE_CURRENT_SOURCE_DIR}/debian/ldconfig_trigger.cmake)
@@ -63,6 +67,16 @@ set(CPACK_COMPONENT_NQDEVELOPMENT_DESCRIPTION
     "runs jobs in a pool of supervised worker processes (development files)
 Headers, and what CMake, pkg-config and the linker need to build hosts and
 workers with nqSchedulerAPI and nqPool.")
+
+# It finds the libraries that it needs by itself; only their packages of this version are tested with it.
+set(CPACK_DEBIAN_NQRUN_PACKAGE_NAME nqrun)
+set(CPACK_DEBIAN_NQRUN_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_NQRUN_PACKAGE_DEPENDS "libnqpool${poolSoVersion} ${sameVersion}")
+set(CPACK_COMPONENT_NQRUN_DESCRIPTION
+    "runs a command for each item over a supervised pool
+Like xargs and GNU parallel, with time-outs and memory caps that reach every
+child of a command, failures that say how, and runs that can be resumed after
+any interruption.")
 
 # Every Debian package carries these, in Debian's place for them. An installation by other means does not.
 execute_process(
