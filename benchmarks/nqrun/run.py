@@ -93,7 +93,7 @@ def memory(options):
         )
 
     for number in range(1, options.items + 1):
-        process.stdin.write(b"%d\n" % number)
+        process.stdin.write(b"%0100d\n" % number)  # long, so that few of them fit into the pipe
         if number in (options.items // 100, options.items // 10, options.items // 2):
             process.stdin.flush()
             report(number)

@@ -22,7 +22,7 @@ TEST(ProgressText, saysHowFarItIs)
 {
     EXPECT_EQ(
         progressText(aTally(), std::chrono::seconds(50), 0),
-        "100 of 300 done, 10 failed, 4 running, 1 min 40 s left, 2.0/s, slowest: photographs/a "
+        "90 done, 10 failed of 300, 4 running, 1 min 40 s left, 2.0/s, slowest: photographs/a "
         "rather long name of a photograph.jpg (12 s)");
 }
 
@@ -38,7 +38,7 @@ TEST(ProgressText, keepsTheCountsOnANarrowTerminal)
 {
     EXPECT_EQ(
         progressText(aTally(), std::chrono::seconds(50), 40),
-        "100 of 300 done, 10 failed, 4 running");
+        "90 done, 10 failed of 300, 4 running");
     EXPECT_NE(
         progressText(aTally(), std::chrono::seconds(50), 100).find("photo"), std::string::npos);
 }
@@ -48,7 +48,7 @@ TEST(ProgressText, promisesNoEndThatItCannotKnow)
     Tally tally = aTally();
     tally.total.reset();
     EXPECT_EQ(
-        progressText(tally, std::chrono::seconds(50), 60), "100 done, 10 failed, 4 running, 2.0/s");
+        progressText(tally, std::chrono::seconds(50), 60), "90 done, 10 failed, 4 running, 2.0/s");
 }
 
 TEST(ProgressText, countsWhatAnEarlierRunHasDone)
@@ -59,7 +59,7 @@ TEST(ProgressText, countsWhatAnEarlierRunHasDone)
     tally.total = 120;
     EXPECT_EQ(
         progressText(tally, std::chrono::seconds(10), 0),
-        "110 of 120 done, 0 failed, 0 running, 10 s left, 1.0/s");
+        "110 done, 0 failed of 120, 0 running, 10 s left, 1.0/s");
 }
 
 } // namespace

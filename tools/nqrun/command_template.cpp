@@ -169,7 +169,7 @@ std::string findProgram(const std::string& name)
     for (std::size_t begin = 0; begin <= path.size();) {
         const std::size_t end = std::min(path.find(':', begin), path.size());
         const std::string folder = path.substr(begin, end - begin);
-        const std::string candidate = (folder.empty() ? "." : folder) + '/' + name;
+        std::string candidate = (folder.empty() ? "." : folder) + '/' + name;
         const int problem = whyNotExecutable(candidate);
         if (problem == 0)
             return candidate;

@@ -4,6 +4,7 @@
 #include "tools/nqrun/text.h"
 
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -39,13 +40,12 @@ std::string
 progressText(const Tally& tally, std::chrono::duration<double> elapsed, std::size_t columns)
 {
     const std::uint64_t over = tally.done + tally.failed;
-    std::string line = std::to_string(over + tally.skipped);
+    std::string line = std::to_string(tally.done + tally.skipped) + " done, " +
+                       std::to_string(tally.failed) + " failed";
     if (tally.total)
-        line += " of " + std::to_string(static_cast<std::uint64_t>(*tally.total + 0.5));
-    line += " done";
+        line += " of " + std::to_string(std::llround(*tally.total));
 
     std::vector<std::string> parts; // in the order in which they matter
-    parts.push_back(std::to_string(tally.failed) + " failed");
     parts.push_back(std::to_string(tally.running) + " running");
     if (over != 0 && elapsed.count() > 0) {
         const double rate = static_cast<double>(over) / elapsed.count();
