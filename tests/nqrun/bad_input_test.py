@@ -108,13 +108,12 @@ class BadInput(program.ProgramTest):
         self.expect(rest, 0)
         self.assertEqual((self.folder / "log").read_text().count("\n"), 101)
 
-    def test_a_full_disk_below_a_command(self):
-        done = self.run_it(
-            "sh", "-c", "head -c 1000000 /dev/zero", ":::", "a", preexec_fn=files_of_at_most(100_000)
-        )
-        self.assertEqual(done.status, 1)
-        self.assertEqual(len(done.out), 100_000)
-        self.assertIn("exited with status 1", done.err)
+    def test_a_full_disk_below_what_a_command_prints(self):
+        script = "head -c 1000000 /dev/zero; echo done >made"
+        done = self.run_it("sh", "-c", script, ":::", "a", preexec_fn=files_of_at_most(100_000))
+        self.assertEqual((done.status, len(done.out)), (1, 100_000))
+        self.assertIn("nqrun: a: lost: what it has printed could not be kept: File too large\n", done.err)
+        self.assertTrue((self.folder / "made").exists(), "the command itself was not disturbed")
 
     def test_folders_that_cannot_be_written_to(self):
         self.write("file", "")

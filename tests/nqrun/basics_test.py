@@ -66,6 +66,10 @@ class Output(program.ProgramTest):
         done = self.run_it("sh", "-c", "echo out; echo err >&2", ":::", "a")
         self.expect(done, 0, b"out\n", "err\n")
 
+    def test_is_kept_whole_when_a_command_opens_its_streams_again(self):
+        script = "echo a; echo b >/dev/stdout; echo c; echo d >&2; echo e >/dev/stderr; echo f >&2"
+        self.expect(self.run_it("sh", "-c", script, ":::", "x"), 0, b"a\nb\nc\n", "d\ne\nf\n")
+
     def test_has_tags_on_demand(self):
         done = self.run_it("--tag", "-k", "sh", "-c", "echo 1; echo 2; echo 3 >&2", ":::", "a", "b\nc")
         self.expect(done, 0, b"a\t1\na\t2\nb\\nc\t1\nb\\nc\t2\n", "a\t3\nb\\nc\t3\n")

@@ -59,6 +59,11 @@ class Timeouts(program.ProgramTest):
         self.assertEqual(done.status, 1)
         self.assertIn("timed out after 0.9", done.err)
 
+    def test_end_a_command_that_writes_all_the_time(self):
+        done = self.run_it("--timeout", "0.2", "sh", "-c", "while :; do echo x; echo y >&2; done", ":::", "a")
+        self.assertEqual(done.status, 1)
+        self.assertIn("a: timed out after 0.200 s", done.err)
+
     def test_deliver_what_was_printed_before(self):
         done = self.run_it("--timeout", "0.5", "sh", "-c", "echo begun; echo oops >&2; exec sleep 60", ":::", "a")
         self.assertEqual(done.out, b"begun\n")
@@ -79,6 +84,11 @@ class Memory(program.ProgramTest):
         done = self.run_it("--memory", "150M", "--timeout", "30", "python3", "eat.py", "60", "4", ":::", "a")
         self.assertEqual(done.status, 1)
         self.assertIn("more than 150 MB", done.err)
+
+    def test_is_looked_at_while_a_command_writes_all_the_time(self):
+        script = "m=bytearray(200<<20)\nwhile True: print('x', flush=True)"
+        done = self.run_it("--memory", "100M", "--timeout", "30", "python3", "-c", script, ":::", "a")
+        self.assertIn("more than 100 MB", done.err)
 
     def test_does_not_count_what_children_share_twice(self):
         # 80 MiB that five processes have together.

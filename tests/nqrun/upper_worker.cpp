@@ -1,4 +1,5 @@
-// A worker program of the library for the tests of nqrun: the text in capitals; some items misbehave.
+// A worker program of the library for the tests of nqrun: the text in capitals; some items
+// misbehave.
 #include <cctype>
 #include <chrono>
 #include <cstdlib>

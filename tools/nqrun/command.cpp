@@ -123,6 +123,8 @@ int Report::shellStatus() const
         return 128 + code;
     case End::TimedOut:
         return 124;
+    case End::OutputLost:
+        return 125;
     case End::MemoryCap:
     case End::None:
         return 128 + SIGKILL;
@@ -206,6 +208,9 @@ std::string endText(const Report& report, const CommandLimits& limits, const std
                sizeText(limits.memory);
     case End::NotStarted:
         return startFailureText(report.code, program);
+    case End::OutputLost:
+        return "lost: what it has printed could not be kept: " +
+               std::generic_category().message(report.code);
     case End::None:
         break;
     }

@@ -47,19 +47,20 @@ struct Command {
 
 /// How a command ended.
 enum class End : std::int32_t {
-    None = 0,      ///< it has not; the worker was lost
-    Exited = 1,    ///< by itself
-    Signalled = 2, ///< by a signal that nqrun has not sent
-    TimedOut = 3,  ///< it was ended, with its descendants, after its time-out
-    MemoryCap = 4, ///< likewise, above its memory cap
-    NotStarted = 5 ///< there is no such program, or the system refused
+    None = 0,       ///< it has not; the worker was lost
+    Exited = 1,     ///< by itself
+    Signalled = 2,  ///< by a signal that nqrun has not sent
+    TimedOut = 3,   ///< it was ended, with its descendants, after its time-out
+    MemoryCap = 4,  ///< likewise, above its memory cap
+    NotStarted = 5, ///< there is no such program, or the system refused
+    OutputLost = 6  ///< it was done, but what it has printed could not be kept
 };
 
 /// What the host is told of a command; it stands in a file of the host.
 struct Report {
     std::uint64_t serial = 0;
     End end = End::None;
-    std::int32_t code = 0;         ///< exit status, signal, or errno of a failed start
+    std::int32_t code = 0; ///< exit status, signal, or errno of a failed start or of lost output
     std::int64_t startedAt = 0;    ///< microseconds since 1970
     std::int64_t ran = 0;          ///< microseconds
     std::uint64_t peakMemory = 0;  ///< bytes resident, of its largest process or of all as seen

@@ -24,6 +24,12 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds memoryTick{100};
+
+// A command that writes without end leaves time for its limits. At the end nobody writes any more,
+// and what is left fits into a pipe, whose size a command can only raise to the system's limit.
+constexpr std::size_t mostMovedAtOnce = std::size_t{1} << 20;
+constexpr std::size_t mostMovedAtEnd = std::size_t{64} << 20;
+
 constexpr std::size_t openSlots = 64; // a handful is in use at a time
 
 extern "C" void ignoreChild(int /*signal*/) {}
@@ -155,6 +161,34 @@ CommandRun::CommandRun(int worker)
     : mWorker(worker)
 {
     catchEndsOfChildren();
+    makeStreams();
+}
+
+void CommandRun::makeStreams()
+{
+    for (Stream* const stream : {&mOutput, &mError}) {
+        std::array<int, 2> ends{};
+        if (::pipe2(ends.data(), O_CLOEXEC) != 0)
+            throw std::runtime_error("no pipe can be made: " + lastError());
+        *stream = {Descriptor(ends[0]), Descriptor(ends[1])};
+        ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    }
+}
+
+// What cannot be kept is dropped, so that the command does not wait for ever.
+void CommandRun::move(const Stream& from, const Descriptor& to, std::size_t most)
+{
+    std::array<char, std::size_t{64} << 10> part;
+    for (std::size_t moved = 0; moved < most;) {
+        const ssize_t count =
+            retryOnSignal([&] { return ::read(from.reader.number(), part.data(), part.size()); });
+        if (count <= 0)
+            return;
+        moved += static_cast<std::size_t>(count);
+        const std::string_view bytes(part.data(), static_cast<std::size_t>(count));
+        if (mWriteError == 0 && !writeAll(to.number(), bytes))
+            mWriteError = errno;
+    }
 }
 
 bool CommandRun::isAlone() const
@@ -171,8 +205,9 @@ std::string CommandRun::operator()(const Command& command)
         input = inputOf(command.input);
         spawner.connect(input.number(), STDIN_FILENO);
     }
-    spawner.connect(files.output.number(), STDOUT_FILENO);
-    spawner.connect(files.error.number(), STDERR_FILENO);
+    spawner.connect(mOutput.writer.number(), STDOUT_FILENO);
+    spawner.connect(mError.writer.number(), STDERR_FILENO);
+    mWriteError = 0;
 
     if (mOpenFiles != command.limits.openFiles)
         setOpenFiles(mOpenFiles = command.limits.openFiles);
@@ -187,7 +222,7 @@ std::string CommandRun::operator()(const Command& command)
         report.end = End::NotStarted;
         report.code = error;
     } else {
-        await(process, command, report);
+        await(process, command, files, report);
     }
     report.ran = microseconds(Clock::now() - start);
     report.outputBytes = sizeOf(files.output.number());
@@ -197,21 +232,24 @@ std::string CommandRun::operator()(const Command& command)
     return report.isDone() ? std::string() : endText(report, command.limits, command.program);
 }
 
-// Waits with one system call for the end of a child, for the worker's and for the next limit; ends
-// with no descendant left.
-void CommandRun::await(pid_t process, const Command& command, Report& report)
+// Waits with one system call for the end of a child, for output, for the worker's end and for the
+// next limit; ends with no descendant left.
+void CommandRun::await(pid_t process, const Command& command, const Files& files, Report& report)
 {
-    const Clock::time_point start = Clock::now();
     const CommandLimits& limits = command.limits;
+    const bool hasTimeout = limits.timeout.count() > 0;
+    const Clock::time_point start = Clock::now();
+    const Clock::time_point end = start + limits.timeout;
+    Clock::time_point look = start + memoryTick;
     sigset_t none;
     sigemptyset(&none);
-    bool isLookedAt = false; // a wait has passed a memory tick
     bool isOver = false;
     const auto onReaped = [&](pid_t child, int status, const rusage& usage) {
+        isOver = isOver || child == process;
         if (child == process)
             takeStatus(report, status, usage);
     };
-    while (!isOver) {
+    for (;;) {
         for (;;) {
             int status = 0;
             rusage usage{};
@@ -219,16 +257,16 @@ void CommandRun::await(pid_t process, const Command& command, Report& report)
             if (child <= 0)
                 break;
             onReaped(child, status, usage);
-            isOver = isOver || child == process;
         }
         if (isOver)
             break;
-        const Clock::duration age = Clock::now() - start;
-        if (limits.timeout.count() > 0 && age >= limits.timeout) {
+        const Clock::time_point now = Clock::now();
+        if (hasTimeout && now >= end) {
             report.end = End::TimedOut;
             break;
         }
-        if (isLookedAt) {
+        if (limits.memory != 0 && now >= look) {
+            look = now + memoryTick;
             const std::uint64_t memory = residentMemory(::getpid(), false, limits.memory);
             report.peakMemory = std::max(report.peakMemory, memory);
             if (memory > limits.memory) {
@@ -237,19 +275,24 @@ void CommandRun::await(pid_t process, const Command& command, Report& report)
             }
         }
         std::chrono::nanoseconds wait = std::chrono::hours(1);
-        if (limits.timeout.count() > 0)
-            wait = std::min(wait, limits.timeout - age);
+        if (hasTimeout)
+            wait = std::min<std::chrono::nanoseconds>(wait, end - now);
         if (limits.memory != 0)
-            wait = std::min<std::chrono::nanoseconds>(wait, memoryTick);
+            wait = std::min<std::chrono::nanoseconds>(wait, look - now);
         const timespec limit{
             static_cast<time_t>(wait.count() / 1'000'000'000), wait.count() % 1'000'000'000};
-        pollfd worker{mWorker, POLLIN, 0};
-        const int ready = ::ppoll(&worker, 1, &limit, &none);
-        isLookedAt = ready == 0 && limits.memory != 0;
-        if (ready > 0) { // it says nothing while its command runs: this is its end
+        std::array<pollfd, 3> sources = {
+            {{mWorker, POLLIN, 0},
+             {mOutput.reader.number(), POLLIN, 0},
+             {mError.reader.number(), POLLIN, 0}}};
+        if (::ppoll(sources.data(), sources.size(), &limit, &none) <= 0)
+            continue;
+        if (sources[0].revents != 0) { // it says nothing while its command runs: this is its end
             mIsAlone = true;
             break;
         }
+        move(mOutput, files.output, mostMovedAtOnce);
+        move(mError, files.error, mostMovedAtOnce);
     }
     // One call for the most of them: a family that forks without end would leave this process no
     // time to look for its members first. The group is the command's for as long as it is not
@@ -257,6 +300,14 @@ void CommandRun::await(pid_t process, const Command& command, Report& report)
     if (!isOver)
         ::kill(-process, SIGKILL);
     report.hasSurvivors = endDescendants(onReaped) ? 0 : 1;
+    move(mOutput, files.output, mostMovedAtEnd);
+    move(mError, files.error, mostMovedAtEnd);
+    if (mWriteError != 0 && report.isDone()) {
+        report.end = End::OutputLost;
+        report.code = mWriteError;
+    }
+    if (report.hasSurvivors != 0)
+        makeStreams(); // they have the old ones
 }
 
 const CommandRun::Files& CommandRun::filesOf(const CommandFiles& files)

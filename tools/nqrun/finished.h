@@ -14,6 +14,7 @@ struct Finished {
     unsigned attempt = 1;
     bool isFinal = true; ///< no further attempt follows
     bool isDone = false;
+    bool isSlotFree = false; ///< no process can write to the files of its output any more
 
     /// "done", "exit", "signal", "timeout", "memory", "not started", "exception" or "lost".
     std::string outcome;

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <poll.h>
 #include <sys/resource.h>
@@ -126,6 +127,7 @@ const char* wordFor(End end)
         return "memory";
     case End::NotStarted:
         return "not started";
+    case End::OutputLost:
     case End::None:
         break;
     }
@@ -258,8 +260,7 @@ RunResult Run::run()
     mPool->stop();
     mPool.reset();
     awaitOrphans(mFormerChildren, orphanLimit);
-    if (mJoblog)
-        mJoblog->sync();
+    sync();
     mProgress.clear();
     if (mResult.signal != SIGPIPE)
         summarize();
@@ -276,9 +277,24 @@ void Run::loop()
         mPool->pump(std::chrono::milliseconds(0));
         obeySignals();
         if (mJoblog && mJoblog->syncDue() && Clock::now() >= *mJoblog->syncDue())
-            mJoblog->sync();
+            sync();
         showProgress();
     }
+}
+
+// What a line of the log is about is on disk before the line is.
+void Run::sync()
+{
+    if (!mJoblog)
+        return;
+    struct stat about {};
+    if (::fstat(STDOUT_FILENO, &about) == 0 && S_ISREG(about.st_mode))
+        ::fdatasync(STDOUT_FILENO);
+    if (!mOptions.results.empty()) {
+        const Descriptor folder(::open(mOptions.results.c_str(), O_RDONLY | O_CLOEXEC));
+        ::syncfs(folder.number());
+    }
+    mJoblog->sync();
 }
 
 void Run::startItems()
@@ -290,6 +306,7 @@ void Run::startItems()
         switch (mItems.next(attempt.item)) {
         case Items::Next::End:
             mHasAllItems = true;
+            mPool->expectJobs(mStarted);
             return;
         case Items::Next::Wait:
             mWaitsForItems = true;
@@ -396,9 +413,9 @@ void Run::onOutcome(std::uint64_t serial, nq::nqOutcome&& outcome)
     if (outcome.reason == Reason::NoWorker)
         throw Error("no worker process can be started: " + outcome.message);
     Finished finished = describe(attempt, outcome);
-    finished.isFinal =
-        finished.isDone || attempt.number > mOptions.retries || mPhase != Phase::Going;
-    if (finished.isFinal) {
+    // One that an interruption keeps from its next attempt is to be run again by --resume.
+    finished.isFinal = finished.isDone || attempt.number > mOptions.retries;
+    if (finished.isFinal || mPhase != Phase::Going) {
         conclude(std::move(attempt), std::move(finished), outcome);
         return;
     }
@@ -410,7 +427,7 @@ void Run::onOutcome(std::uint64_t serial, nq::nqOutcome&& outcome)
             ", trying again");
     if (mJoblog)
         mJoblog->write(finished);
-    if (mTemplate && finished.outcome != "lost")
+    if (finished.isSlotFree)
         mSlots.giveBack(std::move(attempt.slot), true);
     attempt.slot = OutputSlot();
     ++attempt.number;
@@ -428,11 +445,11 @@ void Run::conclude(Attempt&& attempt, Finished&& finished, const nq::nqOutcome& 
     else if (mScripts)
         keepScript(attempt, finished);
     const bool isOverHalt = mOptions.halt.isReached(mResult.failed, mDone);
-    const bool isLost = finished.outcome == "lost";
+    const bool isSlotFree = finished.isSlotFree;
     if (mTemplate) {
         const bool hasContent = finished.outputBytes + finished.errorBytes != 0;
         mDelivery.take(std::move(finished), attempt.slot);
-        if (!isLost)
+        if (isSlotFree)
             mSlots.giveBack(std::move(attempt.slot), hasContent);
     } else if (!finished.isDone || !mOptions.results.empty()) {
         if (finished.isDone) {
@@ -452,9 +469,8 @@ void Run::conclude(Attempt&& attempt, Finished&& finished, const nq::nqOutcome& 
         mDelivery.take(std::move(finished), line);
     }
     if (isOverHalt && mPhase == Phase::Going) {
-        finish("--halt");
-        if (mOptions.halt.when == Halt::When::Now)
-            mIsToEnd = true;
+        mIsToEnd = mOptions.halt.when == Halt::When::Now;
+        finish(mIsToEnd || mOptions.isQuiet ? "" : "--halt");
     }
 }
 
@@ -522,6 +538,7 @@ void Run::describeCommand(
         finished.outputBytes = sizeOf(attempt.slot.output.number());
         finished.errorBytes = sizeOf(attempt.slot.error.number());
     } else {
+        finished.isSlotFree = report.hasSurvivors == 0;
         finished.isDone = report.isDone();
         finished.outcome = wordFor(report.end);
         finished.status = report.shellStatus();
@@ -587,7 +604,7 @@ void Run::finish(const std::string& why)
     }
     const auto count = static_cast<std::uint64_t>(
         std::count_if(running.begin(), running.end(), [](nq::nqJobId job) { return job != 0; }));
-    if (count != 0)
+    if (count != 0 && !why.empty())
         mDelivery.say(
             "nqrun: " + why + ": nothing new is started; waiting for " +
             countText(count, "running item") + " (Ctrl-C ends " + (count == 1 ? "it" : "them") +

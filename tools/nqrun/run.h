@@ -63,6 +63,7 @@ private:
     };
 
     void loop();
+    void sync();
     void startItems();
     bool isLogged(const Item& item);
     void start(Attempt&& attempt);
