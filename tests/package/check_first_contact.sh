@@ -48,10 +48,11 @@ case $case in
 whatCannotBeBuiltIsLeftOutInALineEach)
     PKG_CONFIG_LIBDIR=$folder configure "${hidden[@]}"
     expect_lines 1 '^-- Left out: the tests \(apt-get install libgtest-dev\)$'
+    expect_lines 1 '^-- Left out: nqrun \(apt-get install libcli11-dev\)$'
     expect_lines 1 '^-- Left out: examples/contact_sheet \(apt-get install .*libcli11-dev.*\)$'
     output=$("$1" --build "$folder/build" --target help)
     expect_lines 1 '\bnqPool\b'
-    expect_lines 0 '\b(nqUnitTests|contact-sheet)\b'
+    expect_lines 0 '\b(nqUnitTests|nqrunParts|contact-sheet)\b'
     ;;
 nothingIsLeftOutThatWasAskedFor)
     expect_refusal "${hidden[@]}" -DNQ_BUILD_TESTS=ON
