@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <iterator>
 #include <regex>
 #include <stdexcept>
 #include <string>
@@ -16,12 +15,12 @@ namespace {
 
 volatile std::sig_atomic_t interrupted = 0;
 
-/// A job is an expression and a file's path, with a line break between them.
+/// A job is an expression and a file's path, with a NUL between them, which neither can hold.
 std::string matchingLines(std::string_view job)
 {
-    const auto lineBreak = job.find('\n');
-    const std::regex expression(std::string(job.substr(0, lineBreak)));
-    const std::string path(job.substr(lineBreak + 1));
+    const auto end = job.find('\0');
+    const std::regex expression(std::string(job.substr(0, end)));
+    const std::string path(job.substr(end + 1));
     std::ifstream file(path);
     if (!file)
         throw std::runtime_error("cannot be opened");
@@ -71,7 +70,8 @@ try {
         if (interrupted != 0 || (++count % 100 == 0 && !goesOn(pool)))
             break;
         const std::string path = entry.path();
-        pool.submit(std::string(argv[1]) + '\n' + path, [path, &failures](nq::nqOutcome&& outcome) {
+        pool.submit(std::string(argv[1]) + '\0' + path, [path, &failures](nq::nqOutcome&& outcome) {
+            std::cerr << "\r\x1b[K"; // a terminal shows progress there
             if (outcome)
                 std::cout << outcome.text();
             else if (outcome.reason != nq::nqAttempt::Reason::Stopped)
@@ -83,7 +83,7 @@ try {
     std::cerr << (interrupted != 0 ? "\ninterrupted\n" : "\n");
     for (const std::string& failure : failures)
         std::cerr << failure << '\n';
-    return interrupted != 0 || !failures.empty() ? 1 : 0;
+    return interrupted != 0 || !failures.empty() || !std::cout.flush() ? 1 : 0;
 } catch (const std::exception& error) {
     std::cerr << "lines: " << error.what() << '\n';
     return 2;

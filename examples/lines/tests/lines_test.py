@@ -67,6 +67,34 @@ class Lines(unittest.TestCase):
         self.assertEqual(searching.returncode, 1)
         self.assertNotIn(b"50 failed", rest)
 
+    def test_an_expression_may_hold_a_line_break(self):
+        self.write("file", "alpha\n")
+        ended = self.search("alpha|\n")
+        self.assertEqual(ended.stdout.decode(), f"{self.folder}/file: alpha\n")
+
+    def test_a_terminal_shows_no_line_behind_progress(self):
+        self.write("file", "alpha\n")
+        both = subprocess.run(
+            [LINES, "alpha", str(self.folder)],
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            timeout=example_run.SECONDS,
+            check=True,
+        )
+        self.assertIn(f"\r\x1b[K{self.folder}/file: alpha\n", both.stdout.decode())
+
+    def test_lines_that_cannot_be_written_are_a_failure(self):
+        self.write("file", "alpha\n")
+        with open("/dev/full", "wb") as full:
+            ended = subprocess.run(
+                [LINES, "alpha", str(self.folder)],
+                stdout=full,
+                stderr=subprocess.PIPE,
+                timeout=example_run.SECONDS,
+                check=False,
+            )
+        self.assertEqual(ended.returncode, 1, ended)
+
     def test_a_folder_that_is_not_there_is_told(self):
         ended = example_run.run([LINES, "alpha", "/nowhere/folder"], b"")
         self.assertEqual(ended.returncode, 2)
