@@ -3,11 +3,13 @@
 
 #include <boost/asio.hpp>
 
+#include <charconv>
 #include <cstdint>
 #include <exception>
 #include <iostream>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <unistd.h>
 
 namespace {
@@ -17,9 +19,11 @@ using Stream = asio::posix::stream_descriptor;
 
 std::string factorised(std::string_view job)
 {
-    if (job.empty() || job.find_first_not_of("0123456789") != std::string_view::npos)
-        throw std::invalid_argument("not a number"); // fails the job with this text
-    const std::uint64_t number = std::stoull(std::string(job));
+    std::uint64_t number = 0;
+    const char* const end = job.data() + job.size();
+    const auto read = std::from_chars(job.data(), end, number);
+    if (read.ec != std::errc() || read.ptr != end)
+        throw std::invalid_argument("not a number of 64 bits"); // fails the job with this text
     for (std::uint64_t factor = 2; factor <= number / factor; ++factor)
         if (number % factor == 0)
             return std::to_string(factor) + " * " + std::to_string(number / factor);
@@ -29,11 +33,13 @@ std::string factorised(std::string_view job)
 /// Each line becomes a job; ends the loop with the last outcome after the last line.
 class Session {
 public:
-    Session(asio::io_context& loop, nq::nqPool& pool)
+    Session(asio::io_context& loop, int lines, nq::nqPool& pool)
         : mPool(pool),
-          mInput(loop, ::dup(STDIN_FILENO)),
+          mInput(loop),
           mNews(loop, ::dup(pool.waitDescriptor())) // Asio closes what it is given
     {
+        boost::system::error_code ignored; // reading from none is the end of input
+        mInput.assign(lines, ignored);
         readLine();
         waitForNews();
     }
@@ -94,9 +100,10 @@ try {
 
     nq::nqPoolOptions options;
     options.jobTimeout = std::chrono::seconds(1); // acts without a timer of the loop's
+    const int lines = ::dup(STDIN_FILENO); // -1 if that is closed and its number free for the pool
     nq::nqPool pool(options);
     asio::io_context loop;
-    const Session session(loop, pool);
+    const Session session(loop, lines, pool);
     loop.run();
     return 0;
 } catch (const std::exception& error) {

@@ -38,6 +38,19 @@ class EventLoop(unittest.TestCase):
         self.assertEqual((ended.stdout, ended.stderr, ended.returncode), (b"", b"", 0))
 
     @each_program
+    def test_a_closed_input_ends_it(self, program):
+        ended = example_run.run(["sh", "-c", 'exec "$0" <&-', program], b"")
+        self.assertEqual((ended.stdout, ended.stderr, ended.returncode), (b"", b"", 0))
+
+    @each_program
+    def test_what_is_no_number_is_refused_with_a_reason(self, program):
+        ended = example_run.run([program], b"-1\n\n31x\n18446744073709551616\n")
+        answers = ended.stdout.splitlines()
+        self.assertEqual(len(answers), 4, answers)
+        for answer in answers:
+            self.assertIn(b'threw "not a number of 64 bits"', answer)
+
+    @each_program
     def test_it_answers_and_keeps_limits_while_its_input_stays_open(self, program):
         with subprocess.Popen(
             [program], stdin=subprocess.PIPE, stdout=subprocess.PIPE
