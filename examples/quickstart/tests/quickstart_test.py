@@ -39,11 +39,12 @@ class Quickstart(unittest.TestCase):
     def test_a_job_that_grows_is_ended(self):
         self.assertRegex(self.line_of("grow"), r": the worker passed the memory cap after \d")
 
-    def test_the_readme_shows_this_output(self):
+    def test_its_readme_and_the_front_page_show_this_output(self):
         if "SIGSEGV" not in self.line_of("crash"):
             self.skipTest("a sanitizer makes an exit status of the signal")
-        shown = example_run.comparable(example_run.promised_output(__file__))
-        self.assertEqual(example_run.comparable(self.lines), shown)
+        for page in ("README.md", "../../README.md"):
+            shown = example_run.comparable(example_run.promised_output(__file__, page))
+            self.assertEqual(example_run.comparable(self.lines), shown, page)
 
     def test_a_job_in_a_file_is_run_by_hand(self):
         with tempfile.TemporaryDirectory() as folder:
