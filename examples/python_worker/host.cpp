@@ -5,7 +5,7 @@
 #include <string>
 
 int main(int argc, char* argv[])
-{
+try {
     if (argc != 2) {
         std::cerr << "usage: python-worker-host WORKER < lines\n";
         return 2;
@@ -23,4 +23,7 @@ int main(int argc, char* argv[])
         std::cout << (*outcome ? outcome->text() : outcome->failureText()) << std::endl;
     }
     return 0;
+} catch (const nq::nqPoolError& error) {
+    std::cerr << error.what() << '\n';
+    return 2;
 }

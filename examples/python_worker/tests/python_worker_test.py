@@ -167,6 +167,11 @@ class Pool(unittest.TestCase):
         shown = example_run.promised_output(__file__)
         self.assertEqual(self.answers("one\n\nnaïve\nthree\n".encode()), shown)
 
+    def test_a_worker_that_is_not_there_is_told(self):
+        ended = example_run.run([POOL_HOST, "/nowhere/worker"], b"one\n")
+        self.assertIn(b"/nowhere/worker", ended.stderr)
+        self.assertEqual((ended.stdout, ended.returncode), (b"", 2))
+
     def test_an_exception_costs_its_one_job_and_its_traceback_is_told(self):
         before, failed, after = self.answers(b"one\n\xff\nthree\n")
         self.assertEqual([before, after], ["eno", "eerht"])
