@@ -33,17 +33,21 @@ namespace {
 struct Mapping {
     explicit Mapping(const std::string& path, std::size_t wanted = 0)
     {
-        const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        struct stat status {};
-        if (file < 0 || ::fstat(file, &status) != 0)
+        // A named pipe would have an open wait for who writes to it.
+        const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+        if (file < 0)
             throw std::system_error(errno, std::generic_category(), "cannot be opened");
+        const std::unique_ptr<const int, void (*)(const int*)> owner(
+            &file, [](const int* number) { ::close(*number); });
+        struct stat status {};
+        if (::fstat(file, &status) != 0 || !S_ISREG(status.st_mode))
+            throw std::runtime_error("not a file but a folder, a pipe or a device");
         size = wanted != 0 ? wanted : static_cast<std::size_t>(status.st_size);
         if (size == 0)
             throw std::runtime_error("the file is empty");
         void* const mapped = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE, file, 0);
         if (mapped == MAP_FAILED)
             throw std::system_error(errno, std::generic_category(), "cannot be read");
-        ::close(file);
         bytes = static_cast<unsigned char*>(mapped);
     }
 

@@ -177,6 +177,19 @@ class ContactSheet(unittest.TestCase):
         self.assertEqual(self.refusal_of(b"P6 1 1 65535\n123456"), "a PPM file of an unknown kind")
         self.assertRegex(self.refusal_of(b"P6 40000 9 255\n"), "40000 x 9 pixels are too many")
 
+    def test_a_named_pipe_is_no_picture_and_keeps_nobody_waiting(self):
+        os.mkfifo(self.pictures / "a.jpg")
+        self.draw("--timeout", "600")
+        self.assertRegex(self.report()["files"][0]["detail"], "^not a file but a folder, a pipe")
+
+    def test_a_worker_that_has_refused_many_files_still_opens_the_next_one(self):
+        for number in range(100):
+            (self.pictures / f"{number:03}.jpg").touch()
+        self.write_pictures("z.ppm")
+        limited = ["sh", "-c", 'ulimit -n 64; exec "$@"', "sh"]
+        example_run.run([*limited, *self.command("--tile", "64", "--workers", "1")], b"")
+        self.assertEqual(self.statuses()["z.ppm"], "ok")
+
     def test_many_pictures_make_several_sheets_in_the_order_of_the_names(self):
         names = [f"{number:03}.ppm" for number in range(100)]
         self.write_pictures(*names)
