@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cmath>
 #include <filesystem>
 
 namespace sheet {
@@ -50,6 +51,8 @@ std::optional<Options> parseOptions(int argc, char* argv[], int& status)
         ->type_name("FOLDER");
     try {
         app.parse(argc, argv);
+        if (std::isnan(options.timeout)) // which passes for a number of every range
+            throw CLI::ValidationError("--timeout", "Value nan is not a number of seconds");
     } catch (const CLI::ParseError& error) {
         status = app.exit(error) == 0 ? 0 : exitUsage;
         return std::nullopt;

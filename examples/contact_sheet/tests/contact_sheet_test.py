@@ -240,7 +240,8 @@ class ContactSheet(unittest.TestCase):
         self.sheet = self.folder / "sheet.png"
         self.assertIn("no such file", refuses(self.folder / "missing.jpg"))
         self.assertIn("too many to draw", refuses("--tile", "2048", "--rows", "100"))
-        self.assertIn("--timeout", refuses("--timeout", "0"))
+        for seconds in ("0", "-1", "nan", "inf", "2,5"):
+            self.assertIn("--timeout", refuses("--timeout", seconds))
 
     def test_a_full_disk_is_told_and_leaves_no_sheet(self):
         self.write_pictures("a.ppm")
