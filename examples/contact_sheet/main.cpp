@@ -164,6 +164,8 @@ Run::Run(const Options& options)
     newSurface(sheetSize(mLayout, options.rows));
     requireWritable(sheetName(options.output, 1, mSheetCount));
     requireWritable(mReportName);
+    if (!options.keep.empty())
+        requireFolder(options.keep);
 }
 
 int Run::go()

@@ -238,6 +238,7 @@ class ContactSheet(unittest.TestCase):
         self.sheet = self.folder / "sheet.jpg"
         self.assertIn("a sheet is a .png file", refuses())
         self.sheet = self.folder / "sheet.png"
+        self.assertIn("gray.jpg cannot be written", refuses("--keep", self.folder / "gray.jpg"))
         self.assertIn("no such file", refuses(self.folder / "missing.jpg"))
         self.assertIn("too many to draw", refuses("--tile", "2048", "--rows", "100"))
         for seconds in ("0", "-1", "nan", "inf", "2,5"):
