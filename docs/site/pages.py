@@ -181,6 +181,7 @@ class Site:
             self.pictures.add(str(file.parent.relative_to(ROOT)))
             return picture(file, match["text"])
         text = match["text"].replace("`", "")  # which Doxygen would show as they are
+        text = text.replace("\n", " ")  # where Doxygen would end a text with quotes
         label = self.label_of(file, anchor)
         if label:
             return f"[{text}](@ref {label})"

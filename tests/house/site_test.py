@@ -79,9 +79,13 @@ Classes: include
         self.assertIn("## main.cpp {#examples-one-maincpp}", text)
         self.assertIn("~~~{.cpp}\nint main() {}\n~~~\n", text)
 
+    def test_the_text_of_a_link_stands_on_one_line(self):
+        _, text = self.converted("docs/guide.md")
+        self.assertIn("[run it](@ref ", text)
+
     def test_a_link_to_a_source_file_leads_to_a_page_with_it(self):
         site, text = self.converted("docs/guide.md")
-        self.assertIn("[run\nit](@ref file-examplesonemaincpp)", text)
+        self.assertIn("(@ref file-examplesonemaincpp)", text)
         self.assertIn("int main() {}", site.source(pages.ROOT / "examples/one/main.cpp"))
 
     def test_a_link_to_a_header_leads_to_its_class(self):
