@@ -81,6 +81,14 @@ aBuildTypeIsKept)
     expect_lines 0 'build type'
     expect_build_type Debug
     ;;
+anUnknownBuildTypeIsTold)
+    configure -DNQ_BUILD_TESTS=OFF -DNQ_BUILD_EXAMPLES=OFF -DCMAKE_BUILD_TYPE=Relaese
+    expect_lines 1 '^-- Build type Relaese has no flags; is Release meant\?$'
+    configure -DCMAKE_BUILD_TYPE=release
+    expect_lines 0 '[Bb]uild type'
+    configure -DCMAKE_BUILD_TYPE=Own -DCMAKE_CXX_FLAGS_OWN=-O2
+    expect_lines 0 '[Bb]uild type'
+    ;;
 staticLibrariesAreDeclined)
     configure -DNQ_BUILD_TESTS=OFF -DNQ_BUILD_EXAMPLES=OFF -DBUILD_SHARED_LIBS=OFF
     expect_lines 1 '^-- BUILD_SHARED_LIBS=OFF does not apply: '
