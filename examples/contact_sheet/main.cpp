@@ -106,6 +106,7 @@ nq::nqPoolOptions poolOptions(const Options& options)
     pool.jobTimeout = std::chrono::milliseconds(std::llround(options.timeout * 1000));
     pool.memoryCap = static_cast<std::uint64_t>(options.memory) << 20;
     pool.keepFailedJobs = options.keep;
+    pool.keptFailedJobs = 0; // all of them: the report names each
     // Tiles come in the order of the files, so a sheet is drawn and forgotten once it is full. The
     // bound says how many of them may wait for a file that takes long; with it, a million files
     // need no more memory than a thousand.

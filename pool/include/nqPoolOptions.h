@@ -143,7 +143,7 @@ struct nqPoolOptions {
     /// A folder, made if it is missing, that gets two files for each failed job: `NAME.job` with
     /// its bytes, `NAME.txt` with what happened and how to run it again. Empty: none.
     std::string keepFailedJobs;
-    std::size_t keptFailedJobs = 100; ///< the newest so many; older ones are deleted
+    std::size_t keptFailedJobs = 100; ///< the newest so many; older ones are deleted; 0: all stay
 
     Log log = Log::Nowhere; ///< where the lines of the library go
     std::string logFile;    ///< lines are appended; if it cannot be opened, to standard error

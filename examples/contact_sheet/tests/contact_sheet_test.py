@@ -291,6 +291,13 @@ class ContactSheet(unittest.TestCase):
         self.assertEqual(again.returncode, 1)
         self.assertIn(b"JPEG datastream contains no image", again.stderr)
 
+    def test_every_kept_job_of_the_report_is_there(self):
+        for number in range(101):  # the pool's own limit is 100
+            (self.pictures / f"{number}.jpg").touch()
+        self.draw("--tile", "64", "--keep", self.folder / "kept")
+        kept = [file["kept"] for file in self.report()["files"]]
+        self.assertEqual(sorted(map(str, (self.folder / "kept").glob("*.job"))), sorted(kept))
+
     def test_the_help_fits_a_screen_and_speaks_of_files_and_seconds(self):
         text = example_run.run([CONTACT_SHEET, "--help"], b"").stdout.decode()
         self.assertLessEqual(len(text.splitlines()), 24)
