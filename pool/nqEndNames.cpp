@@ -23,7 +23,8 @@ constexpr std::array<std::string_view, nqPoolStatistics::reasons> reasonNames{
     "result_lost",
     "no_worker",
     "cancelled",
-    "stopped"};
+    "stopped",
+    "lost"};
 
 } // namespace
 
@@ -87,6 +88,7 @@ nqWorkerEnd endFor(Reason reason)
     case Reason::None:
     case Reason::Exception:
     case Reason::NoWorker:
+    case Reason::Lost:
         return nqWorkerEnd::Crashed;
     }
     return nqWorkerEnd::Crashed;

@@ -191,6 +191,10 @@ Advice adviceOn(const nqAttempt& attempt)
         return {
             quoted(attempt.message, "the cause is not known"),
             "start the worker program by hand to see what it says"};
+    case Reason::Lost:
+        return {
+            "probably it has stopped, hangs, or cannot reach the others",
+            "let such jobs be tried again, see nqRetryPolicy"};
     }
     return {};
 }
@@ -305,6 +309,9 @@ std::string whatHappened(const nqAttempt& attempt)
         return "the job was cancelled" + whenItEnded(attempt);
     case Reason::Stopped:
         return "the job was stopped with its pool" + whenItEnded(attempt);
+    case Reason::Lost:
+        return attempt.message.empty() ? "the machine that ran the job was lost"
+                                       : oneLine(attempt.message, longestForeignText);
     }
     return {};
 }

@@ -68,6 +68,7 @@ State stateFor(Reason reason)
     case Reason::Exception:
     case Reason::ResultLost:
     case Reason::NoWorker:
+    case Reason::Lost:
         return State::Failed;
     }
     return State::Failed;

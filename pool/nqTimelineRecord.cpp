@@ -71,6 +71,7 @@ nqTimelineRecord::Look nqTimelineRecord::lookOf(Reason reason)
         return Look::Done;
     case Reason::Crashed:
     case Reason::Exited:
+    case Reason::Lost:
         return Look::Died;
     case Reason::Timeout:
     case Reason::Deadline:

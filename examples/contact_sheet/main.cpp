@@ -83,6 +83,7 @@ std::string headlineOf(const nq::nqOutcome& outcome, const Options& options)
     case Reason::Deadline:
     case Reason::Cancelled:
     case Reason::Stopped:
+    case Reason::Lost:
         break;
     }
     return "not done";

@@ -56,7 +56,8 @@ const char* nameOf(Reason reason)
         "ResultLost",
         "NoWorker",
         "Cancelled",
-        "Stopped"};
+        "Stopped",
+        "Lost"};
     return names[static_cast<int>(reason)];
 }
 

@@ -28,7 +28,8 @@ struct NQ_API nqAttempt {
         ResultLost = 7, ///< the host had no memory for the result, or for another part of the job
         NoWorker = 8,   ///< no worker could be started; the message says why
         Cancelled = 9,  ///< by nqPool::cancel()
-        Stopped = 10    ///< by nqPool::stop()
+        Stopped = 10,   ///< by nqPool::stop()
+        Lost = 11       ///< the machine that ran it was lost; see nqClusterPool
     };
 
     Reason reason = Reason::None; ///< why it was not done

@@ -21,7 +21,8 @@ struct nqRetryPolicy {
         nqAttempt::Reason::Crashed,
         nqAttempt::Reason::Exited,
         nqAttempt::Reason::MemoryCap,
-        nqAttempt::Reason::Timeout};
+        nqAttempt::Reason::Timeout,
+        nqAttempt::Reason::Lost};
 
     std::chrono::milliseconds pause{0};            ///< before the second attempt
     double growth = 2;                             ///< of the pause, from attempt to attempt

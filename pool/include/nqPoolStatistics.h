@@ -12,7 +12,7 @@ namespace nq {
 
 /// Counts of a pool since it was made, and what it does now. A copy, which does not change.
 struct nqPoolStatistics {
-    static constexpr std::size_t reasons = 11; ///< the number of nqAttempt::Reason
+    static constexpr std::size_t reasons = 12; ///< the number of nqAttempt::Reason
 
     std::uint64_t submitted = 0; ///< jobs accepted
     std::uint64_t done = 0;      ///< outcomes of nqOutcome::State::Done

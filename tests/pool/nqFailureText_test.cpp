@@ -331,7 +331,14 @@ INSTANTIATE_TEST_SUITE_P(
                 outcome.ran = {};
                 return outcome;
             }(),
-            "the job was stopped with its pool while it ran"}),
+            "the job was stopped with its pool while it ran"},
+        Example{
+            "lostWithItsMachine",
+            with(
+                neverRun(failed(Reason::Lost)),
+                "agent host7 was lost, 4.1 s after its last sign of life"),
+            "agent host7 was lost, 4.1 s after its last sign of life: probably it has stopped, "
+            "hangs, or cannot reach the others; let such jobs be tried again, see nqRetryPolicy"}),
     [](const auto& test) { return test.param.name; });
 
 INSTANTIATE_TEST_SUITE_P(

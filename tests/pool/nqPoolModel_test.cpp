@@ -411,6 +411,7 @@ private:
             return mEnded + mTroubles != 0 || mOptions.initialisationTimeout < 1s;
         case Reason::MemoryCap:
         case Reason::ResultLost:
+        case Reason::Lost:
             return false;
         }
         return false;

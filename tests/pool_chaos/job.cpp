@@ -135,6 +135,7 @@ bool canFailFor(const Job& job, Reason reason, const JobPlan& plan)
     case Reason::NoWorker:
     case Reason::Cancelled:
     case Reason::Stopped:
+    case Reason::Lost:
         return false;
     }
     return false;

@@ -153,6 +153,7 @@ const char* wordFor(Reason reason)
     case Reason::NoWorker:
     case Reason::Cancelled:
     case Reason::Stopped:
+    case Reason::Lost:
         break;
     }
     return "lost";
