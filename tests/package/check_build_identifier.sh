@@ -8,7 +8,7 @@ set -euo pipefail
 case=$1 source_tree=$2 folder=$3
 shift 3
 configure=("$@" -G Ninja -DCMAKE_EXPORT_COMPILE_COMMANDS=ON)
-configure+=(-DNQ_BUILD_TESTS=OFF -DNQ_BUILD_EXAMPLES=OFF -DNQ_BUILD_TOOLS=OFF -DNQ_INSTALL=OFF)
+configure+=(-DNQ_BUILD_TESTS=OFF -DNQ_BUILD_EXAMPLES=OFF -DNQ_BUILD_TOOLS=OFF -DNQ_BUILD_CLUSTER=OFF -DNQ_INSTALL=OFF)
 unknown=0000000000000000
 
 # The user's own settings and a repository of the caller, as in a hook, are none of our business.

@@ -49,6 +49,7 @@ whatCannotBeBuiltIsLeftOutInALineEach)
     PKG_CONFIG_LIBDIR=$folder configure "${hidden[@]}"
     expect_lines 1 '^-- Left out: the tests \(apt-get install libgtest-dev\)$'
     expect_lines 1 '^-- Left out: nqrun \(apt-get install libcli11-dev\)$'
+    expect_lines 1 '^-- Left out: the cluster \(apt-get install libhiredis-dev\)$'
     expect_lines 1 '^-- Left out: examples/contact_sheet \(apt-get install .*libcli11-dev.*\)$'
     output=$("$1" --build "$folder/build" --target help)
     expect_lines 1 '\bnqPool\b'

@@ -1,0 +1,573 @@
+#include "cluster/agent/nqAgent.h"
+
+#include "cluster/nqClusterNames.h"
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+#include <iostream>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+// Redis gives a job to this agent's name. From then on it is held here until Redis has its outcome
+// or has it back, or until others have taken over what this agent held. An audit compares, once in
+// a lease and after every new connection, what Redis says that this agent has with what it holds: a
+// reply that was lost on its way is found so.
+
+namespace nq {
+
+namespace {
+
+using Reason = nqAttempt::Reason;
+using State = nqOutcome::State;
+
+constexpr std::size_t outcomesOfOneBatch = 128; // what a script does at once, others wait for
+constexpr std::size_t bytesOfOneBatch = std::size_t{512} << 10;
+constexpr std::size_t bytesInFlight = std::size_t{8} << 20;
+constexpr std::size_t batchesInFlight = 16;
+constexpr std::size_t mostPrefetched = 1000;
+constexpr std::size_t auditedAtOnce = 10'000; // more than an agent ever holds
+
+constexpr std::chrono::milliseconds pauseAfterRefusal{250};
+constexpr std::chrono::milliseconds pauseForOthers{1'000}; // with a job of a newer version
+constexpr std::chrono::milliseconds lookInterval{100};
+constexpr std::chrono::milliseconds longestLaunchPause{30'000};
+constexpr std::chrono::milliseconds longestGoodbye{2'000};
+
+nqRedisLink::Settings settingsOf(const nqAgentOptions& options)
+{
+    nqRedisLink::Settings settings;
+    settings.address = nqRedisAddress::parse(options.redis, options.passwordFile);
+    // A connection that has stalled must not cost the lease.
+    settings.stallTimeout = std::min(settings.stallTimeout, options.lease / 2);
+    settings.connectTimeout = std::min(settings.connectTimeout, options.lease / 2);
+    return settings;
+}
+
+std::string nameOfHost()
+{
+    std::array<char, 65> name{};
+    ::gethostname(name.data(), name.size() - 1);
+    return name.data();
+}
+
+} // namespace
+
+nqAgent::nqAgent(const nqAgentOptions& options, int signals)
+    : mOptions(options),
+      mRedis(settingsOf(options)),
+      mKeys(requireName(options.queue, "queue")),
+      mSignals(signals),
+      mPool(options.pool),
+      mCommands(mRedis, mWait, *this),
+      mReader(mRedis, mWait, *this),
+      mMetrics(options.metrics, options.queue, options.name.empty() ? nameOfHost() : options.name)
+{
+    mPrefetch = options.prefetch.value_or(options.pool.workers);
+    mWait.watch(mPool.waitDescriptor(), mWatcher, false);
+    mWait.watch(mSignals, mWatcher, false);
+}
+
+nqAgent::~nqAgent() = default;
+
+int nqAgent::run()
+{
+    if (!mPool.start()) {
+        say(mPool.problem());
+        return 1;
+    }
+    mHeartbeat = std::make_unique<nqHeartbeat>(nqHeartbeat::Settings{
+        mRedis,
+        mOptions.queue,
+        mOptions.name.empty() ? uniqueName() : requireName(mOptions.name, "agent"),
+        mOptions.lease});
+    mWait.watch(mHeartbeat->descriptor(), mWatcher, false);
+    say("takes jobs from queue " + mOptions.queue + " for " +
+        std::to_string(mOptions.pool.workers) + " workers");
+    while (mPhase != Phase::Gone) {
+        step();
+        const TimePoint now = nqClusterClock::now();
+        mWait.sleep(std::chrono::ceil<Milliseconds>(std::max(nextDue(now), now) - now));
+    }
+    say("leaves");
+    return mStatus;
+}
+
+void nqAgent::step()
+{
+    const TimePoint now = nqClusterClock::now();
+    hearRequests();
+    hearNews();
+    mCommands.step();
+    mReader.step();
+    runPool();
+    launchAgain(now);
+    handBackDue(now);
+    sendFinished();
+    sendHandedBack();
+    read();
+    goOn();
+    mCommands.flush();
+    mReader.flush();
+    describe(now);
+}
+
+void nqAgent::hearRequests()
+{
+    eventfd_t requests = 0;
+    if (::eventfd_read(mSignals, &requests) != 0)
+        return;
+    if (mPhase == Phase::Working && requests == 1)
+        beginToFinish();
+    else if (mPhase == Phase::Working || mPhase == Phase::Finishing)
+        endAll();
+}
+
+void nqAgent::hearNews()
+{
+    const nqHeartbeat::News news = mHeartbeat->takeNews();
+    sayOnChange(mSaidProblem, news.problem);
+    if (std::exchange(mIsFull, news.isFull) != news.isFull)
+        say(news.isFull ? "waits until results are taken: Redis is full"
+                        : "goes on: Redis has room");
+    if (news.isLost)
+        becomeLost();
+    if (mName != news.name) {
+        mName = news.name;
+        mIsAuditDue = true;
+    }
+    for (const std::string& entry : news.cancelled) {
+        const auto found = mHeld.find(entry);
+        if (found == mHeld.end() || found->second.hasEnded)
+            continue;
+        const nqJobId local = found->second.local;
+        mHeld.erase(found);
+        mPool.cancel(local);
+    }
+}
+
+/// Others have these jobs now. What runs is ended, so that it does not run twice for longer than it
+/// has to.
+void nqAgent::becomeLost()
+{
+    say("was cut off for longer than its lease, so that others have its jobs now");
+    ++mCounts.leasesLost;
+    mCounts.dropped += mFinished.size();
+    mFinished.clear();
+    mToHandBack.clear();
+    for (auto& [entry, held] : std::exchange(mHeld, {})) {
+        if (held.local != 0)
+            mPool.cancel(held.local);
+    }
+}
+
+void nqAgent::runPool()
+{
+    mPool.pump(Milliseconds(0));
+}
+
+std::size_t nqAgent::room() const
+{
+    const std::size_t most = mOptions.pool.workers + mPrefetch;
+    return most > mHeld.size() ? most - mHeld.size() : 0;
+}
+
+void nqAgent::read()
+{
+    if (mPhase != Phase::Working || mName.empty() || !mReader.isReady() || mIsReading)
+        return;
+    if (std::exchange(mIsAuditDue, false))
+        audit();
+    if (mIsFull || mIsWithoutWorkers || room() == 0)
+        return;
+    mIsReading = true;
+    nqRedisCommand command{"XREADGROUP", "GROUP", "agents", mName, "COUNT"};
+    command.add(std::uint64_t{room()}).add("BLOCK");
+    command.add(static_cast<std::uint64_t>(mRedis.stallTimeout.count() / 2));
+    command.add("STREAMS").add(mKeys.jobs).add(">");
+    mReader.send(std::move(command), [this, name = mName](const nqRedisReply& reply) {
+        mIsReading = false;
+        if (reply.isError("UNBLOCKED"))
+            return;
+        if (reply.isError())
+            mReader.drop("Redis answers: " + std::string(reply.text()));
+        else if (name == mName) // otherwise others have these jobs
+            onJobs(reply);
+    });
+}
+
+void nqAgent::onJobs(const nqRedisReply& reply)
+{
+    const nqRedisReply entries = reply[0][1];
+    for (std::size_t i = 0; i < entries.size(); ++i)
+        takeJob(nqJobMessage::of(entries[i]));
+}
+
+void nqAgent::takeJob(nqJobMessage&& job)
+{
+    Held& held = mHeld[job.entry];
+    held = {job.client, job.id, job.attempt, 0, false, {}};
+    if (mPhase != Phase::Working) {
+        mToHandBack.push_back(job.entry);
+        return;
+    }
+    if (job.version > nqMessageVersion) {
+        sayOnChange(
+            mSaidVersion,
+            "leaves jobs of a newer version (" + std::to_string(job.version) +
+                ") to others; update this agent");
+        held.handBackAt = nqClusterClock::now() + pauseForOthers;
+        return;
+    }
+    const std::string entry = job.entry;
+    if (!job.isReadable) {
+        say("found something in the queue that is no job, and takes it out: " + entry);
+        mHeld.erase(entry);
+        mCommands.send({"XACK", mKeys.jobs, "agents", entry}, {});
+        mCommands.send({"XDEL", mKeys.jobs, entry}, {});
+        return;
+    }
+    nqJobOptions options;
+    if (job.timeout.count() != 0)
+        options.timeout = job.timeout;
+    try {
+        held.local = mPool.submit(job.bytes, options, [this, entry](nqOutcome&& outcome) {
+            onOutcome(entry, std::move(outcome));
+        });
+    } catch (const nqPoolError& error) { // an empty job to plain workers
+        nqOutcome outcome;
+        outcome.state = State::Failed;
+        outcome.reason = Reason::Exception;
+        outcome.message = error.what();
+        finish(entry, std::move(outcome));
+    }
+}
+
+void nqAgent::onOutcome(const std::string& entry, nqOutcome&& outcome)
+{
+    const auto found = mHeld.find(entry);
+    if (found == mHeld.end() || found->second.local != outcome.id)
+        return; // it was cancelled, or others have it
+    if (outcome.reason == Reason::NoWorker) {
+        mIsWithoutWorkers = true;
+        mNextLaunch = nqClusterClock::now() + mLaunchPause;
+        mToHandBack.push_back(entry);
+    } else if (outcome.state == State::Cancelled) {
+        mToHandBack.push_back(entry);
+    } else {
+        finish(entry, std::move(outcome));
+    }
+}
+
+void nqAgent::finish(const std::string& entry, nqOutcome&& outcome)
+{
+    Held& held = mHeld.at(entry);
+    held.hasEnded = true;
+    if (outcome.state == State::Done && outcome.bytes.size() > nqLargestPayload) {
+        outcome.state = State::Failed;
+        outcome.reason = Reason::ResultLost;
+        outcome.message = "its " + std::to_string(outcome.bytes.size() >> 20) +
+                          " MB are more than the " + std::to_string(nqLargestPayload >> 20) +
+                          " MB that a queue carries";
+    }
+    ++(outcome.state == State::Done ? mCounts.done : mCounts.failed);
+    Finished finished{entry, held.client, fieldsOf(outcome, held.id, held.attempt), nullptr};
+    if (outcome.state == State::Done)
+        finished.result = std::make_shared<std::vector<char>>(std::move(outcome.bytes));
+    mFinished.push_back(std::move(finished));
+}
+
+void nqAgent::sendFinished()
+{
+    while (!mFinished.empty() && mCommands.isReady() && !mName.empty() &&
+           mInFlightBytes < bytesInFlight && mInFlight.size() < batchesInFlight &&
+           nqClusterClock::now() >= mNextTry) {
+        std::vector<Finished> batch;
+        std::size_t bytes = 0;
+        nqRedisCommand command = mCommands.script(nqScript::Finish, {mKeys.jobs, mKeys.agents});
+        command.add(mKeys.prefix).add(mName);
+        while (!mFinished.empty() && batch.size() < outcomesOfOneBatch && bytes < bytesOfOneBatch) {
+            Finished& finished = mFinished.front();
+            const bool hasResult = finished.result != nullptr;
+            command.add(finished.entry).add(finished.client).add(hasResult ? "0" : "1");
+            command.add(std::uint64_t{2 * (finished.fields.size() + (hasResult ? 1 : 0))});
+            for (const auto& [field, value] : finished.fields)
+                command.add(field).add(value);
+            if (hasResult) {
+                command.add("bytes").add(finished.result);
+                bytes += finished.result->size();
+            }
+            batch.push_back(std::move(finished));
+            mFinished.pop_front();
+        }
+        mInFlightBytes += bytes;
+        mInFlight.push_back(std::move(batch));
+        mCommands.send(std::move(command), [this, bytes, name = mName](const nqRedisReply& reply) {
+            mInFlightBytes -= bytes;
+            std::vector<Finished> answered = std::move(mInFlight.front());
+            mInFlight.pop_front();
+            if (name == mName)
+                onFinished(std::move(answered), reply);
+        });
+    }
+}
+
+void nqAgent::onFinished(std::vector<Finished>&& batch, const nqRedisReply& reply)
+{
+    if (reply.isError()) { // NQLOST is heard of from the heartbeat too; anything else passes
+        for (Finished& finished : batch)
+            mFinished.push_back(std::move(finished));
+        mNextTry = nqClusterClock::now() + pauseAfterRefusal;
+        if (reply.isError("NOSCRIPT"))
+            mCommands.restart();
+        else if (!reply.isError("NQLOST"))
+            sayOnChange(mSaidProblem, "Redis refuses outcomes: " + std::string(reply.text()));
+        return;
+    }
+    for (std::size_t i = 0; i < batch.size(); ++i) {
+        mHeld.erase(batch[i].entry);
+        if (reply[i].number() == 0)
+            ++mCounts.dropped;
+    }
+}
+
+/// On the connection that reads, behind every job that was given to this agent.
+void nqAgent::audit()
+{
+    mNextAudit = nqClusterClock::now() + mOptions.lease;
+    nqRedisCommand command{"XPENDING", mKeys.jobs, "agents", "-", "+"};
+    command.add(std::uint64_t{auditedAtOnce}).add(mName);
+    mReader.send(std::move(command), [this, name = mName](const nqRedisReply& reply) {
+        if (!reply.isError() && name == mName)
+            onAudit(reply);
+    });
+}
+
+void nqAgent::onAudit(const nqRedisReply& reply)
+{
+    std::unordered_set<std::string> given;
+    for (std::size_t i = 0; i < reply.size(); ++i) {
+        std::string entry(reply[i][0].text());
+        if (mHeld.find(entry) == mHeld.end())
+            mToHandBack.push_back(entry);
+        given.insert(std::move(entry));
+    }
+    for (auto each = mHeld.begin(); each != mHeld.end();) {
+        const Held& held = each->second;
+        if (held.hasEnded || given.count(each->first) != 0) {
+            ++each;
+            continue;
+        }
+        const nqJobId local = held.local;
+        each = mHeld.erase(each);
+        mPool.cancel(local);
+    }
+}
+
+void nqAgent::handBackDue(TimePoint now)
+{
+    for (auto& [entry, held] : mHeld) {
+        if (held.handBackAt != TimePoint() && now >= held.handBackAt) {
+            held.handBackAt = TimePoint();
+            mToHandBack.push_back(entry);
+        }
+    }
+}
+
+void nqAgent::sendHandedBack()
+{
+    if (mToHandBack.empty() || !mCommands.isReady() || mName.empty())
+        return;
+    std::vector<std::string> entries = std::exchange(mToHandBack, {});
+    nqRedisCommand command = mCommands.script(nqScript::HandBack, {mKeys.jobs, mKeys.agents});
+    command.add(mName);
+    for (const std::string& entry : entries) {
+        command.add(entry);
+        mHeld.erase(entry);
+    }
+    ++mHandingBack;
+    mCommands.send(std::move(command), [this](const nqRedisReply& reply) {
+        --mHandingBack; // what Redis has not heard of is found by the next audit
+        if (reply.isError())
+            mIsAuditDue = true;
+        else
+            mCounts.handedBack += reply.number();
+    });
+}
+
+/// An agent whose workers cannot be started takes no jobs: it would fail all that there are.
+void nqAgent::launchAgain(TimePoint now)
+{
+    if (!mIsWithoutWorkers || now < mNextLaunch || mPhase != Phase::Working)
+        return;
+    sayOnChange(mSaidLaunch, "takes no jobs: " + mPool.problem());
+    if (mPool.start()) {
+        mIsWithoutWorkers = false;
+        mLaunchPause = Milliseconds(1'000);
+        sayOnChange(mSaidLaunch, {});
+        return;
+    }
+    mLaunchPause = std::min(2 * mLaunchPause, longestLaunchPause);
+    mNextLaunch = nqClusterClock::now() + mLaunchPause;
+}
+
+void nqAgent::onReady(nqRedisLink& link)
+{
+    if (&link != &mReader)
+        return;
+    mIsAuditDue = true;
+    mReader.send(
+        {"CLIENT", "ID"}, [this](const nqRedisReply& reply) { mReaderId = reply.number(); });
+}
+
+void nqAgent::onDown(nqRedisLink& link)
+{
+    if (&link == &mReader) {
+        mIsReading = false;
+        mReaderId = 0;
+        return;
+    }
+    while (!mInFlight.empty()) { // once more: a second time does nothing
+        for (Finished& finished : mInFlight.back())
+            mFinished.push_front(std::move(finished));
+        mInFlight.pop_back();
+    }
+    mInFlightBytes = 0;
+    mHandingBack = 0;
+    mIsAuditDue = true;
+}
+
+/// What waits here goes to others at once; what runs is finished.
+void nqAgent::beginToFinish()
+{
+    mPhase = Phase::Finishing;
+    std::unordered_set<nqJobId> running;
+    for (const nqPoolWorkerStatus& worker : mPool.workers())
+        running.insert(worker.job);
+    std::vector<nqJobId> waiting;
+    for (const auto& [entry, held] : mHeld) {
+        if (held.hasEnded || running.count(held.local) != 0)
+            continue;
+        waiting.push_back(held.local);
+        mToHandBack.push_back(entry);
+    }
+    say("finishes " + std::to_string(mHeld.size() - waiting.size()) + " jobs and hands back " +
+        std::to_string(waiting.size()));
+    sendHandedBack();
+    for (const nqJobId local : waiting)
+        mPool.cancel(local);
+    if (mIsReading && mCommands.isReady() && mReaderId != 0)
+        mCommands.send(std::move(nqRedisCommand{"CLIENT", "UNBLOCK"}.add(mReaderId)), {});
+}
+
+void nqAgent::endAll()
+{
+    say("ends at once and hands back its jobs");
+    mPhase = Phase::Finishing;
+    mStatus = 1;
+    for (auto each = mHeld.begin(); each != mHeld.end();)
+        each = each->second.hasEnded ? std::next(each) : mHeld.erase(each);
+    mToHandBack.clear(); // all of them go back when the agent leaves
+    mLeaveBy = nqClusterClock::now() + longestGoodbye;
+    mPool.stop();
+    if (mIsReading && mCommands.isReady() && mReaderId != 0)
+        mCommands.send(std::move(nqRedisCommand{"CLIENT", "UNBLOCK"}.add(mReaderId)), {});
+}
+
+/// From phase to phase on the way out.
+void nqAgent::goOn()
+{
+    const bool isLate = mLeaveBy != TimePoint() && nqClusterClock::now() >= mLeaveBy;
+    if (mPhase == Phase::Finishing) {
+        const bool hasReturnedAll = mToHandBack.empty() && mHandingBack == 0;
+        if ((mHeld.empty() && !mIsReading && hasReturnedAll) || isLate)
+            leave();
+    } else if (mPhase == Phase::Leaving && isLate) {
+        mPhase = Phase::Gone;
+    }
+}
+
+void nqAgent::leave()
+{
+    mPhase = Phase::Leaving;
+    mLeaveBy = nqClusterClock::now() + longestGoodbye;
+    if (!mCommands.isReady() || mName.empty())
+        return;
+    nqRedisCommand command = mCommands.script(
+        nqScript::Leave, {mKeys.jobs, mKeys.agents, mKeys.agent(mName), mKeys.orders(mName)});
+    mCommands.send(std::move(command.add(mName)), [this](const nqRedisReply& reply) {
+        mCounts.handedBack += reply.number();
+        mPhase = Phase::Gone;
+    });
+}
+
+void nqAgent::describe(TimePoint now)
+{
+    if (now < mNextLook) {
+        return;
+    }
+    const std::uint64_t ended = mCounts.done + mCounts.failed;
+    const auto elapsed = std::chrono::duration<double>(now - mNextLook + lookInterval).count();
+    const auto fresh = static_cast<double>(ended - std::exchange(mEndedAtLastLook, ended));
+    if (mNextLook != TimePoint())
+        mCounts.perSecond += (fresh / elapsed - mCounts.perSecond) / 10;
+    mNextLook = now + lookInterval;
+    if (now >= mNextAudit)
+        mIsAuditDue = true;
+    // Twice what ends from look to look, so that workers do not wait for Redis.
+    if (!mOptions.prefetch)
+        mPrefetch = std::clamp(
+            static_cast<std::size_t>(2 * fresh),
+            std::size_t{mOptions.pool.workers},
+            std::max<std::size_t>(mostPrefetched, mOptions.pool.workers));
+    const nqPoolStatistics statistics = mPool.statistics();
+    mCounts.held = mHeld.size();
+    mCounts.running = statistics.running;
+    mCounts.workers = mOptions.pool.workers;
+    mCounts.connectionsLost = mCommands.lossCount() + mReader.lossCount();
+    mMetrics.write(mCounts, now);
+    mHeartbeat->comeRound(
+        {{"host", nameOfHost()},
+         {"pid", std::to_string(::getpid())},
+         {"workers", std::to_string(mCounts.workers)},
+         {"running", std::to_string(mCounts.running)},
+         {"held", std::to_string(mCounts.held)},
+         {"done", std::to_string(mCounts.done)},
+         {"failed", std::to_string(mCounts.failed)},
+         {"rate", std::to_string(static_cast<std::uint64_t>(mCounts.perSecond + 0.5))},
+         {"problem", refusalToTake()}});
+}
+
+std::string nqAgent::refusalToTake() const
+{
+    if (mPhase != Phase::Working)
+        return "leaves";
+    if (mIsWithoutWorkers)
+        return mSaidLaunch;
+    if (mIsFull)
+        return "Redis is full";
+    return {};
+}
+
+nqAgent::TimePoint nqAgent::nextDue(TimePoint now) const
+{
+    TimePoint due = std::max(mNextLook, now);
+    for (const nqRedisLink* link : {&mCommands, &mReader})
+        due = std::min(due, link->nextDue().value_or(due));
+    return due;
+}
+
+void nqAgent::say(const std::string& text)
+{
+    std::cerr << "nq-agent: " + text + '\n';
+}
+
+void nqAgent::sayOnChange(std::string& said, const std::string& text)
+{
+    if (said == text)
+        return;
+    say(text.empty() ? "goes on" : text);
+    said = text;
+}
+
+} // namespace nq

@@ -1,0 +1,275 @@
+#include "cluster/nqClusterScripts.h"
+
+#include <array>
+
+// All keys of a queue share its hash tag, so that scripts may make their names from the prefix.
+// Those that only move or end what is there already run without memory too: otherwise a full server
+// could never become emptier.
+
+namespace nq {
+
+namespace {
+
+// Who writes a job need not keep to an order of its fields.
+constexpr std::string_view fieldFunction = R"(local function field(fields, name)
+    for i = 1, #fields, 2 do
+        if fields[i] == name then return fields[i + 1] end
+    end
+    return ''
+end
+)";
+
+// A submitter arrives: from now on nobody else has its name.
+constexpr std::string_view open =
+    R"(-- KEYS: jobs, client, outcomes. ARGV: session, how long outcomes are kept, '1' for a new program
+redis.pcall('XGROUP', 'CREATE', KEYS[1], 'agents', '0', 'MKSTREAM')
+redis.call('HSET', KEYS[2], 'session', ARGV[1], 'expiry', ARGV[2])
+if ARGV[3] == '1' then redis.call('HINCRBY', KEYS[2], 'run', 1) end
+redis.call('PEXPIRE', KEYS[2], ARGV[2])
+redis.call('PEXPIRE', KEYS[3], ARGV[2])
+local had = redis.call('HMGET', KEYS[2], 'last', 'run', 'open')
+return {had[1] or '0', had[2] or '1', had[3] or '0', redis.call('XLEN', KEYS[3])}
+)";
+
+// All of these jobs are accepted, or none. They have to follow those accepted before.
+constexpr std::string_view submit =
+    R"(-- KEYS: jobs, client. ARGV: session, number of the last one before, of the last one of these,
+--   client, then of each job: id, attempt, time-out, bytes
+local had = redis.call('HMGET', KEYS[2], 'session', 'last')
+if not had[1] then return redis.error_reply('NQGONE the client is not known') end
+if had[1] ~= ARGV[1] then return redis.error_reply('NQTAKEN the client has another session') end
+if (had[2] or '0') ~= ARGV[2] then return redis.error_reply('NQGAP jobs before are missing') end
+local entries = {}
+for i = 5, #ARGV, 4 do
+    entries[#entries + 1] = redis.call('XADD', KEYS[1], '*', 'v', '1', 'client', ARGV[4],
+        'id', ARGV[i], 'attempt', ARGV[i + 1], 'timeout', ARGV[i + 2], 'job', ARGV[i + 3])
+end
+redis.call('HSET', KEYS[2], 'last', ARGV[3])
+redis.call('HINCRBY', KEYS[2], 'open', #entries)
+return entries
+)";
+
+constexpr std::string_view watch =
+    R"(-- KEYS: client, outcomes, agents. ARGV: session, how long outcomes are kept
+local session = redis.call('HGET', KEYS[1], 'session')
+if not session then return redis.error_reply('NQGONE the client is not known') end
+if session ~= ARGV[1] then return redis.error_reply('NQTAKEN the client has another session') end
+redis.call('PEXPIRE', KEYS[1], ARGV[2])
+redis.call('PEXPIRE', KEYS[2], ARGV[2])
+return redis.call('HGETALL', KEYS[3])
+)";
+
+// Takes a job out of the cluster, whether it waits or runs. That it was cancelled may be its
+// outcome, which then arrives as any other; somebody who has given up the job wants none. An empty
+// entry: looks for it, some entries in each call, and says where to look on.
+constexpr std::string_view withdraw =
+    R"(-- KEYS: jobs, client. ARGV: prefix, client, id, attempt, entry or '', where to look,
+--   '1' to have an outcome, how long outcomes are kept
+local entry, after = ARGV[5], ''
+if entry == '' then
+    local some = redis.call('XRANGE', KEYS[1], ARGV[6], '+', 'COUNT', '1000')
+    for _, each in ipairs(some) do
+        if field(each[2], 'client') == ARGV[2] and field(each[2], 'id') == ARGV[3] then
+            entry = each[1]
+        end
+    end
+    if entry == '' and #some == 1000 then after = '(' .. some[#some][1] end
+end
+if entry == '' then return {0, after} end
+local owner = redis.call('XPENDING', KEYS[1], 'agents', entry, entry, 1)
+if redis.call('XDEL', KEYS[1], entry) == 0 then return {0, ARGV[5] ~= '' and '-' or ''} end
+if redis.call('EXISTS', KEYS[2]) == 1 then redis.call('HINCRBY', KEYS[2], 'open', -1) end
+if owner[1] then
+    redis.call('XACK', KEYS[1], 'agents', entry)
+    local orders = ARGV[1] .. 'orders:' .. owner[1][2]
+    redis.call('XADD', orders, 'MAXLEN', '~', '10000', '*', 'cancel', entry)
+    redis.call('PEXPIRE', orders, 3600000)
+end
+if ARGV[7] == '1' then
+    local out = ARGV[1] .. 'out:' .. ARGV[2]
+    redis.call('XADD', out, '*', 'v', '1', 'id', ARGV[3], 'attempt', ARGV[4],
+        'state', 'cancelled', 'reason', 'cancelled')
+    redis.call('PEXPIRE', out, ARGV[8])
+end
+return {1, ''}
+)";
+
+constexpr std::string_view join = R"(-- KEYS: jobs, agents. ARGV: agent, its value
+redis.pcall('XGROUP', 'CREATE', KEYS[1], 'agents', '0', 'MKSTREAM')
+redis.call('HSET', KEYS[2], ARGV[1], ARGV[2])
+return 1
+)";
+
+// An agent lives.
+constexpr std::string_view beat =
+    R"(-- KEYS: agents, agent. ARGV: agent, its value, how long its description is kept, then the description
+if redis.call('HEXISTS', KEYS[1], ARGV[1]) == 0 then
+    return redis.error_reply('NQLOST the agent was taken for lost')
+end
+redis.call('HSET', KEYS[1], ARGV[1], ARGV[2])
+redis.call('HSET', KEYS[2], unpack(ARGV, 4))
+redis.call('PEXPIRE', KEYS[2], ARGV[3])
+return redis.call('HGETALL', KEYS[1])
+)";
+
+// Jobs have ended: each leaves the queue and its outcome arrives, unless somebody was faster.
+constexpr std::string_view finish =
+    R"(-- KEYS: jobs, agents. ARGV: prefix, agent, then of each job: entry, client, '1' to add the job's own
+--   bytes, how many arguments follow, fields and values of the outcome
+if redis.call('HEXISTS', KEYS[2], ARGV[2]) == 0 then
+    return redis.error_reply('NQLOST the agent was taken for lost')
+end
+local counts, taken, i = {}, {}, 3
+while i <= #ARGV do
+    local entry, client, size = ARGV[i], ARGV[i + 1], tonumber(ARGV[i + 3])
+    local job = ARGV[i + 2] == '1' and redis.call('XRANGE', KEYS[1], entry, entry)[1]
+    local mine = redis.call('XACK', KEYS[1], 'agents', entry) == 1
+    if mine and redis.call('XDEL', KEYS[1], entry) == 1 then
+        local out = ARGV[1] .. 'out:' .. client
+        if job then
+            local fields = {unpack(ARGV, i + 4, i + 3 + size)}
+            fields[#fields + 1] = 'bytes'
+            fields[#fields + 1] = field(job[2], 'job')
+            redis.call('XADD', out, '*', unpack(fields))
+        else
+            redis.call('XADD', out, '*', unpack(ARGV, i + 4, i + 3 + size))
+        end
+        counts[client] = (counts[client] or 0) + 1
+        taken[#taken + 1] = 1
+    else
+        taken[#taken + 1] = 0
+    end
+    i = i + 4 + size
+end
+for client, count in pairs(counts) do
+    local known = ARGV[1] .. 'client:' .. client
+    local expiry = redis.call('HGET', known, 'expiry')
+    if expiry then redis.call('HINCRBY', known, 'open', -count) end
+    redis.call('PEXPIRE', ARGV[1] .. 'out:' .. client, expiry or 86400000)
+end
+return taken
+)";
+
+// Jobs that an agent holds wait again, behind the others; as if it had never had them.
+constexpr std::string_view handBack = R"(-- KEYS: jobs, agents. ARGV: agent, entries
+if redis.call('HEXISTS', KEYS[2], ARGV[1]) == 0 then
+    return redis.error_reply('NQLOST the agent was taken for lost')
+end
+local count = 0
+for i = 2, #ARGV do
+    local job = redis.call('XRANGE', KEYS[1], ARGV[i], ARGV[i])[1]
+    if redis.call('XACK', KEYS[1], 'agents', ARGV[i]) == 1 and job then
+        redis.call('XDEL', KEYS[1], ARGV[i])
+        redis.call('XADD', KEYS[1], '*', unpack(job[2]))
+        count = count + 1
+    end
+end
+return count
+)";
+
+// An agent goes. What it still holds waits again.
+constexpr std::string_view leave = R"(-- KEYS: jobs, agents, agent, orders. ARGV: agent
+if redis.call('HDEL', KEYS[2], ARGV[1]) == 0 then return 0 end
+local count = 0
+repeat
+    local held = redis.call('XPENDING', KEYS[1], 'agents', '-', '+', 100, ARGV[1])
+    for _, each in ipairs(held) do
+        local job = redis.call('XRANGE', KEYS[1], each[1], each[1])[1]
+        redis.call('XACK', KEYS[1], 'agents', each[1])
+        if job then
+            redis.call('XDEL', KEYS[1], each[1])
+            redis.call('XADD', KEYS[1], '*', unpack(job[2]))
+            count = count + 1
+        end
+    end
+until #held == 0
+redis.call('XGROUP', 'DELCONSUMER', KEYS[1], 'agents', ARGV[1])
+redis.call('DEL', KEYS[3], KEYS[4])
+return count
+)";
+
+// What ends the jobs of a lost agent, for the two scripts that do so.
+constexpr std::string_view loseFunction = R"(local function lose(agent, message)
+    local count = 0
+    repeat
+        local held = redis.call('XPENDING', KEYS[1], 'agents', '-', '+', 100, agent)
+        for _, each in ipairs(held) do
+            local job = redis.call('XRANGE', KEYS[1], each[1], each[1])[1]
+            redis.call('XACK', KEYS[1], 'agents', each[1])
+            if job then
+                redis.call('XDEL', KEYS[1], each[1])
+                local client = field(job[2], 'client')
+                redis.call('XADD', ARGV[1] .. 'out:' .. client, '*', 'v', '1', 'id',
+                    field(job[2], 'id'), 'attempt', field(job[2], 'attempt'), 'state', 'failed', 'agent', agent, 'reason', 'lost',
+                    'message', message, 'bytes', field(job[2], 'job'))
+                local known = ARGV[1] .. 'client:' .. client
+                local expiry = redis.call('HGET', known, 'expiry')
+                if expiry then redis.call('HINCRBY', known, 'open', -1) end
+                redis.call('PEXPIRE', ARGV[1] .. 'out:' .. client, expiry or 86400000)
+                count = count + 1
+            end
+        end
+    until #held == 0
+    redis.call('XGROUP', 'DELCONSUMER', KEYS[1], 'agents', agent)
+    redis.call('DEL', ARGV[1] .. 'agent:' .. agent, ARGV[1] .. 'orders:' .. agent)
+    return count
+end
+)";
+
+// An agent whose value has not changed for as long as it should have: whoever sees it first ends
+// its jobs.
+constexpr std::string_view lose =
+    R"(-- KEYS: jobs, agents. ARGV: prefix, agent, the value that was seen, message
+if redis.call('HGET', KEYS[2], ARGV[2]) ~= ARGV[3] then return -1 end
+redis.call('HDEL', KEYS[2], ARGV[2])
+return lose(ARGV[2], ARGV[4])
+)";
+
+// What was given to an agent that had been taken for lost, and does not know it yet.
+constexpr std::string_view sweep = R"(-- KEYS: jobs, agents. ARGV: prefix
+local count = 0
+if redis.call('EXISTS', KEYS[1]) == 0 then return 0 end
+local ok = redis.pcall('XINFO', 'CONSUMERS', KEYS[1], 'agents')
+if ok.err then return 0 end
+for _, each in ipairs(ok) do
+    if redis.call('HEXISTS', KEYS[2], each[2]) == 0 then
+        count = count + lose(each[2], 'agent ' .. each[2] .. ' was lost')
+    end
+end
+return count
+)";
+
+struct Script {
+    std::string_view body;
+    std::string_view functions; // that it calls
+    bool takesMemory = false;   // and so is refused while there is none
+};
+
+// In the order of nqScript.
+constexpr std::array<Script, nqScriptCount> scripts{{
+    {open, {}},
+    {submit, {}, true},
+    {watch, {}},
+    {withdraw, {}},
+    {join, {}},
+    {beat, {}},
+    {finish, {}},
+    {handBack, {}},
+    {leave, {}},
+    {lose, loseFunction},
+    {sweep, loseFunction},
+}};
+
+} // namespace
+
+std::string textOf(nqScript script)
+{
+    const Script& chosen = scripts[static_cast<std::size_t>(script)];
+    std::string text = chosen.takesMemory ? "#!lua\n" : "#!lua flags=allow-oom\n";
+    text += fieldFunction;
+    text += chosen.functions;
+    text += chosen.body;
+    return text;
+}
+
+} // namespace nq
