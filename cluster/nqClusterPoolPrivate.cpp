@@ -489,9 +489,7 @@ void nqClusterPoolPrivate::onWatched(const nqRedisReply& reply, TimePoint asked)
         command.add(mKeys.prefix).add(lost.agent).add(lost.value).add(lost.message);
         mCommands.send(std::move(command), {});
     }
-    mCommands.send(
-        std::move(mCommands.script(nqScript::Sweep, {mKeys.jobs, mKeys.agents}).add(mKeys.prefix)),
-        {});
+    mCommands.send(mCommands.script(nqScript::Sweep, {mKeys.jobs, mKeys.agents}), {});
     mHasWatched = true;
     if (isBusy())
         mNextWatch = std::min(mNextWatch, asked + mSigns.interval());

@@ -167,28 +167,36 @@ end
 return count
 )";
 
-// An agent goes. What it still holds waits again.
-constexpr std::string_view leave = R"(-- KEYS: jobs, agents, agent, orders. ARGV: agent
-if redis.call('HDEL', KEYS[2], ARGV[1]) == 0 then return 0 end
-local count = 0
-repeat
-    local held = redis.call('XPENDING', KEYS[1], 'agents', '-', '+', 100, ARGV[1])
-    for _, each in ipairs(held) do
-        local job = redis.call('XRANGE', KEYS[1], each[1], each[1])[1]
-        redis.call('XACK', KEYS[1], 'agents', each[1])
-        if job then
-            redis.call('XDEL', KEYS[1], each[1])
-            redis.call('XADD', KEYS[1], '*', unpack(job[2]))
-            count = count + 1
+// Lets what a consumer holds wait again, behind the others, as if it had never had it.
+constexpr std::string_view giveBackFunction = R"(
+local function giveBack(agent)
+    local count = 0
+    repeat
+        local held = redis.call('XPENDING', KEYS[1], 'agents', '-', '+', 100, agent)
+        for _, each in ipairs(held) do
+            local job = redis.call('XRANGE', KEYS[1], each[1], each[1])[1]
+            redis.call('XACK', KEYS[1], 'agents', each[1])
+            if job then
+                redis.call('XDEL', KEYS[1], each[1])
+                redis.call('XADD', KEYS[1], '*', unpack(job[2]))
+                count = count + 1
+            end
         end
-    end
-until #held == 0
-redis.call('XGROUP', 'DELCONSUMER', KEYS[1], 'agents', ARGV[1])
-redis.call('DEL', KEYS[3], KEYS[4])
-return count
+    until #held == 0
+    redis.call('XGROUP', 'DELCONSUMER', KEYS[1], 'agents', agent)
+    return count
+end
 )";
 
-// What ends the jobs of a lost agent, for the two scripts that do so.
+// An agent goes.
+constexpr std::string_view leave = R"(
+-- KEYS: jobs, agents, agent, orders. ARGV: agent
+if redis.call('HDEL', KEYS[2], ARGV[1]) == 0 then return 0 end
+redis.call('DEL', KEYS[3], KEYS[4])
+return giveBack(ARGV[1])
+)";
+
+// Ends the jobs of a lost agent.
 constexpr std::string_view loseFunction = R"(local function lose(agent, message)
     local count = 0
     repeat
@@ -233,7 +241,7 @@ local ok = redis.pcall('XINFO', 'CONSUMERS', KEYS[1], 'agents')
 if ok.err then return 0 end
 for _, each in ipairs(ok) do
     if redis.call('HEXISTS', KEYS[2], each[2]) == 0 then
-        count = count + lose(each[2], 'agent ' .. each[2] .. ' was lost')
+        count = count + giveBack(each[2])
     end
 end
 return count
@@ -255,9 +263,9 @@ constexpr std::array<Script, nqScriptCount> scripts{{
     {beat, {}},
     {finish, {}},
     {handBack, {}},
-    {leave, {}},
+    {leave, giveBackFunction},
     {lose, loseFunction},
-    {sweep, loseFunction},
+    {sweep, giveBackFunction},
 }};
 
 } // namespace

@@ -155,6 +155,7 @@ void nqAgent::becomeLost()
     mCounts.dropped += mFinished.size();
     mFinished.clear();
     mToHandBack.clear();
+    mReader.restart(); // or it would take one more in the old name
     for (auto& [entry, held] : std::exchange(mHeld, {})) {
         if (held.local != 0)
             mPool.cancel(held.local);

@@ -211,10 +211,7 @@ void nqHeartbeat::onBeaten(const nqRedisReply& reply, TimePoint asked)
     // Of a thousand agents, about one does this at a time.
     thread_local std::minstd_rand random{std::random_device()()};
     if (std::uniform_int_distribution<std::size_t>(0, mSigns.count())(random) == 0)
-        mCommands.send(
-            std::move(
-                mCommands.script(nqScript::Sweep, {mKeys.jobs, mKeys.agents}).add(mKeys.prefix)),
-            {});
+        mCommands.send(mCommands.script(nqScript::Sweep, {mKeys.jobs, mKeys.agents}), {});
 }
 
 // Results go into a full server still, or it could never become emptier; but no new ones are made.

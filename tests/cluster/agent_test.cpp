@@ -1,0 +1,270 @@
+#include "tests/cluster/clusterFixture.h"
+
+#include "tests/common/processes.h"
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+namespace cluster {
+
+using nq::nqAttempt;
+using nq::nqJobOptions;
+using nq::nqOutcome;
+using Reason = nqAttempt::Reason;
+
+class Agent : public Cluster {};
+
+TEST_F(Agent, losesItsJobsWhenItIsKilled)
+{
+    const auto agent = startAgent("host7");
+    const auto pool = makePool();
+    const std::string job = waiting("long");
+    pool->submit(job);
+    ASSERT_TRUE(runs(*pool, "long"));
+    agent->signal(SIGKILL);
+    const nqOutcome outcome = nextOf(*pool);
+    EXPECT_EQ(outcome.reason, Reason::Lost);
+    EXPECT_EQ(outcome.text(), job);
+    EXPECT_EQ(outcome.message.find("agent host7 was lost, "), 0U) << outcome.message;
+    EXPECT_NE(outcome.message.find(" s after its last sign of life"), std::string::npos);
+}
+
+TEST_F(Agent, leavesItsJobsToAnotherOneWhenItIsKilled)
+{
+    const auto first = startAgent("first");
+    const auto pool = makePool();
+    nqJobOptions options;
+    options.retry = attempts(2);
+    pool->submit(waiting("long"), options);
+    ASSERT_TRUE(runs(*pool, "long"));
+    first->signal(SIGKILL);
+    const auto second = startAgent("second");
+    end("long");
+    const nqOutcome outcome = nextOf(*pool);
+    EXPECT_TRUE(outcome) << outcome.failureText();
+    ASSERT_EQ(outcome.earlierAttempts.size(), 1U);
+    EXPECT_EQ(outcome.earlierAttempts.front().reason, Reason::Lost);
+}
+
+TEST_F(Agent, isFoundLostByOtherAgentsWhileNobodySubmits)
+{
+    nq::nqClusterOptions cluster;
+    cluster.client = "reports";
+    const auto first = startAgent("first");
+    {
+        const auto before = makePool({}, cluster);
+        before->submit(waiting("long"));
+        ASSERT_TRUE(runs(*before, "long"));
+    }
+    const auto second = startAgent("second");
+    first->signal(SIGKILL);
+    const auto end = std::chrono::steady_clock::now() + common::generousLimit;
+    while (mRedis->ask({"XLEN", "nq:{tests}:out:reports"}) != "1")
+        ASSERT_LT(std::chrono::steady_clock::now(), end);
+    const auto pool = makePool({}, cluster);
+    EXPECT_EQ(nextOf(*pool).reason, Reason::Lost);
+}
+
+TEST_F(Agent, losesItsLeaseWhileItIsStoppedAndStartsAnewAfterwards)
+{
+    const auto agent = startAgent("agent");
+    const auto pool = makePool();
+    pool->submit(waiting("long"));
+    ASSERT_TRUE(runs(*pool, "long"));
+    agent->signal(SIGSTOP);
+    EXPECT_EQ(nextOf(*pool).reason, Reason::Lost);
+    agent->signal(SIGCONT);
+    EXPECT_TRUE(agent->says("was cut off for longer than its lease"));
+    pool->submit("echo again");
+    EXPECT_EQ(nextOf(*pool).text(), "again");
+}
+
+TEST_F(Agent, keepsItsLeaseThroughAJobThatTakesSeveral)
+{
+    const auto agent = startAgent("agent", {"--lease", "0.5"});
+    const auto pool = makePool();
+    pool->submit(waiting("long"));
+    ASSERT_TRUE(runs(*pool, "long"));
+    const auto leases = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    pumpUntil(*pool, [&] { return std::chrono::steady_clock::now() > leases; });
+    end("long");
+    EXPECT_EQ(nextOf(*pool).text(), "waited");
+}
+
+TEST_F(Agent, finishesWhatRunsAndHandsBackTheRestWhenAskedToLeave)
+{
+    const auto first = startAgent("first", {"--workers", "1", "--prefetch", "1"});
+    const auto pool = makePool();
+    std::string results;
+    const auto note = [&results](nqOutcome&& outcome) { results += outcome.text(); };
+    pool->submit(waiting("long"), note);
+    ASSERT_TRUE(runs(*pool, "long"));
+    pool->submit("echo ed", note);
+    ASSERT_TRUE(pumpUntil(*pool, [&] {
+        return mRedis->ask({"XPENDING", jobsKey, "agents"}).substr(0, 1) == "2";
+    }));
+    first->signal(SIGTERM);
+    ASSERT_TRUE(first->says("finishes 1 jobs and hands back 1"));
+    const auto second = startAgent("second");
+    ASSERT_TRUE(pumpUntil(*pool, [&] { return results == "ed"; }));
+    end("long");
+    EXPECT_TRUE(pumpUntil(*pool, [&] { return results == "edwaited"; }));
+    EXPECT_EQ(first->wait(), 0);
+}
+
+TEST_F(Agent, endsAtOnceWhenAskedTwiceAndLeavesItsJobsToOthers)
+{
+    const auto first = startAgent("first");
+    const auto pool = makePool();
+    pool->submit(waiting("long"));
+    ASSERT_TRUE(runs(*pool, "long"));
+    first->signal(SIGTERM);
+    ASSERT_TRUE(first->says("finishes 1"));
+    first->signal(SIGTERM);
+    EXPECT_EQ(first->wait(), 1);
+    end("long");
+    const auto second = startAgent("second");
+    const nqOutcome outcome = nextOf(*pool);
+    EXPECT_EQ(outcome.text(), "waited");
+    EXPECT_TRUE(outcome.earlierAttempts.empty());
+}
+
+TEST_F(Agent, leavesNothingOfItselfInRedis)
+{
+    const auto agent = startAgent("agent");
+    const auto pool = makePool();
+    pool->submit("echo");
+    nextOf(*pool);
+    agent->signal(SIGTERM);
+    EXPECT_EQ(agent->wait(), 0);
+    EXPECT_EQ(mRedis->ask({"KEYS", "nq:{tests}:*agent*"}), "");
+    EXPECT_EQ(mRedis->ask({"XINFO", "CONSUMERS", jobsKey, "agents"}), "");
+}
+
+TEST_F(Agent, takesUpItsWorkWhenRedisComesBackEmpty)
+{
+    const auto agent = startAgent("agent");
+    const auto pool = makePool();
+    pool->submit("echo before");
+    EXPECT_EQ(nextOf(*pool).text(), "before");
+    mRedis->kill();
+    mRedis->start();
+    pool->submit("echo after");
+    EXPECT_EQ(nextOf(*pool).text(), "after");
+}
+
+TEST_F(Agent, bringsItsOutcomeAfterRedisWasAway)
+{
+    startRedis({"--appendonly", "yes", "--appendfsync", "always"});
+    const auto agent = startAgent("agent", {"--lease", "5"});
+    const auto pool = makePool();
+    pool->submit(waiting("long"));
+    ASSERT_TRUE(runs(*pool, "long"));
+    mRedis->kill();
+    end("long");
+    mRedis->start();
+    EXPECT_EQ(nextOf(*pool).text(), "waited");
+}
+
+TEST_F(Agent, takesNoMoreThanItsWorkersAndWhatItMayHoldBesides)
+{
+    const auto agent = startAgent("agent", {"--workers", "1", "--prefetch", "2"});
+    const auto pool = makePool();
+    for (int i = 0; i < 10; ++i)
+        pool->submit(waiting("long"));
+    ASSERT_TRUE(runs(*pool, "long"));
+    EXPECT_TRUE(pumpUntil(*pool, [&] {
+        return mRedis->ask({"XPENDING", jobsKey, "agents"}).substr(0, 1) == "3";
+    }));
+    end("long");
+    EXPECT_TRUE(pool->drain());
+}
+
+TEST_F(Agent, leavesJobsOfANewerVersionToOthersAndSaysSo)
+{
+    const auto pool = makePool();
+    const auto agent = startAgent("agent");
+    mRedis->ask(
+        {"XADD", jobsKey, "*", "v", "2", "client", "x", "id", "1", "attempt", "1", "job", ""});
+    EXPECT_TRUE(agent->says("leaves jobs of a newer version (2) to others"));
+    pool->submit("echo mine");
+    EXPECT_EQ(nextOf(*pool).text(), "mine");
+    EXPECT_EQ(mRedis->ask({"XLEN", jobsKey}), "1");
+}
+
+TEST_F(Agent, takesOutOfTheQueueWhatIsNoJob)
+{
+    const auto pool = makePool();
+    mRedis->ask({"XADD", jobsKey, "*", "some", "thing"});
+    const auto agent = startAgent("agent");
+    EXPECT_TRUE(agent->says("something in the queue that is no job"));
+    pool->submit("echo mine");
+    EXPECT_EQ(nextOf(*pool).text(), "mine");
+}
+
+TEST_F(Agent, runsWhatWasGivenToANameThatNobodyHas)
+{
+    const auto pool = makePool();
+    pool->submit("echo");
+    ASSERT_TRUE(pumpUntil(*pool, [&] { return mRedis->ask({"XLEN", jobsKey}) == "1"; }));
+    mRedis->ask({"XREADGROUP", "GROUP", "agents", "ghost", "STREAMS", jobsKey, ">"});
+    const auto agent = startAgent("agent");
+    const nqOutcome outcome = nextOf(*pool);
+    EXPECT_TRUE(outcome) << outcome.failureText();
+    EXPECT_TRUE(outcome.earlierAttempts.empty());
+}
+
+TEST_F(Agent, findsAJobWhoseDeliveryItHasNotReceived)
+{
+    const auto agent = startAgent("agent", {"--workers", "1", "--prefetch", "0"});
+    const auto pool = makePool();
+    pool->submit(waiting("long"));
+    ASSERT_TRUE(runs(*pool, "long")); // so it reads no more
+    pool->submit("echo found");
+    ASSERT_TRUE(pumpUntil(*pool, [&] { return mRedis->ask({"XLEN", jobsKey}) == "2"; }));
+    // As over a connection that broke before the answer came.
+    mRedis->ask({"XREADGROUP", "GROUP", "agents", "agent", "STREAMS", jobsKey, ">"});
+    end("long");
+    EXPECT_TRUE(pool->drain());
+    EXPECT_EQ(pool->statistics().done, 2U);
+}
+
+TEST_F(Agent, refusesToServeWithAWorkerThatCannotBeStarted)
+{
+    const auto agent = launchAgent("agent", {}, "/bin/false");
+    EXPECT_EQ(agent->wait(), 1);
+    EXPECT_NE(agent->printed().find("nq-agent: "), std::string::npos);
+}
+
+TEST_F(Agent, showsTheQueueAndItsAgents)
+{
+    const auto agent = startAgent("agent");
+    const auto pool = makePool();
+    pool->submit(waiting("long"));
+    ASSERT_TRUE(runs(*pool, "long"));
+    Program status({NQ_AGENT, "status", "--redis", mRedis->url(), "--queue", queue});
+    EXPECT_EQ(status.wait(), 0);
+    EXPECT_NE(
+        status.printed().find("queue tests: 0 jobs wait, 1 are with agents"), std::string::npos)
+        << status.printed();
+    EXPECT_NE(status.printed().find("\nagent  "), std::string::npos);
+    end("long");
+    EXPECT_TRUE(pool->drain());
+}
+
+TEST_F(Agent, writesItsCountsIntoAFile)
+{
+    const std::string path = mFolder.file("metrics");
+    const auto agent = startAgent("agent", {"--metrics", path});
+    const auto pool = makePool();
+    pool->submit("echo");
+    nextOf(*pool);
+    EXPECT_TRUE(pumpUntil(*pool, [&] {
+        return common::contentOf(path).find(
+                   "nq_agent_jobs_done_total{queue=\"tests\",agent=\"agent\"} 1\n") !=
+               std::string::npos;
+    }));
+}
+
+} // namespace cluster

@@ -1,0 +1,49 @@
+// The worker of these tests: a job says what it does.
+//
+//   echo TEXT     gives TEXT back
+//   wait FILE     says so by making FILE.started, and waits until FILE is there
+//   crash         ends by a signal
+//   large N       gives N bytes
+//   reverse TEXT  any other job is reversed as well
+#include <nqPoolWorker.h>
+
+#include <csignal>
+#include <fstream>
+#include <poll.h>
+#include <string>
+#include <string_view>
+#include <unistd.h>
+
+namespace {
+
+void waitFor(const std::string& path)
+{
+    std::ofstream(path + ".started") << ::getpid();
+    while (::access(path.c_str(), F_OK) != 0)
+        ::poll(nullptr, 0, 5);
+}
+
+std::string work(std::string_view job)
+{
+    const std::size_t blank = job.find(' ');
+    const std::string_view name = job.substr(0, blank);
+    const std::string argument(blank == job.npos ? std::string_view() : job.substr(blank + 1));
+    if (name == "echo")
+        return argument;
+    if (name == "wait") {
+        waitFor(argument);
+        return "waited";
+    }
+    if (name == "crash")
+        ::raise(SIGSEGV);
+    if (name == "large")
+        return std::string(std::stoul(argument), 'x');
+    return {job.rbegin(), job.rend()};
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    return nq::runWorker(argc, argv, work);
+}
