@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <iostream>
+#include <unistd.h>
 #include <utility>
 
 // The ledger has every job that has no outcome. Redis counts the jobs that it accepts from a
@@ -23,6 +24,7 @@ constexpr std::chrono::milliseconds noLimit{-1};
 constexpr std::chrono::milliseconds progressInterval{100};
 constexpr std::chrono::milliseconds pauseAfterRefusal{250};
 constexpr std::chrono::milliseconds longestStop{2'000};
+constexpr std::chrono::milliseconds longestGoodbye{1'000};
 constexpr std::chrono::milliseconds idleWatch{10'000};
 
 constexpr unsigned idBitsOfOneRun = 32; // above them: which program with the client's name it is
@@ -134,8 +136,19 @@ nqClusterPoolPrivate::~nqClusterPoolPrivate()
         std::cerr << "nqClusterPool: destroyed by one of its own callbacks" << std::endl;
         std::abort(); // the operation would go on in freed memory
     }
+    if (::getpid() != mOwner)
+        return; // the connections are those of the process that made it
+    // What the host has been told must not be told again to the next program with the client's
+    // name.
+    const TimePoint end = nqClusterClock::now() + longestGoodbye;
     sendTaken();
-    mCommands.flush();
+    while (!(mToDelete.empty() && mDeleting.empty()) && nqClusterClock::now() < end) {
+        mCommands.step();
+        sendTaken();
+        mCommands.flush();
+        const TimePoint due = std::min(end, mCommands.nextDue().value_or(end));
+        mWait.sleep(untilAtLeast(due, nqClusterClock::now()));
+    }
 }
 
 void nqClusterPoolPrivate::connect()
@@ -453,14 +466,17 @@ void nqClusterPoolPrivate::sendTaken()
         nqRedisCommand command{"XDEL", mOutcomesKey};
         for (const std::string& entry : entries)
             command.add(entry);
-        // Those without an answer stay among what is held, and are deleted when they come again.
-        mCommands.send(
-            std::move(command), [this, entries = std::move(entries)](const nqRedisReply& reply) {
+        mDeleting.push_back(std::move(entries));
+        mCommands.send(std::move(command), [this](const nqRedisReply& reply) {
+            const std::vector<std::string> deleted = std::move(mDeleting.front());
+            mDeleting.pop_front();
+            for (const std::string& entry : deleted) {
                 if (reply.isError())
-                    return;
-                for (const std::string& entry : entries)
+                    mToDelete.push_back(entry);
+                else
                     mHeld.erase(entry);
-            });
+            }
+        });
     }
 }
 
@@ -511,6 +527,8 @@ void nqClusterPoolPrivate::onDown(nqRedisLink& link)
         return;
     }
     mIsOpen = false;
+    for (const std::vector<std::string>& entries : std::exchange(mDeleting, {}))
+        mToDelete.insert(mToDelete.end(), entries.begin(), entries.end());
     for (const Batch& batch : mInFlight)
         mReturned.insert(mReturned.end(), batch.ids.begin(), batch.ids.end());
     mInFlight.clear();
@@ -652,12 +670,12 @@ void nqClusterPoolPrivate::onLeftOutcome(nqOutcomeMessage&& message)
         mIsTakenOver = true; // it is not ours to delete
         return;
     }
+    if (id <= mBaseId && mLeft != 0)
+        --mLeft; // one that was tried again may have left two
     if (id > mBaseId || !mLeftSeen.insert(id).second) {
         dropOutcome(message.entry);
         return;
     }
-    if (mLeft != 0)
-        --mLeft;
     countOutcome(message.outcome);
     mDelivery.add({std::move(message.outcome), {}, std::move(message.entry)});
 }

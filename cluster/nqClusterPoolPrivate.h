@@ -16,6 +16,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unistd.h>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -178,6 +179,7 @@ private:
     std::uint64_t mReadCount = 16;
     std::unordered_set<std::string> mHeld; ///< entries that were read and are not deleted yet
     std::vector<std::string> mToDelete;
+    std::deque<std::vector<std::string>> mDeleting; ///< without an answer
     nqClusterDelivery mDelivery;
     std::size_t mLeft = 0; ///< outcomes of the client before that have not come
     std::unordered_set<nqJobId> mLeftSeen;
@@ -187,6 +189,7 @@ private:
     TimePoint mNextWatch;
     bool mHasWatched = false; ///< so that the number of agents is known
 
+    const pid_t mOwner = ::getpid();
     bool mIsStopped = false;
     bool mIsInCallback = false;
     bool mIsDraining = false;

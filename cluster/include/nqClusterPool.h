@@ -62,7 +62,8 @@ public:
         const nqPoolOptions& options = {},
         const nqClusterOptions& cluster = {});
 
-    /// Leaves at once. Jobs stay in the queue, are run, and their outcomes kept for the next
+    /// Leaves at once, or within a second where Redis is slow to hear which outcomes the host has
+    /// had. Jobs stay in the queue, are run, and their outcomes kept for the next
     /// program with the client's name; stop() takes them out.
     ~nqClusterPool();
 
