@@ -2,6 +2,7 @@
 //
 //   echo TEXT     gives TEXT back
 //   wait FILE     says so by making FILE.started, and waits until FILE is there
+//   pause MS      takes that long
 //   crash         ends by a signal
 //   large N       gives N bytes
 //   reverse TEXT  any other job is reversed as well
@@ -33,6 +34,10 @@ std::string work(std::string_view job)
     if (name == "wait") {
         waitFor(argument);
         return "waited";
+    }
+    if (name == "pause") {
+        ::poll(nullptr, 0, std::stoi(argument));
+        return argument;
     }
     if (name == "crash")
         ::raise(SIGSEGV);
