@@ -8,6 +8,7 @@
 # those after it; of the operating system only select(), and only in the pump, which also names what
 # unwinds the stack of a cancelled thread. One look upwards is allowed: the record of a worker takes
 # jobs from the queues and hands its results to them. system/linux/: the system and system/.
+# cluster/: the system, its own folder, and the pool's public headers.
 # pool/include/: the standard library, include/ and its own folder. pool/: the system, its own folder,
 # and of the other libraries include/ and the header for loggers. tools/: the system, its own folder, and
 # the pool library's public headers.
@@ -69,6 +70,10 @@ check "support/" "$below_support" "${support[@]}"
 check "pool/include/" "$standard|$public|\"($pool_headers)\"" pool/include/*.h
 check "pool/" "<[a-z0-9_./]+>|$public|\"pool/(include/)?nq[A-Za-z]+\.h\"|\"($pool_headers)\"|\"system/nqLog\.h\"" \
     pool/*.h pool/*.cpp
+cluster_headers=$(cd cluster/include && printf '%s|' *.h)nqExport.h
+check "cluster/include/" "$standard|$public|\"($cluster_headers)\"|\"($pool_headers)\"" cluster/include/*.h
+check "cluster/" "<[a-z0-9_./]+>|\"cluster/(include/|agent/)?nq[A-Za-z]+\.h\"|\"pool/include/nq[A-Za-z]+\.h\"" \
+    cluster/*.h cluster/*.cpp cluster/agent/*.h cluster/agent/*.cpp
 check "system/linux/" '<[a-z0-9_./]+>|"system/(linux/)?nq[A-Za-z]+\.h"' system/linux/*.h system/linux/*.cpp
 
 check "tools/nqrun/" "<[a-zA-Z0-9_./+]+>|\"tools/nqrun/[a-z_]+\.h\"" tools/nqrun/*.h tools/nqrun/*.cpp
