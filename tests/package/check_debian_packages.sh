@@ -18,13 +18,14 @@ expect() {
     [[ $found == "$3" ]] || fail "$2 of $1 is '$found' instead of '$3'"
 }
 version=3.0.0-1
-for package in libnqsystem3.0 libnqschedulerapi3.0 libnqpool0.1 libnqschedulerapi-dev nqrun; do
+for package in libnqsystem3.0 libnqschedulerapi3.0 libnqpool0.1 libnqcluster0.1 nq-agent \
+    libnqschedulerapi-dev nqrun; do
     expect "$package" Package "$package"
     expect "$package" Version "$version"
     expect "$package" Architecture amd64
 done
 expect libnqschedulerapi-dev Depends \
-    "libnqschedulerapi3.0 (= $version), libnqsystem3.0 (= $version), libnqpool0.1 (= $version)"
+    "libnqschedulerapi3.0 (= $version), libnqsystem3.0 (= $version), libnqpool0.1 (= $version), libnqcluster0.1 (= $version)"
 
 # expect_depends PACKAGE OURS: it names the packages of our libraries that it needs, then those of the
 # libraries of the system.
@@ -36,6 +37,10 @@ expect_depends() {
 expect_depends libnqschedulerapi3.0 "libnqsystem3.0 (= $version)"
 expect_depends libnqpool0.1 "libnqschedulerapi3.0 (= $version), libnqsystem3.0 (= $version)"
 expect_depends nqrun "libnqpool0.1 (= $version)"
+for package in libnqcluster0.1 nq-agent; do
+    expect_depends "$package" \
+        "libnqschedulerapi3.0 (= $version), libnqsystem3.0 (= $version), libnqpool0.1 (= $version)"
+done
 
 # expect_library NAME SOVERSION
 expect_library() {
@@ -49,6 +54,7 @@ expect_library() {
 expect_library libnqSystem 3.0
 expect_library libnqSchedulerAPI 3.0
 expect_library libnqPool 0.1
+expect_library libnqCluster 0.1
 
 for file in "$folder"/build/*.deb; do
     dpkg-deb --extract "$file" "$folder/root"

@@ -11,6 +11,9 @@ set(CPACK_COMPONENTS_ALL nqSystem nqSchedulerAPI nqPool nqDevelopment)
 if(TARGET nqrun)
     list(APPEND CPACK_COMPONENTS_ALL nqrun)
 endif()
+if(TARGET nqCluster)
+    list(APPEND CPACK_COMPONENTS_ALL nqCluster nqAgent)
+endif()
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
@@ -59,10 +62,32 @@ set(CPACK_COMPONENT_NQPOOL_DESCRIPTION
 Identities, callbacks and futures, retries, limits for each job and bounded
 queues on top of libnqschedulerapi${soVersion}. A program may be its own worker.")
 
+set(developmentLibraries "${schedulerLibraries}, libnqpool${poolSoVersion} ${sameVersion}")
+if(TARGET nqCluster)
+    get_target_property(clusterSoVersion nqCluster SOVERSION)
+    string(APPEND developmentLibraries ", libnqcluster${clusterSoVersion} ${sameVersion}")
+    set(poolLibraries "${schedulerLibraries}, libnqpool${poolSoVersion} ${sameVersion}")
+
+    set(CPACK_DEBIAN_NQCLUSTER_PACKAGE_NAME libnqcluster${clusterSoVersion})
+    set(CPACK_DEBIAN_NQCLUSTER_PACKAGE_SECTION libs)
+    set(CPACK_DEBIAN_NQCLUSTER_PACKAGE_DEPENDS "${poolLibraries}")
+    set(CPACK_COMPONENT_NQCLUSTER_DESCRIPTION
+        "runs jobs in worker processes of several machines
+The pool of libnqpool${poolSoVersion} with a queue in Redis between the program that has
+jobs and the machines that run nq-agent.")
+
+    set(CPACK_DEBIAN_NQAGENT_PACKAGE_NAME nq-agent)
+    set(CPACK_DEBIAN_NQAGENT_PACKAGE_SECTION net)
+    set(CPACK_DEBIAN_NQAGENT_PACKAGE_DEPENDS "${poolLibraries}")
+    set(CPACK_COMPONENT_NQAGENT_DESCRIPTION
+        "serves a queue of jobs in Redis with worker processes
+Takes jobs that programs with libnqcluster${clusterSoVersion} have put there, runs them in
+worker processes on this machine, and puts their outcomes back.")
+endif()
+
 set(CPACK_DEBIAN_NQDEVELOPMENT_PACKAGE_NAME libnqschedulerapi-dev)
 set(CPACK_DEBIAN_NQDEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_NQDEVELOPMENT_PACKAGE_DEPENDS
-    "${schedulerLibraries}, libnqpool${poolSoVersion} ${sameVersion}")
+set(CPACK_DEBIAN_NQDEVELOPMENT_PACKAGE_DEPENDS "${developmentLibraries}")
 set(CPACK_COMPONENT_NQDEVELOPMENT_DESCRIPTION
     "runs jobs in a pool of supervised worker processes (development files)
 Headers, and what CMake, pkg-config and the linker need to build hosts and
@@ -90,5 +115,16 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
         COMPONENT ${component}
         EXCLUDE_FROM_ALL)
 endforeach()
+
+if(TARGET nq-agent)
+    execute_process(
+        COMMAND gzip --best --no-name --stdout ${PROJECT_SOURCE_DIR}/cluster/agent/nq-agent.1
+        OUTPUT_FILE ${CMAKE_CURRENT_BINARY_DIR}/nq-agent.1.gz COMMAND_ERROR_IS_FATAL ANY)
+    install(
+        FILES ${CMAKE_CURRENT_BINARY_DIR}/nq-agent.1.gz
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
+        COMPONENT nqAgent
+        EXCLUDE_FROM_ALL)
+endif()
 
 include(CPack)
