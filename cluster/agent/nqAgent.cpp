@@ -29,6 +29,7 @@ constexpr std::size_t mostPrefetched = 1000;
 constexpr std::size_t auditedAtOnce = 10'000; // more than an agent ever holds
 
 constexpr std::chrono::milliseconds pauseAfterRefusal{250};
+constexpr std::chrono::milliseconds longestGathering{1};
 constexpr std::chrono::milliseconds pauseForOthers{1'000}; // with a job of a newer version
 constexpr std::chrono::milliseconds lookInterval{100};
 constexpr std::chrono::milliseconds longestLaunchPause{30'000};
@@ -64,8 +65,8 @@ nqAgent::nqAgent(const nqAgentOptions& options, int signals)
       mMetrics(options.metrics, options.queue, options.name.empty() ? nameOfHost() : options.name)
 {
     mPrefetch = options.prefetch.value_or(options.pool.workers);
-    mWait.watch(mPool.waitDescriptor(), mWatcher, false);
-    mWait.watch(mSignals, mWatcher, false);
+    mWait.watch(mPool.waitDescriptor(), mPoolWatcher, false);
+    mWait.watch(mSignals, mSignalWatcher, false);
 }
 
 nqAgent::~nqAgent() = default;
@@ -81,7 +82,7 @@ int nqAgent::run()
         mOptions.queue,
         mOptions.name.empty() ? uniqueName() : requireName(mOptions.name, "agent"),
         mOptions.lease});
-    mWait.watch(mHeartbeat->descriptor(), mWatcher, false);
+    mWait.watch(mHeartbeat->descriptor(), mNewsWatcher, false);
     say("takes jobs from queue " + mOptions.queue + " for " +
         std::to_string(mOptions.pool.workers) + " workers");
     while (mPhase != Phase::Gone) {
@@ -96,8 +97,10 @@ int nqAgent::run()
 void nqAgent::step()
 {
     const TimePoint now = nqClusterClock::now();
-    hearRequests();
-    hearNews();
+    if (std::exchange(mSignalWatcher.hasNews, false))
+        hearRequests();
+    if (std::exchange(mNewsWatcher.hasNews, false))
+        hearNews();
     mCommands.step();
     mReader.step();
     runPool();
@@ -179,7 +182,9 @@ void nqAgent::read()
         return;
     if (std::exchange(mIsAuditDue, false))
         audit();
-    if (mIsFull || mIsWithoutWorkers || room() == 0)
+    // Not one at a time, where many are held.
+    const std::size_t enough = std::max<std::size_t>((mOptions.pool.workers + mPrefetch) / 4, 1);
+    if (mIsFull || mIsWithoutWorkers || room() < enough)
         return;
     mIsReading = true;
     nqRedisCommand command{"XREADGROUP", "GROUP", "agents", mName, "COUNT"};
@@ -275,14 +280,25 @@ void nqAgent::finish(const std::string& entry, nqOutcome&& outcome)
     Finished finished{entry, held.client, fieldsOf(outcome, held.id, held.attempt), nullptr};
     if (outcome.state == State::Done)
         finished.result = std::make_shared<std::vector<char>>(std::move(outcome.bytes));
+    if (mFinished.empty())
+        mFinishedSince = nqClusterClock::now();
     mFinished.push_back(std::move(finished));
+}
+
+/// While other jobs run, outcomes gather for a moment: a script for each would cost Redis, and
+/// whoever waits for them, more than all else.
+bool nqAgent::canSendFinished(TimePoint now) const
+{
+    if (mFinished.empty() || !mCommands.isReady() || mName.empty() ||
+        mInFlightBytes >= bytesInFlight || mInFlight.size() >= batchesInFlight || now < mNextTry)
+        return false;
+    return mFinished.size() >= outcomesOfOneBatch || mFinished.size() == mHeld.size() ||
+           now >= mFinishedSince + longestGathering;
 }
 
 void nqAgent::sendFinished()
 {
-    while (!mFinished.empty() && mCommands.isReady() && !mName.empty() &&
-           mInFlightBytes < bytesInFlight && mInFlight.size() < batchesInFlight &&
-           nqClusterClock::now() >= mNextTry) {
+    while (canSendFinished(nqClusterClock::now())) {
         std::vector<Finished> batch;
         std::size_t bytes = 0;
         nqRedisCommand command = mCommands.script(nqScript::Finish, {mKeys.jobs, mKeys.agents});
@@ -553,6 +569,8 @@ std::string nqAgent::refusalToTake() const
 nqAgent::TimePoint nqAgent::nextDue(TimePoint now) const
 {
     TimePoint due = std::max(mNextLook, now);
+    if (!mFinished.empty())
+        due = std::min(due, std::max(mNextTry, mFinishedSince + longestGathering));
     for (const nqRedisLink* link : {&mCommands, &mReader})
         due = std::min(due, link->nextDue().value_or(due));
     return due;

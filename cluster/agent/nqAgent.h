@@ -67,7 +67,12 @@ private:
     };
 
     struct Watcher final : nqWaitOwner {
-        void onDescriptor() override {}
+        void onDescriptor() override
+        {
+            hasNews = true;
+        }
+
+        bool hasNews = true;
     };
 
     void onReady(nqRedisLink& link) override;
@@ -85,6 +90,7 @@ private:
     void finish(const std::string& entry, nqOutcome&& outcome);
     void audit();
     void onAudit(const nqRedisReply& reply);
+    bool canSendFinished(TimePoint now) const;
     void sendFinished();
     void onFinished(std::vector<Finished>&& batch, const nqRedisReply& reply);
     void handBackDue(TimePoint now);
@@ -107,7 +113,9 @@ private:
     const int mSignals;
     nqPool mPool;
     nqClusterWait mWait;
-    Watcher mWatcher;
+    Watcher mPoolWatcher; ///< looked at anyway
+    Watcher mSignalWatcher;
+    Watcher mNewsWatcher;
     nqRedisLink mCommands;
     nqRedisLink mReader;                     ///< waits for jobs
     std::string mName;                       ///< as Redis knows it; empty: it does not
@@ -124,6 +132,7 @@ private:
 
     std::unordered_map<std::string, Held> mHeld;
     std::deque<Finished> mFinished;
+    TimePoint mFinishedSince; ///< the first of them
     std::deque<std::vector<Finished>> mInFlight;
     std::size_t mInFlightBytes = 0;
     TimePoint mNextTry; ///< to send outcomes, after a refusal
