@@ -92,16 +92,6 @@ void requireWritable(const std::string& path)
         throwUnwritable(path, errno);
 }
 
-void requireFolder(const std::string& path)
-{
-    std::error_code error;
-    fs::create_directories(path, error);
-    if (error)
-        throwUnwritable(path, error.value());
-    if (::access(path.c_str(), W_OK | X_OK) != 0)
-        throwUnwritable(path, errno);
-}
-
 void writeFile(const std::string& path, const std::string& bytes)
 {
     const std::string part = path + ".part";

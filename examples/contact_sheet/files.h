@@ -17,9 +17,6 @@ std::string sheetName(const std::string& output, std::size_t sheet, std::size_t 
 /// Throws std::runtime_error when there can be no such file.
 void requireWritable(const std::string& path);
 
-/// Makes the folder if it is missing. Throws std::runtime_error when files cannot be made in it.
-void requireFolder(const std::string& path);
-
 /// Writes a file, which takes its name, and the place of an older one, when it is whole. Otherwise
 /// throws std::runtime_error and leaves nothing behind.
 void writeFile(const std::string& path, const std::string& bytes);

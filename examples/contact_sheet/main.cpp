@@ -78,15 +78,9 @@ std::string headlineOf(const nq::nqOutcome& outcome, const Options& options)
         return text.str();
     case Reason::None:
         return "the answer makes no sense";
-    case Reason::NoWorker:
-    case Reason::ResultLost:
-    case Reason::Deadline:
-    case Reason::Cancelled:
-    case Reason::Stopped:
-    case Reason::Lost:
-        break;
+    default:
+        return "not done";
     }
-    return "not done";
 }
 
 /// What the decoder has thrown or printed about it.
@@ -108,6 +102,8 @@ nq::nqPoolOptions poolOptions(const Options& options)
     pool.memoryCap = static_cast<std::uint64_t>(options.memory) << 20;
     pool.keepFailedJobs = options.keep;
     pool.keptFailedJobs = 0; // all of them: the report names each
+    pool.name = options.title;
+    pool.timelineFile = options.timeline;
     // Tiles come in the order of the files, so a sheet is drawn and forgotten once it is full. The
     // bound says how many of them may wait for a file that takes long; with it, a million files
     // need no more memory than a thousand.
@@ -166,8 +162,6 @@ Run::Run(const Options& options)
     newSurface(sheetSize(mLayout, options.rows));
     requireWritable(sheetName(options.output, 1, mSheetCount));
     requireWritable(mReportName);
-    if (!options.keep.empty())
-        requireFolder(options.keep);
 }
 
 int Run::go()
@@ -198,7 +192,9 @@ void Run::submitSome()
     for (; mSubmitted < mFiles.size(); ++mSubmitted) {
         const std::string& path = mFiles[mSubmitted];
         const auto toTake = [this, &path](nq::nqOutcome&& outcome) { take(path, outcome); };
-        if (mPool.submit(jobOf(path, mLayout.tile), toTake) == 0)
+        nq::nqJobOptions job;
+        job.label = path.substr(path.rfind('/') + 1);
+        if (mPool.submit(jobOf(path, mLayout.tile), job, toTake) == 0)
             return; // full
     }
 }

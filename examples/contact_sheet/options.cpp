@@ -49,6 +49,8 @@ std::optional<Options> parseOptions(int argc, char* argv[], int& status)
     number("--memory", options.memory, "Megabytes for one worker", 16, 1 << 20);
     app.add_option("--keep", options.keep, "Keep what failed, to run it by hand")
         ->type_name("FOLDER");
+    app.add_option("--timeline", options.timeline, "Draw the run: who did what when")
+        ->type_name("FILE");
     try {
         app.parse(argc, argv);
         if (std::isnan(options.timeout)) // which passes for a number of every range

@@ -18,6 +18,7 @@ struct Options {
     double timeout = 10;  ///< seconds for one file
     int memory = 1024;    ///< megabytes for one worker
     std::string keep;     ///< a folder for what failed; empty: none
+    std::string timeline; ///< a picture of the run; empty: none
 };
 
 constexpr int exitUsage = 2;
