@@ -20,8 +20,8 @@ end
 )";
 
 // A submitter arrives: from now on nobody else has its name.
-constexpr std::string_view open =
-    R"(-- KEYS: jobs, client, outcomes. ARGV: session, how long outcomes are kept, '1' for a new program
+constexpr std::string_view open = R"(
+-- KEYS: jobs, client, outcomes. ARGV: session, how long outcomes are kept, '1' for a new program
 redis.pcall('XGROUP', 'CREATE', KEYS[1], 'agents', '0', 'MKSTREAM')
 redis.call('HSET', KEYS[2], 'session', ARGV[1], 'expiry', ARGV[2])
 if ARGV[3] == '1' then redis.call('HINCRBY', KEYS[2], 'run', 1) end
@@ -32,8 +32,8 @@ return {had[1] or '0', had[2] or '1', had[3] or '0', redis.call('XLEN', KEYS[3])
 )";
 
 // All of these jobs are accepted, or none. They have to follow those accepted before.
-constexpr std::string_view submit =
-    R"(-- KEYS: jobs, client. ARGV: session, number of the last one before, of the last one of these,
+constexpr std::string_view submit = R"(
+-- KEYS: jobs, client. ARGV: session, number of the last one before, of the last one of these,
 --   client, then of each job: id, attempt, time-out, bytes
 local had = redis.call('HMGET', KEYS[2], 'session', 'last')
 if not had[1] then return redis.error_reply('NQGONE the client is not known') end
@@ -49,8 +49,8 @@ redis.call('HINCRBY', KEYS[2], 'open', #entries)
 return entries
 )";
 
-constexpr std::string_view watch =
-    R"(-- KEYS: client, outcomes, agents. ARGV: session, how long outcomes are kept
+constexpr std::string_view watch = R"(
+-- KEYS: client, outcomes, agents. ARGV: session, how long outcomes are kept
 local session = redis.call('HGET', KEYS[1], 'session')
 if not session then return redis.error_reply('NQGONE the client is not known') end
 if session ~= ARGV[1] then return redis.error_reply('NQTAKEN the client has another session') end
@@ -62,8 +62,8 @@ return redis.call('HGETALL', KEYS[3])
 // Takes a job out of the cluster, whether it waits or runs. That it was cancelled may be its
 // outcome, which then arrives as any other; somebody who has given up the job wants none. An empty
 // entry: looks for it, some entries in each call, and says where to look on.
-constexpr std::string_view withdraw =
-    R"(-- KEYS: jobs, client. ARGV: prefix, client, id, attempt, entry or '', where to look,
+constexpr std::string_view withdraw = R"(
+-- KEYS: jobs, client. ARGV: prefix, client, id, attempt, entry or '', where to look,
 --   '1' to have an outcome, how long outcomes are kept
 local entry, after = ARGV[5], ''
 if entry == '' then
@@ -94,15 +94,16 @@ end
 return {1, ''}
 )";
 
-constexpr std::string_view join = R"(-- KEYS: jobs, agents. ARGV: agent, its value
+constexpr std::string_view join = R"(
+-- KEYS: jobs, agents. ARGV: agent, its value
 redis.pcall('XGROUP', 'CREATE', KEYS[1], 'agents', '0', 'MKSTREAM')
 redis.call('HSET', KEYS[2], ARGV[1], ARGV[2])
 return 1
 )";
 
 // An agent lives.
-constexpr std::string_view beat =
-    R"(-- KEYS: agents, agent. ARGV: agent, its value, how long its description is kept, then the description
+constexpr std::string_view beat = R"(
+-- KEYS: agents, agent. ARGV: agent, its value, how long its description is kept, then the description
 if redis.call('HEXISTS', KEYS[1], ARGV[1]) == 0 then
     return redis.error_reply('NQLOST the agent was taken for lost')
 end
@@ -113,8 +114,8 @@ return redis.call('HGETALL', KEYS[1])
 )";
 
 // Jobs have ended: each leaves the queue and its outcome arrives, unless somebody was faster.
-constexpr std::string_view finish =
-    R"(-- KEYS: jobs, agents. ARGV: prefix, agent, then of each job: entry, client, '1' to add the job's own
+constexpr std::string_view finish = R"(
+-- KEYS: jobs, agents. ARGV: prefix, agent, then of each job: entry, client, '1' to add the job's own
 --   bytes, how many arguments follow, fields and values of the outcome
 if redis.call('HEXISTS', KEYS[2], ARGV[2]) == 0 then
     return redis.error_reply('NQLOST the agent was taken for lost')
@@ -151,7 +152,8 @@ return taken
 )";
 
 // Jobs that an agent holds wait again, behind the others; as if it had never had them.
-constexpr std::string_view handBack = R"(-- KEYS: jobs, agents. ARGV: agent, entries
+constexpr std::string_view handBack = R"(
+-- KEYS: jobs, agents. ARGV: agent, entries
 if redis.call('HEXISTS', KEYS[2], ARGV[1]) == 0 then
     return redis.error_reply('NQLOST the agent was taken for lost')
 end
@@ -226,15 +228,16 @@ end
 
 // An agent whose value has not changed for as long as it should have: whoever sees it first ends
 // its jobs.
-constexpr std::string_view lose =
-    R"(-- KEYS: jobs, agents. ARGV: prefix, agent, the value that was seen, message
+constexpr std::string_view lose = R"(
+-- KEYS: jobs, agents. ARGV: prefix, agent, the value that was seen, message
 if redis.call('HGET', KEYS[2], ARGV[2]) ~= ARGV[3] then return -1 end
 redis.call('HDEL', KEYS[2], ARGV[2])
 return lose(ARGV[2], ARGV[4])
 )";
 
 // What was given to an agent that had been taken for lost, and does not know it yet.
-constexpr std::string_view sweep = R"(-- KEYS: jobs, agents. ARGV: prefix
+constexpr std::string_view sweep = R"(
+-- KEYS: jobs, agents. ARGV: prefix
 local count = 0
 if redis.call('EXISTS', KEYS[1]) == 0 then return 0 end
 local ok = redis.pcall('XINFO', 'CONSUMERS', KEYS[1], 'agents')
