@@ -650,16 +650,15 @@ void nqClusterPoolPrivate::onOutcome(nqOutcomeMessage&& message)
         return;
     }
     const auto found = mJobs.find(message.outcome.id);
-    if (!message.isReadable) {
+    const bool isKnown = found != mJobs.end();
+    const bool isSecond = isKnown && (message.attempt != found->second.attempt ||
+                                      found->second.phase == Job::Phase::Pausing);
+    if (!message.isReadable || isSecond)
         dropOutcome(message.entry);
-    } else if (found == mJobs.end()) {
+    else if (!isKnown)
         onLeftOutcome(std::move(message));
-    } else if (
-        message.attempt != found->second.attempt || found->second.phase == Job::Phase::Pausing) {
-        dropOutcome(message.entry);
-    } else if (!tryAgain(message.outcome.id, found->second, message)) {
+    else if (!tryAgain(message.outcome.id, found->second, message))
         finish(found, std::move(message.outcome), std::move(message.entry));
-    }
 }
 
 /// Of a job of the client before, or the second one of a job.

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <ctime>
 #include <iostream>
 #include <sys/eventfd.h>
@@ -551,7 +552,7 @@ void nqAgent::describe(TimePoint now)
          {"held", std::to_string(mCounts.held)},
          {"done", std::to_string(mCounts.done)},
          {"failed", std::to_string(mCounts.failed)},
-         {"rate", std::to_string(static_cast<std::uint64_t>(mCounts.perSecond + 0.5))},
+         {"rate", std::to_string(std::lround(mCounts.perSecond))},
          {"problem", refusalToTake()}});
 }
 

@@ -27,10 +27,12 @@ protected:
         startRedis();
     }
 
-    void startRedis(const std::vector<std::string>& options = {})
+    void startRedis(
+        const std::vector<std::string>& options = {},
+        const std::vector<std::string>& environment = {})
     {
         mRedis.reset();
-        mRedis = std::make_unique<RedisServer>(options);
+        mRedis = std::make_unique<RedisServer>(options, environment);
     }
 
     /// An agent, once it takes jobs. Short leases, so that nobody waits for long.

@@ -122,8 +122,10 @@ int Program::wait()
     return code;
 }
 
-RedisServer::RedisServer(const std::vector<std::string>& options)
-    : mOptions(options)
+RedisServer::RedisServer(
+    const std::vector<std::string>& options, const std::vector<std::string>& environment)
+    : mOptions(options),
+      mEnvironment(environment)
 {
     start();
 }
@@ -163,7 +165,7 @@ void RedisServer::start()
         "--maxmemory-policy",
         "noeviction"};
     command.insert(command.end(), mOptions.begin(), mOptions.end());
-    mProgram = std::make_unique<Program>(command);
+    mProgram = std::make_unique<Program>(command, mEnvironment);
     if (!mProgram->says("eady to accept connections")) // with a capital or not, by its version
         throw std::runtime_error("Redis does not start: " + mProgram->printed());
 }

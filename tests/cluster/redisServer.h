@@ -48,7 +48,9 @@ private:
 /// A Redis server on a socket in a folder of its own.
 class RedisServer {
 public:
-    explicit RedisServer(const std::vector<std::string>& options = {});
+    explicit RedisServer(
+        const std::vector<std::string>& options = {},
+        const std::vector<std::string>& environment = {});
 
     /// For Redis's clients.
     std::string url() const;
@@ -67,6 +69,7 @@ public:
 private:
     common::TemporaryFolder mFolder;
     std::vector<std::string> mOptions;
+    std::vector<std::string> mEnvironment;
     std::unique_ptr<Program> mProgram;
 };
 
