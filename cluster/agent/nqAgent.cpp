@@ -65,7 +65,7 @@ nqAgent::nqAgent(const nqAgentOptions& options, int signals)
       mReader(mRedis, mWait, *this),
       mMetrics(options.metrics, options.queue, options.name.empty() ? nameOfHost() : options.name)
 {
-    mPrefetch = options.prefetch.value_or(options.pool.workers);
+    mPrefetch = options.prefetch.value_or(0);
     mWait.watch(mPool.waitDescriptor(), mPoolWatcher, false);
     mWait.watch(mSignals, mSignalWatcher, false);
 }
@@ -183,8 +183,8 @@ void nqAgent::read()
         return;
     if (std::exchange(mIsAuditDue, false))
         audit();
-    // Not one at a time, where many are held.
-    const std::size_t enough = std::max<std::size_t>((mOptions.pool.workers + mPrefetch) / 4, 1);
+    // Not one at a time, where many end in a moment; but no worker waits for a second one's end.
+    const std::size_t enough = std::max<std::size_t>(mPrefetch / 4, 1);
     if (mIsFull || mIsWithoutWorkers || room() < enough)
         return;
     mIsReading = true;
@@ -532,12 +532,10 @@ void nqAgent::describe(TimePoint now)
     mNextLook = now + lookInterval;
     if (now >= mNextAudit)
         mIsAuditDue = true;
-    // Twice what ends from look to look, so that workers do not wait for Redis.
+    // What ends in two looks, so that workers with short jobs do not wait for Redis, and long jobs
+    // not for workers while another machine has idle ones.
     if (!mOptions.prefetch)
-        mPrefetch = std::clamp(
-            static_cast<std::size_t>(2 * fresh),
-            std::size_t{mOptions.pool.workers},
-            std::max<std::size_t>(mostPrefetched, mOptions.pool.workers));
+        mPrefetch = std::min(static_cast<std::size_t>(2 * fresh), mostPrefetched);
     const nqPoolStatistics statistics = mPool.statistics();
     mCounts.held = mHeld.size();
     mCounts.running = statistics.running;
