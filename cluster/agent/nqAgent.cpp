@@ -230,6 +230,8 @@ void nqAgent::takeJob(nqJobMessage&& job)
     if (!job.isReadable) {
         say("found something in the queue that is no job, and takes it out: " + entry);
         mHeld.erase(entry);
+        if (!mCommands.isReady())
+            return; // it is found by the next audit, and comes again
         mCommands.send({"XACK", mKeys.jobs, "agents", entry}, {});
         mCommands.send({"XDEL", mKeys.jobs, entry}, {});
         return;

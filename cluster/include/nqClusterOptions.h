@@ -25,6 +25,7 @@ struct nqClusterOptions {
     std::chrono::milliseconds outcomesKept{std::chrono::hours(24)};
 
     std::chrono::milliseconds connectTimeout{5'000}; ///< of one try to reach Redis
+
     /// A connection over which no byte comes, although an answer is due, is replaced after this.
     std::chrono::milliseconds stallTimeout{5'000};
 };
