@@ -100,7 +100,7 @@ TEST_F(ClusterPool, handsBackAFailedJobWithItsBytesAndWhatIsKnown)
     EXPECT_EQ(outcome.state, State::Failed);
     EXPECT_EQ(outcome.reason, Reason::Crashed);
     EXPECT_EQ(outcome.text(), "crash");
-    EXPECT_EQ(outcome.signal, SIGSEGV);
+    EXPECT_EQ(outcome.signal, SIGKILL);
     EXPECT_NE(outcome.pid, 0);
 }
 
