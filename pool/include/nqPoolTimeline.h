@@ -27,9 +27,9 @@ public:
     /// One attempt of a job, or a job that has ended without one.
     struct Attempt {
         std::size_t worker = 0; ///< its row, from 1; 0: none, the job is only counted
-        Time begin{};
-        Time end{};
-        nqAttempt::Reason reason = nqAttempt::Reason::None;
+        Time begin{};           ///< when the worker was given the job
+        Time end{};             ///< when that was over
+        nqAttempt::Reason reason = nqAttempt::Reason::None; ///< why the job was not done
         bool isLast = true;     ///< the job had its outcome by it; otherwise it was tried again
         nqJobId job = 0;        ///< shown where there is no label
         std::string_view label; ///< any bytes; the beginning is shown
@@ -38,7 +38,11 @@ public:
     /// An empty picture of a pool with so many workers. `title` may be empty.
     explicit nqPoolTimeline(std::size_t workers, const std::string& title = {});
     ~nqPoolTimeline();
+
+    /// Leaves `other` good for nothing but an assignment.
     nqPoolTimeline(nqPoolTimeline&& other) noexcept;
+
+    /// Likewise.
     nqPoolTimeline& operator=(nqPoolTimeline&& other) noexcept;
 
     /// Adds an attempt; a larger number of a worker than there are rows is only counted.

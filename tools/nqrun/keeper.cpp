@@ -79,7 +79,8 @@ std::string endOf(std::string_view bytes, CommandRun& run)
     const int nothing = ::open("/dev/null", O_RDWR | O_CLOEXEC);
     for (int stream = 0; stream < socketNumber; ++stream)
         ::dup2(nothing, stream);
-    ::signal(SIGXFSZ, SIG_IGN); // a file that may not grow is an error of a write; commands get it back
+    // A file that may not grow is an error of a write. Commands get the signal back.
+    ::signal(SIGXFSZ, SIG_IGN);
     if (!adoptOrphans())
         ::_exit(1);
 
