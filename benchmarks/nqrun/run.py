@@ -35,16 +35,15 @@ def lines(count):
 
 def speed(options):
     commands = {"xargs": ["xargs", "-n1", "-P" + JOBS, "true"], "nqrun": [options.nqrun, "-j" + JOBS, "true"]}
-    # A quarter of the items for the slow one, which starts slowly too: it is measured without that.
+    # A quarter of the items for the slow one: its start is a small part of its time still.
     parallel = ["parallel", "--will-cite", "-j" + JOBS, "true"]
     rates = {name: [] for name in (*commands, "parallel")}
     for _ in range(options.passes):
         for name, command in commands.items():
             rates[name].append(options.items / seconds(command, lines(options.items)))
         if shutil.which("parallel"):
-            few = max(options.items // 8, 10)
-            took = seconds(parallel, lines(2 * few)) - seconds(parallel, lines(few))
-            rates["parallel"].append(few / took)
+            few = max(options.items // 4, 10)
+            rates["parallel"].append(few / seconds(parallel, lines(few)))
     for name, found in rates.items():
         if found:
             print(f"{name}: {statistics.median(found):.0f} commands a second")

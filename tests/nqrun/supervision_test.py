@@ -1,8 +1,6 @@
 """Limits that reach every child, failures that say how, and commands that end with nqrun."""
 
-import json
 import os
-import re
 import signal
 import subprocess
 
@@ -11,12 +9,11 @@ import program
 # Writes its own pid, that of a child, that of one in a session of its own, and that of one that was
 # handed over to another parent; all of them would run for a minute.
 FAMILY = """
-note() { echo $$ >>pids; exec sleep 60; }
-export_note='echo $$ >>pids; exec sleep 60'
-sh -c "$export_note" &
-setsid sh -c "$export_note" &
-(setsid sh -c "$export_note & exit 0" &) &
-sh -c "$export_note"
+note='echo $$ >>pids; exec sleep 60'
+sh -c "$note" &
+setsid sh -c "$note" &
+(setsid sh -c "$note & exit 0" &) &
+sh -c "$note"
 """
 FAMILY_SIZE = 4
 
@@ -191,7 +188,7 @@ class Ends(program.ProgramTest):
         self.expect_gone(pids)
 
     def test_of_a_command_are_those_of_all_that_it_leaves_running(self):
-        self.write("family", FAMILY.replace('\nsh -c "$export_note"\n', "\nuntil [ $(wc -l <pids) = 3 ]; do sleep 0.01; done\n"))
+        self.write("family", FAMILY.replace('\nsh -c "$note"\n', "\nuntil [ $(wc -l <pids) = 3 ]; do sleep 0.01; done\n"))
         done = self.run_it("sh", "family", ":::", "a")
         self.assertEqual(done.status, 0)
         pids = [int(pid) for pid in (self.folder / "pids").read_text().split()]
