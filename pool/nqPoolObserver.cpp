@@ -278,33 +278,41 @@ void nqPoolObserver::writeLast(const nqPoolStatus& status)
     if (mMetricsFile)
         writeMetrics(status);
     if (mTimelineFile)
-        countWrite(mTimelineFile->replace(mTimeline->svg()));
+        countWrite(mTimelineFile->replace(mTimeline->svg()), mTimelineFile->problem());
 }
 
 void nqPoolObserver::writeStatus(const nqPoolStatus& status)
 {
-    countWrite(mStatusFile->replace(statusText(status)));
+    countWrite(mStatusFile->replace(statusText(status)), mStatusFile->problem());
 }
 
 void nqPoolObserver::writeMetrics(const nqPoolStatus& status)
 {
-    countWrite(mMetricsFile->replace(mMetrics->text(status, mWorkers)));
+    countWrite(mMetricsFile->replace(mMetrics->text(status, mWorkers)), mMetricsFile->problem());
 }
 
 void nqPoolObserver::writeTrace()
 {
-    countWrite(mTraceFile->append(mTrace->take()));
+    countWrite(mTraceFile->append(mTrace->take()), mTraceFile->problem());
 }
 
-void nqPoolObserver::countWrite(bool hasSucceeded)
+void nqPoolObserver::countWrite(bool hasSucceeded, const std::string& problem)
 {
-    if (!hasSucceeded)
-        ++mWritesFailed;
+    if (hasSucceeded)
+        return;
+    ++mWritesFailed;
+    if (mWriteProblem.empty())
+        mWriteProblem = problem;
 }
 
 std::uint64_t nqPoolObserver::writesFailed() const
 {
     return mWritesFailed;
+}
+
+const std::string& nqPoolObserver::writeProblem() const
+{
+    return mWriteProblem;
 }
 
 } // namespace nq

@@ -16,6 +16,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 #include <sys/types.h>
 #include <vector>
 
@@ -70,6 +71,7 @@ public:
     void end(const Look& look);
 
     std::uint64_t writesFailed() const;
+    const std::string& writeProblem() const; ///< the first of them; empty: there is none
 
 private:
     using Time = std::chrono::microseconds;
@@ -98,7 +100,7 @@ private:
     void writeStatus(const nqPoolStatus& status);
     void writeMetrics(const nqPoolStatus& status);
     void writeTrace();
-    void countWrite(bool hasSucceeded);
+    void countWrite(bool hasSucceeded, const std::string& problem);
     void addQueued(Time at);
     Time now();
     Place& place(std::size_t worker);
@@ -124,6 +126,7 @@ private:
     Time mQueuedAt{-1}; ///< of that
     std::size_t mRunning = 0;
     std::uint64_t mWritesFailed = 0;
+    std::string mWriteProblem;
 };
 
 } // namespace nq

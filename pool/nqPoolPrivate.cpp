@@ -725,6 +725,7 @@ void nqPoolPrivate::endObservation()
     mObserver->onState(mQueue.size(), mRunning);
     mObserver->end([this] { return status(nqPoolStatus::State::Ended); });
     mCounts.writesFailed = mObserver->writesFailed();
+    mCounts.writeProblem = mObserver->writeProblem();
     mObserver.reset();
 }
 
@@ -755,8 +756,10 @@ nqPoolStatistics nqPoolPrivate::statistics() const
     statistics.queued = mQueue.size();
     statistics.running = mRunning;
     statistics.alive = mSlots.size() - count(Phase::Down);
-    if (mObserver != nullptr)
+    if (mObserver != nullptr) {
         statistics.writesFailed = mObserver->writesFailed();
+        statistics.writeProblem = mObserver->writeProblem();
+    }
     statistics.age = inMicroseconds(now - mMade);
     statistics.donePerSecond = mRecentRate.perSecond(now, mMade);
     statistics.medianRunTime = mRunTimes.quantile(0.5);

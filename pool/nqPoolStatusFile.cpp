@@ -7,6 +7,7 @@
 #include "pool/nqMarkup.h"
 
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -180,6 +181,8 @@ std::string statusText(const nqPoolStatus& status)
 
 nqPoolStatus readPoolStatus(const std::string& file)
 {
+    if (std::error_code ignored; std::filesystem::is_directory(file, ignored))
+        throw nqPoolError("The status file " + file + " cannot be read: it is a folder");
     std::ifstream stream(file, std::ios::binary);
     const std::string text{std::istreambuf_iterator<char>(stream), {}};
     if (!stream)

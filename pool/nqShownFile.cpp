@@ -63,9 +63,10 @@ nqShownFile::nqShownFile(std::string what, const std::string& path)
 bool nqShownFile::replace(std::string_view content)
 {
     const int error = replaceFile(mPath, content, forAll);
-    if (error != 0 && !mHasFailed)
-        warn(sentence(mWhat, mPath, textOf(error)));
-    mHasFailed = error != 0;
+    const bool isFirst = mProblem.empty();
+    mProblem = error != 0 ? sentence(mWhat, mPath, textOf(error)) : std::string();
+    if (error != 0 && isFirst)
+        warn(mProblem);
     return error == 0;
 }
 
@@ -74,6 +75,11 @@ void nqShownFile::require(std::string_view content)
     const int error = replaceFile(mPath, content, forAll);
     if (error != 0)
         throw nqPoolError(sentence(mWhat, mPath, textOf(error)));
+}
+
+const std::string& nqShownFile::problem() const
+{
+    return mProblem;
 }
 
 nqGrowingFile::nqGrowingFile(std::string what, const std::string& path)
@@ -97,12 +103,22 @@ bool nqGrowingFile::append(std::string_view content)
     if (mDescriptor < 0)
         return false;
     const int error = writeAll(mDescriptor, content);
-    if (error == 0)
+    if (error == 0) {
+        mSize += content.size();
         return true;
-    warn(sentence(mWhat, mPath, textOf(error)));
+    }
+    mProblem = sentence(mWhat, mPath, textOf(error));
+    // No torn line at the end. Where the file cannot be cut, readers leave the line out.
+    const bool isWhole = ::ftruncate(mDescriptor, static_cast<off_t>(mSize)) == 0;
+    warn(isWhole ? mProblem : mProblem + ", and its last line is torn");
     ::close(mDescriptor);
     mDescriptor = -1;
     return false;
+}
+
+const std::string& nqGrowingFile::problem() const
+{
+    return mProblem;
 }
 
 } // namespace nq

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -19,10 +20,13 @@ public:
     /// The same, but throws nqPoolError.
     void require(std::string_view content);
 
+    /// Why the last write has failed, in a sentence; empty: it has not.
+    const std::string& problem() const;
+
 private:
     std::string mWhat;
     std::string mPath;
-    bool mHasFailed = false; ///< the last time
+    std::string mProblem;
 };
 
 /// One that grows at its end, and is empty at first. Closed in programs that the host starts.
@@ -33,14 +37,18 @@ public:
     nqGrowingFile(const nqGrowingFile&) = delete;
     nqGrowingFile& operator=(const nqGrowingFile&) = delete;
 
-    /// False when that fails. Nothing is written after the first failure, which is a warning: what
-    /// comes after a gap would not be readable.
+    /// False when that fails; the file is then as before. Nothing is written after the first
+    /// failure, which is a warning: what comes after a gap would not be readable.
     bool append(std::string_view content);
+
+    const std::string& problem() const; ///< as nqShownFile
 
 private:
     const std::string mWhat;
     const std::string mPath;
     int mDescriptor;
+    std::size_t mSize = 0;
+    std::string mProblem;
 };
 
 } // namespace nq

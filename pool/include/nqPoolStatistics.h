@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 namespace nq {
 
@@ -33,6 +34,7 @@ struct nqPoolStatistics {
     std::uint64_t resultBytes = 0; ///< of the results
 
     std::uint64_t writesFailed = 0; ///< of the files that show the pool, see nqPoolOptions
+    std::string writeProblem;       ///< of the first of those: the file and why
 
     std::chrono::microseconds age{}; ///< since the pool was made
     double donePerSecond = 0;        ///< over the last ten seconds, or the pool's age

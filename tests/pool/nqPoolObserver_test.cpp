@@ -469,6 +469,9 @@ TEST_F(Shown, goesOnWhenItsFilesCannotBeWrittenAnyMore)
     EXPECT_GT(pool->statistics().writesFailed, 0U);
     pool->stop();
     EXPECT_GT(pool->statistics().writesFailed, 0U) << "after the end as well";
+    EXPECT_EQ(
+        pool->statistics().writeProblem,
+        "The status file cannot be written: " + options.statusFile + ": No such file or directory");
 }
 
 } // namespace

@@ -141,6 +141,12 @@ TEST_F(StatusFile, isRefusedWhenItIsMissing)
     EXPECT_EQ(refusalOf(path), "The status file " + path + " cannot be read");
 }
 
+TEST_F(StatusFile, isRefusedWhenItIsAFolder)
+{
+    const std::string path = mFolder.path();
+    EXPECT_EQ(refusalOf(path), "The status file " + path + " cannot be read: it is a folder");
+}
+
 TEST_F(StatusFile, isRefusedWhenItIsSomethingElse)
 {
     for (const char* const text : {"", "{}", "[]", "words", "{\"format\": \"nqPool trace\"}"}) {

@@ -130,8 +130,10 @@ TEST_F(ShownFile, isWrittenAgainOnceThatIsPossible)
     nqShownFile file("The file", mFolder.file("inner/shown"));
     std::filesystem::remove(mFolder.file("inner"));
     file.replace("lost");
+    EXPECT_NE(file.problem(), "");
     std::filesystem::create_directory(mFolder.file("inner"));
     EXPECT_TRUE(file.replace("text"));
+    EXPECT_EQ(file.problem(), "");
     EXPECT_EQ(contentOf(mFolder.file("inner/shown")), "text");
 }
 
@@ -175,7 +177,8 @@ TEST_F(ShownFile, thatGrowsEndsWhereThereWasNoRoom)
         EXPECT_FALSE(file.append("two, "));
     }
     EXPECT_FALSE(file.append("three")) << "after a gap";
-    EXPECT_EQ(contentOf(mPath), "one, two");
+    EXPECT_EQ(contentOf(mPath), "one, ") << "nothing half written is left";
+    EXPECT_EQ(file.problem(), "The file cannot be written: " + mPath + ": File too large");
     EXPECT_EQ(support::entries(mMachine).size(), 1U);
 }
 
