@@ -240,6 +240,8 @@ Run::Run(const Options& options)
             options.resumes || options.resumesFailed);
     const unsigned workers = workersOf(options);
     mRoom = workers + workers / 2 + 2; // so that no worker waits for the next item
+    if (options.halt.when != Halt::When::Never)
+        mRoom = workers; // or the next item would run before the end of this one is known
 }
 
 Run::~Run()
@@ -471,6 +473,7 @@ void Run::conclude(Attempt&& attempt, Finished&& finished, const nq::nqOutcome& 
     }
     if (isOverHalt && mPhase == Phase::Going) {
         mIsToEnd = mOptions.halt.when == Halt::When::Now;
+        mIsHalted = true;
         finish(mIsToEnd || mOptions.isQuiet ? "" : "--halt");
     }
 }
@@ -632,10 +635,10 @@ void Run::summarize()
         return;
     else if (mStarted == 0 && mSkipped == 0)
         mDelivery.say("nqrun: there are no items");
-    else if (mResult.failed != 0 || mSkipped != 0)
+    else if (mResult.failed != 0 || mSkipped != 0 || mIsHalted)
         mDelivery.say(
-            "nqrun: " + std::to_string(mDone) + " done, " + std::to_string(mResult.failed) +
-            " failed" +
+            std::string("nqrun: ") + (mIsHalted ? "ended by --halt: " : "") +
+            std::to_string(mDone) + " done, " + std::to_string(mResult.failed) + " failed" +
             (mSkipped != 0 ? ", " + std::to_string(mSkipped) + " in the joblog already"
                            : std::string()) +
             (mScripts && mResult.failed != 0

@@ -101,7 +101,8 @@ private:
 
     Phase mPhase = Phase::Going;
     RunResult mResult;
-    bool mIsToEnd = false; ///< by --halt now
+    bool mIsToEnd = false;  ///< by --halt now
+    bool mIsHalted = false; ///< by --halt
     bool mHasAllItems = false;
     bool mWaitsForItems = false;
     std::uint64_t mDone = 0;
