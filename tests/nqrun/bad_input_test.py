@@ -108,6 +108,13 @@ class BadInput(program.ProgramTest):
         self.expect(rest, 0)
         self.assertEqual((self.folder / "log").read_text().count("\n"), 101)
 
+    def test_a_full_disk_below_the_files_that_show_a_run(self):
+        done = self.run_it("--trace", "trace", "--timeline", "picture", "true", stdin=b"a\n" * 100, preexec_fn=files_of_at_most(3000))
+        self.assertEqual((done.status, done.out), (0, b""), "what the items came to is another matter")
+        self.assertRegex(done.err, r"^nqrun: The \w+ cannot be written: .*/(trace|picture): File too large\n$")
+        self.assertFalse((self.folder / "picture").exists())
+        self.assertRegex((self.folder / "trace").read_text(), r"^(\[\n(\{.*\},\n)*)?$")
+
     def test_a_full_disk_below_what_a_command_prints(self):
         script = "head -c 1000000 /dev/zero; echo done >made"
         done = self.run_it("sh", "-c", script, ":::", "a", preexec_fn=files_of_at_most(100_000))

@@ -261,10 +261,13 @@ RunResult Run::run()
     }
     mPhase = Phase::Ending;
     mPool->stop();
+    const std::string writeProblem = mPool->statistics().writeProblem;
     mPool.reset();
     awaitOrphans(mFormerChildren, orphanLimit);
     sync();
     mProgress.clear();
+    if (!writeProblem.empty())
+        mDelivery.say("nqrun: " + writeProblem);
     if (mResult.signal != SIGPIPE)
         summarize();
     return mResult;
