@@ -178,7 +178,7 @@ class Resume(LogTest):
         self.run_it("-q", *words, "echo", ":::", "a")
         done = self.run_it("-q", *words, "printf", ":::", "a")
         self.assertEqual((done.status, done.out), (255, b""))
-        self.assertIn("is of other items", done.err)
+        self.assertIn("is of other items, or of another command: its item 1 is not a", done.err)
 
     def test_goes_by_blocks(self):
         words = ("-q", "--pipe", "--lines", "100", "--joblog", self.log, "--resume", "sh", "-c", "wc -l >>ran")

@@ -336,8 +336,9 @@ bool Run::isLogged(const Item& item)
         return false;
     if (!mJoblog->history().isOf(item.index, identityOf(item)))
         throw Error(
-            "the joblog " + shown(mOptions.joblog) + " is of other items: its item " +
-            std::to_string(item.index) + " is not " + nameOf(item));
+            "the joblog " + shown(mOptions.joblog) + " is of other items" +
+            (mJoblog->format() == JoblogFormat::Parallel ? ", or of another command" : "") +
+            ": its item " + std::to_string(item.index) + " is not " + nameOf(item));
     if (state == Logged::Failed && mOptions.resumesFailed)
         return false;
     ++mSkipped;
