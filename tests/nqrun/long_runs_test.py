@@ -250,11 +250,9 @@ class Interrupts(LogTest):
 
 
 class Progress(program.ProgramTest):
-    def test_is_a_line_that_fits_the_terminal(self):
-        master, terminal = pty.openpty()
-        fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 50, 0, 0))
-        process = self.start("-j2", "sleep", ":::", "0.9", "0.9", stderr=terminal)
-        os.close(terminal)
+    @staticmethod
+    def all_of(master):
+        """What a terminal was shown until its last writer has gone."""
         seen = b""
         while True:
             try:
@@ -264,14 +262,31 @@ class Progress(program.ProgramTest):
             if not part:
                 break
             seen += part
-        process.communicate(timeout=program.LIMIT_SECONDS)
         os.close(master)
+        return seen
+
+    def test_is_a_line_that_fits_the_terminal(self):
+        master, terminal = pty.openpty()
+        fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 50, 0, 0))
+        process = self.start("-j2", "sleep", ":::", "0.9", "0.9", stderr=terminal)
+        os.close(terminal)
+        seen = self.all_of(master)
+        process.communicate(timeout=program.LIMIT_SECONDS)
         drawn = [line for line in re.split(rb"\r|\x1b\[K", seen) if line.strip()]
         self.assertGreaterEqual(len(drawn), 2, seen)
         for line in drawn:
             self.assertLess(len(line), 50)
         self.assertTrue(any(b"0 done, 0 failed of 2, 2 running" in line for line in drawn), seen)
         self.assertTrue(seen.endswith(b"\r\x1b[K"), "the line is taken away at the end")
+
+    def test_leaves_output_without_a_line_break_at_its_end_on_the_terminal(self):
+        master, terminal = pty.openpty()
+        script = "[ $0 = 1 ] || sleep 0.7; printf partial"
+        process = self.start("-j1", "sh", "-c", script, ":::", "1", "2", stdout=terminal, stderr=terminal)
+        os.close(terminal)
+        seen = self.all_of(master)
+        process.communicate(timeout=program.LIMIT_SECONDS)
+        self.assertRegex(seen, rb"partial\r\n\r1 done", "the line of progress stands below it")
 
     def test_says_nothing_of_a_short_run_in_a_file(self):
         self.expect(self.run_it("true", ":::", "a"), 0, b"", "")

@@ -57,7 +57,8 @@ Delivery::Delivery(bool keepOrder, bool hasTags, BeforeWriting before, OnDeliver
     : mKeepOrder(keepOrder),
       mHasTags(hasTags),
       mBefore(std::move(before)),
-      mAfter(std::move(after))
+      mAfter(std::move(after)),
+      mIsOneTerminal(::isatty(STDOUT_FILENO) == 1 && ::isatty(STDERR_FILENO) == 1)
 {
 }
 
@@ -199,8 +200,8 @@ void Delivery::copy(
 
 void Delivery::write(int to, std::string_view bytes)
 {
-    if (to == STDERR_FILENO && !bytes.empty())
-        mIsErrorAtLineStart = bytes.back() == '\n';
+    if ((to == STDERR_FILENO || mIsOneTerminal) && !bytes.empty())
+        mIsAtLineStart = bytes.back() == '\n';
     while (!bytes.empty()) {
         awaitRoom(to);
         const ssize_t count = ::write(to, bytes.data(), std::min(bytes.size(), pieceBytes));
@@ -238,7 +239,14 @@ void Delivery::awaitRoom(int to)
 void Delivery::say(const std::string& line)
 {
     mBefore();
-    write(STDERR_FILENO, (mIsErrorAtLineStart ? "" : "\n") + line + '\n');
+    beginLine();
+    write(STDERR_FILENO, line + '\n');
+}
+
+void Delivery::beginLine()
+{
+    if (!mIsAtLineStart)
+        write(STDERR_FILENO, "\n");
 }
 
 } // namespace nqrun

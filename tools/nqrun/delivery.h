@@ -54,6 +54,9 @@ public:
     /// A line of nqrun's own for standard error, which is not mixed into the output either.
     void say(const std::string& line);
 
+    /// Ends a line that a command has left open, so that one of nqrun's own may follow.
+    void beginLine();
+
 private:
     struct Source {
         int output = -1;
@@ -86,7 +89,8 @@ private:
     std::uint64_t mNext = 0;                   ///< the ordinal whose turn it is
     Descriptor mHeld;                          ///< the output of those that wait
     std::uint64_t mHeldBytes = 0;              ///< end of that file
-    bool mIsErrorAtLineStart = true;
+    const bool mIsOneTerminal;  ///< both streams, so that each sees what the other has left open
+    bool mIsAtLineStart = true; ///< standard error
 };
 
 } // namespace nqrun

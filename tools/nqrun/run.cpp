@@ -674,6 +674,7 @@ void Run::showProgress()
                 tally.slowest = nameOf(attempt.item);
         }
     }
+    mDelivery.beginLine();
     mProgress.show(tally);
 }
 
