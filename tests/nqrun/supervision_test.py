@@ -102,6 +102,10 @@ class Failures(program.ProgramTest):
         self.assertRegex(done.err, r"nqrun: kill -SEGV \$\$: ended by SIGSEGV(, with a core dump)? after")
         self.assertTrue(done.err.endswith("words of true\nnqrun: 1 done, 2 failed\n"), done.err)
 
+    def test_by_sigkill_name_who_may_have_sent_it(self):
+        done = self.run_it("sh", "-c", "kill -KILL $$", ":::", "a")
+        self.assertRegex(done.err, r"nqrun: a: ended by SIGKILL \(from somebody, or from the system when memory ran out\) after 0\.\d+ s\n")
+
     def test_name_a_program_that_cannot_be_started(self):
         self.write("plain", "no program")
         self.write("lost", "#!/no/such/interpreter\n", 0o755)

@@ -198,7 +198,7 @@ std::string endText(const Report& report, const CommandLimits& limits, const std
         if (report.dumpedCore != 0)
             text += ", with a core dump";
         if (report.code == SIGKILL)
-            text += "; most likely the system had no memory left, or somebody killed it";
+            text += " (from somebody, or from the system when memory ran out)";
         return text;
     }
     case End::TimedOut:
