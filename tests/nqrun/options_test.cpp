@@ -55,6 +55,15 @@ TEST(Options, thatAreUnknownAreNamed)
     EXPECT_EQ(refusalOf({"-x", "echo"}), "unknown option -x; see nqrun --help");
 }
 
+TEST(Options, sayWhichValueIsMissingOrTooMuch)
+{
+    EXPECT_EQ(refusalOf({"-j"}), "--jobs needs a value; see nqrun --help");
+    EXPECT_EQ(refusalOf({"-k", "--timeout"}), "--timeout needs a value; see nqrun --help");
+    EXPECT_EQ(
+        refusalOf({"--timeout", "3", "--timeout", "4", "echo"}),
+        "--timeout is given more than once; see nqrun --help");
+}
+
 TEST(Options, takeFilesOfItems)
 {
     const Options options = parsed({"echo", "::::", "a", "-"});
@@ -119,6 +128,14 @@ TEST(Options, refuseWhatDoesNotGoTogether)
              {"--worker", "w", "--shell"},
              {"--worker", "w", "--dry-run"}})
         EXPECT_NE(refusalOf(words), "taken") << words.front();
+}
+
+TEST(Options, refuseOneFileForTwoThings)
+{
+    EXPECT_EQ(
+        refusalOf({"--joblog", "x", "--metrics", "y", "--trace", "x", "echo"}),
+        "--joblog and --trace name the same file, x");
+    EXPECT_EQ(parsed({"--joblog", "x", "--trace", "y", "echo"}).trace, "y");
 }
 
 TEST(Options, takeAWorkerInsteadOfACommand)

@@ -5,9 +5,11 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
+#include <utility>
 
 namespace nqrun {
 
@@ -181,6 +183,25 @@ void refuse(bool isSo, const char* text)
         throw Error(text);
 }
 
+// Two writers of one file would leave something that nobody can read.
+void refuseSameFiles(const Options& options)
+{
+    const std::array<std::pair<const char*, const std::string*>, 5> files = {
+        {{"--joblog", &options.joblog},
+         {"--metrics", &options.metrics},
+         {"--trace", &options.trace},
+         {"--timeline", &options.timeline},
+         {"--status", &options.status}}};
+    for (auto one = files.begin(); one != files.end(); ++one) {
+        for (auto other = files.begin(); other != one; ++other) {
+            if (!one->second->empty() && *one->second == *other->second)
+                throw Error(
+                    std::string(other->first) + " and " + one->first + " name the same file, " +
+                    shown(*one->second));
+        }
+    }
+}
+
 void checkTogether(const Options& options, const Texts& texts, const CLI::App& app)
 {
     for (const CLI::Option* const option : app.get_options()) {
@@ -210,6 +231,7 @@ void checkTogether(const Options& options, const Texts& texts, const CLI::App& a
         (options.resumes || options.resumesFailed) && options.joblog.empty(),
         "--resume and --resume-failed go by a --joblog");
     refuse(!texts.format.empty() && options.joblog.empty(), "--joblog-format is about a --joblog");
+    refuseSameFiles(options);
 }
 
 } // namespace
@@ -233,6 +255,12 @@ parseOptions(int argc, const char* const* argv, const std::string& version, int&
         std::vector<std::string> arguments = std::move(words.options);
         std::reverse(arguments.begin(), arguments.end()); // as it wants them
         app.parse(std::move(arguments));
+    } catch (const CLI::ArgumentMismatch& error) {
+        const std::string text = error.what();
+        const bool isMissing = text.find("missing") != text.npos;
+        throw Error(
+            text.substr(0, text.find(':')) +
+            (isMissing ? " needs a value" : " is given more than once") + "; see nqrun --help");
     } catch (const CLI::ParseError& error) {
         throw Error(std::string(error.what()) + "; see nqrun --help");
     }
