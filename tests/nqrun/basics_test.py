@@ -37,6 +37,10 @@ class Items(program.ProgramTest):
     def test_commands_have_no_standard_input(self):
         self.expect(self.run_it("wc", "-c", "/dev/stdin", ":::", "--"), 0, b"0 /dev/stdin\n", "")
 
+    def test_commands_start_with_no_signal_blocked_or_ignored(self):
+        done = self.run_it("sed", "-nE", "s/^Sig(Blk|Ign):\\s*//p", ":::", "/proc/self/status")
+        self.expect(done, 0, b"0000000000000000\n" * 2, "")
+
     def test_a_program_is_searched_for_in_path_and_gets_its_own_name(self):
         self.write("mine", "#!/bin/sh\necho \"$0\" \"$1\"\n", 0o755)
         environment = dict(os.environ, PATH=f"{self.folder}:{os.environ['PATH']}")

@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <fcntl.h>
 #include <memory>
 #include <poll.h>
@@ -83,8 +84,10 @@ public:
         ::posix_spawnattr_init(&mAttributes);
         sigset_t none;
         sigemptyset(&none);
+        // sigfillset() leaves out two signals that the C library keeps to itself, and a signal that
+        // is not in the set would start ignored.
         sigset_t all;
-        sigfillset(&all);
+        std::memset(&all, 0xff, sizeof all);
         ::posix_spawnattr_setsigmask(&mAttributes, &none);
         ::posix_spawnattr_setsigdefault(&mAttributes, &all);
         ::posix_spawnattr_setpgroup(&mAttributes, 0);
