@@ -10,7 +10,8 @@ struct nqClusterKeys {
     explicit nqClusterKeys(const std::string& queue)
         : prefix("nq:{" + queue + "}:"),
           jobs(prefix + "jobs"),
-          agents(prefix + "agents")
+          agents(prefix + "agents"),
+          runs(prefix + "runs")
     {
     }
 
@@ -37,6 +38,7 @@ struct nqClusterKeys {
     std::string prefix;
     std::string jobs;   ///< a stream, whose group "agents" shares it out
     std::string agents; ///< a hash of the agents that are there
+    std::string runs;   ///< a hash: how many programs have submitted
 };
 
 } // namespace nq

@@ -27,7 +27,7 @@ constexpr std::chrono::milliseconds longestStop{2'000};
 constexpr std::chrono::milliseconds longestGoodbye{1'000};
 constexpr std::chrono::milliseconds idleWatch{10'000};
 
-constexpr unsigned idBitsOfOneRun = 32; // above them: which program with the client's name it is
+constexpr unsigned idBitsOfOneRun = 32; // above them: which program of the queue's it is
 
 constexpr std::size_t jobsOfOneBatch = 128; // what a script does at once, others wait for
 constexpr std::size_t bytesOfOneBatch = std::size_t{512} << 10;
@@ -540,11 +540,13 @@ void nqClusterPoolPrivate::open()
 {
     mSession = uniqueToken();
     nqRedisCommand command =
-        mCommands.script(nqScript::Open, {mKeys.jobs, mClientKey, mOutcomesKey});
+        mCommands.script(nqScript::Open, {mKeys.jobs, mClientKey, mOutcomesKey, mKeys.runs});
     command.add(mSession).add(static_cast<std::uint64_t>(mCluster.outcomesKept.count()));
-    command.add(mWasOpen ? "0" : "1");
+    command.add(mWasOpen ? (mBaseId >> idBitsOfOneRun) + 1 : 0);
     mCommands.send(std::move(command), [this](const nqRedisReply& reply) {
-        if (reply.isError())
+        if (reply.isError("NQTAKEN"))
+            mIsTakenOver = true;
+        else if (reply.isError())
             mCommands.drop("Redis answers: " + std::string(reply.text()));
         else
             onOpened(reply);
@@ -561,6 +563,7 @@ void nqClusterPoolPrivate::onOpened(const nqRedisReply& reply)
         mNumber = mAccepted = last;
         mDelivery.startAfter(mBaseId);
     } else {
+        mLeft = std::min<std::size_t>(mLeft, reply[2].number() + reply[3].number());
         settle(last);
         mToWithdraw.assign(mCancelled.begin(), mCancelled.end());
     }

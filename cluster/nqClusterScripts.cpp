@@ -19,16 +19,28 @@ constexpr std::string_view fieldFunction = R"(local function field(fields, name)
 end
 )";
 
-// A submitter arrives: from now on nobody else has its name.
+// A submitter arrives: from now on nobody else has its name. Runs are counted for the whole queue,
+// by a key that never expires: ids of jobs that outlive what is known of their client stay its own.
+// Who comes back with its run, after its connection was lost, gives way to a later one.
 constexpr std::string_view open = R"(
--- KEYS: jobs, client, outcomes. ARGV: session, how long outcomes are kept, '1' for a new program
+-- KEYS: jobs, client, outcomes, runs. ARGV: session, how long outcomes are kept, '0' for a new
+--   program, otherwise its run
+local run = tonumber(ARGV[3])
+if run == 0 then
+    run = redis.call('HINCRBY', KEYS[4], 'count', 1)
+else
+    if tonumber(redis.call('HGET', KEYS[2], 'run') or '0') > run then
+        return redis.error_reply('NQTAKEN the client has another session')
+    end
+    local count = redis.call('HGET', KEYS[4], 'count')
+    if tonumber(count or '0') < run then redis.call('HSET', KEYS[4], 'count', run) end
+end
 redis.pcall('XGROUP', 'CREATE', KEYS[1], 'agents', '0', 'MKSTREAM')
-redis.call('HSET', KEYS[2], 'session', ARGV[1], 'expiry', ARGV[2])
-if ARGV[3] == '1' then redis.call('HINCRBY', KEYS[2], 'run', 1) end
+redis.call('HSET', KEYS[2], 'session', ARGV[1], 'expiry', ARGV[2], 'run', run)
 redis.call('PEXPIRE', KEYS[2], ARGV[2])
 redis.call('PEXPIRE', KEYS[3], ARGV[2])
-local had = redis.call('HMGET', KEYS[2], 'last', 'run', 'open')
-return {had[1] or '0', had[2] or '1', had[3] or '0', redis.call('XLEN', KEYS[3])}
+local had = redis.call('HMGET', KEYS[2], 'last', 'open')
+return {had[1] or '0', run, had[2] or '0', redis.call('XLEN', KEYS[3])}
 )";
 
 // All of these jobs are accepted, or none. They have to follow those accepted before.

@@ -74,8 +74,8 @@ public:
     /// @{
 
     /// See nqPool::submit(). The job's bytes stay in memory until its outcome is there. The upper
-    /// 32 bits of an id count the programs that had the client's name before. Throws nqPoolError
-    /// for more than 64 MiB.
+    /// 32 bits of an id count the programs that used the queue before. Throws nqPoolError for more
+    /// than 64 MiB.
     nqJobId submit(nqJobBytes job, Callback callback = {});
 
     /// The same with options of its own. A deadline is kept by this pool, whatever happens to

@@ -381,4 +381,57 @@ TEST_F(ClusterPool, leavesOutcomesOfANewerVersionAloneAndSaysSo)
     EXPECT_EQ(mRedis->ask({"XLEN", "nq:{tests}:out:reports"}), "1");
 }
 
+TEST_F(ClusterPool, tellsItsJobsFromThoseOfAProgramThatRedisHasForgotten)
+{
+    nqClusterOptions cluster;
+    cluster.client = "reports";
+    {
+        const auto before = makePool({}, cluster);
+        mRedis->ask({"FLUSHALL"});
+        before->submit("echo before");
+        ASSERT_TRUE(pumpUntil(*before, [&] { return mRedis->ask({"XLEN", jobsKey}) == "1"; }));
+    }
+    mRedis->ask({"DEL", "nq:{tests}:client:reports"}); // as when it has expired
+    const auto pool = makePool({}, cluster);
+    const nqJobId id = pool->submit("echo mine");
+    const auto agent = startAgent("agent");
+    std::map<nqJobId, std::string> results;
+    for (int i = 0; i < 2; ++i) {
+        const nqOutcome outcome = nextOf(*pool);
+        results[outcome.id] = outcome.text();
+    }
+    EXPECT_EQ(results.size(), 2U);
+    EXPECT_EQ(results[id], "mine");
+}
+
+TEST_F(ClusterPool, doesNotTakeItsNameBackFromALaterProgramWhenItsConnectionIsLost)
+{
+    nqClusterOptions cluster;
+    cluster.client = "reports";
+    const auto before = makePool({}, cluster);
+    const auto pool = makePool({}, cluster);
+    mRedis->ask({"CLIENT", "KILL", "TYPE", "normal"});
+    EXPECT_THROW(pumpUntil(*before, [] { return false; }), nqPoolError);
+    const auto agent = startAgent("agent");
+    pool->submit("echo mine");
+    EXPECT_EQ(nextOf(*pool).text(), "mine");
+}
+
+TEST_F(ClusterPool, waitsForNothingThatRedisHasLostTogetherWithTheProgramBefore)
+{
+    nqClusterOptions cluster;
+    cluster.client = "reports";
+    {
+        const auto before = makePool({}, cluster);
+        before->submit("echo");
+        ASSERT_TRUE(pumpUntil(*before, [&] { return mRedis->ask({"XLEN", jobsKey}) == "1"; }));
+    }
+    const auto pool = makePool({}, cluster);
+    ASSERT_EQ(pool->statistics().takenUp, 1U);
+    mRedis->kill();
+    mRedis->start();
+    EXPECT_FALSE(pool->next(common::generousLimit));
+    EXPECT_EQ(pool->statistics().takenUp, 0U);
+}
+
 } // namespace cluster
