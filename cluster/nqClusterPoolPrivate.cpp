@@ -382,12 +382,12 @@ void nqClusterPoolPrivate::onAccepted(const Batch& batch, const nqRedisReply& re
         return;
     }
     mRefusal.clear();
-    mAccepted += batch.ids.size();
     for (std::size_t i = 0; i < batch.ids.size(); ++i)
-        accept(batch.ids[i], reply[i].text());
+        accept(batch.ids[i], ++mAccepted, reply[i].text());
 }
 
-void nqClusterPoolPrivate::accept(nqJobId id, std::string_view entry)
+/// An outcome may be faster than this: then the job has ended, or is at its next attempt.
+void nqClusterPoolPrivate::accept(nqJobId id, std::uint64_t number, std::string_view entry)
 {
     const auto found = mJobs.find(id);
     if (found == mJobs.end()) { // its deadline has passed meanwhile
@@ -403,6 +403,8 @@ void nqClusterPoolPrivate::accept(nqJobId id, std::string_view entry)
         mToDelete.push_back(std::exchange(job.details->earlierOutcome, {}));
 }
 
+    if (job.phase != Job::Phase::Sent || job.number != number)
+        return;
 /// Any refusal but that of the session passes: memory comes free, a disk gets room again.
 void nqClusterPoolPrivate::onRefusal(const nqRedisReply& reply)
 {
@@ -583,10 +585,11 @@ void nqClusterPoolPrivate::settle(std::uint64_t last)
     }
     for (const nqJobId id : std::exchange(mReturned, {})) {
         const auto found = mJobs.find(id);
-        if (found == mJobs.end())
+        if (found == mJobs.end() || found->second.phase != Job::Phase::Sent)
             continue;
-        if (found->second.number <= last)
-            accept(id, {});
+        const std::uint64_t number = found->second.number;
+        if (number <= last)
+            accept(id, number, {});
         else
             again.emplace_back(found->second.number, id);
     }
@@ -605,6 +608,8 @@ void nqClusterPoolPrivate::settle(std::uint64_t last)
     mOutbox.insert(mOutbox.begin(), ids.begin(), ids.end());
 }
 
+    // Two attempts of a job may have been on their way.
+    again.erase(std::unique(again.begin(), again.end()), again.end());
 void nqClusterPoolPrivate::readOutcomes()
 {
     if (mDelivery.uncollectedBytes() > uncollectedBytes && mJobs.empty() && !mIsDraining)

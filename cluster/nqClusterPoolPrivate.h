@@ -108,7 +108,7 @@ private:
     void sendJobs();
     void sendBatch();
     void onAccepted(const Batch& batch, const nqRedisReply& reply);
-    void accept(nqJobId id, std::string_view entry);
+    void accept(nqJobId id, std::uint64_t number, std::string_view entry);
     void sendWithdrawals();
     void withdraw(
         nqJobId id,

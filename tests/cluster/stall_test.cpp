@@ -78,4 +78,26 @@ TEST_F(StalledConnection, costsAnAgentItsLeaseWhenItLasts)
     EXPECT_FALSE(pool->next(std::chrono::milliseconds(0)));
 }
 
+TEST_F(StalledConnection, doesNotCostAFailedAttemptItsOutcomeBeforeTheNextOneIsAccepted)
+{
+    const auto agent = startAgent("agent");
+    nq::nqPoolOptions options;
+    options.retry = attempts(2);
+    options.retry.pause = options.retry.longestPause = std::chrono::hours(1);
+    nqClusterOptions cluster;
+    cluster.client = "reports";
+    nqClusterPool pool("unix:" + path(), queue, options, cluster);
+    mProxy->holdFirst(true); // so that the outcome overtakes the acceptance
+    pool.submit("crash");
+    ASSERT_TRUE(pumpUntil(pool, [&] { return pool.statistics().retried == 1; }));
+    mProxy->holdFirst(false);
+    pool.submit("echo");
+    nextOf(pool);
+    const std::string outcomes = "nq:{tests}:out:reports";
+    ASSERT_TRUE(pumpUntil(pool, [&] {
+        return mRedis->ask({"XRANGE", outcomes, "-", "+"}).find("done") == std::string::npos;
+    }));
+    EXPECT_EQ(mRedis->ask({"XLEN", outcomes}), "1");
+}
+
 } // namespace cluster

@@ -58,6 +58,12 @@ void StallingProxy::cut(bool isCut)
     ::eventfd_write(mWake, 1);
 }
 
+void StallingProxy::holdFirst(bool isHeld)
+{
+    mIsFirstHeld = isHeld;
+    ::eventfd_write(mWake, 1);
+}
+
 void StallingProxy::run()
 {
     std::map<int, bool> stalled;
@@ -70,7 +76,7 @@ void StallingProxy::run()
         if (!mIsCut) {
             sources.push_back({mListener, POLLIN, 0});
             for (const auto& [descriptor, peer] : mPeers) {
-                if (!stalled[descriptor])
+                if (!stalled[descriptor] && !(mIsFirstHeld && descriptor == mFirstServer))
                     sources.push_back({descriptor, POLLIN, 0});
             }
         }
@@ -117,6 +123,8 @@ void StallingProxy::accept()
         ::close(server);
         return;
     }
+    if (mFirstServer == -1)
+        mFirstServer = server;
     mPeers[client] = server;
     mPeers[server] = client;
 }

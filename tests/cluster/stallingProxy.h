@@ -22,6 +22,9 @@ public:
     /// Nothing moves, until it is called with false.
     void cut(bool isCut);
 
+    /// The first connection brings no answers, until it is called with false.
+    void holdFirst(bool isHeld);
+
 private:
     void run();
     void accept();
@@ -34,6 +37,8 @@ private:
     std::atomic<bool> mIsEnding{false};
     std::atomic<bool> mIsCut{false};
     std::atomic<bool> mIsStalling{false};
+    std::atomic<bool> mIsFirstHeld{false};
+    int mFirstServer = -1;
     std::map<int, int> mPeers;
     std::thread mThread;
 };
