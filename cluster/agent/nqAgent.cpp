@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdlib>
 #include <ctime>
 #include <iostream>
 #include <sys/eventfd.h>
@@ -40,6 +41,7 @@ nqRedisLink::Settings settingsOf(const nqAgentOptions& options)
 {
     nqRedisLink::Settings settings;
     settings.address = nqRedisAddress::parse(options.redis, options.passwordFile);
+    ::unsetenv("NQ_REDIS_PASSWORD"); // workers get the environment
     // A connection that has stalled must not cost the lease.
     settings.stallTimeout = std::min(settings.stallTimeout, options.lease / 2);
     settings.connectTimeout = std::min(settings.connectTimeout, options.lease / 2);

@@ -268,3 +268,65 @@ TEST_F(Agent, writesItsCountsIntoAFile)
 }
 
 } // namespace cluster
+TEST_F(Agent, countsWhatAKilledOneOfItsNameHadAsLost)
+{
+    const auto first = startAgent("host7", {"--lease", "1000"});
+    const auto pool = makePool();
+    pool->submit(waiting("long"));
+    ASSERT_TRUE(runs(*pool, "long"));
+    first->signal(SIGKILL);
+    const auto second = startAgent("host7", {"--lease", "1000"});
+    const nqOutcome outcome = nextOf(*pool);
+    EXPECT_EQ(outcome.reason, Reason::Lost);
+    EXPECT_EQ(outcome.message, "agent host7 was lost, and is started anew");
+}
+
+TEST_F(Agent, keepsItsPasswordAndItsConnectionsFromItsWorkers)
+{
+    startRedis({"--requirepass", "secret"});
+    const auto agent = launchAgent("agent", {}, NQ_CLUSTER_WORKER, {"NQ_REDIS_PASSWORD=secret"});
+    ASSERT_TRUE(agent->says("takes jobs")) << agent->printed();
+    const std::string password = mFolder.file("password");
+    mFolder.addFile("password", "secret", 0600);
+    nq::nqClusterOptions cluster;
+    cluster.passwordFile = password;
+    const auto pool = makePool({}, cluster);
+    pool->submit("variable NQ_REDIS_PASSWORD");
+    EXPECT_EQ(nextOf(*pool).text(), "none");
+    pool->submit(waiting("long"));
+    ASSERT_TRUE(runs(*pool, "long"));
+    const std::string worker = common::contentOf(mFolder.file("long") + ".started");
+    const std::set<std::string> sockets = socketsOf(std::to_string(agent->pid()));
+    EXPECT_FALSE(sockets.empty());
+    for (const std::string& socket : socketsOf(worker))
+        EXPECT_EQ(sockets.count(socket), 0U) << socket;
+    end("long");
+    EXPECT_TRUE(pool->drain());
+}
+
+TEST_F(Agent, knowsInAnAuditAllThatItHolds)
+{
+    const std::string metrics = mFolder.file("metrics");
+    const auto agent = startAgent(
+        "agent", {"--workers", "1", "--prefetch", "20000", "--lease", "0.5", "--metrics", metrics});
+    const auto pool = makePool();
+    pool->submit(waiting("long"));
+    for (int i = 0; i < 12'000; ++i)
+        pool->submit("echo");
+    ASSERT_TRUE(pumpUntil(*pool, [&] {
+        return mRedis->ask({"XPENDING", jobsKey, "agents"}).substr(0, 5) == "12001";
+    }));
+    const auto audits = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    pumpUntil(*pool, [&] { return std::chrono::steady_clock::now() > audits; });
+    end("long");
+    EXPECT_TRUE(pool->drain());
+    EXPECT_TRUE(pumpUntil(*pool, [&] {
+        return common::contentOf(metrics).find(
+                   "jobs_done_total{queue=\"tests\",agent=\"agent\"} 12001\n") != std::string::npos;
+    }));
+    EXPECT_NE(
+        common::contentOf(metrics).find(
+            "jobs_handed_back_total{queue=\"tests\",agent=\"agent\"} 0\n"),
+        std::string::npos);
+}
+

@@ -3,12 +3,14 @@
 //   echo TEXT     gives TEXT back
 //   wait FILE     says so by making FILE.started, and waits until FILE is there
 //   pause MS      takes that long
+//   variable NAME gives that of its environment
 //   crash         is ended by a signal
 //   large N       gives N bytes
 //   reverse TEXT  any other job is reversed as well
 #include <nqPoolWorker.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <fstream>
 #include <poll.h>
 #include <string>
@@ -38,6 +40,10 @@ std::string work(std::string_view job)
     if (name == "pause") {
         ::poll(nullptr, 0, std::stoi(argument));
         return argument;
+    }
+    if (name == "variable") {
+        const char* const value = std::getenv(argument.c_str());
+        return value != nullptr ? value : "none";
     }
     if (name == "crash")
         ::raise(SIGKILL); // a sanitizer would handle others
