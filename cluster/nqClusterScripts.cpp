@@ -79,9 +79,13 @@ constexpr std::string_view withdraw = R"(
 --   '1' to have an outcome, how long outcomes are kept
 local entry, after = ARGV[5], ''
 if entry == '' then
-    local some = redis.call('XRANGE', KEYS[1], ARGV[6], '+', 'COUNT', '1000')
-    for _, each in ipairs(some) do
-        if field(each[2], 'client') == ARGV[2] and field(each[2], 'id') == ARGV[3] then
+    after = ARGV[6]
+    local seen, bytes = 0, 0
+    while entry == '' and after ~= '' and seen < 1000 and bytes < 1000000 do
+        local each = redis.call('XRANGE', KEYS[1], after, '+', 'COUNT', 1)[1]
+        if not each then
+            after = ''
+        elseif field(each[2], 'client') == ARGV[2] and field(each[2], 'id') == ARGV[3] then
             entry = each[1]
         end
     end
