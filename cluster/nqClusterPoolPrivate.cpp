@@ -757,6 +757,7 @@ void nqClusterPoolPrivate::finish(Ledger::iterator found, nqOutcome&& outcome, s
 void nqClusterPoolPrivate::countOutcome(const nqOutcome& outcome)
 {
     ++mCounts.byReason[static_cast<std::size_t>(outcome.reason)];
+        forgetDeadline(outcome.id, job.details->options);
     mIsAllDone = mIsAllDone && outcome.state == State::Done;
     switch (outcome.state) {
     case State::Done:
@@ -767,6 +768,18 @@ void nqClusterPoolPrivate::countOutcome(const nqOutcome& outcome)
         ++mCounts.failed;
         break;
     case State::Cancelled:
+/// A host may set deadlines of hours for jobs of milliseconds.
+void nqClusterPoolPrivate::forgetDeadline(nqJobId id, const nqJobOptions& options)
+{
+    if (!options.deadline)
+        return;
+    const auto range = mDeadlines.equal_range(*options.deadline);
+    const auto found = std::find_if(
+        range.first, range.second, [id](const auto& each) { return each.second == id; });
+    if (found != range.second)
+        mDeadlines.erase(found);
+}
+
         ++mCounts.cancelled;
         break;
     }

@@ -130,6 +130,7 @@ private:
     bool tryAgain(nqJobId id, Job& job, nqOutcomeMessage& message);
     void finish(Ledger::iterator found, nqOutcome&& outcome, std::string&& entry);
     void finishHere(Ledger::iterator found, Reason reason);
+    void forgetDeadline(nqJobId id, const nqJobOptions& options);
     void countOutcome(const nqOutcome& outcome);
 
     bool canSend() const;
