@@ -28,7 +28,7 @@ constexpr std::size_t bytesOfOneBatch = std::size_t{512} << 10;
 constexpr std::size_t bytesInFlight = std::size_t{8} << 20;
 constexpr std::size_t batchesInFlight = 16;
 constexpr std::size_t mostPrefetched = 1000;
-constexpr std::size_t auditedAtOnce = 10'000; // more than an agent ever holds
+constexpr std::size_t auditedAtOnce = 200'000; // more than an agent ever holds
 
 constexpr std::chrono::milliseconds pauseAfterRefusal{250};
 constexpr std::chrono::milliseconds longestGathering{1};
