@@ -448,7 +448,7 @@ void nqRedisLink::restart()
 
 void nqRedisLink::close()
 {
-    if (mSocket.isOpen())
+    if (mSocket.isOpen() && ::getpid() == mMaker) // a forked child shares the set of its parent
         mWait.forget(mSocket.get());
     mSocket.close();
     mReader.reset();

@@ -19,6 +19,7 @@
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
+#include <unistd.h>
 #include <vector>
 
 namespace nq {
@@ -144,6 +145,7 @@ private:
     std::string whom() const;
 
     Settings mSettings;
+    const pid_t mMaker = ::getpid();
     nqClusterWait& mWait;
     nqRedisLinkOwner& mOwner;
 

@@ -3,6 +3,8 @@
 #include <csignal>
 #include <map>
 #include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace cluster {
 
