@@ -26,6 +26,8 @@ constexpr std::chrono::milliseconds pauseAfterRefusal{250};
 constexpr std::chrono::milliseconds longestStop{2'000};
 constexpr std::chrono::milliseconds longestGoodbye{1'000};
 constexpr std::chrono::milliseconds idleWatch{10'000};
+constexpr std::chrono::milliseconds shortestKept{1'000};
+constexpr std::chrono::milliseconds longestKept{std::chrono::hours(24 * 365 * 100)}; // Redis adds
 
 constexpr unsigned idBitsOfOneRun = 32; // above them: which program of the queue's it is
 
@@ -127,6 +129,9 @@ nqClusterPoolPrivate::nqClusterPoolPrivate(
       mReader(settingsOf(url, cluster), mWait, *this),
       mDelivery(options.order)
 {
+    if (mCluster.outcomesKept < shortestKept)
+        throw nqPoolError("nqClusterOptions::outcomesKept is shorter than a second");
+    mCluster.outcomesKept = std::min(mCluster.outcomesKept, longestKept);
     connect();
 }
 
@@ -487,7 +492,10 @@ void nqClusterPoolPrivate::watch(TimePoint now)
 {
     if (!mIsOpen || now < mNextWatch)
         return;
-    mNextWatch = now + (isBusy() ? mSigns.interval() : idleWatch);
+    mNextWatch =
+        now + std::min(
+                  isBusy() ? mSigns.interval() : idleWatch,
+                  mCluster.outcomesKept / 4); // each time renews what is known of the client
     nqRedisCommand command =
         mCommands.script(nqScript::Watch, {mClientKey, mOutcomesKey, mKeys.agents});
     command.add(mSession).add(static_cast<std::uint64_t>(mCluster.outcomesKept.count()));

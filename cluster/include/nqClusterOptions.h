@@ -21,7 +21,7 @@ struct nqClusterOptions {
     /// nqPoolOptions::maxPendingJobs. One job alone may be larger. 0: no bound.
     std::size_t maxPendingBytes = std::size_t{256} << 20;
 
-    /// How long outcomes are kept that nobody takes, after this pool has ended.
+    /// How long outcomes are kept that nobody takes, after this pool has ended. A second at least.
     std::chrono::milliseconds outcomesKept{std::chrono::hours(24)};
 
     std::chrono::milliseconds connectTimeout{5'000}; ///< of one try to reach Redis
