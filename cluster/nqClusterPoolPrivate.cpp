@@ -147,11 +147,14 @@ nqClusterPoolPrivate::~nqClusterPoolPrivate()
     // name.
     const TimePoint end = nqClusterClock::now() + longestGoodbye;
     sendTaken();
-    while (!(mToDelete.empty() && mDeleting.empty()) && nqClusterClock::now() < end) {
+    while (!(mToDelete.empty() && mDeleting.empty()) && !mIsTakenOver &&
+           nqClusterClock::now() < end) {
         mCommands.step();
         sendTaken();
         mCommands.flush();
-        const TimePoint due = std::min(end, mCommands.nextDue().value_or(end));
+        TimePoint due = std::min(end, mCommands.nextDue().value_or(end));
+        if (mIsOpen && !mToDelete.empty())
+            due = std::min(due, mNextDeletion);
         mWait.sleep(untilAtLeast(due, nqClusterClock::now()));
     }
 }
@@ -400,6 +403,8 @@ void nqClusterPoolPrivate::accept(nqJobId id, std::uint64_t number, std::string_
         return;
     }
     Job& job = found->second;
+    if (job.phase != Job::Phase::Sent || job.number != number)
+        return;
     job.phase = Job::Phase::Accepted;
     job.entry = entry;
     if (job.isCancelled)
@@ -408,8 +413,6 @@ void nqClusterPoolPrivate::accept(nqJobId id, std::uint64_t number, std::string_
         mToDelete.push_back(std::exchange(job.details->earlierOutcome, {}));
 }
 
-    if (job.phase != Job::Phase::Sent || job.number != number)
-        return;
 /// Any refusal but that of the session passes: memory comes free, a disk gets room again.
 void nqClusterPoolPrivate::onRefusal(const nqRedisReply& reply)
 {
@@ -464,25 +467,27 @@ void nqClusterPoolPrivate::sendTaken()
 {
     for (std::string& entry : mDelivery.takeEntries())
         mToDelete.push_back(std::move(entry));
-    while (mIsOpen && !mToDelete.empty()) {
+    while (mIsOpen && !mToDelete.empty() && nqClusterClock::now() >= mNextDeletion) {
         const std::size_t count = std::min(mToDelete.size(), deletedAtOnce);
         const auto first = mToDelete.end() - static_cast<std::ptrdiff_t>(count);
         std::vector<std::string> entries(
             std::make_move_iterator(first), std::make_move_iterator(mToDelete.end()));
         mToDelete.erase(first, mToDelete.end());
-        nqRedisCommand command{"XDEL", mOutcomesKey};
+        nqRedisCommand command = mCommands.script(nqScript::Taken, {mClientKey, mOutcomesKey});
+        command.add(mSession);
         for (const std::string& entry : entries)
             command.add(entry);
         mDeleting.push_back(std::move(entries));
         mCommands.send(std::move(command), [this](const nqRedisReply& reply) {
             const std::vector<std::string> deleted = std::move(mDeleting.front());
             mDeleting.pop_front();
-            for (const std::string& entry : deleted) {
-                if (reply.isError())
-                    mToDelete.push_back(entry);
-                else
-                    mHeld.erase(entry);
+            if (reply.isError()) {
+                mToDelete.insert(mToDelete.end(), deleted.begin(), deleted.end());
+                mNextDeletion = nqClusterClock::now() + pauseAfterRefusal;
+                return;
             }
+            for (const std::string& entry : deleted)
+                mHeld.erase(entry);
         });
     }
 }
@@ -599,10 +604,12 @@ void nqClusterPoolPrivate::settle(std::uint64_t last)
         if (number <= last)
             accept(id, number, {});
         else
-            again.emplace_back(found->second.number, id);
+            again.emplace_back(number, id);
     }
     mAccepted = mNumber = last;
     std::sort(again.begin(), again.end());
+    // Two attempts of a job may have been on their way.
+    again.erase(std::unique(again.begin(), again.end()), again.end());
     std::vector<nqJobId> ids;
     for (const auto& [number, id] : again) {
         const auto found = mJobs.find(id);
@@ -616,8 +623,6 @@ void nqClusterPoolPrivate::settle(std::uint64_t last)
     mOutbox.insert(mOutbox.begin(), ids.begin(), ids.end());
 }
 
-    // Two attempts of a job may have been on their way.
-    again.erase(std::unique(again.begin(), again.end()), again.end());
 void nqClusterPoolPrivate::readOutcomes()
 {
     if (mDelivery.uncollectedBytes() > uncollectedBytes && mJobs.empty() && !mIsDraining)
@@ -752,6 +757,7 @@ void nqClusterPoolPrivate::finish(Ledger::iterator found, nqOutcome&& outcome, s
     }
     outcome.queued = inMicroseconds(nqClusterClock::now() - job.submitted) - outcome.ran;
     if (job.details != nullptr) {
+        forgetDeadline(outcome.id, job.details->options);
         if (!job.details->earlierAttempts.empty())
             outcome.queued = job.details->queued;
         outcome.earlierAttempts = std::move(job.details->earlierAttempts);
@@ -762,20 +768,6 @@ void nqClusterPoolPrivate::finish(Ledger::iterator found, nqOutcome&& outcome, s
     mDelivery.add({std::move(outcome), std::move(job.callback), std::move(entry)});
 }
 
-void nqClusterPoolPrivate::countOutcome(const nqOutcome& outcome)
-{
-    ++mCounts.byReason[static_cast<std::size_t>(outcome.reason)];
-        forgetDeadline(outcome.id, job.details->options);
-    mIsAllDone = mIsAllDone && outcome.state == State::Done;
-    switch (outcome.state) {
-    case State::Done:
-        ++mCounts.done;
-        mCounts.resultBytes += outcome.bytes.size();
-        break;
-    case State::Failed:
-        ++mCounts.failed;
-        break;
-    case State::Cancelled:
 /// A host may set deadlines of hours for jobs of milliseconds.
 void nqClusterPoolPrivate::forgetDeadline(nqJobId id, const nqJobOptions& options)
 {
@@ -788,6 +780,19 @@ void nqClusterPoolPrivate::forgetDeadline(nqJobId id, const nqJobOptions& option
         mDeadlines.erase(found);
 }
 
+void nqClusterPoolPrivate::countOutcome(const nqOutcome& outcome)
+{
+    ++mCounts.byReason[static_cast<std::size_t>(outcome.reason)];
+    mIsAllDone = mIsAllDone && outcome.state == State::Done;
+    switch (outcome.state) {
+    case State::Done:
+        ++mCounts.done;
+        mCounts.resultBytes += outcome.bytes.size();
+        break;
+    case State::Failed:
+        ++mCounts.failed;
+        break;
+    case State::Cancelled:
         ++mCounts.cancelled;
         break;
     }
@@ -801,8 +806,7 @@ bool nqClusterPoolPrivate::isBusy() const
 /// When a pump has something to do by itself; `now` or earlier: at once.
 std::optional<nqClusterPoolPrivate::TimePoint> nqClusterPoolPrivate::nextDue(TimePoint now) const
 {
-    if (mDelivery.isDue() || (canSend() && now >= mNextTry) ||
-        (mIsOpen && (!mToDelete.empty() || !mToWithdraw.empty())))
+    if (mDelivery.isDue() || (canSend() && now >= mNextTry) || (mIsOpen && !mToWithdraw.empty()))
         return now;
     std::optional<TimePoint> due = mCommands.nextDue();
     const auto consider = [&due](const std::optional<TimePoint>& other) {
@@ -818,6 +822,8 @@ std::optional<nqClusterPoolPrivate::TimePoint> nqClusterPoolPrivate::nextDue(Tim
         consider(mDeadlines.begin()->first);
     if (mIsOpen)
         consider(mNextWatch);
+    if (mIsOpen && !mToDelete.empty())
+        consider(mNextDeletion);
     return due;
 }
 

@@ -181,6 +181,7 @@ private:
     std::unordered_set<std::string> mHeld; ///< entries that were read and are not deleted yet
     std::vector<std::string> mToDelete;
     std::deque<std::vector<std::string>> mDeleting; ///< without an answer
+    TimePoint mNextDeletion;                        ///< after a refusal
     nqClusterDelivery mDelivery;
     std::size_t mLeft = 0; ///< outcomes of the client before that have not come
     std::unordered_set<nqJobId> mLeftSeen;

@@ -87,9 +87,11 @@ if entry == '' then
             after = ''
         elseif field(each[2], 'client') == ARGV[2] and field(each[2], 'id') == ARGV[3] then
             entry = each[1]
+        else
+            after = '(' .. each[1]
+            seen, bytes = seen + 1, bytes + #field(each[2], 'job')
         end
     end
-    if entry == '' and #some == 1000 then after = '(' .. some[#some][1] end
 end
 if entry == '' then return {0, after} end
 local owner = redis.call('XPENDING', KEYS[1], 'agents', entry, entry, 1)
@@ -110,10 +112,25 @@ end
 return {1, ''}
 )";
 
+// The host has these outcomes. Not of a program whose name another one has: that one counts on
+// them.
+constexpr std::string_view taken = R"(
+-- KEYS: client, outcomes. ARGV: session, entries
+if redis.call('HGET', KEYS[1], 'session') ~= ARGV[1] then
+    return redis.error_reply('NQTAKEN the client has another session')
+end
+return redis.call('XDEL', KEYS[2], unpack(ARGV, 2))
+)";
+
+// What an agent of the same name has held, which was killed and started again, is lost: handed
+// back, it would not count as an attempt, and a job that kills its agent would go on for ever.
 constexpr std::string_view join = R"(
--- KEYS: jobs, agents. ARGV: agent, its value
+-- KEYS: jobs, agents. ARGV: prefix, agent, its value
 redis.pcall('XGROUP', 'CREATE', KEYS[1], 'agents', '0', 'MKSTREAM')
-redis.call('HSET', KEYS[2], ARGV[1], ARGV[2])
+if redis.call('HEXISTS', KEYS[2], ARGV[2]) == 1 then
+    lose(ARGV[2], 'agent ' .. ARGV[2] .. ' was lost, and is started anew')
+end
+redis.call('HSET', KEYS[2], ARGV[2], ARGV[3])
 return 1
 )";
 
@@ -124,7 +141,7 @@ if redis.call('HEXISTS', KEYS[1], ARGV[1]) == 0 then
     return redis.error_reply('NQLOST the agent was taken for lost')
 end
 redis.call('HSET', KEYS[1], ARGV[1], ARGV[2])
-redis.call('HSET', KEYS[2], unpack(ARGV, 4))
+if #ARGV > 3 then redis.call('HSET', KEYS[2], unpack(ARGV, 4)) end
 redis.call('PEXPIRE', KEYS[2], ARGV[3])
 return redis.call('HGETALL', KEYS[1])
 )";
@@ -278,7 +295,8 @@ constexpr std::array<Script, nqScriptCount> scripts{{
     {submit, {}, true},
     {watch, {}},
     {withdraw, {}},
-    {join, {}},
+    {taken, {}},
+    {join, loseFunction},
     {beat, {}},
     {finish, {}},
     {handBack, {}},

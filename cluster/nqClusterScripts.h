@@ -13,6 +13,7 @@ enum class nqScript : std::size_t {
     Submit,
     Watch,
     Withdraw,
+    Taken,
     // of agents
     Join,
     Beat,
@@ -24,7 +25,7 @@ enum class nqScript : std::size_t {
     Sweep,
 };
 
-constexpr std::size_t nqScriptCount = 11;
+constexpr std::size_t nqScriptCount = 12;
 
 /// For SCRIPT LOAD.
 std::string textOf(nqScript script);

@@ -145,7 +145,8 @@ void nqHeartbeat::tell()
 void nqHeartbeat::join()
 {
     nqRedisCommand command = mCommands.script(nqScript::Join, {mKeys.jobs, mKeys.agents});
-    command.add(mName).add(nqSignsOfLife::valueOf(mSettings.lease, mBeats));
+    command.add(mKeys.prefix).add(mName);
+    command.add(nqSignsOfLife::valueOf(mSettings.lease, mBeats));
     mCommands.send(std::move(command), [this](const nqRedisReply& reply) {
         if (reply.isError()) {
             mCommands.drop("Redis answers: " + std::string(reply.text()));

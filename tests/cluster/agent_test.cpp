@@ -3,6 +3,8 @@
 #include "tests/common/processes.h"
 
 #include <csignal>
+#include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -14,6 +16,18 @@ using nq::nqOutcome;
 using Reason = nqAttempt::Reason;
 
 class Agent : public Cluster {};
+
+std::set<std::string> socketsOf(const std::string& process)
+{
+    std::set<std::string> sockets;
+    for (const auto& each : std::filesystem::directory_iterator("/proc/" + process + "/fd")) {
+        std::error_code gone;
+        const std::string target = std::filesystem::read_symlink(each.path(), gone).string();
+        if (target.find("socket:") == 0)
+            sockets.insert(target);
+    }
+    return sockets;
+}
 
 TEST_F(Agent, losesItsJobsWhenItIsKilled)
 {
@@ -267,7 +281,6 @@ TEST_F(Agent, writesItsCountsIntoAFile)
     }));
 }
 
-} // namespace cluster
 TEST_F(Agent, countsWhatAKilledOneOfItsNameHadAsLost)
 {
     const auto first = startAgent("host7", {"--lease", "1000"});
@@ -330,3 +343,4 @@ TEST_F(Agent, knowsInAnAuditAllThatItHolds)
         std::string::npos);
 }
 
+} // namespace cluster

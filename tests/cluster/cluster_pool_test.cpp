@@ -436,4 +436,51 @@ TEST_F(ClusterPool, waitsForNothingThatRedisHasLostTogetherWithTheProgramBefore)
     EXPECT_EQ(pool->statistics().takenUp, 0U);
 }
 
+TEST_F(ClusterPool, goesOnWhenAForkedChildHasDestroyedItsCopy)
+{
+    const auto agent = startAgent("agent");
+    auto pool = makePool();
+    pool->submit("echo before");
+    EXPECT_EQ(nextOf(*pool).text(), "before");
+    const pid_t child = ::fork();
+    if (child == 0) {
+        pool.reset();
+        ::_exit(0);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    pool->submit("echo after");
+    EXPECT_EQ(nextOf(*pool).text(), "after");
+    EXPECT_EQ(pool->statistics().connectionsLost, 0U);
+}
+
+TEST_F(ClusterPool, tellsAnOutcomeAgainThatAProgramDeletesTooLate)
+{
+    const auto agent = startAgent("agent");
+    nqClusterOptions cluster;
+    cluster.client = "reports";
+    const auto before = makePool({}, cluster);
+    std::unique_ptr<nq::nqClusterPool> pool;
+    before->submit("echo twice", [&](const nqOutcome&) { pool = makePool({}, cluster); });
+    try {
+        pumpUntil(*before, [&] { return pool != nullptr; });
+    } catch (const nqPoolError&) { // it has heard already that another one has its name
+    }
+    ASSERT_NE(pool, nullptr);
+    EXPECT_EQ(nextOf(*pool).text(), "twice");
+    EXPECT_EQ(pool->statistics().takenUp, 0U);
+}
+
+TEST_F(ClusterPool, keepsOutcomesForASecondAtLeastAndForAsLongAsRedisCanCount)
+{
+    nqClusterOptions cluster;
+    cluster.outcomesKept = std::chrono::milliseconds(999);
+    EXPECT_THROW(makePool({}, cluster), nqPoolError);
+    cluster.outcomesKept = std::chrono::milliseconds::max();
+    const auto pool = makePool({}, cluster);
+    pool->submit("echo");
+    EXPECT_TRUE(pumpUntil(*pool, [&] { return mRedis->ask({"XLEN", jobsKey}) == "1"; }));
+}
+
 } // namespace cluster
