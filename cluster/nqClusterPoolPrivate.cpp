@@ -670,6 +670,8 @@ void nqClusterPoolPrivate::onOutcome(nqOutcomeMessage&& message)
                         std::to_string(message.version) + ") of this library; update it here";
         return;
     }
+    if (!message.isReadable && mLeft != 0)
+        --mLeft; // it was counted as one that is to come
     const auto found = mJobs.find(message.outcome.id);
     const bool isKnown = found != mJobs.end();
     const bool isSecond = isKnown && (message.attempt != found->second.attempt ||

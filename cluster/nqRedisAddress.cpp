@@ -57,6 +57,8 @@ void parseHost(std::string_view text, nqRedisAddress& address)
     }
     if (address.host.empty())
         refuse("has no host");
+    if (!port.empty() && port.front() != ':')
+        refuse("has something between ] and its port");
     if (!port.empty())
         address.port = static_cast<std::uint16_t>(
             numberOf(port.substr(1), std::numeric_limits<std::uint16_t>::max(), "port"));

@@ -343,4 +343,17 @@ TEST_F(Agent, knowsInAnAuditAllThatItHolds)
         std::string::npos);
 }
 
+TEST_F(Agent, bringsItsOutcomeWhenRedisHasForgottenTheScripts)
+{
+    const auto agent = startAgent("agent");
+    const auto pool = makePool();
+    pool->submit(waiting("long"));
+    ASSERT_TRUE(runs(*pool, "long"));
+    mRedis->ask({"SCRIPT", "FLUSH"});
+    end("long");
+    pool->submit("echo");
+    EXPECT_TRUE(pool->drain());
+    EXPECT_EQ(pool->statistics().done, 2U);
+}
+
 } // namespace cluster

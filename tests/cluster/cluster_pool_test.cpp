@@ -483,4 +483,15 @@ TEST_F(ClusterPool, keepsOutcomesForASecondAtLeastAndForAsLongAsRedisCanCount)
     EXPECT_TRUE(pumpUntil(*pool, [&] { return mRedis->ask({"XLEN", jobsKey}) == "1"; }));
 }
 
+TEST_F(ClusterPool, doesNotWaitForWhatIsNoOutcome)
+{
+    mRedis->ask({"XADD", "nq:{tests}:out:reports", "*", "some", "thing"});
+    nqClusterOptions cluster;
+    cluster.client = "reports";
+    const auto pool = makePool({}, cluster);
+    EXPECT_EQ(pool->statistics().takenUp, 1U);
+    EXPECT_FALSE(pool->next(common::generousLimit));
+    EXPECT_EQ(pool->statistics().takenUp, 0U);
+}
+
 } // namespace cluster

@@ -187,6 +187,7 @@ TEST_F(Refusals, concernAddressesAndNamesThatAreNone)
     EXPECT_TRUE(says(refusalOf("head:6379"), "begins with neither redis:// nor unix:"));
     EXPECT_TRUE(says(refusalOf("redis://head:port"), "no number"));
     EXPECT_TRUE(says(refusalOf("redis://head:99999"), "no number"));
+    EXPECT_TRUE(says(refusalOf("redis://[::1]6379"), "between ] and its port"));
     EXPECT_TRUE(says(refusalOf("redis://"), "has no host"));
     EXPECT_TRUE(says(refusalOf("unix:"), "has no path"));
     EXPECT_THROW(nqClusterPool(mRedis->url(), "a queue"), nqPoolError);
