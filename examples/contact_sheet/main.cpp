@@ -6,7 +6,13 @@
 #include "options.h"
 #include "sheet.h"
 
+#ifdef CONTACT_SHEET_CLUSTER
+#include <nqClusterPool.h>
+using Pool = nq::nqClusterPool;
+#else
 #include <nqPool.h>
+using Pool = nq::nqPool;
+#endif
 
 #include <nlohmann/json.hpp>
 
@@ -101,7 +107,8 @@ nq::nqPoolOptions poolOptions(const Options& options)
     pool.jobTimeout = std::chrono::milliseconds(std::llround(options.timeout * 1000));
     pool.memoryCap = static_cast<std::uint64_t>(options.memory) << 20;
     pool.keepFailedJobs = options.keep;
-    pool.keptFailedJobs = 0; // all of them: the report names each
+    pool.keptFailedJobs = 0;          // all of them: the report names each
+    pool.retry = {3, {Reason::Lost}}; // the machine's fault, not the file's
     pool.name = options.title;
     pool.timelineFile = options.timeline;
     // Tiles come in the order of the files, so a sheet is drawn and forgotten once it is full. The
@@ -131,7 +138,7 @@ private:
     const Layout mLayout;
     const std::size_t mCellsOfASheet;
     const std::size_t mSheetCount;
-    nq::nqPool mPool;
+    Pool mPool;
     Screen mScreen;
     std::size_t mSubmitted = 0;
     std::size_t mShown = 0;
@@ -157,7 +164,11 @@ Run::Run(const Options& options)
       mLayout(layoutOf(options, mFiles.size())),
       mCellsOfASheet(static_cast<std::size_t>(mLayout.columns * mLayout.rows)),
       mSheetCount((mFiles.size() - 1) / mCellsOfASheet + 1),
+#ifdef CONTACT_SHEET_CLUSTER
+      mPool(options.redis, options.queue, poolOptions(options))
+#else
       mPool(poolOptions(options))
+#endif
 {
     newSurface(sheetSize(mLayout, options.rows));
     requireWritable(sheetName(options.output, 1, mSheetCount));
@@ -203,13 +214,16 @@ void Run::take(const std::string& path, const nq::nqOutcome& outcome)
 {
     if (outcome.state == nq::nqOutcome::State::Cancelled)
         return; // interrupted
+    for (const nq::nqAttempt& earlier : outcome.earlierAttempts)
+        mScreen.say(path + ": " + earlier.message + "; tried again");
+    const std::size_t attempts = outcome.earlierAttempts.size() + 1;
     Cell cell;
     cell.caption = path.substr(path.rfind('/') + 1);
     if (outcome)
         cell.tile = tileOf(outcome.bytes, mLayout.tile);
     if (cell.tile) {
         ++mShown;
-        mReport.push_back({{"path", path}, {"status", "ok"}});
+        mReport.push_back({{"path", path}, {"status", "ok"}, {"attempts", attempts}});
     } else {
         ++mFailed;
         cell.headline = headlineOf(outcome, mOptions);
@@ -218,6 +232,7 @@ void Run::take(const std::string& path, const nq::nqOutcome& outcome)
         mReport.push_back(
             {{"path", path},
              {"status", "failed"},
+             {"attempts", attempts},
              {"reason", cell.headline},
              {"detail", cell.detail},
              {"failure", outcome.failureText()},

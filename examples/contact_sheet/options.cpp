@@ -44,13 +44,18 @@ std::optional<Options> parseOptions(int argc, char* argv[], int& status)
     number("--tile", options.tileWidth, "Width of a tile in pixels", 64, 2048);
     number("--columns", options.columns, "Tiles in a row", 1, 100);
     number("--rows", options.rows, "Rows on a sheet at most", 1, 100);
-    number("-j,--workers", options.workers, "Worker processes; 0: one a processor", 0U, 1000U);
     number("--timeout", options.timeout, "Seconds for one file, such as 2.5", 0.001, 86400.0);
     number("--memory", options.memory, "Megabytes for one worker", 16, 1 << 20);
+#ifdef CONTACT_SHEET_CLUSTER
+    app.add_option("--redis", options.redis, "Redis's address")->required()->type_name("ADDRESS");
+    app.add_option("--queue", options.queue, "The agents' queue")->required()->type_name("NAME");
+#else
+    number("-j,--workers", options.workers, "Worker processes; 0: one a processor", 0U, 1000U);
     app.add_option("--keep", options.keep, "Keep what failed, to run it by hand")
         ->type_name("FOLDER");
     app.add_option("--timeline", options.timeline, "Draw the run: who did what when")
         ->type_name("FILE");
+#endif
     try {
         app.parse(argc, argv);
         if (std::isnan(options.timeout)) // which passes for a number of every range

@@ -19,6 +19,8 @@ struct Options {
     int memory = 1024;    ///< megabytes for one worker
     std::string keep;     ///< a folder for what failed; empty: none
     std::string timeline; ///< a picture of the run; empty: none
+    std::string redis;    ///< address of the server, for contact-sheet-cluster
+    std::string queue;    ///< there
 };
 
 constexpr int exitUsage = 2;
