@@ -52,7 +52,8 @@ std::optional<Options> parseOptions(int argc, char* argv[], int& status)
 #else
     number("-j,--workers", options.workers, "Worker processes; 0: one a processor", 0U, 1000U);
     app.add_option("--keep", options.keep, "Keep what failed, to run it by hand")
-        ->type_name("FOLDER");
+        ->type_name("FOLDER")
+        ->check(CLI::Validator(CLI::ExistingDirectory).description(""));
     app.add_option("--timeline", options.timeline, "Draw the run: who did what when")
         ->type_name("FILE");
 #endif

@@ -203,6 +203,7 @@ class ContactSheet(unittest.TestCase):
         self.sheet = self.folder / "sheet.jpg"
         self.assertIn("a sheet is a .png file", refuses())
         self.sheet = self.folder / "sheet.png"
+        self.assertIn("Directory does not exist", refuses("--keep", self.folder / "missing"))
         self.assertIn("no such file", refuses(self.folder / "missing.jpg"))
         self.assertIn("too many to draw", refuses("--tile", "2048", "--rows", "100"))
         for seconds in ("0", "-1", "nan", "inf", "2,5"):
@@ -249,7 +250,7 @@ class ContactSheet(unittest.TestCase):
 
     def test_a_kept_job_fails_again_by_hand(self):
         self.make_hostile_files("no-picture.jpg")
-        self.draw("--keep", self.folder / "kept")
+        self.draw("--keep", self.folder)
         kept = self.report()["files"][0]["kept"]
         again = example_run.run([CONTACT_SHEET, "--job", kept], b"")
         self.assertEqual(again.returncode, 1)
