@@ -73,6 +73,20 @@ class Output(program.ProgramTest):
         script = "echo a; echo b >/dev/stdout; echo c; echo d >&2; echo e >/dev/stderr; echo f >&2"
         self.expect(self.run_it("sh", "-c", script, ":::", "x"), 0, b"a\nb\nc\n", "d\ne\nf\n")
 
+    def test_is_whole_after_a_command_that_made_its_streams_non_blocking(self):
+        script = """
+import os, sys
+if sys.argv[1] == "first":
+    for stream in (1, 2):
+        os.set_blocking(stream, False)
+else:
+    for stream in (1, 2):
+        for _ in range(50):
+            assert os.write(stream, bytes(100_000)) == 100_000
+"""
+        done = self.run_it("-q", "-j1", "python3", "-c", script, ":::", "first", "second")
+        self.expect(done, 0, bytes(5_000_000), "\0" * 5_000_000)
+
     def test_has_tags_on_demand(self):
         done = self.run_it("--tag", "-k", "sh", "-c", "echo 1; echo 2; echo 3 >&2", ":::", "a", "b\nc")
         self.expect(done, 0, b"a\t1\na\t2\nb\\nc\t1\nb\\nc\t2\n", "a\t3\nb\\nc\t3\n")

@@ -208,6 +208,8 @@ std::string CommandRun::operator()(const Command& command)
         input = inputOf(command.input);
         spawner.connect(input.number(), STDIN_FILENO);
     }
+    for (const Stream* const stream : {&mOutput, &mError})
+        ::fcntl(stream->writer.number(), F_SETFL, 0); // a command may have made it non-blocking
     spawner.connect(mOutput.writer.number(), STDOUT_FILENO);
     spawner.connect(mError.writer.number(), STDERR_FILENO);
     mWriteError = 0;
