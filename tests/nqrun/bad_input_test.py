@@ -62,6 +62,13 @@ class BadInput(program.ProgramTest):
         self.assertEqual((done.status, done.out), (1, b"\xff\x1b[2J"))
         self.assertIn("nqrun: \\xff\\x1b[2J: exited with status 3", done.err)
 
+    def test_an_item_with_a_null_byte(self):
+        # What find -print0 writes, and somebody forgets -0.
+        for options in ((), ("--shell",), ("--dry-run",)):
+            done = self.run_it(*options, "touch", stdin=b"a\0b\0")
+            self.expect_refusal(done, "item 1 holds a null byte, which no argument can; with -0, null bytes end items")
+        self.assertEqual(list(self.folder.iterdir()), [])
+
     def test_a_hundred_thousand_arguments(self):
         items = [str(number) for number in range(100_000)]
         done = self.run_it("--dry-run", "echo", ":::", *items)

@@ -100,6 +100,13 @@ std::vector<std::string> CommandTemplate::arguments(const Item& item) const
         arguments.push_back(filled(word, item, isUsed));
     if (!isUsed)
         arguments.push_back(mIsShell ? shellQuoted(item.text) : item.text);
+    // It would end the argument, and `rm` get another file than the one that was meant.
+    for (const std::string& argument : arguments) {
+        if (argument.find('\0') != argument.npos)
+            throw Error(
+                "item " + std::to_string(item.index) +
+                " holds a null byte, which no argument can; with -0, null bytes end items");
+    }
     if (mIsShell)
         arguments = {"/bin/sh", "-c", joined(arguments)};
     return arguments;

@@ -20,7 +20,8 @@ public:
     /// means something.
     CommandTemplate(std::vector<std::string> words, bool isShell, bool readsBlocks);
 
-    /// The program's name, as a rule a word of the command, comes first.
+    /// The program's name, as a rule a word of the command, comes first. Throws Error for an item
+    /// that no argument can hold.
     std::vector<std::string> arguments(const Item& item) const;
 
     /// The program when it is the same for all items; empty when it is not.
