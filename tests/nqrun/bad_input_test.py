@@ -104,6 +104,11 @@ class BadInput(program.ProgramTest):
         self.assertEqual((done.status, done.err), (255, "nqrun: standard output cannot be written: No space left on device\n"))
         self.assertEqual((self.folder / "log").read_text().count("\n"), 1, "what is not delivered is not logged")
 
+    def test_a_full_disk_below_the_help(self):
+        with open("/dev/full", "wb") as full:
+            done = self.run_it("--help", stdout=full)
+        self.assertEqual((done.status, done.err), (255, "nqrun: standard output cannot be written: No space left on device\n"))
+
     def test_a_full_disk_below_the_joblog(self):
         # A limit on the size of files does what a full disk does.
         done = self.run_it("-j1", "-q", "--joblog", "log", "true", stdin=b"a\n" * 100, preexec_fn=files_of_at_most(1500))

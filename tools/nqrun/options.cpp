@@ -1,14 +1,15 @@
 #include "tools/nqrun/options.h"
 
 #include "tools/nqrun/error.h"
+#include "tools/nqrun/io.h"
 #include "tools/nqrun/text.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <string_view>
+#include <unistd.h>
 #include <utility>
 
 namespace nqrun {
@@ -265,8 +266,9 @@ parseOptions(int argc, const char* const* argv, const std::string& version, int&
         throw Error(std::string(error.what()) + "; see nqrun --help");
     }
     if (texts.isHelp || texts.isVersion) {
-        std::fputs(texts.isHelp ? help : version.c_str(), stdout);
-        exitStatus = std::fflush(stdout) == 0 ? 0 : exitOwnError;
+        if (!writeAll(STDOUT_FILENO, texts.isHelp ? help : version))
+            throw Error("standard output cannot be written: " + lastError());
+        exitStatus = 0;
         return std::nullopt;
     }
     options.command = commandOf(app.remaining());
