@@ -34,6 +34,10 @@ class BadInput(program.ProgramTest):
     def test_items_that_cannot_be_read(self):
         self.expect_refusal(self.run_it("echo", "::::", "none"), "items cannot be read from none: No such file or directory")
         self.expect_refusal(self.run_it("echo", "::::", "."), "items cannot be read from .: Is a directory")
+        self.write("list", "a\n")
+        for second in ("none", "."):
+            self.expect_refusal(self.run_it("--joblog", "log", "echo", "::::", "list", second), f"items cannot be read from {second}: ")
+        self.assertFalse((self.folder / "log").exists(), "nothing was begun")
         done = self.run_it("echo", preexec_fn=lambda: os.close(0))
         self.expect_refusal(done, "items cannot be read from standard input: Bad file descriptor")
 

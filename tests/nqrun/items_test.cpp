@@ -121,14 +121,12 @@ TEST(Items, waitForAPipeWithoutBlocking)
     EXPECT_EQ(items.total(), 2U);
 }
 
-TEST(Items, sayThatAFileCannotBeRead)
+TEST(Items, sayBeforeTheFirstOneThatAFileCannotBeRead)
 {
     for (const char* const path : {"/no/such/file", "/tmp"}) {
         ItemOptions options;
         options.files = {path};
-        Items items(options);
-        Item item;
-        EXPECT_THROW(items.next(item), Error) << path;
+        EXPECT_THROW(Items{options}, Error) << path;
     }
 }
 

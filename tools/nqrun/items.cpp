@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
 
 namespace nqrun {
@@ -16,6 +17,23 @@ namespace {
 constexpr std::size_t chunkBytes = std::size_t{64} << 10;
 constexpr std::size_t longestItem = std::size_t{1} << 30; // of two that a job could be
 
+[[noreturn]] void refuse(const std::string& fileName)
+{
+    throw Error("items cannot be read from " + fileName + ": " + lastError());
+}
+
+// What is known beforehand is not found out in the middle of a run.
+void checkReadable(const std::string& name)
+{
+    struct stat about {};
+    if (::stat(name.c_str(), &about) != 0 || ::access(name.c_str(), R_OK) != 0)
+        refuse(shown(name));
+    if (S_ISDIR(about.st_mode)) {
+        errno = EISDIR;
+        refuse(shown(name));
+    }
+}
+
 } // namespace
 
 Items::Items(ItemOptions options)
@@ -23,6 +41,10 @@ Items::Items(ItemOptions options)
 {
     if (!mOptions.arguments && mOptions.files.empty())
         mOptions.files.emplace_back("-");
+    for (const std::string& name : mOptions.files) {
+        if (name != "-")
+            checkReadable(name);
+    }
 }
 
 Items::Next Items::next(Item& item)
@@ -132,11 +154,11 @@ bool Items::openNextFile()
         mOpened = Descriptor(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
         mDescriptor = mOpened.number();
         if (!mOpened.isOpen())
-            throw Error("items cannot be read from " + mFileName + ": " + lastError());
+            refuse(mFileName);
     }
     struct stat about {};
     if (::fstat(mDescriptor, &about) != 0)
-        throw Error("items cannot be read from " + mFileName + ": " + lastError());
+        refuse(mFileName);
     mIsRegular = S_ISREG(about.st_mode);
     return true;
 }
@@ -168,7 +190,7 @@ void Items::readChunk()
         return;
     errno = error;
     if (got < 0)
-        throw Error("items cannot be read from " + mFileName + ": " + lastError());
+        refuse(mFileName);
     mBytesRead += static_cast<std::uint64_t>(got);
     if (got == 0) {
         mOpened.reset();

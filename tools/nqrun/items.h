@@ -32,7 +32,7 @@ struct Item {
 /// be empty.
 class Items {
 public:
-    /// Opens nothing yet.
+    /// Opens nothing yet. Throws Error for a file that is missing, a folder or may not be read.
     explicit Items(ItemOptions options);
 
     enum class Next {
