@@ -288,6 +288,7 @@ void Joblog::load(const Run& run)
         text.erase(0, begin);
         offset += begin;
     }
+    text.erase(text.find_last_not_of('\0') + 1); // of a size that was on disk before the bytes
     if (number == 0 && text != joblogHeader(run).substr(0, text.size()) &&
         text != columns.substr(0, text.size()))
         throw Error(name + " is no joblog");
