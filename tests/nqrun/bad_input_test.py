@@ -1,9 +1,11 @@
 """What goes wrong before and around the commands: a clear message, the right status, nothing half written."""
 
 import os
+import pty
 import resource
 import signal
 import subprocess
+import termios
 
 import program
 
@@ -101,6 +103,20 @@ class BadInput(program.ProgramTest):
         done = self.run_it("echo", ":::", "a", stdout=None, preexec_fn=lambda: os.close(1))
         self.assertEqual(done.status, 255)
         self.assertIn("standard output cannot be written: Bad file descriptor", done.err)
+
+    def test_a_terminal_that_somebody_has_stopped(self):
+        master, terminal = pty.openpty()
+        process = self.start("sleep", ":::", "60", stderr=terminal)
+        os.read(master, 1)  # progress is shown
+        termios.tcflow(terminal, termios.TCOOFF)  # as Ctrl-S does
+        os.close(terminal)
+        process.terminate()
+        try:
+            self.assertEqual(process.wait(program.LIMIT_SECONDS), -signal.SIGTERM)
+        finally:
+            process.kill()
+            process.communicate()
+            os.close(master)
 
     def test_a_full_disk_below_the_output(self):
         with open("/dev/full", "wb") as full:

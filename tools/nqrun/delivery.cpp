@@ -225,12 +225,13 @@ void Delivery::awaitRoom(int to)
     for (;;) {
         std::array<pollfd, 2> sources = {
             {{to, POLLOUT, 0}, {StopSignals::descriptor(), POLLIN, 0}}};
-        ::poll(sources.data(), sources.size(), -1);
-        if (sources[1].revents != 0) {
+        const bool isEnding = StopSignals::wish() == StopSignals::Wish::End;
+        const int found = ::poll(sources.data(), sources.size(), isEnding ? 0 : -1);
+        if (sources[1].revents != 0)
             StopSignals::empty(); // the wish stays
-            if (StopSignals::wish() == StopSignals::Wish::End)
-                throw OutputClosed("interrupted while it was written");
-        }
+        if ((found == 0 && isEnding) ||
+            (sources[1].revents != 0 && StopSignals::wish() == StopSignals::Wish::End))
+            throw OutputClosed("interrupted while it was written");
         if (sources[0].revents != 0)
             return;
     }

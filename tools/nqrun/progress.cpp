@@ -6,6 +6,7 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 #include <vector>
@@ -25,6 +26,13 @@ std::size_t terminalColumns()
     if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1)
         return size.ws_col - 1U; // a cursor behind the last column may begin a new line
     return usualColumns - 1;
+}
+
+// A terminal that somebody has stopped, or a pipe that nobody reads, holds up nothing.
+bool hasRoom()
+{
+    pollfd stream{STDERR_FILENO, POLLOUT, 0};
+    return ::poll(&stream, 1, 0) > 0;
 }
 
 std::string rateText(double perSecond)
@@ -101,20 +109,21 @@ void Progress::show(const Tally& tally)
     const Clock::time_point now = Clock::now();
     if (!mIsWanted || now < mNext)
         return;
+    mNext = now + (mIsTerminal ? std::chrono::milliseconds(redrawEvery) : lineEvery);
+    if (!hasRoom())
+        return;
     if (mIsTerminal) {
-        mNext = now + redrawEvery;
         mIsDrawn = true;
         writeAll(
             STDERR_FILENO, '\r' + progressText(tally, now - mStart, terminalColumns()) + "\x1b[K");
     } else {
-        mNext = now + lineEvery;
         writeAll(STDERR_FILENO, "nqrun: " + progressText(tally, now - mStart, 0) + '\n');
     }
 }
 
 void Progress::clear()
 {
-    if (!mIsDrawn)
+    if (!mIsDrawn || !hasRoom())
         return;
     mIsDrawn = false;
     writeAll(STDERR_FILENO, "\r\x1b[K");

@@ -266,10 +266,14 @@ RunResult Run::run()
     awaitOrphans(mFormerChildren, orphanLimit);
     sync();
     mProgress.clear();
-    if (!writeProblem.empty())
-        mDelivery.say("nqrun: " + writeProblem);
-    if (mResult.signal != SIGPIPE)
-        summarize();
+    try {
+        if (!writeProblem.empty())
+            mDelivery.say("nqrun: " + writeProblem);
+        if (mResult.signal != SIGPIPE)
+            summarize();
+    } catch (const OutputClosed&) {
+        mResult.signal = StopSignals::signal();
+    }
     return mResult;
 }
 
