@@ -76,6 +76,9 @@ TEST(Options, takeOneListOfItems)
 {
     EXPECT_NE(
         refusalOf({"echo", ":::", "a", ":::", "b"}).find("one ::: or ::::"), std::string::npos);
+    EXPECT_NE(
+        refusalOf({"echo", ":::", "a", ":::+", "b"}).find("one ::: or ::::"), std::string::npos)
+        << "two lists side by side, elsewhere";
 }
 
 TEST(Options, mayComeWithoutItems)
@@ -95,6 +98,8 @@ TEST(Options, refuseValuesThatMakeNoSense)
     for (const auto& words : std::vector<std::vector<const char*>>{
              {"-j", "x", "echo"},
              {"-j", "-1", "echo"},
+             {"-j", "+2", "echo"},
+             {"-j", "010", "echo"},
              {"-j"},
              {"--timeout", "0", "echo"},
              {"--timeout", "soon", "echo"},
@@ -108,6 +113,8 @@ TEST(Options, refuseValuesThatMakeNoSense)
              {"--shard=", "echo"},
              {"--joblog=", "echo"},
              {"--retries", "-1", "echo"},
+             {"--retries", "+1", "echo"},
+             {"--lines", "0x10", "--pipe", "echo"},
              {"--joblog", "x", "--joblog-format", "xml", "echo"}})
         EXPECT_NE(refusalOf(words), "taken")
             << words.front() << ' ' << (words.size() > 1 ? words[1] : "");

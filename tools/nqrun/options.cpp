@@ -63,7 +63,8 @@ Words split(int argc, const char* const* argv)
     std::vector<std::string>* current = &words.options;
     for (int at = 1; at < argc; ++at) {
         const std::string_view word = argv[at];
-        if (word == ":::" || word == "::::") {
+        const bool isLinked = word == ":::+" || word == "::::+";
+        if (word == ":::" || word == "::::" || (isLinked && !words.separator.empty())) {
             if (!words.separator.empty())
                 throw Error("there may be one ::: or :::: only, and all items after it");
             words.separator = word;
@@ -91,13 +92,20 @@ struct Texts {
 
 void addOptions(CLI::App& app, Options& options, Texts& texts)
 {
-    const auto count = CLI::Range(1u, 1'000'000u);
-    app.add_option("-j,--jobs", options.jobs)->check(CLI::Range(0u, 4096u));
+    // CLI11 would take +2, which is two more than processors elsewhere, and 010, which is eight.
+    const CLI::Validator digits(
+        [](const std::string& text) {
+            const bool isPlain = parseNumber(text) && (text.size() == 1 || text.front() != '0');
+            return isPlain ? std::string() : shown(text) + " is no plain number";
+        },
+        "");
+    app.add_option("-j,--jobs", options.jobs)->check(CLI::Range(0u, 4096u))->check(digits);
     app.add_flag("-0,--null", texts.isNull);
     app.add_flag("--pipe", texts.isPipe);
     app.add_option("--block", texts.block);
     app.add_option("--lines", texts.lines)
-        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 40));
+        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 40))
+        ->check(digits);
     app.add_flag("--shell", options.isShell);
     app.add_flag("-k,--keep-order", options.keepOrder);
     app.add_flag("--tag", options.hasTags);
@@ -105,7 +113,7 @@ void addOptions(CLI::App& app, Options& options, Texts& texts)
     app.add_flag("-q,--quiet", options.isQuiet);
     app.add_option("--timeout", texts.timeout);
     app.add_option("--memory", texts.memory);
-    app.add_option("--retries", options.retries)->check(CLI::Range(0u, 1'000'000u));
+    app.add_option("--retries", options.retries)->check(CLI::Range(0u, 1'000'000u))->check(digits);
     app.add_option("--halt", texts.halt);
     app.add_option("--keep-failed", options.keepFailed);
     app.add_option("--joblog", options.joblog);
