@@ -95,13 +95,25 @@ TEST(ShardAuto, refusesAnIncompleteEnvironment)
 
 TEST(ShardAuto, isARankOfAnMpiLauncher)
 {
-    for (const auto& [rank, size] :
-         Variables{{"OMPI_COMM_WORLD_RANK", "OMPI_COMM_WORLD_SIZE"}, {"PMI_RANK", "PMI_SIZE"}}) {
+    for (const auto& [rank, size] : Variables{
+             {"OMPI_COMM_WORLD_RANK", "OMPI_COMM_WORLD_SIZE"},
+             {"PMI_RANK", "PMI_SIZE"},
+             {"MV2_COMM_WORLD_RANK", "MV2_COMM_WORLD_SIZE"},
+             {"SLURM_PROCID", "SLURM_STEP_NUM_TASKS"}}) {
         const Shard shard = shardOf("auto", {{rank, "3"}, {size, "4"}});
         EXPECT_EQ(shard.number, 4U);
         EXPECT_EQ(shard.count, 4U);
         EXPECT_TRUE(mentions(refusalOf("auto", {{rank, "4"}, {size, "4"}}), "no shard 5 of 4"));
     }
+}
+
+TEST(ShardAuto, isNotTheTaskNumberOfABatchScript)
+{
+    Variables script = slurm("1", "1", "2", "2", "1");
+    script["SLURM_PROCID"] = "0";
+    script["SLURM_NTASKS"] = "4";
+    EXPECT_EQ(shardOf("auto", script).count, 2U);
+    EXPECT_TRUE(mentions(refusalOf("auto", {{"SLURM_PROCID", "0"}}), "neither a Slurm array"));
 }
 
 TEST(ShardAuto, refusesToChooseBetweenArrayAndLauncher)
@@ -112,6 +124,10 @@ TEST(ShardAuto, refusesToChooseBetweenArrayAndLauncher)
     EXPECT_TRUE(mentions(refusalOf("auto", both), "both"));
     both["PMI_SIZE"] = "1";
     EXPECT_EQ(shardOf("auto", both).count, 2U) << "a single rank says nothing";
+    both = slurm("1", "1", "2", "2", "1");
+    both["SLURM_PROCID"] = "0";
+    both["SLURM_STEP_NUM_TASKS"] = "4";
+    EXPECT_TRUE(mentions(refusalOf("auto", both), "both")) << "or each of the four ran the same";
 }
 
 TEST(ShardAutoN, isAnIndexedJob)

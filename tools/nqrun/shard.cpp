@@ -72,6 +72,17 @@ std::optional<Shard> ofSlurmArray(const Environment& environment)
     return checked((*task - first) / step + 1, count, "the Slurm array");
 }
 
+// The tasks of an srun that knows no MPI. Without a step, in a batch script say, there is one task,
+// whatever SLURM_PROCID is.
+std::optional<Shard> ofSlurmStep(const Environment& environment)
+{
+    constexpr const char* tasks = "SLURM_STEP_NUM_TASKS";
+    const std::optional<std::uint64_t> count = numberIn(environment, tasks);
+    if (!count)
+        return std::nullopt;
+    return checked(requiredIn(environment, "SLURM_PROCID", tasks) + 1, *count, "SLURM_PROCID");
+}
+
 std::optional<Shard> ofLauncher(const Environment& environment)
 {
     for (const Rank& rank : launchers) {
@@ -81,7 +92,7 @@ std::optional<Shard> ofLauncher(const Environment& environment)
         const std::uint64_t count = requiredIn(environment, rank.count, rank.number);
         return checked(*number + 1, count, rank.number);
     }
-    return std::nullopt;
+    return ofSlurmStep(environment);
 }
 
 Shard ofEnvironment(const Environment& environment)
@@ -90,15 +101,17 @@ Shard ofEnvironment(const Environment& environment)
     const std::optional<Shard> launcher = ofLauncher(environment);
     if (array && launcher && launcher->count > 1)
         throw Error(
-            "--shard auto: this is both a task of a Slurm array and a rank of an MPI launcher; "
+            "--shard auto: this is both a task of a Slurm array and one of several that a launcher "
+            "has started; "
             "give --shard I/N");
     if (array)
         return *array;
     if (launcher)
         return *launcher;
     throw Error(
-        "--shard auto: neither a Slurm array (SLURM_ARRAY_TASK_ID) nor an MPI launcher "
-        "(OMPI_COMM_WORLD_RANK, PMI_RANK) has set its variables; in an indexed job of Kubernetes, "
+        "--shard auto: neither a Slurm array (SLURM_ARRAY_TASK_ID), nor srun "
+        "(SLURM_STEP_NUM_TASKS), nor an MPI launcher (OMPI_COMM_WORLD_RANK, PMI_RANK) has set its "
+        "variables; in an indexed job of Kubernetes, "
         "give --shard auto/N");
 }
 

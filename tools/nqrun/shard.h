@@ -21,9 +21,9 @@ struct Shard {
 /// Looks up an environment variable.
 using Environment = std::function<std::optional<std::string>(const std::string& name)>;
 
-/// Reads "2/8", "auto" (a task of a Slurm array, or a rank of an MPI launcher) or "auto/8" (an
-/// indexed job of Kubernetes). Throws Error when that is none of them, and when the environment
-/// does not say exactly which shard this is.
+/// Reads "2/8", "auto" (a task of a Slurm array, or one that srun or an MPI launcher has started)
+/// or "auto/8" (an indexed job of Kubernetes). Throws Error when that is none of them, and when the
+/// environment does not say exactly which shard this is.
 Shard parseShard(const std::string& text, const Environment& environment);
 
 } // namespace nqrun
