@@ -72,6 +72,7 @@ nqOutcomeMessage nqOutcomeMessage::of(const nqRedisReply& entry)
     outcome.state = valueOf(stateNames, fields.find("state").text(), State::Failed);
     if (outcome.state != State::Done)
         outcome.reason = valueOf(reasonNames, fields.find("reason").text(), Reason::Exited);
+    outcome.toldByWorker = fields.find("told").number() != 0;
     outcome.message = fields.find("message").text();
     outcome.pid = static_cast<std::int64_t>(fields.find("pid").number());
     outcome.exitStatus = optionalNumber(fields.find("status"));
@@ -104,6 +105,8 @@ fieldsOf(const nqOutcome& outcome, const std::string& id, const std::string& att
     if (outcome.state == State::Done)
         return fields;
     add("reason", std::string(nameOf(outcome.reason)));
+    if (outcome.toldByWorker)
+        add("told", "1");
     if (!outcome.message.empty())
         add("message", outcome.message);
     if (outcome.exitStatus)

@@ -1,6 +1,7 @@
 #include "pool/nqEnvelope.h"
 
 #include "pool/include/nqPool.h"
+#include "pool/nqWorkFailure.h"
 
 #include <algorithm>
 #include <array>
@@ -38,6 +39,12 @@ void append(std::vector<char>& bytes, std::string_view more)
     bytes.insert(bytes.end(), more.begin(), more.end());
 }
 
+template <typename Value>
+std::string_view rawBytes(const Value& value)
+{
+    return {reinterpret_cast<const char*>(&value), sizeof value};
+}
+
 void eraseFront(std::vector<char>& bytes, std::size_t count)
 {
     bytes.erase(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count));
@@ -61,6 +68,83 @@ std::string_view view(const std::vector<char>& bytes)
     return {bytes.data(), bytes.size()};
 }
 
+// In front of the text of an exception that says more than its text. Worker and pool are on one
+// machine, so numbers are as they are in memory.
+struct Details {
+    std::int32_t reason = static_cast<std::int32_t>(nqAttempt::Reason::Exception);
+    std::uint32_t known = 0; // the sum of those below
+    std::int32_t exitStatus = 0;
+    std::int32_t signal = 0;
+    std::uint64_t peakMemory = 0;
+};
+static_assert(sizeof(Details) == 24, "no byte of it is padding, which would be left unset");
+
+constexpr std::uint32_t exitStatusIsKnown = 1;
+constexpr std::uint32_t signalIsKnown = 2;
+constexpr std::uint32_t coreIsDumped = 4;
+constexpr std::uint32_t peakMemoryIsKnown = 8;
+
+Details detailsOf(const nqAttempt& told)
+{
+    Details details;
+    details.reason = static_cast<std::int32_t>(told.reason);
+    details.known = (told.exitStatus ? exitStatusIsKnown : 0) + (told.signal ? signalIsKnown : 0) +
+                    (told.dumpedCore ? coreIsDumped : 0) +
+                    (told.peakMemory ? peakMemoryIsKnown : 0);
+    details.exitStatus = told.exitStatus.value_or(0);
+    details.signal = told.signal.value_or(0);
+    details.peakMemory = told.peakMemory.value_or(0);
+    return details;
+}
+
+nqAttempt attemptOf(const Details& details)
+{
+    nqAttempt told;
+    told.toldByWorker = true;
+    told.reason = reasonToTell(static_cast<nqAttempt::Reason>(details.reason));
+    if ((details.known & exitStatusIsKnown) != 0)
+        told.exitStatus = details.exitStatus;
+    if ((details.known & signalIsKnown) != 0)
+        told.signal = details.signal;
+    told.dumpedCore = (details.known & coreIsDumped) != 0;
+    if ((details.known & peakMemoryIsKnown) != 0)
+        told.peakMemory = details.peakMemory;
+    return told;
+}
+
+// An ordinary exception, which needs no more than its text.
+bool isTextOnly(const Details& details)
+{
+    return details.reason == Details().reason && details.known == 0;
+}
+
+// Nothing when they are cut short.
+std::optional<Details> detailsAt(std::string_view bytes)
+{
+    Details details;
+    if (bytes.size() < sizeof details)
+        return std::nullopt;
+    std::memcpy(&details, bytes.data(), sizeof details);
+    return details;
+}
+
+// The text begins behind `head` bytes, and the job behind the text.
+nqEnvelope::Answer openException(
+    std::vector<char>& answer,
+    std::size_t head,
+    const Details& details,
+    nqEnvelope::Exception& exception)
+{
+    const std::optional<std::string_view> text = textAt(view(answer).substr(head));
+    if (!text)
+        return nqEnvelope::Answer::Unknown;
+    exception.told = attemptOf(details);
+    exception.told.message = *text;
+    eraseFront(answer, head + sizeof(TextSize) + text->size());
+    exception.job = std::exchange(answer, {});
+    return nqEnvelope::Answer::Exception;
+}
+
 } // namespace
 
 // Those of a worker are not those of the pool: a worker that is no worker of runAsWorker(), and
@@ -75,6 +159,7 @@ enum class nqEnvelope::Kind : char {
     exception, // the size of its text, the text, the job
     initialised,
     left,
+    failure, // details, and then as an exception
 };
 
 std::string nqEnvelope::freshTag()
@@ -148,14 +233,13 @@ nqEnvelope::Answer nqEnvelope::open(std::vector<char>& answer, Exception& except
             return Answer::Unknown;
         eraseFront(answer, headBytes);
         return Answer::Result;
-    case Kind::exception: {
-        const std::optional<std::string_view> text = textAt(body);
-        if (!text)
+    case Kind::exception:
+        return openException(answer, headBytes, Details(), exception);
+    case Kind::failure: {
+        const std::optional<Details> details = detailsAt(body);
+        if (!details)
             return Answer::Unknown;
-        exception.message = *text;
-        eraseFront(answer, headBytes + sizeof(TextSize) + exception.message.size());
-        exception.job = std::exchange(answer, {});
-        return Answer::Exception;
+        return openException(answer, headBytes + sizeof *details, *details, exception);
     }
     case Kind::initialised:
         return body.empty() ? Answer::Initialised : Answer::Unknown;
@@ -192,6 +276,7 @@ nqEnvelope::Message nqEnvelope::read(std::string_view message, std::string_view&
     case Kind::emptyResult:
     case Kind::escapedResult:
     case Kind::exception:
+    case Kind::failure:
     case Kind::initialised:
     case Kind::left:
         break;
@@ -204,17 +289,19 @@ void nqEnvelope::wrapResult(std::vector<char>& result) const
     wrap(result, Kind::emptyResult, Kind::escapedResult);
 }
 
-std::vector<char> nqEnvelope::exception(std::string_view what, std::string_view job) const
+std::vector<char> nqEnvelope::exception(const nqAttempt& told, std::string_view job) const
 {
-    what = what.substr(0, longestText);
-    const auto size = static_cast<TextSize>(what.size());
-    char sizeBytes[sizeof size];
-    std::memcpy(sizeBytes, &size, sizeof size);
+    const std::string_view text = std::string_view(told.message).substr(0, longestText);
+    const auto size = static_cast<TextSize>(text.size());
+    const Details details = detailsOf(told);
+    const bool hasDetails = !isTextOnly(details);
 
-    std::vector<char> answer = marked(Kind::exception);
-    answer.reserve(answer.size() + sizeof size + what.size() + job.size());
-    append(answer, {sizeBytes, sizeof size});
-    append(answer, what);
+    std::vector<char> answer = marked(hasDetails ? Kind::failure : Kind::exception);
+    answer.reserve(answer.size() + sizeof details + sizeof size + text.size() + job.size());
+    if (hasDetails)
+        append(answer, rawBytes(details));
+    append(answer, rawBytes(size));
+    append(answer, text);
     append(answer, job);
     return answer;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "nqOutcome.h"
+
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -41,7 +43,7 @@ public:
 
     /// What an answer of this kind says.
     struct Exception {
-        std::string message;   ///< its what()
+        nqAttempt told;        ///< as failureOf() has made it, with no other reason than its ones
         std::vector<char> job; ///< as it was before wrapJob()
     };
 
@@ -79,7 +81,8 @@ public:
     /// Marks an empty result, and one that begins with the tag.
     void wrapResult(std::vector<char>& result) const;
 
-    std::vector<char> exception(std::string_view what, std::string_view job) const;
+    /// Of what failureOf() has returned.
+    std::vector<char> exception(const nqAttempt& told, std::string_view job) const;
     std::vector<char> initialised() const;
     std::vector<char> left() const;
 

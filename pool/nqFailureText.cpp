@@ -145,6 +145,12 @@ Advice withLastLine(Advice advice, const nqAttempt& attempt)
     return advice;
 }
 
+/// Of what the worker has run, about which the worker has its own words.
+bool isReported(const nqAttempt& attempt)
+{
+    return attempt.toldByWorker && attempt.reason != Reason::Exception;
+}
+
 bool hasRun(const nqAttempt& attempt)
 {
     return attempt.pid != 0 || attempt.ran.count() > 0;
@@ -157,6 +163,8 @@ std::string quoted(const std::string& message, const char* otherwise)
 
 Advice adviceOn(const nqAttempt& attempt)
 {
+    if (isReported(attempt))
+        return {};
     switch (attempt.reason) {
     case Reason::None:
     case Reason::Cancelled:
@@ -239,6 +247,26 @@ std::string exitText(const nqAttempt& attempt)
     return "the worker " + how + " in the middle of the job" + circumstances(attempt);
 }
 
+std::string reportedEnd(const nqAttempt& attempt)
+{
+    if (attempt.reason == Reason::Timeout)
+        return "a time-out";
+    if (attempt.reason == Reason::MemoryCap)
+        return "too much memory";
+    if (attempt.signal)
+        return "an end by " + nameOfSignal(*attempt.signal) +
+               (attempt.dumpedCore ? " (core dumped)" : "");
+    if (attempt.exitStatus)
+        return "exit status " + std::to_string(*attempt.exitStatus);
+    return attempt.reason == Reason::Crashed ? "a crash" : "an early end";
+}
+
+std::string reportText(const nqAttempt& attempt)
+{
+    return "the worker reports " + reportedEnd(attempt) + circumstances(attempt) +
+           (attempt.message.empty() ? "" : ": " + quoted(attempt.message, ""));
+}
+
 bool isSameFailure(const nqAttempt& left, const nqAttempt& right)
 {
     return left.reason == right.reason && left.signal == right.signal &&
@@ -282,6 +310,8 @@ std::string nameOfSignal(int signal)
 
 std::string whatHappened(const nqAttempt& attempt)
 {
+    if (isReported(attempt))
+        return reportText(attempt);
     switch (attempt.reason) {
     case Reason::None:
         return "the job was done" + circumstances(attempt);

@@ -1,7 +1,7 @@
 #include "pool/nqPoolPrivate.h"
 
-#include "pool/nqExceptionText.h"
 #include "pool/nqPoolRefusals.h"
+#include "pool/nqWorkFailure.h"
 
 #include <algorithm>
 #include <cmath>
@@ -377,17 +377,14 @@ void nqPoolPrivate::runInProcess(TimePoint now)
         return;
     if (mObserver != nullptr)
         mObserver->onGiven(1, *job);
-    nqAttempt attempt;
     std::vector<char> result;
-    const auto text = exceptionOf([&] {
+    const auto failure = failureOf([&] {
         const InCallback inside(mIsInCallback); // the function may know the pool
         mOwnWork({job->bytes.data(), job->bytes.size()}, result);
     });
-    if (text) {
-        attempt.reason = Reason::Exception;
-        attempt.message = *text;
+    if (failure)
         result = std::move(job->bytes);
-    }
+    nqAttempt attempt = failure.value_or(nqAttempt());
     attempt.ran = inMicroseconds(nqPoolClock::now() - now);
     endAttempt(1, std::move(*job), std::move(attempt), std::move(result));
 }

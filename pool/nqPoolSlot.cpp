@@ -300,8 +300,11 @@ void nqPoolSlot::settleBusyAnswer(std::vector<char>&& answer)
     if (kind == Answer::Result) {
         finishJob(Phase::Idle, describeAttempt(Reason::None), std::move(answer));
     } else if (kind == Answer::Exception) {
-        nqAttempt attempt = describeAttempt(Reason::Exception);
-        attempt.message = std::move(exception.message);
+        nqAttempt attempt = std::move(exception.told);
+        const nqAttempt seen = describeAttempt(attempt.reason);
+        attempt.pid = seen.pid;
+        attempt.ran = seen.ran;
+        attempt.lastWords = seen.lastWords;
         finishJob(Phase::Idle, std::move(attempt), std::move(exception.job));
     } else {
         nqAttempt attempt = describeAttempt(Reason::ResultLost);

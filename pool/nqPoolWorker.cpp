@@ -5,6 +5,7 @@
 #include "pool/nqEnvelope.h"
 #include "pool/nqExceptionText.h"
 #include "pool/nqOwnProgram.h"
+#include "pool/nqWorkFailure.h"
 #include "pool/nqWorkerStart.h"
 
 #include <cerrno>
@@ -91,21 +92,21 @@ private:
 
     void run(std::string_view job, std::vector<char>& answer)
     {
-        const auto text = exceptionOf([&] {
+        const auto failure = failureOf([&] {
             mWork(job, answer);
             if (answer.size() > longestMessage)
                 throw std::length_error(
                     "the result has " + std::to_string(answer.size()) + " bytes; at most " +
                     std::to_string(longestMessage) + " can be sent");
         });
-        if (!text) {
+        if (!failure) {
             mEnvelope.wrapResult(answer);
             return;
         }
         std::vector<char>().swap(answer); // memory may be what the work has run out of
-        answer = mEnvelope.exception(*text, job);
+        answer = mEnvelope.exception(*failure, job);
         if (answer.size() > longestMessage)
-            throw std::length_error(*text);
+            throw std::length_error(failure->message);
     }
 
     const nqEnvelope mEnvelope;

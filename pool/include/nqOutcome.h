@@ -34,6 +34,10 @@ struct NQ_API nqAttempt {
 
     Reason reason = Reason::None; ///< why it was not done
 
+    /// The worker itself said so, by an exception, and lives on. With a reason of nqJobFailure,
+    /// what follows is of whatever the worker has run, not of the worker.
+    bool toldByWorker = false;
+
     /// What the exception, the failed launch or the supervision had to say; often empty.
     std::string message;
 

@@ -1,9 +1,13 @@
 #pragma once
 
 #include "nqExport.h"
+#include "nqOutcome.h"
 
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -13,9 +17,43 @@
 /// What the libraries declare: the classes, and the functions that make a program a worker.
 namespace nq {
 
+/// Thrown by the work, fails the job for a reason that the work knows: the program that it has run
+/// was ended by a signal, say. The worker lives on, as with any exception; only the job's outcome
+/// is as if the worker had come to that end, in retries, statistics and the files that show the
+/// pool.
+/// @code
+/// nq::nqJobFailure failure(nq::nqAttempt::Reason::Crashed, "the converter was ended by SIGSEGV");
+/// failure.signal = SIGSEGV;
+/// throw failure;
+/// @endcode
+class NQ_API nqJobFailure : public std::runtime_error {
+public:
+    /// `message` becomes that of the attempt, `why` its reason: one of `Crashed`, `Exited`,
+    /// `MemoryCap`, `Timeout` and `Exception`; the others are the pool's alone, and any of them
+    /// counts as `Exception`.
+    nqJobFailure(nqAttempt::Reason why, const std::string& message);
+
+    ~nqJobFailure() override;
+    /// A copy, as whatever is thrown needs to have.
+    nqJobFailure(const nqJobFailure&) = default;
+
+    /// Becomes a copy.
+    nqJobFailure& operator=(const nqJobFailure&) = default;
+
+    /// @name What else is known
+    /// Becomes what nqAttempt has under the same names.
+    /// @{
+    nqAttempt::Reason reason;                ///< as constructed
+    std::optional<int> exitStatus;           ///< of a program that left
+    std::optional<int> signal;               ///< that ended it
+    bool dumpedCore = false;                 ///< by that signal
+    std::optional<std::uint64_t> peakMemory; ///< bytes
+    /// @}
+};
+
 /// What a worker does with one job: reads it, and appends to or replaces `result`, which is empty
 /// at the call. May leave it empty. An exception fails the job with its what(), and the worker
-/// lives on.
+/// lives on; see nqJobFailure for one that has a reason.
 using nqWork = std::function<void(std::string_view job, std::vector<char>& result)>;
 
 /// Makes the work, once in each worker process, before its first job. An exception ends the worker,

@@ -106,6 +106,18 @@ TEST_F(ClusterPool, handsBackAFailedJobWithItsBytesAndWhatIsKnown)
     EXPECT_NE(outcome.pid, 0);
 }
 
+TEST_F(ClusterPool, tellsWhatAWorkerReportsOfAFailure)
+{
+    const auto agent = startAgent("agent");
+    const auto pool = makePool();
+    pool->submit("report the converter crashed");
+    const nqOutcome outcome = nextOf(*pool);
+    EXPECT_EQ(outcome.reason, Reason::Crashed);
+    EXPECT_TRUE(outcome.toldByWorker);
+    EXPECT_EQ(outcome.message, "the converter crashed");
+    EXPECT_EQ(outcome.signal, SIGSEGV);
+}
+
 TEST_F(ClusterPool, triesAFailedJobAgainAsOftenAsItsPolicySays)
 {
     const auto first = startAgent("first");

@@ -5,6 +5,7 @@
 //   pause MS      takes that long
 //   variable NAME gives that of its environment
 //   crash         is ended by a signal
+//   report TEXT   says that what it has run was ended by a signal
 //   large N       gives N bytes
 //   reverse TEXT  any other job is reversed as well
 #include <nqPoolWorker.h>
@@ -47,6 +48,11 @@ std::string work(std::string_view job)
     }
     if (name == "crash")
         ::raise(SIGKILL); // a sanitizer would handle others
+    if (name == "report") {
+        nq::nqJobFailure failure(nq::nqAttempt::Reason::Crashed, argument);
+        failure.signal = SIGSEGV;
+        throw failure;
+    }
     if (name == "large")
         return std::string(std::stoul(argument), 'x');
     return {job.rbegin(), job.rend()};

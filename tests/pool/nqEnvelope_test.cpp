@@ -8,6 +8,8 @@
 
 #include <cctype>
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -19,6 +21,7 @@ using common::Bytes;
 using common::bytes;
 using common::text;
 using nq::nqEnvelope;
+using Reason = nq::nqAttempt::Reason;
 
 const std::string digits = "00112233445566778899aabbccddeeff";
 const std::string tag("\x00\x11\x22\x33\x44\x55\x66\x77\x88\x99\xaa\xbb\xcc\xdd\xee\xff", 16);
@@ -33,6 +36,23 @@ class Envelope : public testing::Test {
 protected:
     const nqEnvelope envelope{digits};
     nqEnvelope::Exception exception;
+
+    Bytes thrown(const std::string& message, std::string_view job) const
+    {
+        nq::nqAttempt told;
+        told.reason = Reason::Exception;
+        told.message = message;
+        return envelope.exception(told, job);
+    }
+
+    /// What the pool is told of a failure that a worker has told it.
+    nq::nqAttempt asTold(const nq::nqAttempt& told)
+    {
+        Bytes answer = envelope.exception(told, "the job");
+        EXPECT_EQ(envelope.open(answer, exception), nqEnvelope::Answer::Exception);
+        EXPECT_EQ(exception.job, bytes("the job"));
+        return exception.told;
+    }
 
     /// What a worker reads of a job that a pool has sent.
     std::string jobAsRead(std::string_view submitted)
@@ -153,32 +173,90 @@ TEST_F(Envelope, tellsTheHiddenAnswersFromResults)
 
 TEST_F(Envelope, carriesAnExceptionWithTheJob)
 {
-    Bytes answer = envelope.exception("no such page", "the job");
+    Bytes answer = thrown("no such page", "the job");
     EXPECT_EQ(envelope.open(answer, exception), nqEnvelope::Answer::Exception);
-    EXPECT_EQ(exception.message, "no such page");
+    EXPECT_EQ(exception.told.message, "no such page");
     EXPECT_EQ(exception.job, bytes("the job"));
     EXPECT_TRUE(answer.empty());
 }
 
 TEST_F(Envelope, carriesAnExceptionWithoutTextOfAnEmptyJob)
 {
-    EXPECT_EQ(opened(envelope.exception("", "")), nqEnvelope::Answer::Exception);
-    EXPECT_EQ(exception.message, "");
+    EXPECT_EQ(opened(thrown("", "")), nqEnvelope::Answer::Exception);
+    EXPECT_EQ(exception.told.message, "");
     EXPECT_EQ(exception.job, Bytes());
 }
 
 TEST_F(Envelope, carriesAnExceptionOfAJobThatBeginsWithTheTag)
 {
-    EXPECT_EQ(opened(envelope.exception("no", tag + "\2")), nqEnvelope::Answer::Exception);
+    EXPECT_EQ(opened(thrown("no", tag + "\2")), nqEnvelope::Answer::Exception);
     EXPECT_EQ(text(exception.job), tag + "\2");
 }
 
 TEST_F(Envelope, cutsATextThatNobodyWouldRead)
 {
     const std::string longText(100'000, 'x');
-    EXPECT_EQ(opened(envelope.exception(longText, "the job")), nqEnvelope::Answer::Exception);
-    EXPECT_EQ(exception.message, longText.substr(0, 65'536));
+    EXPECT_EQ(opened(thrown(longText, "the job")), nqEnvelope::Answer::Exception);
+    EXPECT_EQ(exception.told.message, longText.substr(0, 65'536));
     EXPECT_EQ(exception.job, bytes("the job"));
+}
+
+TEST_F(Envelope, carriesAllThatIsKnownOfAFailure)
+{
+    nq::nqAttempt told;
+    told.reason = Reason::Crashed;
+    told.message = "the converter was ended";
+    told.exitStatus = -3;
+    told.signal = 11;
+    told.dumpedCore = true;
+    told.peakMemory = std::uint64_t{1} << 40;
+    const nq::nqAttempt read = asTold(told);
+    EXPECT_TRUE(read.toldByWorker);
+    EXPECT_EQ(read.reason, Reason::Crashed);
+    EXPECT_EQ(read.message, "the converter was ended");
+    EXPECT_EQ(read.exitStatus, -3);
+    EXPECT_EQ(read.signal, 11);
+    EXPECT_TRUE(read.dumpedCore);
+    EXPECT_EQ(read.peakMemory, std::uint64_t{1} << 40);
+}
+
+TEST_F(Envelope, carriesNothingThatIsNotKnownOfAFailure)
+{
+    nq::nqAttempt told;
+    told.reason = Reason::Timeout;
+    const nq::nqAttempt read = asTold(told);
+    EXPECT_EQ(read.reason, Reason::Timeout);
+    EXPECT_EQ(read.message, "");
+    EXPECT_EQ(read.exitStatus, std::nullopt);
+    EXPECT_EQ(read.signal, std::nullopt);
+    EXPECT_FALSE(read.dumpedCore);
+    EXPECT_EQ(read.peakMemory, std::nullopt);
+}
+
+TEST_F(Envelope, carriesWhatAnExceptionKnowsBesidesItsText)
+{
+    nq::nqAttempt told;
+    told.reason = Reason::Exception;
+    told.exitStatus = 0;
+    const nq::nqAttempt read = asTold(told);
+    EXPECT_EQ(read.reason, Reason::Exception);
+    EXPECT_EQ(read.exitStatus, 0);
+}
+
+TEST_F(Envelope, saysAnOrdinaryExceptionAsOlderPoolsKnowIt)
+{
+    constexpr char kindOfExceptions = 7;
+    EXPECT_EQ(thrown("no", "job").at(tag.size()), kindOfExceptions);
+    EXPECT_EQ(text(thrown("no", "job")).substr(tag.size() + 1), std::string("\2\0\0\0nojob", 9));
+}
+
+TEST_F(Envelope, takesAReasonThatNoWorkerCanKnowForAnException)
+{
+    for (const int reason : {0, 5, 7, 8, 9, 10, 11, 12, -1, 1 << 30}) {
+        nq::nqAttempt told;
+        told.reason = static_cast<Reason>(reason);
+        EXPECT_EQ(asTold(told).reason, Reason::Exception) << reason;
+    }
 }
 
 TEST_F(Envelope, findsOutAWorkerThatSendsBackWhatItGets)
@@ -196,7 +274,7 @@ TEST_F(Envelope, findsOutAnAnswerThatIsSentAsAJob)
     Bytes emptyResult;
     envelope.wrapResult(emptyResult);
     for (const Bytes& answer :
-         {envelope.initialised(), envelope.left(), envelope.exception("no", "job"), emptyResult})
+         {envelope.initialised(), envelope.left(), thrown("no", "job"), emptyResult})
         EXPECT_EQ(read(answer), nqEnvelope::Message::Unknown);
 }
 
@@ -234,7 +312,20 @@ TEST_F(Envelope, makesNoSenseOfAnEscapedResultWithoutNeed)
 
 TEST_F(Envelope, makesNoSenseOfAnExceptionThatIsCutShort)
 {
-    const Bytes whole = envelope.exception("no such page", "");
+    const Bytes whole = thrown("no such page", "");
+    for (std::size_t size = tag.size(); size < whole.size(); ++size) {
+        Bytes cut = whole;
+        cut.resize(size);
+        EXPECT_EQ(opened(cut), nqEnvelope::Answer::Unknown) << size << " bytes";
+    }
+}
+
+TEST_F(Envelope, makesNoSenseOfAFailureThatIsCutShort)
+{
+    nq::nqAttempt told;
+    told.reason = Reason::Exited;
+    told.message = "no such page";
+    const Bytes whole = envelope.exception(told, "");
     for (std::size_t size = tag.size(); size < whole.size(); ++size) {
         Bytes cut = whole;
         cut.resize(size);
@@ -244,7 +335,7 @@ TEST_F(Envelope, makesNoSenseOfAnExceptionThatIsCutShort)
 
 TEST_F(Envelope, makesNoSenseOfATextThatIsSaidToBeHuge)
 {
-    Bytes answer = envelope.exception("no such page", "the job");
+    Bytes answer = thrown("no such page", "the job");
     for (std::size_t byte = 0; byte < 4; ++byte)
         answer[tag.size() + 1 + byte] = '\xff';
     EXPECT_EQ(opened(answer), nqEnvelope::Answer::Unknown);
@@ -259,7 +350,7 @@ TEST_F(Envelope, getsNothingOutOfAnAnswerThatIsNotInIt)
         common::append(answer, random.bytes(random.index(64)));
         const std::size_t size = answer.size();
         if (envelope.open(answer, exception) == nqEnvelope::Answer::Exception) {
-            EXPECT_LT(exception.message.size() + exception.job.size(), size);
+            EXPECT_LT(exception.told.message.size() + exception.job.size(), size);
         }
         EXPECT_LE(answer.size(), size);
     }

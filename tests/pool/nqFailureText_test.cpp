@@ -55,6 +55,12 @@ nqOutcome with(nqOutcome outcome, const std::string& message)
     return outcome;
 }
 
+nqOutcome reported(nqOutcome outcome)
+{
+    outcome.toldByWorker = true;
+    return outcome;
+}
+
 nqOutcome at(nqOutcome outcome, std::uint64_t memory)
 {
     outcome.peakMemory = memory;
@@ -286,6 +292,37 @@ INSTANTIATE_TEST_SUITE_P(
             with(failed(Reason::Exception), "bad\nnumber"),
             "the worker's function threw \"bad number\" after 1.2 s; run it again "
             "under a debugger that stops at exceptions (`catch throw`)"},
+        Example{
+            "reportedCrash",
+            reported(withCore(with(crashed(SIGSEGV), "the converter crashed"))),
+            "the worker reports an end by SIGSEGV (core dumped) after 1.2 s: \"the converter "
+            "crashed\""},
+        Example{
+            "reportedCrashOfUnknownKind",
+            reported(failed(Reason::Crashed)),
+            "the worker reports a crash after 1.2 s"},
+        Example{
+            "reportedExit",
+            reported(with(left(3), "the converter left")),
+            "the worker reports exit status 3 after 1.2 s: \"the converter left\""},
+        Example{
+            "reportedExitOfUnknownStatus",
+            reported(failed(Reason::Exited)),
+            "the worker reports an early end after 1.2 s"},
+        Example{
+            "reportedTimeout",
+            reported(with(failed(Reason::Timeout), "timed out after 1 s")),
+            "the worker reports a time-out after 1.2 s: \"timed out after 1 s\""},
+        Example{
+            "reportedMemoryCap",
+            reported(at(with(failed(Reason::MemoryCap), "too large"), 300 * mebibyte)),
+            "the worker reports too much memory after 1.2 s, at 300 MB: \"too large\""},
+        Example{
+            "reportedTimeoutEachTime",
+            after(
+                {reported(failed(Reason::Timeout))},
+                reported(with(failed(Reason::Timeout), "timed out"))),
+            "the worker reports a time-out after 1.2 s: \"timed out\", in each of 2 attempts"},
         Example{
             "silentException",
             failed(Reason::Exception),

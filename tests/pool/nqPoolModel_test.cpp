@@ -68,7 +68,7 @@ struct Job {
     bool hasCallback = false;
     bool isEnded = false; ///< the host has its outcome
     bool isCancelled = false;
-    bool hasThrown = false;
+    std::optional<Reason> told; // by its worker, the last time
 };
 
 class PoolRound {
@@ -391,6 +391,8 @@ private:
 
     bool isPossible(const nqOutcome& outcome, const Job& job) const
     {
+        if (outcome.toldByWorker)
+            return outcome.state == State::Failed && outcome.reason == job.told;
         switch (outcome.reason) {
         case Reason::None:
             return outcome.state == State::Done;
@@ -406,7 +408,7 @@ private:
         case Reason::Exited:
             return mEnded != 0;
         case Reason::Exception:
-            return job.hasThrown;
+            return false;
         case Reason::NoWorker:
             return mEnded + mTroubles != 0 || mOptions.initialisationTimeout < 1s;
         case Reason::MemoryCap:
@@ -491,8 +493,10 @@ private:
         case Worker::Holds::Job: {
             const std::string& bytes = mOriginal.at(worker.job);
             if (!mOptions.plainWorker && mRandom.percent(10)) {
-                mJobs[worker.job].hasThrown = true;
-                arrivals.push_back(common::frame(text(envelope(worker).exception("no", bytes))));
+                nq::nqAttempt told;
+                told.reason = mRandom.pick({Reason::Exception, Reason::Timeout, Reason::Crashed});
+                mJobs[worker.job].told = told.reason;
+                arrivals.push_back(common::frame(text(envelope(worker).exception(told, bytes))));
             } else {
                 arrivals.push_back(common::frame("done " + bytes));
             }

@@ -80,6 +80,17 @@ std::string ask(nqPool& pool, std::string_view job)
     return outcome ? std::string(outcome.text()) : "(" + outcome.failureText() + ")";
 }
 
+/// A job that fails with this reason, in the worker's words.
+std::string report(Reason reason)
+{
+    return "report " + std::to_string(static_cast<int>(reason));
+}
+
+bool hasLine(const std::string& text, const std::string& ending)
+{
+    return text.find(ending + '\n') != std::string::npos;
+}
+
 /// What a program says that was started by hand.
 std::string explained(const std::string& program, const std::string& text)
 {
@@ -175,6 +186,94 @@ TEST_F(OwnProgram, tellsAnExceptionAndKeepsTheWorker)
     EXPECT_EQ(outcome.message, "no such page");
     EXPECT_EQ(outcome.text(), "throw no such page");
     EXPECT_EQ(ask(pool, "pid"), worker);
+}
+
+TEST_F(OwnProgram, tellsThatAnExceptionIsTheWorkersOwnWord)
+{
+    nqPool pool(oneWorker());
+    EXPECT_TRUE(outcomeOf(pool, "throw no such page").toldByWorker);
+    EXPECT_FALSE(outcomeOf(pool, "exit 3").toldByWorker);
+}
+
+TEST_F(OwnProgram, reportsACrashOfWhatItHasRun)
+{
+    nqPool pool(oneWorker());
+    const std::string job = report(Reason::Crashed);
+    const nqOutcome outcome = outcomeOf(pool, job);
+    EXPECT_EQ(outcome.reason, Reason::Crashed);
+    EXPECT_TRUE(outcome.toldByWorker);
+    EXPECT_EQ(outcome.message, "so it was");
+    EXPECT_EQ(outcome.signal, SIGSEGV);
+    EXPECT_EQ(outcome.exitStatus, std::nullopt);
+    EXPECT_EQ(outcome.text(), job);
+    EXPECT_NE(outcome.pid, 0);
+}
+
+TEST_F(OwnProgram, reportsTheExitStatusOfWhatItHasRun)
+{
+    nqPool pool(oneWorker());
+    const nqOutcome outcome = outcomeOf(pool, report(Reason::Exited));
+    EXPECT_EQ(outcome.reason, Reason::Exited);
+    EXPECT_EQ(outcome.exitStatus, 3);
+    EXPECT_EQ(outcome.signal, std::nullopt);
+}
+
+TEST_F(OwnProgram, reportsATimeOutAndAMemoryCapOfItsOwn)
+{
+    nqPool pool(oneWorker());
+    EXPECT_EQ(outcomeOf(pool, report(Reason::Timeout)).reason, Reason::Timeout);
+    const nqOutcome large = outcomeOf(pool, report(Reason::MemoryCap));
+    EXPECT_EQ(large.reason, Reason::MemoryCap);
+    EXPECT_EQ(large.peakMemory, pool_end_to_end::reportedPeakMemory);
+}
+
+TEST_F(OwnProgram, reportsAReasonOfThePoolsAloneAsAnException)
+{
+    nqPool pool(oneWorker());
+    for (const Reason reason : {Reason::None, Reason::Cancelled, Reason::NoWorker, Reason::Lost}) {
+        const nqOutcome outcome = outcomeOf(pool, report(reason));
+        EXPECT_EQ(outcome.state, State::Failed);
+        EXPECT_EQ(outcome.reason, Reason::Exception);
+        EXPECT_EQ(outcome.message, "so it was");
+    }
+}
+
+TEST_F(OwnProgram, keepsTheWorkerThatReportsACrash)
+{
+    nqPool pool(oneWorker());
+    const std::string worker = ask(pool, "pid");
+    outcomeOf(pool, report(Reason::Crashed));
+    EXPECT_EQ(ask(pool, "pid"), worker);
+    EXPECT_EQ(pool.statistics().launched, 1U);
+}
+
+TEST_F(OwnProgram, isTriedAgainForTheReasonThatIsReported)
+{
+    nqPoolOptions options = oneWorker();
+    options.retry.attempts = 3;
+    nqPool pool(options);
+    const nqOutcome late = outcomeOf(pool, report(Reason::Timeout));
+    ASSERT_EQ(late.earlierAttempts.size(), 2U);
+    EXPECT_EQ(late.earlierAttempts.front().message, "so it was");
+    EXPECT_TRUE(late.earlierAttempts.front().toldByWorker);
+    EXPECT_TRUE(outcomeOf(pool, report(Reason::Exception)).earlierAttempts.empty());
+}
+
+TEST_F(OwnProgram, countsWhatIsReportedByReasonAndNoRestart)
+{
+    const TemporaryFolder folder;
+    nqPoolOptions options = oneWorker();
+    options.metricsFile = folder.file("pool.prom");
+    nqPool pool(options);
+    outcomeOf(pool, report(Reason::Timeout));
+    outcomeOf(pool, report(Reason::Crashed));
+    EXPECT_EQ(pool.statistics().byReason[static_cast<std::size_t>(Reason::Timeout)], 1U);
+    pool.stop();
+    const std::string metrics = common::contentOf(options.metricsFile);
+    for (const std::string reason : {"timeout", "crashed"}) {
+        EXPECT_TRUE(hasLine(metrics, "{outcome=\"failed\",reason=\"" + reason + "\"} 1"));
+        EXPECT_TRUE(hasLine(metrics, "restarts_total{cause=\"" + reason + "\"} 0"));
+    }
 }
 
 TEST_F(OwnProgram, tellsTheLastWordsOfAJobThatThrows)
@@ -320,6 +419,19 @@ TEST_F(OwnProgram, reportsWhateverAJobThrowsInTheHostItself)
     EXPECT_EQ(outcome.text(), "throw-a-number");
 }
 
+TEST_F(OwnProgram, reportsAReasonInTheHostItself)
+{
+    nqPoolOptions options;
+    options.inProcess = true;
+    nqPool pool(options);
+    const std::string job = report(Reason::Crashed);
+    const nqOutcome outcome = outcomeOf(pool, job);
+    EXPECT_EQ(outcome.reason, Reason::Crashed);
+    EXPECT_EQ(outcome.signal, SIGSEGV);
+    EXPECT_TRUE(outcome.toldByWorker);
+    EXPECT_EQ(outcome.text(), job);
+}
+
 TEST_F(WorkerProgram, takesTwoLines)
 {
     nqPool pool(oneWorker(twoLineWorker));
@@ -333,6 +445,14 @@ TEST_F(WorkerProgram, takesAndGivesNothingAndThrows)
     EXPECT_EQ(outcomeOf(pool, "").state, State::Done);
     EXPECT_EQ(outcomeOf(pool, "nothing").state, State::Done);
     EXPECT_EQ(outcomeOf(pool, "throw no such page").message, "no such page");
+}
+
+TEST_F(WorkerProgram, reportsAReason)
+{
+    nqPool pool(oneWorker(twoLineWorker));
+    const nqOutcome outcome = outcomeOf(pool, report(Reason::Exited));
+    EXPECT_EQ(outcome.reason, Reason::Exited);
+    EXPECT_EQ(outcome.exitStatus, 3);
 }
 
 TEST_F(WorkerProgram, worksInTheHostsFolder)
@@ -469,6 +589,13 @@ TEST_F(StartedByHand, tellsTheExceptionOfAJob)
     ChildProgram run(host, {"--job", fileWith("throw no such page")});
     EXPECT_EQ(run.readAllErrors(), host + ": no such page\n");
     EXPECT_EQ(run.readAllOutput(), "");
+    EXPECT_EQ(run.waitForEnd(), 1);
+}
+
+TEST_F(StartedByHand, tellsTheTextOfAReportedFailure)
+{
+    ChildProgram run(host, {"--job", fileWith(report(Reason::Timeout))});
+    EXPECT_EQ(run.readAllErrors(), host + ": so it was\n");
     EXPECT_EQ(run.waitForEnd(), 1);
 }
 

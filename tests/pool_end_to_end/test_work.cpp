@@ -1,6 +1,7 @@
 #include "tests/pool_end_to_end/test_work.h"
 
 #include "pool/include/nqPool.h"
+#include "pool/include/nqPoolWorker.h"
 #include "tests/common/files.h"
 
 #include <csignal>
@@ -49,6 +50,20 @@ std::string crash(const std::string&)
     return {};
 }
 
+/// Fails with the reason of this number, and with what belongs to it.
+std::string report(const std::string& number)
+{
+    using Reason = nq::nqAttempt::Reason;
+    nq::nqJobFailure failure(static_cast<Reason>(std::stoi(number)), "so it was");
+    if (failure.reason == Reason::Crashed)
+        failure.signal = SIGSEGV;
+    if (failure.reason == Reason::Exited)
+        failure.exitStatus = 3;
+    if (failure.reason == Reason::MemoryCap)
+        failure.peakMemory = reportedPeakMemory;
+    throw failure;
+}
+
 using Command = std::function<std::string(const std::string& argument)>;
 
 const std::map<std::string, Command, std::less<>>& commands()
@@ -78,6 +93,7 @@ const std::map<std::string, Command, std::less<>>& commands()
              std::cerr << argument << std::endl;
              throw std::runtime_error("see above");
          }},
+        {"report", report},
         {"throw-a-number", [](const std::string&) -> std::string { throw 5; }},
         {"exhaust", exhaustMemory},
         {"exit", [](const std::string& argument) -> std::string { ::_exit(std::stoi(argument)); }},

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -21,6 +22,8 @@ private:
 
     unsigned mJobs = 0;
 };
+
+constexpr std::uint64_t reportedPeakMemory = std::uint64_t{300} << 20; // bytes
 
 /// Environment variables that a worker's TestWork looks at.
 constexpr const char* failingVariable = "NQ_TEST_WORK_FAILS";     // text of its exception
