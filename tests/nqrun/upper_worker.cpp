@@ -13,6 +13,11 @@ int main(int argc, char* argv[])
     return nq::runWorker(argc, argv, [](std::string_view job) {
         if (job == "throw")
             throw std::runtime_error("I do not like it");
+        if (job == "report") {
+            nq::nqJobFailure failure(nq::nqAttempt::Reason::Exited, "its program left");
+            failure.exitStatus = 3;
+            throw failure;
+        }
         if (job == "crash")
             std::abort();
         if (job == "hang")

@@ -36,6 +36,12 @@ class Workers(program.ProgramTest):
         outcomes = [json.loads(line)["outcome"] for line in (self.folder / "log").read_text().splitlines()[1:]]
         self.assertEqual(sorted(outcomes), ["done", "exception", "signal", "timeout"])
 
+    def test_fail_for_the_reason_that_they_report(self):
+        done = self.run_it("--worker", WORKER, "--joblog", "log", ":::", "report")
+        self.assertRegex(done.err, r'^nqrun: report: the worker reports exit status 3 after .*: "its program left"\n')
+        entry = json.loads((self.folder / "log").read_text().splitlines()[1])
+        self.assertEqual((entry["outcome"], entry["status"]), ("exit", 3))
+
     def test_leave_scripts_that_run_the_job_again(self):
         self.run_it("-q", "--worker", WORKER, "--keep-failed", "kept", ":::", "throw")
         again = subprocess.run([self.folder / "kept/000001.sh"], capture_output=True, check=False)
@@ -68,6 +74,51 @@ class Files(program.ProgramTest):
         self.assertIn("1", [event.get("name") for event in events], "an item's name is that of its span")
         shown = self.run_it("status", "s.json")
         self.assertRegex(shown.out.decode(), r"^sh \(pid \d+\): ended .* ago\n2 done, 1 failed, 0 running, 0 waiting")
+
+
+class Reasons(program.ProgramTest):
+    """How commands have failed, in each of the files that show a run."""
+
+    EATER = 'exec python3 -c "m=bytearray(200<<20); import time; time.sleep(60)"'
+
+    def setUp(self):
+        super().setUp()
+        files = ("--metrics", "m.prom", "--trace", "t.json", "--timeline", "t.svg", "--status", "s.json")
+        failing = {"exited": "exit 3", "crashed": "kill -SEGV $$", "memory_cap": self.EATER}
+        self.items = {"done": "true", **failing}
+        done = self.run_it("-q", "--memory", "100M", *files, "sh", "-c", ":::", *self.items.values())
+        self.assertEqual(done.status, len(failing), done.err)
+
+    def text(self, name):
+        return (self.folder / name).read_text()
+
+    def test_are_in_the_metrics(self):
+        jobs = re.findall(r'jobs_total\{.*reason="(\w+)"\} 1\n', self.text("m.prom"))
+        self.assertEqual(sorted(jobs), sorted(self.items))
+
+    def test_are_no_restarts_of_workers(self):
+        restarts = re.findall(r"worker_restarts_total\{.*\} (\d+)\n", self.text("m.prom"))
+        self.assertEqual(set(restarts), {"0"})
+
+    def test_are_in_the_trace(self):
+        attempts = [event for event in json.loads(self.text("t.json")) if event.get("cat") == "attempt"]
+        self.assertEqual({event["args"]["outcome"]: event["name"] for event in attempts}, self.items)
+
+    def test_are_in_the_status(self):
+        reasons = json.loads(self.text("s.json"))["reasons"]
+        self.assertEqual({reason: count for reason, count in reasons.items() if count}, dict.fromkeys(self.items, 1))
+
+    def test_are_in_the_picture(self):
+        legend = re.findall(r">(done|exited|crashed|memory cap) 1<", self.text("t.svg"))
+        self.assertEqual(sorted(legend), sorted(reason.replace("_", " ") for reason in self.items))
+
+    def test_tell_a_time_out(self):
+        self.run_it("-q", "--timeout", "0.2", "--metrics", "late.prom", "sleep", ":::", "60")
+        self.assertIn('reason="timeout"} 1\n', self.text("late.prom"))
+
+    def test_of_a_command_that_cannot_be_started_are_exceptions(self):
+        self.run_it("-q", "--metrics", "none.prom", "./{}", ":::", "none")
+        self.assertIn('reason="exception"} 1\n', self.text("none.prom"))
 
 
 class Status(program.ProgramTest):

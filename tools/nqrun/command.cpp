@@ -114,6 +114,23 @@ Command Command::decoded(std::string_view bytes)
     return command;
 }
 
+std::string CommandFailure::encoded() const
+{
+    std::string bytes;
+    append(bytes, report);
+    appendText(bytes, text);
+    return bytes;
+}
+
+CommandFailure CommandFailure::decoded(std::string_view bytes)
+{
+    Reader reader(bytes);
+    CommandFailure failure;
+    failure.report = reader.number<Report>();
+    failure.text = reader.text();
+    return failure;
+}
+
 int Report::shellStatus() const
 {
     switch (end) {

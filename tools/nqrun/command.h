@@ -79,6 +79,17 @@ struct Report {
     int shellStatus() const;
 };
 
+/// What a worker is told of a command that was not done.
+struct CommandFailure {
+    Report report; ///< an empty one when the command cannot be watched over
+    std::string text;
+
+    std::string encoded() const;
+
+    /// Throws std::runtime_error when the bytes make no sense.
+    static CommandFailure decoded(std::string_view bytes);
+};
+
 /// How a command ended, for people, for example "exited with status 1" or "timed out after 0.5 s".
 std::string endText(const Report& report, const CommandLimits& limits, const std::string& program);
 

@@ -199,7 +199,7 @@ bool CommandRun::isAlone() const
     return mIsAlone;
 }
 
-std::string CommandRun::operator()(const Command& command)
+std::optional<CommandFailure> CommandRun::operator()(const Command& command)
 {
     const Files& files = filesOf(command.files);
     Descriptor input;
@@ -234,7 +234,9 @@ std::string CommandRun::operator()(const Command& command)
     report.errorBytes = sizeOf(files.error.number());
     if (::pwrite(files.report.number(), &report, sizeof report, 0) != sizeof report)
         throw std::runtime_error("the host's report cannot be written: " + lastError());
-    return report.isDone() ? std::string() : endText(report, command.limits, command.program);
+    if (report.isDone())
+        return std::nullopt;
+    return CommandFailure{report, endText(report, command.limits, command.program)};
 }
 
 // Waits with one system call for the end of a child, for output, for the worker's end and for the

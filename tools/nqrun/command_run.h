@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
@@ -20,10 +21,9 @@ public:
     explicit CommandRun(int worker);
 
     /// Starts the command, waits for its end or for the first of its limits, ends what is left of
-    /// its descendants and writes the report into the host's file. Returns the text of its failure,
-    /// empty for one that is done. Throws std::runtime_error when the host's files are out of
-    /// reach.
-    std::string operator()(const Command& command);
+    /// its descendants and writes the report into the host's file. Returns its failure, nothing for
+    /// one that is done. Throws std::runtime_error when the host's files are out of reach.
+    std::optional<CommandFailure> operator()(const Command& command);
 
     /// The worker has ended.
     bool isAlone() const;

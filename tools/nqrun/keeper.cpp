@@ -56,12 +56,14 @@ bool receiveText(int socket, std::string& text)
     return readAll(socket, text.data(), text.size());
 }
 
-std::string endOf(std::string_view bytes, CommandRun& run)
+// Empty for one that is done.
+std::string failureOf(std::string_view bytes, CommandRun& run)
 {
     try {
-        return run(Command::decoded(bytes));
+        const std::optional<CommandFailure> failure = run(Command::decoded(bytes));
+        return failure ? failure->encoded() : std::string();
     } catch (const std::exception& exception) {
-        return exception.what();
+        return CommandFailure{Report(), exception.what()}.encoded();
     }
 }
 
@@ -87,7 +89,7 @@ std::string endOf(std::string_view bytes, CommandRun& run)
     CommandRun run(socketNumber);
     std::string bytes;
     while (receiveText(socketNumber, bytes)) {
-        const std::string failure = endOf(bytes, run);
+        const std::string failure = failureOf(bytes, run);
         if (run.isAlone() || !sendText(socketNumber, failure))
             break;
     }

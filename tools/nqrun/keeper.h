@@ -26,9 +26,9 @@ public:
     Keeper(const Keeper&) = delete;
     Keeper& operator=(const Keeper&) = delete;
 
-    /// Runs an encoded command, and returns once neither it nor a descendant of it is left. The
-    /// text of its failure, empty for one that is done; nothing when the keeper is lost, which
-    /// cannot be used again.
+    /// Runs an encoded command, and returns once neither it nor a descendant of it is left. Its
+    /// encoded failure, empty for one that is done; nothing when the keeper is lost, which cannot
+    /// be used again.
     std::optional<std::string> run(std::string_view command);
 
 private:

@@ -540,12 +540,11 @@ void Run::describeCommand(
     if (bytes.size() == sizeof report)
         std::memcpy(&report, bytes.data(), sizeof report);
     const bool isOfThis = bytes.size() == sizeof report && report.serial == attempt.serial;
-    if (!isOfThis ||
-        (outcome.state == nq::nqOutcome::State::Failed && outcome.reason != Reason::Exception)) {
+    const bool isTold = outcome || outcome.toldByWorker;
+    if (!isOfThis || !isTold) {
         // The worker was lost; what the command has printed until then is there.
         finished.outcome = wordFor(End::None);
-        finished.failure =
-            outcome.reason == Reason::Exception ? outcome.message : outcome.failureText();
+        finished.failure = outcome.toldByWorker ? outcome.message : outcome.failureText();
         finished.ran = outcome.ran.count();
         finished.outputBytes = sizeOf(attempt.slot.output.number());
         finished.errorBytes = sizeOf(attempt.slot.error.number());
