@@ -79,6 +79,21 @@ bool nqPool::start()
     return mPrivate->start();
 }
 
+void nqPool::beginStart()
+{
+    mPrivate->beginStart();
+}
+
+bool nqPool::isStarting() const
+{
+    return mPrivate->isStarting();
+}
+
+void nqPool::onLaunch(std::function<void()> callback)
+{
+    mPrivate->onLaunch(std::move(callback));
+}
+
 void nqPool::stop()
 {
     mPrivate->stop();

@@ -270,6 +270,7 @@ void nqPoolPrivate::step()
         return;
     enforceLimits(now);
     startWorkers(now);
+    mStartsAll = isStarting();
     feed(now);
     if (std::exchange(mIsGivingUp, false))
         giveUpOnWaitingJobs();
@@ -442,6 +443,12 @@ void nqPoolPrivate::onJobReturned(nqPoolJob&& job)
     if (job.details != nullptr && !job.details->earlierAttempts.empty())
         --mCounts.retried;
     mQueue.pushAgain(std::move(job), nqPoolClock::now());
+}
+
+void nqPoolPrivate::onLaunchAhead() noexcept
+{
+    if (mOnLaunch && !mIsStopped)
+        mOnLaunch();
 }
 
 void nqPoolPrivate::onWorkerLaunched(nqPoolSlot& slot, std::int64_t pid)
@@ -672,15 +679,28 @@ bool nqPoolPrivate::drain(const nqPool::Progress& progress)
 bool nqPoolPrivate::start()
 {
     requireOutsideCallback("start()");
-    mStartsAll = !mIsStopped && !mOptions.inProcess;
-    const std::uint64_t failedBefore = mCounts.launchesFailed;
-    const auto isUnderWay = [&] {
-        return count(Phase::Down) + count(Phase::Connected) + count(Phase::Initialising) != 0;
-    };
-    while (mStartsAll && isUnderWay() && mCounts.launchesFailed == failedBefore)
+    beginStart();
+    while (isStarting())
         pump(noLimit);
-    mStartsAll = false;
-    return !mIsStopped && mCounts.launchesFailed == failedBefore;
+    return !mIsStopped && mCounts.launchesFailed == mFailedBeforeStart;
+}
+
+void nqPoolPrivate::beginStart()
+{
+    mStartsAll = !mIsStopped && !mOptions.inProcess;
+    mFailedBeforeStart = mCounts.launchesFailed;
+    updateWakeUp();
+}
+
+bool nqPoolPrivate::isStarting() const
+{
+    return mStartsAll && !mIsStopped && mCounts.launchesFailed == mFailedBeforeStart &&
+           count(Phase::Down) + count(Phase::Connected) + count(Phase::Initialising) != 0;
+}
+
+void nqPoolPrivate::onLaunch(std::function<void()>&& callback)
+{
+    mOnLaunch = std::move(callback);
 }
 
 /// All of them are killed before any is waited for.

@@ -49,6 +49,9 @@ public:
     std::optional<nqOutcome> next(Milliseconds timeout);
     bool drain(const nqPool::Progress& progress);
     bool start();
+    void beginStart();
+    bool isStarting() const;
+    void onLaunch(std::function<void()>&& callback);
     void stop();
 
     void expectJobs(std::uint64_t jobs);
@@ -63,6 +66,7 @@ private:
     void onJobEnded(
         nqPoolSlot& slot, nqPoolJob&& job, nqAttempt&& attempt, std::vector<char>&& bytes) override;
     void onJobReturned(nqPoolJob&& job) override;
+    void onLaunchAhead() noexcept override;
     void onWorkerLaunched(nqPoolSlot& slot, std::int64_t pid) override;
     void onWorkerEnded(nqPoolSlot& slot, nqWorkerEnd how) override;
     void onWorkerReady(nqPoolSlot& slot) override;
@@ -133,6 +137,8 @@ private:
     std::string mProblem;
 
     bool mStartsAll = false;
+    std::uint64_t mFailedBeforeStart = 0; ///< launches, when it was told to start all
+    std::function<void()> mOnLaunch;
     bool mIsStopped = false;
     bool mIsInCallback = false;
     bool mIsAllDone = true;       ///< since the last drain

@@ -104,6 +104,7 @@ void nqPoolSlot::launch()
 {
     mScheduler.stopScheduler();
     configure();
+    mShared.owner.onLaunchAhead();
     const auto timeout = std::min<std::int64_t>(mShared.options.connectionTimeout.count(), INT_MAX);
     if (!mScheduler.startScheduler(1, static_cast<int>(timeout)) && !mNews.hasLaunchFailed) {
         mNews.hasLaunchFailed = true;
@@ -218,6 +219,7 @@ void nqPoolSlot::onEvent(const nqSchedulerEvent& event) noexcept
         mNews.end = Ended{event.mExitStatus, event.mSignal, event.mDumpedCore, event.mPeakMemory};
         if (!mNews.end->peakMemory)
             mNews.end->peakMemory = event.mLargestReading;
+        mShared.owner.onLaunchAhead(); // the scheduler replaces it in this very pump
         break;
     case Kind::JobHandedOut:
         mNews.hasJob = true;

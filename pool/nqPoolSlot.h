@@ -37,6 +37,9 @@ public:
     /// The worker was gone before it could be given the job, which nobody has tried therefore.
     virtual void onJobReturned(nqPoolJob&& job) = 0;
 
+    /// What comes next is a launch, which blocks.
+    virtual void onLaunchAhead() noexcept = 0;
+
     /// A worker has connected, and begins its life.
     virtual void onWorkerLaunched(nqPoolSlot& slot, std::int64_t pid) = 0;
 

@@ -176,6 +176,19 @@ public:
     /// initialised. False when one could not be launched; problem() says why.
     bool start();
 
+    /// Begins what start() waits for, and returns at once: the pumps that follow launch the
+    /// workers.
+    void beginStart();
+
+    /// Whether that goes on. Over once all workers are initialised, or one could not be launched,
+    /// which nqPoolStatistics::launchesFailed counts.
+    bool isStarting() const;
+
+    /// Calls `callback` before each launch of a worker, for a watchdog that must tell a slow launch
+    /// from a hang: the launch blocks for nqPoolOptions::connectionTimeout at most, and for a
+    /// second more if the worker has to be killed. Must not throw or use the pool. Empty: none.
+    void onLaunch(std::function<void()> callback);
+
     /// Ends all jobs and workers now, and accepts no more jobs. Every job without an outcome gets
     /// one: a result that was there already, or Cancelled with its bytes. Takes no longer than
     /// nqPoolOptions::connectionTimeout for each worker, and what the kernel takes to end them. To

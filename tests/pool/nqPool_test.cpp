@@ -64,6 +64,65 @@ TEST_F(Pool, launchesAllWorkersWhenItIsStarted)
     EXPECT_EQ(pool->statistics().alive, 3U);
 }
 
+TEST_F(Pool, launchesAllWorkersInThePumpsAfterItWasToldToStart)
+{
+    options.workers = 3;
+    make();
+    pool->beginStart();
+    EXPECT_EQ(launches(), 0U);
+    EXPECT_TRUE(pool->isStarting());
+    pump(3);
+    EXPECT_EQ(launches(), 3U);
+    EXPECT_FALSE(pool->isStarting());
+}
+
+TEST_F(Pool, endsItsStartWithALaunchThatFails)
+{
+    options.workers = 3;
+    machine.server.connections = {scripted::Connection::timesOut};
+    make();
+    pool->beginStart();
+    pump();
+    EXPECT_FALSE(pool->isStarting());
+    EXPECT_NE(pool->statistics().launchesFailed, 0U);
+    const std::size_t launched = launches();
+    advance(options.longestRestartPause);
+    pump(3);
+    EXPECT_EQ(launches(), launched);
+}
+
+TEST_F(Pool, tellsOfEachLaunchBeforeItBlocks)
+{
+    options.workers = 2;
+    make();
+    std::vector<std::size_t> launchesBefore;
+    pool->onLaunch([&] { launchesBefore.push_back(launches()); });
+    EXPECT_TRUE(pool->start());
+    EXPECT_EQ(launchesBefore, (std::vector<std::size_t>{0, 1}));
+}
+
+TEST_F(Pool, tellsOfTheLaunchOfAReplacement)
+{
+    make();
+    submit("job");
+    pump();
+    std::vector<std::size_t> launchesBefore;
+    pool->onLaunch([&] { launchesBefore.push_back(launches()); });
+    crash(0);
+    EXPECT_EQ(launches(), 2U);
+    EXPECT_EQ(launchesBefore, (std::vector<std::size_t>{1}));
+}
+
+TEST_F(Pool, tellsOfNoLaunchWhileItStops)
+{
+    make();
+    EXPECT_TRUE(pool->start());
+    int told = 0;
+    pool->onLaunch([&] { ++told; });
+    pool->stop();
+    EXPECT_EQ(told, 0);
+}
+
 TEST_F(Pool, doesNotSleepOnAWorkerThatHasJustBecomeReady)
 {
     options.workers = 3;
