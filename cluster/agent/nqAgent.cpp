@@ -36,6 +36,7 @@ constexpr std::chrono::milliseconds pauseForOthers{1'000}; // with a job of a ne
 constexpr std::chrono::milliseconds lookInterval{100};
 constexpr std::chrono::milliseconds longestLaunchPause{30'000};
 constexpr std::chrono::milliseconds longestGoodbye{2'000};
+constexpr std::chrono::milliseconds killOfAWorker{1'000}; // that has not connected in time
 
 nqRedisLink::Settings settingsOf(const nqAgentOptions& options)
 {
@@ -70,16 +71,18 @@ nqAgent::nqAgent(const nqAgentOptions& options, int signals)
     mPrefetch = options.prefetch.value_or(0);
     mWait.watch(mPool.waitDescriptor(), mPoolWatcher, false);
     mWait.watch(mSignals, mSignalWatcher, false);
+    mPool.onLaunch([this] {
+        if (mHeartbeat != nullptr)
+            mHeartbeat->launch(mOptions.pool.connectionTimeout + killOfAWorker);
+    });
 }
 
 nqAgent::~nqAgent() = default;
 
 int nqAgent::run()
 {
-    if (!mPool.start()) {
-        say(mPool.problem());
-        return 1;
-    }
+    if (!startWorkers())
+        return mStatus;
     mHeartbeat = std::make_unique<nqHeartbeat>(nqHeartbeat::Settings{
         mRedis,
         mOptions.queue,
@@ -95,6 +98,29 @@ int nqAgent::run()
     }
     say("leaves");
     return mStatus;
+}
+
+/// Nobody knows of this agent meanwhile, so that it may leave at any time.
+bool nqAgent::startWorkers()
+{
+    beginToLaunch();
+    while (mPool.isStarting() && mPhase == Phase::Working) {
+        mWait.sleep(Milliseconds(-1));
+        if (std::exchange(mSignalWatcher.hasNews, false))
+            hearRequests();
+        else
+            runPool();
+    }
+    if (mPhase != Phase::Working) {
+        say("leaves");
+        return false;
+    }
+    if (hasLaunchFailed()) {
+        say(mPool.problem());
+        mStatus = 1;
+        return false;
+    }
+    return true;
 }
 
 void nqAgent::step()
@@ -420,17 +446,34 @@ void nqAgent::sendHandedBack()
 /// An agent whose workers cannot be started takes no jobs: it would fail all that there are.
 void nqAgent::launchAgain(TimePoint now)
 {
-    if (!mIsWithoutWorkers || now < mNextLaunch || mPhase != Phase::Working)
+    if (!mIsWithoutWorkers || mPhase != Phase::Working || mPool.isStarting())
+        return;
+    if (std::exchange(mIsLaunching, false)) {
+        if (!hasLaunchFailed()) {
+            mIsWithoutWorkers = false;
+            mLaunchPause = Milliseconds(1'000);
+            sayOnChange(mSaidLaunch, {});
+            return;
+        }
+        mLaunchPause = std::min(2 * mLaunchPause, longestLaunchPause);
+        mNextLaunch = now + mLaunchPause;
+    }
+    if (now < mNextLaunch)
         return;
     sayOnChange(mSaidLaunch, "takes no jobs: " + mPool.problem());
-    if (mPool.start()) {
-        mIsWithoutWorkers = false;
-        mLaunchPause = Milliseconds(1'000);
-        sayOnChange(mSaidLaunch, {});
-        return;
-    }
-    mLaunchPause = std::min(2 * mLaunchPause, longestLaunchPause);
-    mNextLaunch = nqClusterClock::now() + mLaunchPause;
+    beginToLaunch();
+    mIsLaunching = true;
+}
+
+void nqAgent::beginToLaunch()
+{
+    mFailedLaunches = mPool.statistics().launchesFailed;
+    mPool.beginStart();
+}
+
+bool nqAgent::hasLaunchFailed() const
+{
+    return mPool.statistics().launchesFailed != mFailedLaunches;
 }
 
 void nqAgent::onReady(nqRedisLink& link)

@@ -78,6 +78,7 @@ private:
     void onReady(nqRedisLink& link) override;
     void onDown(nqRedisLink& link) override;
 
+    bool startWorkers();
     void step();
     void hearRequests();
     void hearNews();
@@ -96,6 +97,8 @@ private:
     void handBackDue(TimePoint now);
     void sendHandedBack();
     void launchAgain(TimePoint now);
+    void beginToLaunch();
+    bool hasLaunchFailed() const;
     void beginToFinish();
     void endAll();
     void leave();
@@ -141,6 +144,8 @@ private:
 
     bool mIsFull = false;
     bool mIsWithoutWorkers = false;
+    bool mIsLaunching = false;
+    std::uint64_t mFailedLaunches = 0; ///< before these
     TimePoint mNextLaunch;
     Milliseconds mLaunchPause{1'000};
     std::size_t mPrefetch = 0;

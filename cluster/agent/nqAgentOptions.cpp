@@ -28,6 +28,8 @@ finish what runs and hand back the rest; a second one ends it. `status` shows th
   --prefetch N          jobs to hold beyond those that run; default: by how fast they end
   --lease SECONDS       others take over this agent's jobs that long after its last sign of life;
                         default: 10
+  --start-timeout SECONDS
+                        a worker that has not connected by then is killed; default: 10
   --job-timeout SECONDS of a job that has none of its own; default: none
   --memory-cap MB       of resident memory for a worker; default: none
   --keep-failed FOLDER  keeps the bytes of failed jobs there
@@ -43,6 +45,7 @@ enum Option : int {
     Workers,
     Prefetch,
     Lease,
+    StartTimeout,
     JobTimeout,
     MemoryCap,
     KeepFailed,
@@ -52,13 +55,14 @@ enum Option : int {
     Help
 };
 
-constexpr std::array<option, 14> longOptions{{
+constexpr std::array<option, 15> longOptions{{
     {"redis", required_argument, nullptr, Redis},
     {"password-file", required_argument, nullptr, PasswordFile},
     {"queue", required_argument, nullptr, Queue},
     {"workers", required_argument, nullptr, Workers},
     {"prefetch", required_argument, nullptr, Prefetch},
     {"lease", required_argument, nullptr, Lease},
+    {"start-timeout", required_argument, nullptr, StartTimeout},
     {"job-timeout", required_argument, nullptr, JobTimeout},
     {"memory-cap", required_argument, nullptr, MemoryCap},
     {"keep-failed", required_argument, nullptr, KeepFailed},
@@ -126,6 +130,9 @@ std::optional<nqAgentOptions> nqAgentOptions::parse(int argc, char* argv[])
             break;
         case Lease:
             options.lease = timeOf(::optarg, 0.5, "lease");
+            break;
+        case StartTimeout:
+            options.pool.connectionTimeout = timeOf(::optarg, 0.1, "start-timeout");
             break;
         case JobTimeout:
             options.pool.jobTimeout = timeOf(::optarg, 0, "job-timeout");

@@ -77,7 +77,15 @@ void nqHeartbeat::comeRound(Description&& description)
 {
     const std::lock_guard lock(mMutex);
     mCameRound = nqClusterClock::now();
+    mLaunch = std::chrono::milliseconds(0);
     mDescription = std::move(description);
+}
+
+void nqHeartbeat::launch(std::chrono::milliseconds longest)
+{
+    const std::lock_guard lock(mMutex);
+    mCameRound = nqClusterClock::now();
+    mLaunch = longest;
 }
 
 nqHeartbeat::News nqHeartbeat::takeNews()
@@ -162,7 +170,7 @@ void nqHeartbeat::join()
 bool nqHeartbeat::isHung(TimePoint now)
 {
     const std::lock_guard lock(mMutex);
-    return now - mCameRound > mSettings.lease;
+    return now - mCameRound > mSettings.lease + mLaunch;
 }
 
 void nqHeartbeat::beat(TimePoint now)

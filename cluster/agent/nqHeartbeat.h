@@ -17,8 +17,8 @@
 namespace nq {
 
 /// Keeps an agent's lease on a thread of its own, whatever its jobs do, for as long as the agent
-/// itself comes round: a hung or stopped one loses its lease. Looks whether the other agents live,
-/// and hears what they are told.
+/// itself comes round or launches a worker: a hung or stopped one loses its lease. Looks whether
+/// the other agents live, and hears what they are told.
 class nqHeartbeat final : private nqRedisLinkOwner {
 public:
     using TimePoint = nqClusterClock::time_point;
@@ -50,6 +50,10 @@ public:
 
     /// The agent comes round. Any text of `description` is for people.
     void comeRound(Description&& description);
+
+    /// The agent comes round no more until a worker is launched, and that takes `longest` at most.
+    /// Keeps the lease for that long besides.
+    void launch(std::chrono::milliseconds longest);
 
     /// Readable when there is news.
     int descriptor() const
@@ -98,6 +102,7 @@ private:
     News mNews;
     Description mDescription;
     TimePoint mCameRound;
+    std::chrono::milliseconds mLaunch{0}; ///< how long the launch since then may take
     bool mIsEnding = false;
 
     std::thread mThread; // the last, so that all is there when it starts

@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <set>
 #include <string>
+#include <sys/ptrace.h>
+#include <sys/wait.h>
 #include <vector>
 
 namespace cluster {
@@ -15,7 +17,73 @@ using nq::nqJobOptions;
 using nq::nqOutcome;
 using Reason = nqAttempt::Reason;
 
-class Agent : public Cluster {};
+class Agent : public Cluster {
+protected:
+    /// A worker whose launches a test can hold and refuse.
+    std::string slowWorker() const
+    {
+        const std::string hold = mFolder.file("hold");
+        return mFolder.addScript(
+            "slow",
+            "[ ! -e '" + mFolder.file("refused") + "' ] || exit 1\n[ ! -e '" + hold +
+                "' ] || echo > '" + mFolder.file("held") + "'\nwhile [ -e '" + hold +
+                "' ]; do sleep 0.02; done\nexec '" NQ_CLUSTER_WORKER "' \"$@\"\n");
+    }
+    void refuseLaunches() const
+    {
+        mFolder.addFile("refused", "", 0600);
+    }
+    void holdLaunches() const
+    {
+        mFolder.addFile("hold", "", 0600);
+        std::filesystem::remove(mFolder.file("refused"));
+    }
+    void letLaunchesGo() const
+    {
+        std::filesystem::remove(mFolder.file("hold"));
+    }
+    bool isHeld(nq::nqClusterPool& pool) const
+    {
+        return pumpUntil(pool, [&] { return std::filesystem::exists(mFolder.file("held")); });
+    }
+
+    /// As Redis has them after `time`, in which the host looks after them.
+    std::string nameOfAgents(nq::nqClusterPool& pool, std::chrono::seconds time) const
+    {
+        const auto end = std::chrono::steady_clock::now() + time;
+        pumpUntil(pool, [&] { return std::chrono::steady_clock::now() > end; });
+        return mRedis->ask({"HKEYS", "nq:{tests}:agents"});
+    }
+};
+
+/// The first thread of a process stands still, and the others go on.
+class HeldThread {
+public:
+    explicit HeldThread(pid_t thread)
+        : mThread(thread),
+          mIsHeld(
+              ::ptrace(PTRACE_SEIZE, thread, nullptr, nullptr) == 0 &&
+              ::ptrace(PTRACE_INTERRUPT, thread, nullptr, nullptr) == 0 &&
+              ::waitpid(thread, nullptr, __WALL) == thread)
+    {
+    }
+    ~HeldThread()
+    {
+        if (mIsHeld)
+            ::ptrace(PTRACE_DETACH, mThread, nullptr, nullptr);
+    }
+    HeldThread(const HeldThread&) = delete;
+    HeldThread& operator=(const HeldThread&) = delete;
+
+    bool isHeld() const
+    {
+        return mIsHeld;
+    }
+
+private:
+    pid_t mThread;
+    bool mIsHeld;
+};
 
 std::set<std::string> socketsOf(const std::string& process)
 {
@@ -104,6 +172,99 @@ TEST_F(Agent, keepsItsLeaseThroughAJobThatTakesSeveral)
     pumpUntil(*pool, [&] { return std::chrono::steady_clock::now() > leases; });
     end("long");
     EXPECT_EQ(nextOf(*pool).text(), "waited");
+}
+
+TEST_F(Agent, keepsItsLeaseWhileAWorkerIsReplacedForLongerThanSeveral)
+{
+    const auto agent = startAgent("agent", {"--lease", "0.5"}, slowWorker());
+    const auto pool = makePool();
+    pool->submit(waiting("long"));
+    ASSERT_TRUE(runs(*pool, "long"));
+    holdLaunches();
+    pool->submit("crash");
+    ASSERT_TRUE(isHeld(*pool));
+    EXPECT_EQ(nameOfAgents(*pool, std::chrono::seconds(2)), "agent\n");
+    letLaunchesGo();
+    EXPECT_EQ(nextOf(*pool).reason, Reason::Crashed);
+    end("long");
+    EXPECT_EQ(nextOf(*pool).text(), "waited");
+}
+
+TEST_F(Agent, keepsItsLeaseWhileItsWorkersAreLaunchedAgainForLongerThanSeveral)
+{
+    const auto agent = startAgent("agent", {"--lease", "0.5", "--workers", "1"}, slowWorker());
+    const auto pool = makePool();
+    refuseLaunches();
+    pool->submit("crash");
+    EXPECT_EQ(nextOf(*pool).reason, Reason::Crashed);
+    pool->submit("echo again");
+    ASSERT_TRUE(pumpUntil(
+        *pool, [&] { return agent->printed().find("takes no jobs: ") != std::string::npos; }));
+    holdLaunches();
+    ASSERT_TRUE(isHeld(*pool));
+    EXPECT_EQ(nameOfAgents(*pool, std::chrono::seconds(2)), "agent\n");
+    letLaunchesGo();
+    EXPECT_EQ(nextOf(*pool).text(), "again");
+}
+
+TEST_F(Agent, losesItsLeaseWhenItIsStoppedDuringALaunch)
+{
+    const auto agent = startAgent("agent", {"--lease", "0.5"}, slowWorker());
+    const auto pool = makePool();
+    pool->submit(waiting("long"));
+    ASSERT_TRUE(runs(*pool, "long"));
+    holdLaunches();
+    pool->submit("crash");
+    ASSERT_TRUE(isHeld(*pool));
+    agent->signal(SIGSTOP);
+    EXPECT_EQ(nextOf(*pool).reason, Reason::Lost);
+    EXPECT_EQ(nextOf(*pool).reason, Reason::Lost);
+    agent->signal(SIGCONT);
+    letLaunchesGo();
+}
+
+TEST_F(Agent, losesItsLeaseWhenItHangs)
+{
+    const auto agent = startAgent("agent", {"--lease", "0.5"});
+    const auto pool = makePool();
+    pool->submit(waiting("long"));
+    ASSERT_TRUE(runs(*pool, "long"));
+    const HeldThread mainThread(agent->pid());
+    if (!mainThread.isHeld())
+        GTEST_SKIP() << "no process may be traced here";
+    EXPECT_EQ(nextOf(*pool).reason, Reason::Lost);
+    end("long");
+}
+
+TEST_F(Agent, losesItsLeaseWhenItHangsInALaunch)
+{
+    const auto agent =
+        startAgent("agent", {"--lease", "0.5", "--start-timeout", "1"}, slowWorker());
+    const auto pool = makePool();
+    pool->submit(waiting("long"));
+    ASSERT_TRUE(runs(*pool, "long"));
+    holdLaunches();
+    pool->submit("crash");
+    ASSERT_TRUE(isHeld(*pool));
+    const HeldThread mainThread(agent->pid());
+    if (!mainThread.isHeld())
+        GTEST_SKIP() << "no process may be traced here";
+    EXPECT_EQ(nextOf(*pool).reason, Reason::Lost);
+    letLaunchesGo();
+    end("long");
+}
+
+TEST_F(Agent, leavesWhenItIsAskedToWhileItsFirstWorkersStart)
+{
+    holdLaunches();
+    const auto agent = launchAgent("agent", {"--workers", "4"}, slowWorker());
+    const auto pool = makePool();
+    ASSERT_TRUE(isHeld(*pool));
+    agent->signal(SIGTERM);
+    letLaunchesGo();
+    EXPECT_EQ(agent->wait(), 0);
+    EXPECT_EQ(agent->printed().find("takes jobs"), std::string::npos) << agent->printed();
+    EXPECT_EQ(mRedis->ask({"KEYS", "nq:{tests}:*agent*"}), "");
 }
 
 TEST_F(Agent, finishesWhatRunsAndHandsBackTheRestWhenAskedToLeave)
