@@ -358,7 +358,8 @@ void nqClusterPoolPrivate::sendBatch()
     }
     if (batch.ids.empty())
         return;
-    nqRedisCommand command = mCommands.script(nqScript::Submit, {mKeys.jobs, mClientKey});
+    nqRedisCommand command =
+        mCommands.script(nqScript::Submit, {mKeys.jobs, mClientKey, mKeys.runs});
     command.add(mSession).add(mNumber).add(mNumber + batch.ids.size()).add(mClient);
     for (const nqJobId id : batch.ids) {
         Job& job = mJobs.at(id);
@@ -501,8 +502,8 @@ void nqClusterPoolPrivate::watch(TimePoint now)
         now + std::min(
                   isBusy() ? mSigns.interval() : idleWatch,
                   mCluster.outcomesKept / 4); // each time renews what is known of the client
-    nqRedisCommand command =
-        mCommands.script(nqScript::Watch, {mClientKey, mOutcomesKey, mKeys.agents});
+    nqRedisCommand command = mCommands.script(
+        nqScript::Watch, {mClientKey, mOutcomesKey, mKeys.agents, mKeys.jobs, mKeys.runs});
     command.add(mSession).add(static_cast<std::uint64_t>(mCluster.outcomesKept.count()));
     mCommands.send(std::move(command), [this, now](const nqRedisReply& reply) {
         if (reply.isError())

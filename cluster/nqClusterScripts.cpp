@@ -19,6 +19,22 @@ constexpr std::string_view fieldFunction = R"(local function field(fields, name)
 end
 )";
 
+// Whoever makes the queue's group, because the stream of jobs is new, leaves a word: clients that
+// know another one have jobs in a stream that was deleted.
+constexpr std::string_view makeGroupFunction = R"(local function makeGroup(runs, word)
+    if not redis.pcall('XGROUP', 'CREATE', KEYS[1], 'agents', '0', 'MKSTREAM').err then
+        redis.call('HSET', runs, 'stream', word)
+    end
+end
+)";
+
+constexpr std::string_view isAnotherStreamFunction = R"(
+local function isAnotherStream(known, runs)
+    local word = known and redis.call('HGET', runs, 'stream')
+    return word and word ~= known
+end
+)";
+
 // A submitter arrives: from now on nobody else has its name. Runs are counted for the whole queue,
 // by a key that never expires: ids of jobs that outlive what is known of their client stay its own.
 // Who comes back with its run, after its connection was lost, gives way to a later one.
@@ -35,8 +51,12 @@ else
     local count = redis.call('HGET', KEYS[4], 'count')
     if tonumber(count or '0') < run then redis.call('HSET', KEYS[4], 'count', run) end
 end
-redis.pcall('XGROUP', 'CREATE', KEYS[1], 'agents', '0', 'MKSTREAM')
-redis.call('HSET', KEYS[2], 'session', ARGV[1], 'expiry', ARGV[2], 'run', run)
+makeGroup(KEYS[4], ARGV[1])
+if isAnotherStream(redis.call('HGET', KEYS[2], 'stream'), KEYS[4]) then
+    redis.call('HDEL', KEYS[2], 'last', 'open')
+end
+redis.call('HSET', KEYS[2], 'session', ARGV[1], 'expiry', ARGV[2], 'run', run,
+    'stream', redis.call('HGET', KEYS[4], 'stream') or '')
 redis.call('PEXPIRE', KEYS[2], ARGV[2])
 redis.call('PEXPIRE', KEYS[3], ARGV[2])
 local had = redis.call('HMGET', KEYS[2], 'last', 'open')
@@ -45,10 +65,13 @@ return {had[1] or '0', run, had[2] or '0', redis.call('XLEN', KEYS[3])}
 
 // All of these jobs are accepted, or none. They have to follow those accepted before.
 constexpr std::string_view submit = R"(
--- KEYS: jobs, client. ARGV: session, number of the last one before, of the last one of these,
+-- KEYS: jobs, client, runs. ARGV: session, number of the last one before, of the last one of these,
 --   client, then of each job: id, attempt, time-out, bytes
-local had = redis.call('HMGET', KEYS[2], 'session', 'last')
+local had = redis.call('HMGET', KEYS[2], 'session', 'last', 'stream')
 if not had[1] then return redis.error_reply('NQGONE the client is not known') end
+if redis.call('EXISTS', KEYS[1]) == 0 or isAnotherStream(had[3], KEYS[3]) then
+    return redis.error_reply('NQGONE the jobs were deleted')
+end
 if had[1] ~= ARGV[1] then return redis.error_reply('NQTAKEN the client has another session') end
 if (had[2] or '0') ~= ARGV[2] then return redis.error_reply('NQGAP jobs before are missing') end
 local entries = {}
@@ -62,10 +85,13 @@ return entries
 )";
 
 constexpr std::string_view watch = R"(
--- KEYS: client, outcomes, agents. ARGV: session, how long outcomes are kept
-local session = redis.call('HGET', KEYS[1], 'session')
-if not session then return redis.error_reply('NQGONE the client is not known') end
-if session ~= ARGV[1] then return redis.error_reply('NQTAKEN the client has another session') end
+-- KEYS: client, outcomes, agents, jobs, runs. ARGV: session, how long outcomes are kept
+local had = redis.call('HMGET', KEYS[1], 'session', 'stream')
+if not had[1] then return redis.error_reply('NQGONE the client is not known') end
+if had[1] ~= ARGV[1] then return redis.error_reply('NQTAKEN the client has another session') end
+if redis.call('EXISTS', KEYS[4]) == 0 or isAnotherStream(had[2], KEYS[5]) then
+    return redis.error_reply('NQGONE the jobs were deleted')
+end
 redis.call('PEXPIRE', KEYS[1], ARGV[2])
 redis.call('PEXPIRE', KEYS[2], ARGV[2])
 return redis.call('HGETALL', KEYS[3])
@@ -125,8 +151,8 @@ return redis.call('XDEL', KEYS[2], unpack(ARGV, 2))
 // What an agent of the same name has held, which was killed and started again, is lost: handed
 // back, it would not count as an attempt, and a job that kills its agent would go on for ever.
 constexpr std::string_view join = R"(
--- KEYS: jobs, agents. ARGV: prefix, agent, its value
-redis.pcall('XGROUP', 'CREATE', KEYS[1], 'agents', '0', 'MKSTREAM')
+-- KEYS: jobs, agents, runs. ARGV: prefix, agent, its value, a word for a new stream
+makeGroup(KEYS[3], ARGV[4])
 if redis.call('HEXISTS', KEYS[2], ARGV[2]) == 1 then
     lose(ARGV[2], 'agent ' .. ARGV[2] .. ' was lost, and is started anew')
 end
@@ -231,6 +257,13 @@ redis.call('DEL', KEYS[3], KEYS[4])
 return giveBack(ARGV[1])
 )";
 
+// The stream of jobs was deleted, with its group.
+constexpr std::string_view restore = R"(
+-- KEYS: jobs, runs. ARGV: a word for a new stream
+makeGroup(KEYS[2], ARGV[1])
+return 1
+)";
+
 // Ends the jobs of a lost agent.
 constexpr std::string_view loseFunction = R"(local function lose(agent, message)
     local count = 0
@@ -285,24 +318,25 @@ return count
 
 struct Script {
     std::string_view body;
-    std::string_view functions; // that it calls
-    bool takesMemory = false;   // and so is refused while there is none
+    std::array<std::string_view, 2> functions; // that it calls
+    bool takesMemory = false;                  // and so is refused while there is none
 };
 
 // In the order of nqScript.
 constexpr std::array<Script, nqScriptCount> scripts{{
-    {open, {}},
-    {submit, {}, true},
-    {watch, {}},
+    {open, {makeGroupFunction, isAnotherStreamFunction}},
+    {submit, {isAnotherStreamFunction}, true},
+    {watch, {isAnotherStreamFunction}},
     {withdraw, {}},
     {taken, {}},
-    {join, loseFunction},
+    {join, {makeGroupFunction, loseFunction}},
     {beat, {}},
     {finish, {}},
     {handBack, {}},
-    {leave, giveBackFunction},
-    {lose, loseFunction},
-    {sweep, giveBackFunction},
+    {leave, {giveBackFunction}},
+    {restore, {makeGroupFunction}},
+    {lose, {loseFunction}},
+    {sweep, {giveBackFunction}},
 }};
 
 } // namespace
@@ -312,7 +346,8 @@ std::string textOf(nqScript script)
     const Script& chosen = scripts[static_cast<std::size_t>(script)];
     std::string text = chosen.takesMemory ? "#!lua\n" : "#!lua flags=allow-oom\n";
     text += fieldFunction;
-    text += chosen.functions;
+    for (const std::string_view function : chosen.functions)
+        text += function;
     text += chosen.body;
     return text;
 }

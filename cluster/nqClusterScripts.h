@@ -20,12 +20,13 @@ enum class nqScript : std::size_t {
     Finish,
     HandBack,
     Leave,
+    Restore,
     // of both
     Lose,
     Sweep,
 };
 
-constexpr std::size_t nqScriptCount = 12;
+constexpr std::size_t nqScriptCount = 13;
 
 /// For SCRIPT LOAD.
 std::string textOf(nqScript script);

@@ -224,10 +224,24 @@ void nqAgent::read()
         mIsReading = false;
         if (reply.isError("UNBLOCKED"))
             return;
-        if (reply.isError())
+        if (reply.isError("NOGROUP"))
+            restoreQueue();
+        else if (reply.isError())
             mReader.drop("Redis answers: " + std::string(reply.text()));
         else if (name == mName) // otherwise others have these jobs
             onJobs(reply);
+    });
+}
+
+/// Hosts send again what has no outcome, once they notice.
+void nqAgent::restoreQueue()
+{
+    say("finds that the queue was deleted, and makes it anew");
+    mIsAuditDue = true; // which ends what runs for nobody
+    nqRedisCommand command = mReader.script(nqScript::Restore, {mKeys.jobs, mKeys.runs});
+    mReader.send(std::move(command.add(uniqueToken())), [this](const nqRedisReply& reply) {
+        if (reply.isError())
+            mReader.drop("Redis answers: " + std::string(reply.text()));
     });
 }
 

@@ -85,6 +85,7 @@ private:
     void becomeLost();
     void runPool();
     void read();
+    void restoreQueue();
     void onJobs(const nqRedisReply& reply);
     void takeJob(nqJobMessage&& job);
     void onOutcome(const std::string& entry, nqOutcome&& outcome);

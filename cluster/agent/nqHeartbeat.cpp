@@ -1,5 +1,7 @@
 #include "cluster/agent/nqHeartbeat.h"
 
+#include "cluster/nqClusterNames.h"
+
 #include <csignal>
 #include <cstdlib>
 #include <random>
@@ -152,9 +154,10 @@ void nqHeartbeat::tell()
 
 void nqHeartbeat::join()
 {
-    nqRedisCommand command = mCommands.script(nqScript::Join, {mKeys.jobs, mKeys.agents});
+    nqRedisCommand command =
+        mCommands.script(nqScript::Join, {mKeys.jobs, mKeys.agents, mKeys.runs});
     command.add(mKeys.prefix).add(mName);
-    command.add(nqSignsOfLife::valueOf(mSettings.lease, mBeats));
+    command.add(nqSignsOfLife::valueOf(mSettings.lease, mBeats)).add(uniqueToken());
     mCommands.send(std::move(command), [this](const nqRedisReply& reply) {
         if (reply.isError()) {
             mCommands.drop("Redis answers: " + std::string(reply.text()));

@@ -329,6 +329,38 @@ TEST_F(Agent, takesUpItsWorkWhenRedisComesBackEmpty)
     EXPECT_EQ(nextOf(*pool).text(), "after");
 }
 
+TEST_F(Agent, makesTheQueueAnewWhenItIsDeletedWhileItWaits)
+{
+    const auto agent = startAgent("agent");
+    const auto pool = makePool();
+    pool->submit("echo before");
+    EXPECT_EQ(nextOf(*pool).text(), "before");
+    mRedis->ask({"DEL", jobsKey});
+    EXPECT_TRUE(agent->says("finds that the queue was deleted"));
+    pool->submit("echo after");
+    EXPECT_EQ(nextOf(*pool).text(), "after");
+    EXPECT_EQ(pool->statistics().sentAgain, 0U);
+}
+
+TEST_F(Agent, runsAJobAgainThatIsDeletedWhileItRuns)
+{
+    const auto agent = startAgent("agent", {"--lease", "5"});
+    const auto pool = makePool();
+    pool->submit(waiting("long"));
+    ASSERT_TRUE(runs(*pool, "long"));
+    const std::string first = common::contentOf(mFolder.file("long") + ".started");
+    mRedis->ask({"DEL", jobsKey});
+    ASSERT_TRUE(pumpUntil(*pool, [&] {
+        const std::string now = common::contentOf(mFolder.file("long") + ".started");
+        return !now.empty() && now != first;
+    }));
+    end("long");
+    const nqOutcome outcome = nextOf(*pool);
+    EXPECT_EQ(outcome.text(), "waited");
+    EXPECT_TRUE(outcome.earlierAttempts.empty());
+    EXPECT_EQ(pool->statistics().sentAgain, 1U);
+}
+
 TEST_F(Agent, bringsItsOutcomeAfterRedisWasAway)
 {
     startRedis({"--appendonly", "yes", "--appendfsync", "always"});

@@ -329,6 +329,47 @@ TEST_F(ClusterPool, noticesThatItsQueueWasDeleted)
     EXPECT_EQ(pool->statistics().sentAgain, 1U);
 }
 
+TEST_F(ClusterPool, noticesThatOnlyItsJobsWereDeleted)
+{
+    const auto pool = makePool();
+    pool->submit("echo again");
+    ASSERT_TRUE(pumpUntil(*pool, [&] { return mRedis->ask({"XLEN", jobsKey}) == "1"; }));
+    mRedis->ask({"DEL", jobsKey});
+    EXPECT_TRUE(pumpUntil(*pool, [&] { return mRedis->ask({"XLEN", jobsKey}) == "1"; }));
+    EXPECT_EQ(pool->statistics().sentAgain, 1U);
+    const auto agent = startAgent("agent");
+    EXPECT_EQ(nextOf(*pool).text(), "again");
+}
+
+TEST_F(ClusterPool, noticesThatItsJobsWereDeletedAndAnotherOneMadeTheQueueAnew)
+{
+    const auto pool = makePool();
+    pool->submit("echo first");
+    ASSERT_TRUE(pumpUntil(*pool, [&] { return mRedis->ask({"XLEN", jobsKey}) == "1"; }));
+    mRedis->ask({"DEL", jobsKey});
+    const auto other = makePool();
+    pool->submit("echo second");
+    EXPECT_TRUE(pumpUntil(*pool, [&] { return mRedis->ask({"XLEN", jobsKey}) == "2"; }));
+    EXPECT_EQ(pool->statistics().sentAgain, 1U);
+    const auto agent = startAgent("agent");
+    EXPECT_TRUE(pool->drain());
+    EXPECT_EQ(pool->statistics().outcomesDropped, 0U);
+}
+
+TEST_F(ClusterPool, waitsForNoJobThatWasDeletedTogetherWithTheProgramBefore)
+{
+    nqClusterOptions cluster;
+    cluster.client = "reports";
+    {
+        const auto before = makePool({}, cluster);
+        before->submit("echo");
+        ASSERT_TRUE(pumpUntil(*before, [&] { return mRedis->ask({"XLEN", jobsKey}) == "1"; }));
+    }
+    mRedis->ask({"DEL", jobsKey});
+    const auto pool = makePool({}, cluster);
+    EXPECT_TRUE(pool->drain());
+}
+
 TEST_F(ClusterPool, losesNothingWhenAServerWithAJournalIsRestarted)
 {
     startRedis({"--appendonly", "yes", "--appendfsync", "always"});
