@@ -666,11 +666,8 @@ void nqClusterPoolPrivate::onOutcome(nqOutcomeMessage&& message)
 {
     if (!mHeld.insert(message.entry).second)
         return; // it has been read before, by a connection that is gone
-    if (message.version > nqMessageVersion) {
-        mNewerVersion = "The queue has outcomes of a newer version (" +
-                        std::to_string(message.version) + ") of this library; update it here";
+    if (message.version > nqMessageVersion && !readNewer(message))
         return;
-    }
     if (!message.isReadable && mLeft != 0)
         --mLeft; // it was counted as one that is to come
     const auto found = mJobs.find(message.outcome.id);
@@ -683,6 +680,28 @@ void nqClusterPoolPrivate::onOutcome(nqOutcomeMessage&& message)
         onLeftOutcome(std::move(message));
     else if (!tryAgain(message.outcome.id, found->second, message))
         finish(found, std::move(message.outcome), std::move(message.entry));
+}
+
+/// All versions say whose outcome it is. A job of this program fails, which has its bytes still; an
+/// outcome that the program before has left stays for an updated one, and nobody waits for it here.
+bool nqClusterPoolPrivate::readNewer(nqOutcomeMessage& message)
+{
+    mNewerVersion = "The queue has outcomes of a newer version (" +
+                    std::to_string(message.version) + ") of this library; update it here";
+    nqOutcome& outcome = message.outcome;
+    if (outcome.id <= mBaseId) {
+        if (mLeft != 0)
+            --mLeft;
+        return false;
+    }
+    const nqJobId id = outcome.id;
+    outcome = {};
+    outcome.id = id;
+    outcome.state = State::Failed;
+    outcome.reason = Reason::ResultLost;
+    outcome.message = "its outcome is of a newer version (" + std::to_string(message.version) +
+                      ") of this library, which this program cannot read: update it";
+    return true;
 }
 
 /// Of a job of the client before, or the second one of a job.

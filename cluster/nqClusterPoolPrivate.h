@@ -125,6 +125,7 @@ private:
     void readOutcomes();
     void onOutcomes(const nqRedisReply& reply);
     void onOutcome(nqOutcomeMessage&& message);
+    bool readNewer(nqOutcomeMessage& message);
     void onLeftOutcome(nqOutcomeMessage&& message);
     void dropOutcome(const std::string& entry);
     bool tryAgain(nqJobId id, Job& job, nqOutcomeMessage& message);

@@ -425,15 +425,41 @@ TEST_F(ClusterPool, dropsASecondOutcomeAndCountsIt)
     EXPECT_FALSE(pool->next());
 }
 
-TEST_F(ClusterPool, leavesOutcomesOfANewerVersionAloneAndSaysSo)
+TEST_F(ClusterPool, failsAJobWhoseOutcomeIsOfANewerVersionAndSaysSo)
 {
     nqClusterOptions cluster;
     cluster.client = "reports";
     const auto pool = makePool({}, cluster);
-    mRedis->ask({"XADD", "nq:{tests}:out:reports", "*", "v", "2", "id", "1"});
-    EXPECT_TRUE(pumpUntil(
-        *pool, [&] { return pool->problem().find("newer version (2)") != std::string::npos; }));
-    EXPECT_EQ(mRedis->ask({"XLEN", "nq:{tests}:out:reports"}), "1");
+    const nqJobId id = pool->submit("echo");
+    const std::string outcomes = "nq:{tests}:out:reports";
+    mRedis->ask({"XADD", outcomes, "*", "v", "2", "id", std::to_string(id), "attempt", "1"});
+    const nqOutcome outcome = nextOf(*pool);
+    EXPECT_EQ(outcome.reason, Reason::ResultLost);
+    EXPECT_EQ(outcome.text(), "echo");
+    EXPECT_NE(outcome.failureText().find("of a newer version (2)"), std::string::npos)
+        << outcome.failureText();
+    EXPECT_NE(pool->problem().find("newer version (2)"), std::string::npos);
+    EXPECT_FALSE(pool->drain());
+    EXPECT_TRUE(pumpUntil(*pool, [&] { return mRedis->ask({"XLEN", outcomes}) == "0"; }));
+}
+
+TEST_F(ClusterPool, leavesAnOutcomeOfANewerVersionThatIsOfTheProgramBeforeToAnUpdatedOne)
+{
+    nqClusterOptions cluster;
+    cluster.client = "reports";
+    nqJobId id = 0;
+    {
+        const auto before = makePool({}, cluster);
+        id = before->submit("echo");
+        ASSERT_TRUE(pumpUntil(*before, [&] { return mRedis->ask({"XLEN", jobsKey}) == "1"; }));
+    }
+    const std::string outcomes = "nq:{tests}:out:reports";
+    mRedis->ask({"XADD", outcomes, "*", "v", "2", "id", std::to_string(id), "attempt", "1"});
+    mRedis->ask({"HSET", "nq:{tests}:client:reports", "open", "0"});
+    const auto pool = makePool({}, cluster);
+    EXPECT_TRUE(pool->drain());
+    EXPECT_NE(pool->problem().find("newer version (2)"), std::string::npos);
+    EXPECT_EQ(mRedis->ask({"XLEN", outcomes}), "1");
 }
 
 TEST_F(ClusterPool, tellsItsJobsFromThoseOfAProgramThatRedisHasForgotten)
