@@ -572,6 +572,8 @@ void nqClusterPoolPrivate::open()
 void nqClusterPoolPrivate::onOpened(const nqRedisReply& reply)
 {
     mIsOpen = true;
+    mSigns.forget();
+    mHasWatched = false;
     const std::uint64_t last = reply[0].number();
     if (!std::exchange(mWasOpen, true)) {
         mBaseId = mLastId = (reply[1].number() - 1) << idBitsOfOneRun;

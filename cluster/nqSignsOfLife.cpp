@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <utility>
 
 namespace nq {
 
 namespace {
 
 constexpr std::int64_t looksInALease = 5;
+constexpr std::int64_t leastGapsInALease = 4;           // between two looks, however far apart
 constexpr std::chrono::milliseconds shortestLease{200}; // whatever a message says
 constexpr std::chrono::milliseconds longestInterval{1'000};
 
@@ -35,17 +37,17 @@ std::string nqSignsOfLife::valueOf(std::chrono::milliseconds lease, std::uint64_
     return std::to_string(lease.count()) + ' ' + std::to_string(count);
 }
 
-// Who has not looked for a while, because Redis was away or this process was stopped, knows
-// nothing: everybody gets another lease.
+// Between two looks that are far apart, Redis may have been away, and everybody's value stood
+// still; or this process was stopped. So no such gap counts for more than a part of a lease: when
+// all is back, there is enough left to come round in. Who looks rarely still finds out, after some
+// looks.
 std::vector<nqSignsOfLife::Lost>
 nqSignsOfLife::look(const nqRedisReply& agents, TimePoint asked, TimePoint now)
 {
     std::chrono::milliseconds shortest = longestInterval * looksInALease;
     for (std::size_t i = 0; i + 1 < agents.size(); i += 2)
         shortest = std::min(shortest, leaseOf(agents[i + 1].text()));
-    if (now - mLastLook > shortest / 2)
-        mSeen.clear();
-    mLastLook = now;
+    const TimePoint before = std::exchange(mLastAsked, asked);
     mInterval = shortest / looksInALease;
 
     for (auto& [name, seen] : mSeen)
@@ -59,11 +61,15 @@ nqSignsOfLife::look(const nqRedisReply& agents, TimePoint asked, TimePoint now)
         if (seen.value != value) {
             seen.value = value;
             seen.since = now;
+            seen.counted = {};
             continue;
         }
+        const std::chrono::milliseconds lease = leaseOf(value);
+        seen.counted += std::clamp<TimePoint::duration>(
+            asked - std::max(before, seen.since), {}, lease / leastGapsInALease);
         const auto silent =
             std::chrono::duration_cast<std::chrono::milliseconds>(asked - seen.since);
-        if (silent >= leaseOf(value))
+        if (seen.counted >= lease)
             lost.push_back(
                 {name,
                  seen.value,

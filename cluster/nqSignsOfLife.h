@@ -30,6 +30,12 @@ public:
     /// they are gone.
     std::vector<Lost> look(const nqRedisReply& agents, TimePoint asked, TimePoint now);
 
+    /// Redis was away, for others perhaps longer: everybody gets another lease.
+    void forget()
+    {
+        mSeen.clear();
+    }
+
     /// How often to look, in order to find one within twice its lease.
     std::chrono::milliseconds interval() const
     {
@@ -45,13 +51,14 @@ public:
 private:
     struct Seen {
         std::string value;
-        TimePoint since; ///< it has been there then, or earlier
+        TimePoint since;               ///< it has been there then, or earlier
+        TimePoint::duration counted{}; ///< of the time since then
         bool isThere = true;
     };
 
     std::unordered_map<std::string, Seen> mSeen;
     std::chrono::milliseconds mInterval{1'000};
-    TimePoint mLastLook;
+    TimePoint mLastAsked;
 };
 
 } // namespace nq

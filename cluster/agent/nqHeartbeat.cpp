@@ -131,6 +131,7 @@ void nqHeartbeat::onReady(nqRedisLink& link)
         readOrders();
         return;
     }
+    mSigns.forget();
     if (mIsJoined)
         mNextBeat = nqClusterClock::now(); // tells whether the others have given it up meanwhile
     else

@@ -148,6 +148,24 @@ TEST_F(Agent, isFoundLostByOtherAgentsWhileNobodySubmits)
     EXPECT_EQ(nextOf(*pool).reason, Reason::Lost);
 }
 
+TEST_F(Agent, isFoundLostByAHostThatPumpsLessOftenThanTheLease)
+{
+    const auto agent = startAgent("agent", {"--lease", "0.5"});
+    const auto pool = makePool();
+    pool->submit(waiting("long"));
+    ASSERT_TRUE(runs(*pool, "long"));
+    agent->signal(SIGKILL);
+    nq::nqClusterPool elsewhere(mRedis->url(), "elsewhere");
+    std::optional<nqOutcome> outcome;
+    for (int i = 0; i < 20 && !outcome; ++i) {
+        const auto next = std::chrono::steady_clock::now() + std::chrono::milliseconds(600);
+        pumpUntil(elsewhere, [&] { return std::chrono::steady_clock::now() > next; });
+        outcome = pool->next(std::chrono::milliseconds(0));
+    }
+    ASSERT_TRUE(outcome);
+    EXPECT_EQ(outcome->reason, Reason::Lost);
+}
+
 TEST_F(Agent, losesItsLeaseWhileItIsStoppedAndStartsAnewAfterwards)
 {
     const auto agent = startAgent("agent");

@@ -86,11 +86,55 @@ TEST_F(SignsOfLife, leaveAnAgentAloneWhoseValueChanges)
         EXPECT_TRUE(look(milliseconds(200), i / 3).empty());
 }
 
-TEST_F(SignsOfLife, giveEverybodyAnotherLeaseAfterTheyWereNotLookedAt)
+TEST_F(SignsOfLife, giveEverybodyMostOfALeaseAfterTheyWereNotLookedAt)
 {
     look(milliseconds(0), 1);
     EXPECT_TRUE(look(milliseconds(5'000), 1).empty());
-    EXPECT_TRUE(look(milliseconds(200), 1).empty());
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(look(milliseconds(200), 1).empty());
+    EXPECT_EQ(look(milliseconds(200), 1).size(), 1U);
+}
+
+TEST_F(SignsOfLife, giveEverybodyAnotherLeaseAfterRedisWasAway)
+{
+    look(milliseconds(0), 1);
+    for (int i = 0; i < 4; ++i)
+        EXPECT_TRUE(look(milliseconds(200), 1).empty());
+    mSigns.forget();
+    for (int i = 0; i < 5; ++i)
+        EXPECT_TRUE(look(milliseconds(200), 1).empty());
+    EXPECT_EQ(look(milliseconds(200), 1).size(), 1U);
+}
+
+TEST_F(SignsOfLife, showALossToWhoLooksRarely)
+{
+    look(milliseconds(0), 1);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(look(milliseconds(5'000), 1).empty());
+    const auto lost = look(milliseconds(5'000), 1);
+    ASSERT_EQ(lost.size(), 1U);
+    EXPECT_EQ(lost.front().message, "agent host7 was lost, 20.0 s after its last sign of life");
+}
+
+TEST_F(SignsOfLife, showALossToWhoGetsEachAnswerWithTheNextLook)
+{
+    std::size_t lost = 0;
+    for (int i = 0; i < 7; ++i) {
+        const auto asked = mNow;
+        mNow += milliseconds(5'000);
+        lost += mSigns.look(Agents().add("host7", lease, 1).reply(), asked, mNow).size();
+        EXPECT_EQ(lost, i < 5 ? 0U : static_cast<std::size_t>(i) - 4U) << i;
+    }
+}
+
+TEST_F(SignsOfLife, leaveAnAgentAloneThatComesRoundAfterAStall)
+{
+    look(milliseconds(0), 1);
+    for (std::uint64_t i = 0; i < 20; ++i) { // Redis is away again and again
+        EXPECT_TRUE(look(milliseconds(5'000), i).empty());
+        EXPECT_TRUE(look(milliseconds(200), i).empty());
+        EXPECT_TRUE(look(milliseconds(200), i + 1).empty());
+    }
 }
 
 TEST_F(SignsOfLife, doNotCountTheTimeThatAnAnswerTook)
