@@ -29,7 +29,12 @@ nqJobId nqClusterPool::submit(nqJobBytes job, const nqJobOptions& options, Callb
 
 bool nqClusterPool::cancel(nqJobId id)
 {
-    return mPrivate->cancel(id);
+    return mPrivate->cancel(id, false);
+}
+
+bool nqClusterPool::cancelWaiting(nqJobId id)
+{
+    return mPrivate->cancel(id, true);
 }
 
 std::size_t nqClusterPool::pump(std::chrono::milliseconds timeout)

@@ -221,14 +221,16 @@ bool nqClusterPoolPrivate::isFull(std::size_t more) const
            mPendingBytes + more > mCluster.maxPendingBytes;
 }
 
-bool nqClusterPoolPrivate::cancel(nqJobId id)
+bool nqClusterPoolPrivate::cancel(nqJobId id, bool onlyIfWaiting)
 {
     const auto found = mJobs.find(id);
     if (found == mJobs.end())
         return false;
     Job& job = found->second;
-    if (std::exchange(job.isCancelled, true))
+    if (job.isCancelled && (onlyIfWaiting || !job.onlyIfWaiting))
         return true;
+    job.isCancelled = true;
+    job.onlyIfWaiting = onlyIfWaiting;
     switch (job.phase) {
     case Job::Phase::Waiting:
     case Job::Phase::Pausing:
@@ -437,7 +439,7 @@ void nqClusterPoolPrivate::sendWithdrawals()
         if (found == mJobs.end() || found->second.phase != Job::Phase::Accepted)
             continue;
         const Job& job = found->second;
-        withdraw(id, job.entry, job.attempt, !mIsStopped, "-");
+        withdraw(id, job.entry, job.attempt, !mIsStopped, "-", job.onlyIfWaiting);
     }
 }
 
@@ -447,16 +449,24 @@ void nqClusterPoolPrivate::withdraw(
     const std::string& entry,
     unsigned attempt,
     bool isOutcomeWanted,
-    const std::string& from)
+    const std::string& from,
+    bool onlyIfWaiting)
 {
     nqRedisCommand command = mCommands.script(nqScript::Withdraw, {mKeys.jobs, mClientKey});
     command.add(mKeys.prefix).add(mClient).add(id).add(std::uint64_t{attempt}).add(entry).add(from);
     command.add(isOutcomeWanted ? "1" : "0");
     command.add(static_cast<std::uint64_t>(mCluster.outcomesKept.count()));
+    command.add(onlyIfWaiting ? "1" : "0");
     mCommands.send(std::move(command), [=](const nqRedisReply& reply) {
         const std::string_view goOn = reply[1].text();
         if (reply[0].number() == 0 && !goOn.empty()) {
-            withdraw(id, {}, attempt, isOutcomeWanted, std::string(goOn));
+            withdraw(id, {}, attempt, isOutcomeWanted, std::string(goOn), onlyIfWaiting);
+        } else if (reply[0].number() == 2) {
+            const auto found = mJobs.find(id);
+            if (found == mJobs.end() || !found->second.onlyIfWaiting)
+                return; // by now it is to be cancelled in any case
+            found->second.isCancelled = found->second.onlyIfWaiting = false;
+            mCancelled.erase(id);
         } else if (reply[0].number() == 1 && mIsStopped) {
             if (const auto found = mJobs.find(id); found != mJobs.end())
                 finishHere(found, Reason::Stopped);
@@ -917,6 +927,7 @@ void nqClusterPoolPrivate::stop()
             const bool isThere = job.phase == Job::Phase::Accepted || job.phase == Job::Phase::Sent;
             if (isThere && !isEvenAccepted) {
                 job.isCancelled = true;
+                job.onlyIfWaiting = false;
                 mCancelled.insert(found->first);
                 if (job.phase == Job::Phase::Accepted)
                     mToWithdraw.push_back(found->first);

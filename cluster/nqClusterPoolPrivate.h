@@ -42,7 +42,7 @@ public:
     nqClusterPoolPrivate& operator=(const nqClusterPoolPrivate&) = delete;
 
     nqJobId submit(nqJobBytes& bytes, const nqJobOptions* options, nqPool::Callback&& callback);
-    bool cancel(nqJobId id);
+    bool cancel(nqJobId id, bool onlyIfWaiting);
     std::size_t pump(Milliseconds timeout);
     int waitDescriptor();
     std::optional<nqOutcome> next(Milliseconds timeout);
@@ -81,6 +81,7 @@ private:
         unsigned attempt = 1;
         Phase phase = Phase::Waiting;
         bool isCancelled = false;
+        bool onlyIfWaiting = false; ///< it is cancelled, unless an agent has it
     };
 
     using Ledger = std::unordered_map<nqJobId, Job>;
@@ -115,7 +116,8 @@ private:
         const std::string& entry,
         unsigned attempt,
         bool isOutcomeWanted,
-        const std::string& from);
+        const std::string& from,
+        bool onlyIfWaiting = false);
     void sendTaken();
     void watch(TimePoint now);
     void onWatched(const nqRedisReply& reply, TimePoint asked);

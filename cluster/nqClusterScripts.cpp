@@ -102,7 +102,7 @@ return redis.call('HGETALL', KEYS[3])
 // entry: looks for it, some entries in each call, and says where to look on.
 constexpr std::string_view withdraw = R"(
 -- KEYS: jobs, client. ARGV: prefix, client, id, attempt, entry or '', where to look,
---   '1' to have an outcome, how long outcomes are kept
+--   '1' to have an outcome, how long outcomes are kept, '1' to leave it to an agent that has it
 local entry, after = ARGV[5], ''
 if entry == '' then
     after = ARGV[6]
@@ -121,6 +121,7 @@ if entry == '' then
 end
 if entry == '' then return {0, after} end
 local owner = redis.call('XPENDING', KEYS[1], 'agents', entry, entry, 1)
+if owner[1] and ARGV[9] == '1' then return {2, ''} end
 if redis.call('XDEL', KEYS[1], entry) == 0 then return {0, ARGV[5] ~= '' and '-' or ''} end
 if redis.call('EXISTS', KEYS[2]) == 1 then redis.call('HINCRBY', KEYS[2], 'open', -1) end
 if owner[1] then

@@ -85,6 +85,9 @@ public:
     /// See nqPool::cancel(). Whether a result was faster is known once Redis has answered.
     bool cancel(nqJobId id);
 
+    /// As cancel(), but a job that an agent has already goes on, started or not.
+    bool cancelWaiting(nqJobId id);
+
     /// @}
     /// @name Pumping
     /// @{

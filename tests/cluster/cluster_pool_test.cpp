@@ -206,6 +206,35 @@ TEST_F(ClusterPool, cancelsAJobThatHasBeenHandedBack)
     EXPECT_EQ(outcome.reason, Reason::Cancelled);
 }
 
+TEST_F(ClusterPool, cancelsWhatWaitsAndLeavesWhatAnAgentHas)
+{
+    const auto agent = startAgent("agent", {"--workers", "1", "--prefetch", "0"});
+    const auto pool = makePool();
+    const nqJobId running = pool->submit(waiting("long"));
+    ASSERT_TRUE(runs(*pool, "long"));
+    const nqJobId queued = pool->submit("echo");
+    EXPECT_TRUE(pool->cancelWaiting(running));
+    EXPECT_TRUE(pool->cancelWaiting(queued));
+    const nqOutcome first = nextOf(*pool);
+    EXPECT_EQ(first.id, queued);
+    EXPECT_EQ(first.reason, Reason::Cancelled);
+    end("long");
+    const nqOutcome second = nextOf(*pool);
+    EXPECT_EQ(second.id, running);
+    EXPECT_EQ(second.text(), "waited");
+}
+
+TEST_F(ClusterPool, cancelsAfterAllWhatItHasLeftToAnAgent)
+{
+    const auto agent = startAgent("agent", {"--workers", "1"});
+    const auto pool = makePool();
+    const nqJobId id = pool->submit(waiting("long"));
+    ASSERT_TRUE(runs(*pool, "long"));
+    EXPECT_TRUE(pool->cancelWaiting(id));
+    EXPECT_TRUE(pool->cancel(id));
+    EXPECT_EQ(nextOf(*pool).reason, Reason::Cancelled);
+}
+
 TEST_F(ClusterPool, doesNotCancelWhatHasAnOutcome)
 {
     const auto agent = startAgent("agent");
