@@ -226,11 +226,7 @@ Run::Run(const Options& options)
         mScripts.emplace(options.keepFailed);
     adoptOrphans(); // keepers whose worker was ended; without it they are init's
     mLimits.openFiles = raiseOpenFiles();
-    try {
-        mPool = std::make_unique<nq::nqPool>(poolOptions(options));
-    } catch (const nq::nqPoolError& error) {
-        throw Error(error.what());
-    }
+    mPool = makeLocalPool(poolOptions(options));
     // Last, so that no log is made by a run that cannot begin.
     if (!options.joblog.empty())
         mJoblog.emplace(
@@ -261,14 +257,14 @@ RunResult Run::run()
     }
     mPhase = Phase::Ending;
     mPool->stop();
-    const std::string writeProblem = mPool->statistics().writeProblem;
+    const std::string remark = mPool->closingRemark();
     mPool.reset();
     awaitOrphans(mFormerChildren, orphanLimit);
     sync();
     mProgress.clear();
     try {
-        if (!writeProblem.empty())
-            mDelivery.say("nqrun: " + writeProblem);
+        if (!remark.empty())
+            mDelivery.say("nqrun: " + remark);
         if (mResult.signal != SIGPIPE)
             summarize();
     } catch (const OutputClosed&) {
@@ -606,15 +602,10 @@ void Run::obeySignals()
 void Run::finish(const std::string& why)
 {
     mPhase = Phase::Finishing;
-    std::vector<nq::nqJobId> running;
-    for (const nq::nqPoolWorkerStatus& worker : mPool->workers())
-        running.push_back(worker.job);
-    for (const auto& [serial, attempt] : mAttempts) {
-        if (std::find(running.begin(), running.end(), attempt.job) == running.end())
-            mPool->cancel(attempt.job);
-    }
-    const auto count = static_cast<std::uint64_t>(
-        std::count_if(running.begin(), running.end(), [](nq::nqJobId job) { return job != 0; }));
+    std::vector<nq::nqJobId> jobs;
+    for (const auto& [serial, attempt] : mAttempts)
+        jobs.push_back(attempt.job);
+    const std::size_t count = mPool->cancelWaiting(jobs);
     if (count != 0 && !why.empty())
         mDelivery.say(
             "nqrun: " + why + ": nothing new is started; waiting for " +

@@ -5,6 +5,7 @@
 #include "tools/nqrun/failure_script.h"
 #include "tools/nqrun/finished.h"
 #include "tools/nqrun/items.h"
+#include "tools/nqrun/job_pool.h"
 #include "tools/nqrun/joblog.h"
 #include "tools/nqrun/options.h"
 #include "tools/nqrun/output_slots.h"
@@ -96,7 +97,7 @@ private:
     OutputSlots mSlots;
     Progress mProgress;
     Delivery mDelivery;
-    std::unique_ptr<nq::nqPool> mPool;
+    std::unique_ptr<JobPool> mPool;
     std::size_t mRoom = 0; ///< items that may be on their way at a time
 
     Phase mPhase = Phase::Going;
