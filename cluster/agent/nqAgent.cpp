@@ -255,7 +255,7 @@ void nqAgent::onJobs(const nqRedisReply& reply)
 void nqAgent::takeJob(nqJobMessage&& job)
 {
     Held& held = mHeld[job.entry];
-    held = {job.client, job.id, job.attempt, 0, false, {}};
+    held = {job.client, job.id, job.attempt, 0, false};
     if (mPhase != Phase::Working) {
         mToHandBack.push_back(job.entry);
         return;
@@ -265,7 +265,7 @@ void nqAgent::takeJob(nqJobMessage&& job)
             mSaidVersion,
             "leaves jobs of a newer version (" + std::to_string(job.version) +
                 ") to others; update this agent");
-        held.handBackAt = nqClusterClock::now() + pauseForOthers;
+        mToHandBackLater.emplace_back(nqClusterClock::now() + pauseForOthers, job.entry);
         return;
     }
     const std::string entry = job.entry;
@@ -332,18 +332,23 @@ void nqAgent::finish(const std::string& entry, nqOutcome&& outcome)
 
 /// While other jobs run, outcomes gather for a moment: a script for each would cost Redis, and
 /// whoever waits for them, more than all else.
-bool nqAgent::canSendFinished(TimePoint now) const
+bool nqAgent::isSendingDue(TimePoint now) const
 {
-    if (mFinished.empty() || !mCommands.isReady() || mName.empty() ||
-        mInFlightBytes >= bytesInFlight || mInFlight.size() >= batchesInFlight || now < mNextTry)
-        return false;
-    return mFinished.size() >= outcomesOfOneBatch || mFinished.size() == mHeld.size() ||
-           now >= mFinishedSince + longestGathering;
+    return canSendFinished() && now >= mNextTry &&
+           (mFinished.size() >= outcomesOfOneBatch || mFinished.size() == mHeld.size() ||
+            now >= mFinishedSince + longestGathering);
+}
+
+/// Otherwise a reply has to come first.
+bool nqAgent::canSendFinished() const
+{
+    return !mFinished.empty() && mCommands.isReady() && !mName.empty() &&
+           mInFlightBytes < bytesInFlight && mInFlight.size() < batchesInFlight;
 }
 
 void nqAgent::sendFinished()
 {
-    while (canSendFinished(nqClusterClock::now())) {
+    while (isSendingDue(nqClusterClock::now())) {
         std::vector<Finished> batch;
         std::size_t bytes = 0;
         nqRedisCommand command = mCommands.script(nqScript::Finish, {mKeys.jobs, mKeys.agents});
@@ -428,11 +433,10 @@ void nqAgent::onAudit(const nqRedisReply& reply)
 
 void nqAgent::handBackDue(TimePoint now)
 {
-    for (auto& [entry, held] : mHeld) {
-        if (held.handBackAt != TimePoint() && now >= held.handBackAt) {
-            held.handBackAt = TimePoint();
-            mToHandBack.push_back(entry);
-        }
+    while (!mToHandBackLater.empty() && now >= mToHandBackLater.front().first) {
+        if (mHeld.count(mToHandBackLater.front().second) != 0) // others may have it by now
+            mToHandBack.push_back(std::move(mToHandBackLater.front().second));
+        mToHandBackLater.pop_front();
     }
 }
 
@@ -629,7 +633,7 @@ std::string nqAgent::refusalToTake() const
 nqAgent::TimePoint nqAgent::nextDue(TimePoint now) const
 {
     TimePoint due = std::max(mNextLook, now);
-    if (!mFinished.empty())
+    if (canSendFinished())
         due = std::min(due, std::max(mNextTry, mFinishedSince + longestGathering));
     for (const nqRedisLink* link : {&mCommands, &mReader})
         due = std::min(due, link->nextDue().value_or(due));

@@ -55,7 +55,6 @@ private:
         std::string attempt;
         nqJobId local = 0;     ///< in the pool; 0: none
         bool hasEnded = false; ///< its outcome is in mFinished or mInFlight
-        TimePoint handBackAt;  ///< of one that this agent cannot run
     };
 
     /// An outcome that Redis does not have yet. Kept until it says so.
@@ -92,7 +91,8 @@ private:
     void finish(const std::string& entry, nqOutcome&& outcome);
     void audit();
     void onAudit(const nqRedisReply& reply);
-    bool canSendFinished(TimePoint now) const;
+    bool isSendingDue(TimePoint now) const;
+    bool canSendFinished() const;
     void sendFinished();
     void onFinished(std::vector<Finished>&& batch, const nqRedisReply& reply);
     void handBackDue(TimePoint now);
@@ -141,7 +141,8 @@ private:
     std::size_t mInFlightBytes = 0;
     TimePoint mNextTry; ///< to send outcomes, after a refusal
     std::vector<std::string> mToHandBack;
-    std::size_t mHandingBack = 0; ///< without an answer
+    std::deque<std::pair<TimePoint, std::string>> mToHandBackLater; ///< what this agent cannot run
+    std::size_t mHandingBack = 0;                                   ///< without an answer
 
     bool mIsFull = false;
     bool mIsWithoutWorkers = false;
