@@ -14,7 +14,6 @@ def files_of_at_most(size):
     """For a process that is about to start."""
 
     def limit():
-        signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
         resource.setrlimit(resource.RLIMIT_FSIZE, (size, size))
 
     return limit

@@ -40,7 +40,9 @@ int exitStatus(const nqrun::RunResult& result)
 
 int runCommands(int argc, char* argv[])
 {
+    // What cannot be written is an error of the write. Commands start with neither ignored.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     fillStandardStreams();
     if (argc > 1 && std::strcmp(argv[1], "status") == 0) {
         if (argc != 3)
