@@ -1,6 +1,8 @@
 """What users of xargs and parallel expect."""
 
 import os
+import pty
+import resource
 import subprocess
 import unittest
 
@@ -40,6 +42,10 @@ class Items(program.ProgramTest):
     def test_commands_start_with_no_signal_blocked_or_ignored(self):
         done = self.run_it("sed", "-nE", "s/^Sig(Blk|Ign):\\s*//p", ":::", "/proc/self/status")
         self.expect(done, 0, b"0000000000000000\n" * 2, "")
+
+    def test_commands_may_open_as_many_files_as_nqrun_was_given(self):
+        done = self.run_it("sh", "-c", "ulimit -Sn", ":::", "a", preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (70, 300)))
+        self.expect(done, 0, b"70\n", "")
 
     def test_a_program_is_searched_for_in_path_and_gets_its_own_name(self):
         self.write("mine", "#!/bin/sh\necho \"$0\" \"$1\"\n", 0o755)
@@ -86,6 +92,22 @@ else:
 """
         done = self.run_it("-q", "-j1", "python3", "-c", script, ":::", "first", "second")
         self.expect(done, 0, bytes(5_000_000), "\0" * 5_000_000)
+
+    def test_takes_the_place_of_progress_on_a_terminal(self):
+        master, terminal = pty.openpty()
+        process = self.start("sh", "-c", "until [ -e go ]; do sleep 0.01; done; echo word", ":::", "a", stdout=terminal, stderr=terminal)
+        os.close(terminal)
+        shown = b""
+        while True:
+            try:
+                shown += os.read(master, 65536)
+            except OSError:  # its last writer has gone
+                break
+            if b"1 running" in shown:
+                self.write("go", "")
+        process.communicate()
+        os.close(master)
+        self.assertTrue(shown.endswith(b"\r\x1b[Kword\r\n"), shown)
 
     def test_has_tags_on_demand(self):
         done = self.run_it("--tag", "-k", "sh", "-c", "echo 1; echo 2; echo 3 >&2", ":::", "a", "b\nc")

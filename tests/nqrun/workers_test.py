@@ -3,6 +3,7 @@
 import json
 import os
 import pathlib
+import pty
 import re
 import subprocess
 import xml.dom.minidom
@@ -141,6 +142,36 @@ class Status(program.ProgramTest):
         self.assertRegex(text, r"\n +1 +\d+ +[0-9.]+ s +[0-9.]+ MB  my item\n")
         self.write("go", "")
         process.communicate(timeout=program.LIMIT_SECONDS)
+
+    def test_counts_the_memory_of_the_command(self):
+        script = "import os, time; m = bytearray(80 << 20); open('big', 'w'); [time.sleep(0.05) for _ in iter(lambda: os.path.exists('go'), True)]"
+        process = self.start("--status", "s.json", "python3", "-c", script, ":::", "a")
+        program.wait_until((self.folder / "big").exists, "the memory")
+        program.wait_until((self.folder / "s.json").exists, "the status file")
+        text = program.wait_until(lambda: re.search(r"s +(\d+) MB  a\n", self.run_it("status", "s.json").out.decode()), "the command in the status")
+        self.assertGreaterEqual(int(text[1]), 80)
+        self.write("go", "")
+        process.communicate(timeout=program.LIMIT_SECONDS)
+
+    def test_is_shown_in_place_on_a_terminal_until_the_run_has_ended(self):
+        process = self.start_one()
+        program.wait_until((self.folder / "s.json").exists, "the status file")
+        master, terminal = pty.openpty()
+        viewer = self.start("status", "s.json", stdout=terminal, stderr=terminal)
+        os.close(terminal)
+        shown = b""
+        while True:
+            try:
+                shown += os.read(master, 65536)
+            except OSError:  # the viewer has ended
+                break
+            if b"my item" in shown and shown.count(b"1 running") >= 2:
+                self.write("go", "")
+        os.close(master)
+        self.assertEqual(viewer.wait(program.LIMIT_SECONDS), 0)
+        process.communicate(timeout=program.LIMIT_SECONDS)
+        self.assertRegex(shown, rb"1 running[^\n]*\n[^\n]*\n[^\n]*my item\x1b\[K\r\n\x1b\[J\x1b\[4A", "the next picture begins in the same line")
+        self.assertRegex(shown, rb": ended [^\n]*\n1 done, 0 failed, 0 running, 0 waiting\x1b\[K\r\n\x1b\[J$")
 
     def test_says_that_a_run_was_killed(self):
         process = self.start_one()
