@@ -71,6 +71,21 @@ TEST_P(JoblogTest, tellsWhatIsLogged)
     EXPECT_EQ(log.history().count(), 3U);
 }
 
+TEST_P(JoblogTest, holdsNumbersOfAnySize)
+{
+    constexpr std::uint64_t large = std::uint64_t{1} << 62; // as an index, beyond any memory
+    {
+        Joblog log(path(), GetParam(), run(), false);
+        log.write(item(large, true, "a"));
+        log.write(item(4'000'000'000, false, "b"));
+    }
+    const Joblog log(path(), GetParam(), run(), true);
+    EXPECT_EQ(log.history().stateOf(large), Logged::Done);
+    EXPECT_EQ(log.history().stateOf(large - 1), Logged::No);
+    EXPECT_EQ(log.history().stateOf(4'000'000'000), Logged::Failed);
+    EXPECT_EQ(log.history().count(), 2U);
+}
+
 TEST_P(JoblogTest, knowsAnotherItemOfTheSameNumber)
 {
     writeThree();

@@ -4,6 +4,7 @@
 #include "tools/nqrun/io.h"
 #include "tools/nqrun/text.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -160,8 +161,7 @@ std::optional<Entry> readLine(std::string_view text, JoblogFormat format)
 {
     std::optional<Entry> entry =
         format == JoblogFormat::Json ? readJsonLine(text) : readParallelLine(text);
-    constexpr std::uint64_t mostItems = std::uint64_t{1} << 32;
-    if (entry && (entry->index == 0 || entry->index > mostItems))
+    if (entry && entry->index == 0)
         return std::nullopt;
     return entry;
 }
@@ -178,26 +178,35 @@ std::string commandOf(const Json& header)
 
 void JoblogHistory::note(std::uint64_t index, std::string_view identity, Logged state)
 {
-    if (mEntries.size() <= index)
-        mEntries.resize(index + 1);
-    mEntries[index] = {checksum(identity), state};
+    mPages[index / pageEntries][index % pageEntries] = {checksum(identity), state};
+}
+
+const JoblogHistory::Entry* JoblogHistory::find(std::uint64_t index) const
+{
+    const auto page = mPages.find(index / pageEntries);
+    return page == mPages.end() ? nullptr : &page->second[index % pageEntries];
 }
 
 Logged JoblogHistory::stateOf(std::uint64_t index) const
 {
-    return index < mEntries.size() ? mEntries[index].state : Logged::No;
+    const Entry* const entry = find(index);
+    return entry != nullptr ? entry->state : Logged::No;
 }
 
 bool JoblogHistory::isOf(std::uint64_t index, std::string_view identity) const
 {
-    return index < mEntries.size() && mEntries[index].check == checksum(identity);
+    const Entry* const entry = find(index);
+    return entry != nullptr && entry->check == checksum(identity);
 }
 
 std::uint64_t JoblogHistory::count() const
 {
     std::uint64_t count = 0;
-    for (const Entry& entry : mEntries)
-        count += entry.state == Logged::No ? 0 : 1;
+    for (const auto& [number, page] : mPages)
+        count += static_cast<std::uint64_t>(
+            std::count_if(page.begin(), page.end(), [](const Entry& entry) {
+                return entry.state != Logged::No;
+            }));
     return count;
 }
 

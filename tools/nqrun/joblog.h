@@ -3,11 +3,14 @@
 #include "tools/nqrun/descriptor.h"
 #include "tools/nqrun/finished.h"
 
+#include <array>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace nqrun {
@@ -39,7 +42,14 @@ private:
         std::uint32_t check = 0;
         Logged state = Logged::No;
     };
-    std::vector<Entry> mEntries; ///< by index
+    // In pages, so that a log with a huge index in it, or one of a small share of the items, takes
+    // no more memory than its lines ask for.
+    static constexpr std::size_t pageEntries = 64;
+    using Page = std::array<Entry, pageEntries>;
+
+    const Entry* find(std::uint64_t index) const;
+
+    std::unordered_map<std::uint64_t, Page> mPages; ///< by index / pageEntries
 };
 
 /// A file with one line for each attempt, from which a run can be resumed.
