@@ -132,6 +132,10 @@ class Failures(program.ProgramTest):
         self.assertEqual(sorted(self.lines(done)), ["a done", "b done"])
         self.assertRegex(done.err, r"a: exited with status 1 after .*; attempt 1 of 3, trying again")
 
+    def test_say_once_how_long_it_took_before_they_are_tried_again(self):
+        done = self.run_it("--retries", "1", "--timeout", "0.2", "sleep", ":::", "60")
+        self.assertIn("nqrun: 60: timed out after 0.200 s; attempt 1 of 2, trying again\n", done.err)
+
     def test_leave_scripts_that_run_exactly_the_command_again(self):
         items = [b"plain", b"it's", b"a\nb", b"$HOME `x`", b"\xff\xfe", b"-n"]
         script = 'printf "%s|" "$0" "$@" "$PWD"; cat; exit 1'

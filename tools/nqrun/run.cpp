@@ -428,10 +428,8 @@ void Run::onOutcome(std::uint64_t serial, nq::nqOutcome&& outcome)
     }
     if (!mOptions.isQuiet)
         mDelivery.say(
-            "nqrun: " + finished.name + ": " + finished.failure + " after " +
-            durationText(std::chrono::microseconds(finished.ran)) + "; attempt " +
-            std::to_string(attempt.number) + " of " + std::to_string(mOptions.retries + 1) +
-            ", trying again");
+            failureLine(finished) + "; attempt " + std::to_string(attempt.number) + " of " +
+            std::to_string(mOptions.retries + 1) + ", trying again");
     if (mJoblog)
         mJoblog->write(finished);
     if (finished.isSlotFree)
@@ -482,13 +480,20 @@ void Run::conclude(Attempt&& attempt, Finished&& finished, const nq::nqOutcome& 
     }
 }
 
+// What a worker says of its job has the time in it, and so have limits.
+std::string Run::failureLine(const Finished& finished) const
+{
+    std::string line = "nqrun: " + finished.name + ": " + finished.failure;
+    if (mTemplate && (finished.outcome == "exit" || finished.outcome == "signal"))
+        line += " after " + durationText(std::chrono::microseconds(finished.ran));
+    return line;
+}
+
 // An item is told of and logged once all of its output has been written.
 void Run::onDelivered(Finished&& finished)
 {
     if (!finished.isDone && !mOptions.isQuiet) {
-        std::string line = "nqrun: " + finished.name + ": " + finished.failure;
-        if (finished.outcome == "exit" || finished.outcome == "signal")
-            line += " after " + durationText(std::chrono::microseconds(finished.ran));
+        std::string line = failureLine(finished);
         if (finished.attempt > 1)
             line += ", attempt " + std::to_string(finished.attempt);
         mDelivery.say(line);

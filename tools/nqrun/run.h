@@ -83,6 +83,7 @@ private:
     void
     describeCommand(Finished& finished, const Attempt& attempt, const nq::nqOutcome& outcome) const;
     static void describeJob(Finished& finished, const nq::nqOutcome& outcome);
+    std::string failureLine(const Finished& finished) const;
     std::string identityOf(const Item& item) const;
     std::string nameOf(const Item& item) const;
 
