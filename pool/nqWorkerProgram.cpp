@@ -89,7 +89,7 @@ void checkFile(const std::string& path)
         refuse(
             path,
             lastError(),
-            "give its path in nqPoolOptions::worker; a name alone is looked for in the current "
+            "give its path; a name alone is looked for in the current "
             "folder, not in PATH");
     if (S_ISDIR(file.st_mode))
         refuse(path, "it is a folder", "give the path of the program in it");

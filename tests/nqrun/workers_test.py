@@ -33,7 +33,7 @@ class Workers(program.ProgramTest):
         done = self.run_it("--worker", WORKER, "-j1", "--timeout", "0.5", "--joblog", "log", ":::", "throw", "crash", "hang", "fine")
         self.assertEqual((done.status, done.out), (3, b"FINE\n"))
         self.assertIn("I do not like it", done.err)
-        self.assertIn("SIGABRT", done.err)
+        self.assertRegex(done.err, r"nqrun: crash: the worker was ended by SIGABRT .*; run it again under a debugger\n")
         outcomes = [json.loads(line)["outcome"] for line in (self.folder / "log").read_text().splitlines()[1:]]
         self.assertEqual(sorted(outcomes), ["done", "exception", "signal", "timeout"])
 
@@ -50,9 +50,10 @@ class Workers(program.ProgramTest):
         self.assertIn(b"I do not like it", again.stderr)
 
     def test_that_are_missing_are_refused(self):
-        done = self.run_it("--worker", "./none", ":::", "a")
-        self.assertEqual((done.status, done.out), (255, b""))
-        self.assertIn("none", done.err)
+        done = self.run_it("--worker", "none", ":::", "a")
+        problem = f"The worker program {self.folder}/none cannot be used: No such file or directory"
+        advice = "give its path; a name alone is looked for in the current folder, not in PATH"
+        self.expect(done, 255, b"", f"nqrun: {problem}; {advice}\n")
 
     def test_that_cannot_work_are_one_error(self):
         done = self.run_it("--worker", "/bin/false", ":::", *["a"] * 20)

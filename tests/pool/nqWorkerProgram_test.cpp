@@ -142,7 +142,7 @@ TEST_F(WorkerProgram, isRefusedWhenItIsMissing)
     EXPECT_EQ(
         refusalOf(optionsFor(missing)),
         "The worker program " + missing +
-            " cannot be used: No such file or directory; give its path in nqPoolOptions::worker; a "
+            " cannot be used: No such file or directory; give its path; a "
             "name alone is looked for in the current folder, not in PATH");
 }
 
