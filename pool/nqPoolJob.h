@@ -4,6 +4,7 @@
 #include "pool/nqPoolClock.h"
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -32,6 +33,25 @@ struct nqPoolJob {
         : id(0),
           isGone(0)
     {
+    }
+
+    /// Of the attempt that it waits for or is at, those of the host included; from 1.
+    std::size_t attemptNumber() const
+    {
+        return details == nullptr ? 1
+                                  : details->options.hostAttempt + details->earlierAttempts.size();
+    }
+
+    /// Rather than a further attempt of the host's.
+    bool isOfItsOwn() const
+    {
+        return details == nullptr || details->options.hostAttempt <= 1;
+    }
+
+    /// Whether the host submits it again should it fail.
+    bool isSubmittedAgain() const
+    {
+        return details != nullptr && details->options.hostAttempt < details->options.hostAttempts;
     }
 
     nqJobDetails& ownDetails()

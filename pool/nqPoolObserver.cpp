@@ -20,11 +20,6 @@ constexpr std::size_t traceBufferBytes = std::size_t{64} << 10;
 /// Between two points of the queue, of which a pool of small jobs would have one for each job.
 constexpr std::chrono::microseconds queueInterval{1'000};
 
-std::size_t attemptNumberOf(const nqPoolJob& job)
-{
-    return 1 + (job.details != nullptr ? job.details->earlierAttempts.size() : 0);
-}
-
 std::string_view labelOf(const nqPoolJob& job)
 {
     return job.details != nullptr ? std::string_view(job.details->options.label)
@@ -134,7 +129,7 @@ void nqPoolObserver::onAttemptEnded(
         span.end = end;
         span.job = job.id;
         span.label = labelOf(job);
-        span.attemptNumber = attemptNumberOf(job);
+        span.attemptNumber = job.attemptNumber();
         span.jobBytes = place(worker).jobBytes;
         span.resultBytes = attempt.reason == nqAttempt::Reason::None ? resultBytes : 0;
         span.isLast = isLast;

@@ -39,7 +39,7 @@ public:
     void onSubmitted();
     void onGiven(std::size_t worker, const nqPoolJob& job);
 
-    /// `isLast`: it is not tried again.
+    /// `isLast`: it is not tried again, by the host neither.
     void onAttemptEnded(
         std::size_t worker,
         const nqPoolJob& job,

@@ -165,6 +165,7 @@ nqPoolPrivate::submit(nqJobBytes& bytes, const nqJobOptions* options, nqPool::Ca
     job.callback = std::move(callback);
     job.submitted = nqPoolClock::now();
     job.id = (mLastId + 1) & nqPoolJob::largestId;
+    const bool isOfItsOwn = job.isOfItsOwn();
     const std::size_t size = bytes.size();
     job.bytes = bytes.take();
     try {
@@ -174,7 +175,8 @@ nqPoolPrivate::submit(nqJobBytes& bytes, const nqJobOptions* options, nqPool::Ca
         throw;
     }
     ++mLastId;
-    ++mCounts.submitted;
+    if (isOfItsOwn)
+        ++mCounts.submitted;
     mCounts.jobBytes += size;
     if (mObserver != nullptr)
         mObserver->onSubmitted();
@@ -350,7 +352,7 @@ void nqPoolPrivate::feed(TimePoint now)
             return;
         std::optional<nqPoolJob> job = mQueue.pop(now);
         ++mRunning;
-        if (job->details != nullptr && !job->details->earlierAttempts.empty())
+        if (job->attemptNumber() > 1)
             ++mCounts.retried;
         if (mObserver != nullptr)
             mObserver->onGiven(slot->number(), *job);
@@ -428,11 +430,13 @@ void nqPoolPrivate::onJobEnded(
 void nqPoolPrivate::endAttempt(
     std::size_t worker, nqPoolJob&& job, nqAttempt&& attempt, std::vector<char>&& bytes)
 {
-    const bool isLast = !isTriedAgain(job, attempt.reason);
+    const bool isTriedHere = isTriedAgain(job, attempt.reason);
+    const bool isTriedByHost = job.isSubmittedAgain() && stateFor(attempt.reason) == State::Failed;
+    const bool isLast = !isTriedHere && !isTriedByHost;
     if (mObserver != nullptr)
         mObserver->onAttemptEnded(worker, job, attempt, bytes.size(), isLast);
-    if (isLast)
-        finish(std::move(job), std::move(attempt), std::move(bytes));
+    if (!isTriedHere)
+        finish(std::move(job), std::move(attempt), std::move(bytes), isLast);
     else
         tryAgain(std::move(job), std::move(attempt), std::move(bytes));
 }
@@ -440,7 +444,7 @@ void nqPoolPrivate::endAttempt(
 void nqPoolPrivate::onJobReturned(nqPoolJob&& job)
 {
     --mRunning;
-    if (job.details != nullptr && !job.details->earlierAttempts.empty())
+    if (job.attemptNumber() > 1)
         --mCounts.retried;
     mQueue.pushAgain(std::move(job), nqPoolClock::now());
 }
@@ -530,10 +534,11 @@ void nqPoolPrivate::finishWaiting(nqPoolJob&& job, Reason reason, const std::str
     if (mObserver != nullptr)
         mObserver->onWaitingJobEnded(job, reason);
     std::vector<char> bytes = std::move(job.bytes);
-    finish(std::move(job), std::move(attempt), std::move(bytes));
+    finish(std::move(job), std::move(attempt), std::move(bytes), true);
 }
 
-void nqPoolPrivate::finish(nqPoolJob&& job, nqAttempt&& attempt, std::vector<char>&& bytes)
+void nqPoolPrivate::finish(
+    nqPoolJob&& job, nqAttempt&& attempt, std::vector<char>&& bytes, bool isLast)
 {
     nqOutcome outcome;
     static_cast<nqAttempt&>(outcome) = std::move(attempt);
@@ -546,10 +551,11 @@ void nqPoolPrivate::finish(nqPoolJob&& job, nqAttempt&& attempt, std::vector<cha
     } else {
         outcome.queued = inMicroseconds(nqPoolClock::now() - job.submitted) - outcome.ran;
     }
-    countOutcome(outcome);
-    if (mObserver != nullptr)
+    if (isLast)
+        countOutcome(outcome);
+    if (mObserver != nullptr && job.isOfItsOwn())
         mObserver->onOutcome(outcome);
-    if (outcome.state == State::Failed && outcome.reason != Reason::NoWorker)
+    if (isLast && outcome.state == State::Failed && outcome.reason != Reason::NoWorker)
         outcome.keptAs = mFailedJobs.keep(outcome);
     mDelivery.add(std::move(outcome), std::move(job.callback));
 }
@@ -806,9 +812,10 @@ std::optional<nqPoolPrivate::Milliseconds>
 nqPoolPrivate::timeLeft(const nqPoolStatistics& now) const
 {
     const std::uint64_t ended = now.done + now.failed + now.cancelled;
-    const std::uint64_t left = std::max(mExpectedJobs, now.submitted) - ended;
-    if (left == 0)
+    const std::uint64_t all = std::max(mExpectedJobs, now.submitted);
+    if (all <= ended) // less, when a host has numbered its attempts wrongly
         return Milliseconds(0);
+    const std::uint64_t left = all - ended;
     double perSecond = 0;
     if (now.donePerSecond > 0)
         perSecond = now.donePerSecond * static_cast<double>(ended) / static_cast<double>(now.done);

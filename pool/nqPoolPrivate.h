@@ -105,7 +105,7 @@ private:
     const nqRetryPolicy& policyFor(const nqPoolJob& job) const;
     bool isTriedAgain(const nqPoolJob& job, nqAttempt::Reason reason) const;
     void tryAgain(nqPoolJob&& job, nqAttempt&& attempt, std::vector<char>&& bytes);
-    void finish(nqPoolJob&& job, nqAttempt&& attempt, std::vector<char>&& bytes);
+    void finish(nqPoolJob&& job, nqAttempt&& attempt, std::vector<char>&& bytes, bool isLast);
     void finishWaiting(nqPoolJob&& job, nqAttempt::Reason reason, const std::string& message);
     void countOutcome(const nqOutcome& outcome);
     void observe();

@@ -38,6 +38,15 @@ struct nqJobOptions {
 
     /// A name for people, in the trace, the timeline and the status file; any bytes. Empty: the id.
     std::string label;
+
+    /// @name Attempts that the host makes itself
+    /// For a host that submits a failed job again, with other bytes say, instead of leaving that to
+    /// `retry`. Each such attempt has an id and an outcome of its own, but an nqPool counts all of
+    /// them as one job, in its statistics and in the files that show it.
+    /// @{
+    unsigned hostAttempt = 1;  ///< which one this is; after the first, no job of its own
+    unsigned hostAttempts = 1; ///< at most; one before the last that fails is no failed job yet
+    /// @}
 };
 
 /// What a pool is told once, when it is made. Limits of 0 are off.

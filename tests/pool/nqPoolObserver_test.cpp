@@ -372,6 +372,46 @@ TEST_F(Shown, knowsAnIdleWorkerThatDied)
     EXPECT_EQ(namesOf("end").at(0), "crashed");
 }
 
+TEST_F(Shown, countsTheAttemptsThatAHostMakesAsOneJob)
+{
+    make();
+    nqJobOptions own;
+    own.hostAttempts = 3;
+    for (const std::size_t worker : {0, 1, 2}) {
+        own.hostAttempt = static_cast<unsigned>(worker) + 1;
+        submit("job", own);
+        pump(3);
+        crash(worker);
+        pump(3);
+    }
+    pool->stop();
+    EXPECT_EQ(outcomes.size(), 3U);
+    EXPECT_EQ(metric(R"(nq_pool_jobs_submitted_total{pool="shown"})"), "1");
+    EXPECT_EQ(metric(R"(nq_pool_attempts_retried_total{pool="shown"})"), "2");
+    EXPECT_EQ(metric(R"(nq_pool_jobs_total{pool="shown",outcome="failed",reason="crashed"})"), "1");
+    EXPECT_EQ(metric(R"(nq_pool_job_wait_seconds_count{pool="shown"})"), "1");
+    EXPECT_EQ(metric(R"(nq_pool_job_run_seconds_count{pool="shown"})"), "3");
+    EXPECT_EQ(status().statistics.failed, 1U);
+    const auto attempts = events("attempt");
+    ASSERT_EQ(attempts.size(), 3U);
+    EXPECT_EQ(attempts[1]["args"]["attempt"].count(), 2U);
+    EXPECT_EQ(attempts[1]["args"]["last"].count(), 0U);
+    EXPECT_EQ(attempts[2]["args"]["last"].count(), 1U);
+    EXPECT_NE(
+        contentOf(options.timelineFile).find("0 done, 1 failed; 3 attempts"), std::string::npos);
+}
+
+TEST_F(Shown, hasNoTimeLeftWhenItsHostHasNumberedAttemptsWrongly)
+{
+    makeWithStatusOnly();
+    nqJobOptions own;
+    own.hostAttempt = 2;
+    pool->cancel(submit("job", own));
+    pool->stop();
+    EXPECT_EQ(status().statistics.cancelled, 1U);
+    EXPECT_EQ(status().timeLeft, 0ms);
+}
+
 TEST_F(Shown, tracesEachAttemptWithItsTimes)
 {
     options.retry.attempts = 2;

@@ -519,6 +519,51 @@ TEST_F(Pool, givesUpAfterTheLastAttempt)
     EXPECT_EQ(outcomes.front().earlierAttempts.size(), 1U);
 }
 
+TEST_F(Pool, countsTheAttemptsThatItsHostMakesAsOneJob)
+{
+    make();
+    nq::nqJobOptions own;
+    own.hostAttempts = 2;
+    submit("job", own);
+    pump();
+    crash(0);
+    EXPECT_EQ(outcomes.size(), 1U);
+    EXPECT_EQ(pool->statistics().failed, 0U);
+    own.hostAttempt = 2;
+    submit("job", own);
+    pump();
+    answer(1, "result");
+    EXPECT_EQ(outcomes.size(), 2U);
+    const nq::nqPoolStatistics statistics = pool->statistics();
+    EXPECT_EQ(statistics.submitted, 1U);
+    EXPECT_EQ(statistics.retried, 1U);
+    EXPECT_EQ(statistics.done, 1U);
+    EXPECT_EQ(statistics.failed, 0U);
+    EXPECT_TRUE(pool->drain());
+}
+
+TEST_F(Pool, countsTheLastAttemptOfItsHostThatFails)
+{
+    make();
+    nq::nqJobOptions own;
+    own.hostAttempt = 2;
+    own.hostAttempts = 2;
+    submit("job", own);
+    pump();
+    crash(0);
+    EXPECT_EQ(pool->statistics().failed, 1U);
+    EXPECT_FALSE(pool->drain());
+}
+
+TEST_F(Pool, countsAnAttemptOfItsHostThatIsCancelledWhileItWaits)
+{
+    make();
+    nq::nqJobOptions own;
+    own.hostAttempts = 2;
+    pool->cancel(submit("job", own));
+    EXPECT_EQ(pool->statistics().cancelled, 1U);
+}
+
 TEST_F(Pool, triesAgainForTheSaidReasonsOnly)
 {
     options.retry.attempts = 2;
