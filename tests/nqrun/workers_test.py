@@ -123,6 +123,31 @@ class Reasons(program.ProgramTest):
         self.assertIn('reason="exception"} 1\n', self.text("none.prom"))
 
 
+class Retries(program.ProgramTest):
+    """An item that is tried again is one job in the files that show a run."""
+
+    def setUp(self):
+        super().setUp()
+        files = ("--metrics", "m.prom", "--trace", "t.json", "--status", "s.json")
+        script = 'echo . >>"tries-$0"; [ $(wc -l <"tries-$0") = "$0" ]'
+        done = self.run_it("-q", "--retries", "2", *files, "sh", "-c", script, ":::", "1", "3", "never")
+        self.assertEqual(done.status, 1, done.err)
+
+    def test_are_items_in_the_status(self):
+        shown = self.run_it("status", "s.json").out.decode()
+        self.assertIn("\n2 done, 1 failed, 0 running, 0 waiting", shown)
+
+    def test_are_items_in_the_metrics(self):
+        text = (self.folder / "m.prom").read_text()
+        self.assertRegex(text, r"jobs_submitted_total\{.*\} 3\n")
+        self.assertRegex(text, r"attempts_retried_total\{.*\} 4\n")
+        self.assertRegex(text, r'reason="exited"\} 1\n')
+
+    def test_are_attempts_in_the_trace(self):
+        attempts = [event["args"] for event in json.loads((self.folder / "t.json").read_text()) if event.get("cat") == "attempt"]
+        self.assertEqual(sorted((each["attempt"], each["last"]) for each in attempts), [(1, 0), (1, 0), (1, 1), (2, 0), (2, 0), (3, 1), (3, 1)])
+
+
 class Status(program.ProgramTest):
     def start_one(self):
         script = "echo $$ >pids; until [ -e go ]; do sleep 0.05; done"

@@ -365,6 +365,8 @@ std::string Run::identityOf(const Item& item) const
 void Run::start(Attempt&& attempt)
 {
     nq::nqJobOptions jobOptions;
+    jobOptions.hostAttempt = attempt.number;
+    jobOptions.hostAttempts = mOptions.retries + 1;
     jobOptions.label = mOptions.items.asBlocks ? nameOf(attempt.item) : attempt.item.text;
     const std::uint64_t serial = attempt.serial = ++mSerial;
     std::string bytes;
