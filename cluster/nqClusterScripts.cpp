@@ -161,16 +161,30 @@ redis.call('HSET', KEYS[2], ARGV[2], ARGV[3])
 return 1
 )";
 
-// An agent lives.
+// An agent lives, and looks at others. If each looked at all, the cost would grow with the square
+// of their number; so among many it is told of a few at random, and again of those that it asks
+// for.
 constexpr std::string_view beat = R"(
--- KEYS: agents, agent. ARGV: agent, its value, how long its description is kept, then the description
+-- KEYS: agents, agent. ARGV: agent, its value, how long its description is kept, '1' to be told of
+--   all, how many others it asks for, these, then the description
 if redis.call('HEXISTS', KEYS[1], ARGV[1]) == 0 then
     return redis.error_reply('NQLOST the agent was taken for lost')
 end
 redis.call('HSET', KEYS[1], ARGV[1], ARGV[2])
-if #ARGV > 3 then redis.call('HSET', KEYS[2], unpack(ARGV, 4)) end
+local asked = 5 + tonumber(ARGV[5])
+if #ARGV > asked then redis.call('HSET', KEYS[2], unpack(ARGV, asked + 1)) end
 redis.call('PEXPIRE', KEYS[2], ARGV[3])
-return redis.call('HGETALL', KEYS[1])
+local count = redis.call('HLEN', KEYS[1])
+if ARGV[4] == '1' or count <= 32 then return {count, redis.call('HGETALL', KEYS[1])} end
+local some = redis.call('HRANDFIELD', KEYS[1], 4, 'WITHVALUES')
+for i = 6, asked do
+    local value = redis.call('HGET', KEYS[1], ARGV[i])
+    if value then
+        some[#some + 1] = ARGV[i]
+        some[#some + 1] = value
+    end
+end
+return {count, some}
 )";
 
 // Jobs have ended: each leaves the queue and its outcome arrives, unless somebody was faster.

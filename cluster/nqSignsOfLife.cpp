@@ -50,6 +50,7 @@ nqSignsOfLife::look(const nqRedisReply& agents, TimePoint asked, TimePoint now)
     const TimePoint before = std::exchange(mLastAsked, asked);
     mInterval = shortest / looksInALease;
 
+    mIsAnyoneLate = false;
     for (auto& [name, seen] : mSeen)
         seen.isThere = false;
     std::vector<Lost> lost;
@@ -57,7 +58,9 @@ nqSignsOfLife::look(const nqRedisReply& agents, TimePoint asked, TimePoint now)
         const std::string name(agents[i].text());
         const std::string_view value = agents[i + 1].text();
         Seen& seen = mSeen[name];
-        seen.isThere = true;
+        if (std::exchange(seen.isThere, true))
+            continue;
+        seen.isAlive = seen.value != value && !seen.value.empty();
         if (seen.value != value) {
             seen.value = value;
             seen.since = now;
@@ -65,8 +68,10 @@ nqSignsOfLife::look(const nqRedisReply& agents, TimePoint asked, TimePoint now)
             continue;
         }
         const std::chrono::milliseconds lease = leaseOf(value);
-        seen.counted += std::clamp<TimePoint::duration>(
-            asked - std::max(before, seen.since), {}, lease / leastGapsInALease);
+        const TimePoint::duration longestGap = lease / leastGapsInALease;
+        seen.counted +=
+            std::clamp<TimePoint::duration>(asked - std::max(before, seen.since), {}, longestGap);
+        mIsAnyoneLate = mIsAnyoneLate || seen.counted > longestGap;
         const auto silent =
             std::chrono::duration_cast<std::chrono::milliseconds>(asked - seen.since);
         if (seen.counted >= lease)
@@ -79,6 +84,16 @@ nqSignsOfLife::look(const nqRedisReply& agents, TimePoint asked, TimePoint now)
     for (auto each = mSeen.begin(); each != mSeen.end();)
         each = each->second.isThere ? std::next(each) : mSeen.erase(each);
     return lost;
+}
+
+std::vector<std::string> nqSignsOfLife::suspects() const
+{
+    std::vector<std::string> names;
+    for (const auto& [name, seen] : mSeen) {
+        if (!seen.isAlive)
+            names.push_back(name);
+    }
+    return names;
 }
 
 } // namespace nq

@@ -26,9 +26,20 @@ public:
         std::string message; ///< for people
     };
 
-    /// The hash as it was between `asked` and now. Those that are lost; they are told again until
-    /// they are gone.
+    /// The hash, or a part of it, as it was between `asked` and now. Those that are lost; they are
+    /// told again until they are gone.
     std::vector<Lost> look(const nqRedisReply& agents, TimePoint asked, TimePoint now);
+
+    /// Those that are to be looked at again: their values have not been seen to change. The others
+    /// may be left out of the next look.
+    std::vector<std::string> suspects() const;
+
+    /// Whether one of them is late, so that it is time to look at all: many may have been lost in
+    /// the same moment.
+    bool isAnyoneLate() const
+    {
+        return mIsAnyoneLate;
+    }
 
     /// Redis was away, for others perhaps longer: everybody gets another lease.
     void forget()
@@ -42,7 +53,7 @@ public:
         return mInterval;
     }
 
-    /// How many there are.
+    /// How many there were in the last look.
     std::size_t count() const
     {
         return mSeen.size();
@@ -53,12 +64,14 @@ private:
         std::string value;
         TimePoint since;               ///< it has been there then, or earlier
         TimePoint::duration counted{}; ///< of the time since then
-        bool isThere = true;
+        bool isThere = false;
+        bool isAlive = false; ///< the value has changed with the last look
     };
 
     std::unordered_map<std::string, Seen> mSeen;
     std::chrono::milliseconds mInterval{1'000};
     TimePoint mLastAsked;
+    bool mIsAnyoneLate = false;
 };
 
 } // namespace nq

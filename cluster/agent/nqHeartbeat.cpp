@@ -185,6 +185,10 @@ void nqHeartbeat::beat(TimePoint now)
     nqRedisCommand command = mCommands.script(nqScript::Beat, {mKeys.agents, mKeys.agent(mName)});
     command.add(mName).add(nqSignsOfLife::valueOf(mSettings.lease, ++mBeats));
     command.add(static_cast<std::uint64_t>(descriptionKept.count()));
+    const std::vector<std::string> suspects = mSigns.suspects();
+    command.add(mSigns.isAnyoneLate() ? "1" : "0").add(std::uint64_t{suspects.size()});
+    for (const std::string& agent : suspects)
+        command.add(agent);
     {
         const std::lock_guard lock(mMutex);
         for (const auto& [key, value] : mDescription)
@@ -214,7 +218,7 @@ void nqHeartbeat::onBeaten(const nqRedisReply& reply, TimePoint asked)
         mCommands.drop("Redis answers: " + std::string(reply.text()));
         return;
     }
-    for (const nqSignsOfLife::Lost& lost : mSigns.look(reply, asked, nqClusterClock::now())) {
+    for (const nqSignsOfLife::Lost& lost : mSigns.look(reply[1], asked, nqClusterClock::now())) {
         if (lost.agent == mName)
             continue;
         nqRedisCommand command = mCommands.script(nqScript::Lose, {mKeys.jobs, mKeys.agents});
@@ -223,7 +227,7 @@ void nqHeartbeat::onBeaten(const nqRedisReply& reply, TimePoint asked)
     }
     // Of a thousand agents, about one does this at a time.
     thread_local std::minstd_rand random{std::random_device()()};
-    if (std::uniform_int_distribution<std::size_t>(0, mSigns.count())(random) == 0)
+    if (std::uniform_int_distribution<std::uint64_t>(0, reply[0].number())(random) == 0)
         mCommands.send(mCommands.script(nqScript::Sweep, {mKeys.jobs, mKeys.agents}), {});
 }
 

@@ -166,6 +166,42 @@ TEST_F(Agent, isFoundLostByAHostThatPumpsLessOftenThanTheLease)
     EXPECT_EQ(outcome->reason, Reason::Lost);
 }
 
+TEST_F(Agent, findsOneThatIsLostAmongManyThatLive)
+{
+    const auto agent = startAgent("agent", {"--lease", "0.5"});
+    std::uint64_t beats = 0;
+    const auto beat = [&](const std::string& first) {
+        mRedis->ask(
+            {"EVAL",
+             "for i = ARGV[1], 100 do redis.call('HSET', KEYS[1], 'other' .. i, '500 ' .. ARGV[2]) "
+             "end",
+             "1",
+             "nq:{tests}:agents",
+             first,
+             std::to_string(++beats)});
+    };
+    beat("1");
+    const auto end = std::chrono::steady_clock::now() + common::generousLimit;
+    while (mRedis->ask({"HEXISTS", "nq:{tests}:agents", "other1"}) == "1") {
+        beat("2");
+        ASSERT_LT(std::chrono::steady_clock::now(), end);
+    }
+    EXPECT_EQ(mRedis->ask({"HLEN", "nq:{tests}:agents"}), "100");
+}
+
+TEST_F(Agent, findsManyThatAreLostAtOnce)
+{
+    std::vector<std::string> command{"HSET", "nq:{tests}:agents"};
+    for (int i = 0; i < 500; ++i)
+        command.insert(command.end(), {"other" + std::to_string(i), "500 1"});
+    mRedis->ask(command);
+    const auto agent = startAgent("agent", {"--lease", "0.5"});
+    const auto end = std::chrono::steady_clock::now() + common::generousLimit;
+    while (mRedis->ask({"HLEN", "nq:{tests}:agents"}) != "1")
+        ASSERT_LT(std::chrono::steady_clock::now(), end);
+    EXPECT_EQ(mRedis->ask({"HKEYS", "nq:{tests}:agents"}), "agent\n");
+}
+
 TEST_F(Agent, losesItsLeaseWhileItIsStoppedAndStartsAnewAfterwards)
 {
     const auto agent = startAgent("agent");

@@ -151,6 +151,43 @@ TEST_F(SignsOfLife, doNotCountTheTimeThatAnAnswerTook)
                     .empty());
 }
 
+TEST_F(SignsOfLife, suspectThoseThatHaveNotBeenSeenToChange)
+{
+    const auto lookAt = [this](std::uint64_t living) {
+        mNow += milliseconds(200);
+        Agents agents;
+        agents.add("dead", lease, 1).add("living", lease, living);
+        mSigns.look(agents.reply(), mNow, mNow);
+        return mSigns.suspects().size();
+    };
+    EXPECT_EQ(lookAt(1), 2U);
+    EXPECT_EQ(lookAt(2), 1U);
+    EXPECT_EQ(mSigns.suspects().front(), "dead");
+    EXPECT_EQ(lookAt(2), 2U);
+}
+
+TEST_F(SignsOfLife, makeAnAgentLateThatIsSilentForTwoLooks)
+{
+    look(milliseconds(0), 1);
+    look(milliseconds(200), 1);
+    EXPECT_FALSE(mSigns.isAnyoneLate());
+    look(milliseconds(200), 1);
+    EXPECT_TRUE(mSigns.isAnyoneLate());
+    look(milliseconds(200), 2);
+    EXPECT_FALSE(mSigns.isAnyoneLate());
+}
+
+TEST_F(SignsOfLife, countAnAgentOnceThatIsToldOfTwice)
+{
+    for (int i = 0; i < 5; ++i) {
+        mNow += milliseconds(200);
+        Agents agents;
+        agents.add("host7", lease, 1).add("host7", lease, 1);
+        EXPECT_TRUE(mSigns.look(agents.reply(), mNow, mNow).empty());
+    }
+    EXPECT_EQ(look(milliseconds(200), 1).size(), 1U);
+}
+
 TEST_F(SignsOfLife, areLookedForFiveTimesInTheShortestLease)
 {
     mSigns.look(
