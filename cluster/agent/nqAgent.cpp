@@ -606,7 +606,8 @@ void nqAgent::describe(TimePoint now)
     mCounts.running = statistics.running;
     mCounts.workers = mOptions.pool.workers;
     mCounts.connectionsLost = mCommands.lossCount() + mReader.lossCount();
-    mMetrics.write(mCounts, now);
+    if (!mMetrics.write(mCounts, now) && !std::exchange(mHasSaidMetrics, true))
+        say("cannot write its counts into " + mOptions.metrics);
     mHeartbeat->comeRound(
         {{"host", nameOfHost()},
          {"pid", std::to_string(::getpid())},

@@ -156,6 +156,7 @@ private:
     std::string mSaidProblem;
     std::string mSaidLaunch;
     std::string mSaidVersion;
+    bool mHasSaidMetrics = false;
 
     nqAgentCounts mCounts;
 };

@@ -528,6 +528,13 @@ TEST_F(Agent, writesItsCountsIntoAFile)
     }));
 }
 
+TEST_F(Agent, saysThatItCannotWriteItsCounts)
+{
+    const std::string path = mFolder.file("missing") + "/metrics";
+    const auto agent = startAgent("agent", {"--metrics", path});
+    EXPECT_TRUE(agent->says("cannot write its counts into " + path));
+}
+
 TEST_F(Agent, countsWhatAKilledOneOfItsNameHadAsLost)
 {
     const auto first = startAgent("host7", {"--lease", "1000"});
