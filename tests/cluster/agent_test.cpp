@@ -575,7 +575,7 @@ TEST_F(Agent, knowsInAnAuditAllThatItHolds)
 {
     const std::string metrics = mFolder.file("metrics");
     const auto agent = startAgent(
-        "agent", {"--workers", "1", "--prefetch", "20000", "--lease", "0.5", "--metrics", metrics});
+        "agent", {"--workers", "1", "--prefetch", "20000", "--lease", "2", "--metrics", metrics});
     const auto pool = makePool();
     pool->submit(waiting("long"));
     for (int i = 0; i < 12'000; ++i)
@@ -583,7 +583,7 @@ TEST_F(Agent, knowsInAnAuditAllThatItHolds)
     ASSERT_TRUE(pumpUntil(*pool, [&] {
         return mRedis->ask({"XPENDING", jobsKey, "agents"}).substr(0, 5) == "12001";
     }));
-    const auto audits = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    const auto audits = std::chrono::steady_clock::now() + std::chrono::seconds(5);
     pumpUntil(*pool, [&] { return std::chrono::steady_clock::now() > audits; });
     end("long");
     EXPECT_TRUE(pool->drain());

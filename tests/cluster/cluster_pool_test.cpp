@@ -63,7 +63,7 @@ TEST_F(ClusterPool, carriesEmptyAndBinaryJobsAndResults)
 
 TEST_F(ClusterPool, carriesLargeJobsAndResults)
 {
-    const auto agent = startAgent("agent");
+    const auto agent = startAgent("agent", {"--lease", "30"}); // a busy machine takes its time
     const auto pool = makePool();
     const std::string text = "echo " + std::string(20U << 20, 'a');
     pool->submit(text);
@@ -85,7 +85,7 @@ TEST_F(ClusterPool, refusesAJobThatNoQueueCarriesAndSaysWhatToDo)
 
 TEST_F(ClusterPool, failsAJobWhoseResultNoQueueCarries)
 {
-    const auto agent = startAgent("agent");
+    const auto agent = startAgent("agent", {"--lease", "30"}); // a busy machine takes its time
     const auto pool = makePool();
     pool->submit("large " + std::to_string((64U << 20) + 1));
     const nqOutcome outcome = nextOf(*pool);
