@@ -360,22 +360,28 @@ void nqClusterPoolPrivate::sendBatch()
     }
     if (batch.ids.empty())
         return;
-    nqRedisCommand command =
-        mCommands.script(nqScript::Submit, {mKeys.jobs, mClientKey, mKeys.runs});
-    command.add(mSession).add(mNumber).add(mNumber + batch.ids.size()).add(mClient);
+    nqRedisCommand accept =
+        nqRedisLink::scriptInFull(nqScript::Accept, {mKeys.jobs, mClientKey, mKeys.runs});
+    accept.add(mSession).add(mNumber).add(mNumber + batch.ids.size());
+    accept.add(std::uint64_t{batch.ids.size()});
+    std::vector<nqRedisCommand> commands;
+    commands.reserve(batch.ids.size() + 1);
     for (const nqJobId id : batch.ids) {
         Job& job = mJobs.at(id);
         job.phase = Job::Phase::Sent;
         job.number = ++mNumber;
         const bool hasOwn = job.details != nullptr && job.details->options.timeout;
         const Milliseconds limit = hasOwn ? *job.details->options.timeout : mOptions.jobTimeout;
-        command.add(id).add(std::uint64_t{job.attempt});
-        command.add(static_cast<std::uint64_t>(limit.count()));
-        command.add(job.bytes);
+        nqRedisCommand command{
+            "XADD", mKeys.jobs, "NOMKSTREAM", "*", "v", "1", "client", mClient, "id"};
+        command.add(id).add("attempt").add(std::uint64_t{job.attempt});
+        command.add("timeout").add(static_cast<std::uint64_t>(limit.count()));
+        commands.push_back(std::move(command.add("job").add(job.bytes)));
     }
+    commands.push_back(std::move(accept));
     mInFlightBytes += batch.bytes;
     mInFlight.push_back(std::move(batch));
-    mCommands.send(std::move(command), [this](const nqRedisReply& reply) {
+    mCommands.sendTogether(std::move(commands), [this](const nqRedisReply& reply) {
         const Batch answered = std::move(mInFlight.front());
         mInFlight.pop_front();
         mInFlightBytes -= answered.bytes;
@@ -385,9 +391,10 @@ void nqClusterPoolPrivate::sendBatch()
 
 void nqClusterPoolPrivate::onAccepted(const Batch& batch, const nqRedisReply& reply)
 {
-    if (reply.isError()) {
+    const nqRedisReply verdict = reply.isError() ? reply : reply[batch.ids.size()];
+    if (verdict.isError()) {
         mReturned.insert(mReturned.end(), batch.ids.begin(), batch.ids.end());
-        onRefusal(reply);
+        onRefusal(verdict);
         if (mIsOpen && mInFlight.empty())
             settle(mAccepted);
         return;

@@ -3,8 +3,8 @@
 #include <array>
 
 // All keys of a queue share its hash tag, so that scripts may make their names from the prefix.
-// Those that only move or end what is there already run without memory too: otherwise a full server
-// could never become emptier.
+// They run without memory too, since they only move or end what is there already: otherwise a full
+// server could never become emptier. What is new comes before them, in the same transaction.
 
 namespace nq {
 
@@ -63,25 +63,31 @@ local had = redis.call('HMGET', KEYS[2], 'last', 'open')
 return {had[1] or '0', run, had[2] or '0', redis.call('XLEN', KEYS[3])}
 )";
 
-// All of these jobs are accepted, or none. They have to follow those accepted before.
-constexpr std::string_view submit = R"(
--- KEYS: jobs, client, runs. ARGV: session, number of the last one before, of the last one of these,
---   client, then of each job: id, attempt, time-out, bytes
+// The jobs that were added before this, in the same transaction, are accepted, or taken out again.
+// They have to follow those accepted before. They are no arguments: Lua would copy each several
+// times.
+constexpr std::string_view accept = R"(
+-- KEYS: jobs, client, runs. ARGV: session, number of the last job before, of the last one of these,
+--   how many there are
 local had = redis.call('HMGET', KEYS[2], 'session', 'last', 'stream')
-if not had[1] then return redis.error_reply('NQGONE the client is not known') end
-if redis.call('EXISTS', KEYS[1]) == 0 or isAnotherStream(had[3], KEYS[3]) then
-    return redis.error_reply('NQGONE the jobs were deleted')
+local refusal
+if not had[1] then
+    refusal = 'NQGONE the client is not known'
+elseif redis.call('EXISTS', KEYS[1]) == 0 or isAnotherStream(had[3], KEYS[3]) then
+    refusal = 'NQGONE the jobs were deleted'
+elseif had[1] ~= ARGV[1] then
+    refusal = 'NQTAKEN the client has another session'
+elseif (had[2] or '0') ~= ARGV[2] then
+    refusal = 'NQGAP jobs before are missing'
 end
-if had[1] ~= ARGV[1] then return redis.error_reply('NQTAKEN the client has another session') end
-if (had[2] or '0') ~= ARGV[2] then return redis.error_reply('NQGAP jobs before are missing') end
-local entries = {}
-for i = 5, #ARGV, 4 do
-    entries[#entries + 1] = redis.call('XADD', KEYS[1], '*', 'v', '1', 'client', ARGV[4],
-        'id', ARGV[i], 'attempt', ARGV[i + 1], 'timeout', ARGV[i + 2], 'job', ARGV[i + 3])
+if refusal then
+    for _, each in ipairs(redis.call('XREVRANGE', KEYS[1], '+', '-', 'COUNT', ARGV[4])) do
+        redis.call('XDEL', KEYS[1], each[1])
+    end
+    return redis.error_reply(refusal)
 end
 redis.call('HSET', KEYS[2], 'last', ARGV[3])
-redis.call('HINCRBY', KEYS[2], 'open', #entries)
-return entries
+return redis.call('HINCRBY', KEYS[2], 'open', ARGV[4])
 )";
 
 constexpr std::string_view watch = R"(
@@ -187,42 +193,73 @@ end
 return {count, some}
 )";
 
-// Jobs have ended: each leaves the queue and its outcome arrives, unless somebody was faster.
+// Jobs have ended: each leaves the queue and its outcome arrives, unless somebody was faster. An
+// entry is in the queue for as long as it is its agent's. Outcomes that were added before this, in
+// the same transaction, stay or are taken out again.
 constexpr std::string_view finish = R"(
--- KEYS: jobs, agents. ARGV: prefix, agent, then of each job: entry, client, '1' to add the job's own
---   bytes, how many arguments follow, fields and values of the outcome
-if redis.call('HEXISTS', KEYS[2], ARGV[2]) == 0 then
-    return redis.error_reply('NQLOST the agent was taken for lost')
-end
-local counts, taken, i = {}, {}, 3
-while i <= #ARGV do
-    local entry, client, size = ARGV[i], ARGV[i + 1], tonumber(ARGV[i + 3])
-    local job = ARGV[i + 2] == '1' and redis.call('XRANGE', KEYS[1], entry, entry)[1]
-    local mine = redis.call('XACK', KEYS[1], 'agents', entry) == 1
-    if mine and redis.call('XDEL', KEYS[1], entry) == 1 then
-        local out = ARGV[1] .. 'out:' .. client
-        if job then
-            local fields = {unpack(ARGV, i + 4, i + 3 + size)}
-            fields[#fields + 1] = 'bytes'
-            fields[#fields + 1] = field(job[2], 'job')
-            redis.call('XADD', out, '*', unpack(fields))
-        else
-            redis.call('XADD', out, '*', unpack(ARGV, i + 4, i + 3 + size))
-        end
-        counts[client] = (counts[client] or 0) + 1
-        taken[#taken + 1] = 1
+-- KEYS: jobs, agents. ARGV: prefix, agent, how many jobs, their entries, then of each: client, where
+--   its outcome is ('added': there; 'given': here; 'failed': here, but for the job's own bytes), how
+--   many arguments follow, fields and values of the outcome
+local count = tonumber(ARGV[3])
+local known = redis.call('HEXISTS', KEYS[2], ARGV[2]) == 1
+local function entry(job) return ARGV[3 + job] end
+local function outcomes(client) return ARGV[1] .. 'out:' .. client end
+
+local added, rest, i = {}, {}, 4 + count
+for job = 1, count do
+    local client, where, size = ARGV[i], ARGV[i + 1], tonumber(ARGV[i + 2])
+    if where == 'added' then
+        added[client] = added[client] or {}
+        table.insert(added[client], job)
     else
-        taken[#taken + 1] = 0
+        local has = where == 'failed' and redis.call('XRANGE', KEYS[1], entry(job), entry(job))[1]
+        rest[#rest + 1] = {job, client, {unpack(ARGV, i + 3, i + 2 + size)}, has and field(has[2], 'job')}
     end
-    i = i + 4 + size
+    i = i + 3 + size
 end
-for client, count in pairs(counts) do
-    local known = ARGV[1] .. 'client:' .. client
-    local expiry = redis.call('HGET', known, 'expiry')
-    if expiry then redis.call('HINCRBY', known, 'open', -count) end
-    redis.call('PEXPIRE', ARGV[1] .. 'out:' .. client, expiry or 86400000)
+
+local taken, all = {}, known
+if known then
+    all = redis.call('XACK', KEYS[1], 'agents', unpack(ARGV, 4, 3 + count)) == count
+    if all then
+        redis.call('XDEL', KEYS[1], unpack(ARGV, 4, 3 + count))
+    else
+        for job = 1, count do taken[job] = redis.call('XDEL', KEYS[1], entry(job)) end
+    end
 end
-return taken
+
+local counts = {}
+for client, jobs in pairs(added) do
+    counts[client] = #jobs
+    if not all then
+        local latest = redis.call('XREVRANGE', outcomes(client), '+', '-', 'COUNT', #jobs)
+        for at, job in ipairs(jobs) do
+            if taken[job] ~= 1 then
+                redis.call('XDEL', outcomes(client), latest[#jobs + 1 - at][1])
+                counts[client] = counts[client] - 1
+            end
+        end
+    end
+end
+for _, each in ipairs(rest) do
+    local job, client, fields, bytes = unpack(each, 1, 4)
+    if all or taken[job] == 1 then
+        if bytes then
+            fields[#fields + 1] = 'bytes'
+            fields[#fields + 1] = bytes
+        end
+        redis.call('XADD', outcomes(client), '*', unpack(fields))
+        counts[client] = (counts[client] or 0) + 1
+    end
+end
+for client, ended in pairs(counts) do
+    local about = ARGV[1] .. 'client:' .. client
+    local expiry = redis.call('HGET', about, 'expiry')
+    if expiry and ended > 0 then redis.call('HINCRBY', about, 'open', -ended) end
+    redis.call('PEXPIRE', outcomes(client), expiry or 86400000)
+end
+if not known then return redis.error_reply('NQLOST the agent was taken for lost') end
+return all and {} or taken
 )";
 
 // Jobs that an agent holds wait again, behind the others; as if it had never had them.
@@ -334,13 +371,12 @@ return count
 struct Script {
     std::string_view body;
     std::array<std::string_view, 2> functions; // that it calls
-    bool takesMemory = false;                  // and so is refused while there is none
 };
 
 // In the order of nqScript.
 constexpr std::array<Script, nqScriptCount> scripts{{
     {open, {makeGroupFunction, isAnotherStreamFunction}},
-    {submit, {isAnotherStreamFunction}, true},
+    {accept, {isAnotherStreamFunction}},
     {watch, {isAnotherStreamFunction}},
     {withdraw, {}},
     {taken, {}},
@@ -359,7 +395,7 @@ constexpr std::array<Script, nqScriptCount> scripts{{
 std::string textOf(nqScript script)
 {
     const Script& chosen = scripts[static_cast<std::size_t>(script)];
-    std::string text = chosen.takesMemory ? "#!lua\n" : "#!lua flags=allow-oom\n";
+    std::string text = "#!lua flags=allow-oom\n";
     text += fieldFunction;
     for (const std::string_view function : chosen.functions)
         text += function;

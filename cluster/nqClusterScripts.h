@@ -10,7 +10,7 @@ namespace nq {
 enum class nqScript : std::size_t {
     // of submitters
     Open,
-    Submit,
+    Accept,
     Watch,
     Withdraw,
     Taken,

@@ -48,6 +48,14 @@ std::string_view valueOf(std::string_view information, std::string_view name)
     return {};
 }
 
+nqRedisCommand withKeys(nqRedisCommand&& command, std::initializer_list<std::string_view> keys)
+{
+    command.add(std::uint64_t{keys.size()});
+    for (const std::string_view key : keys)
+        command.add(key);
+    return std::move(command);
+}
+
 } // namespace
 
 nqRedisLink::nqRedisLink(const Settings& settings, nqClusterWait& wait, nqRedisLinkOwner& owner)
@@ -217,6 +225,9 @@ void nqRedisLink::greet()
     if (address.database != 0)
         greetWith(std::move(nqRedisCommand{"SELECT"}.add(std::uint64_t{address.database})), {});
     greetWith({"INFO"}, [this](const nqRedisReply& reply) { onInformation(reply); });
+    // Whoever may not have transactions hears so now: their commands would be carried out alone.
+    greetWith({"MULTI"}, {});
+    greetWith({"EXEC"}, {});
     for (std::size_t i = 0; i < nqScriptCount; ++i) {
         greetWith(
             {"SCRIPT", "LOAD", textOf(static_cast<nqScript>(i))},
@@ -292,14 +303,37 @@ void nqRedisLink::enqueue(nqRedisCommand&& command, OnReply onReply)
     mAwaited.push_back(std::move(onReply));
 }
 
+// Each of the commands has an answer of its own, that it is queued or why not. One that is not is
+// the end of all.
+void nqRedisLink::sendTogether(std::vector<nqRedisCommand>&& commands, OnReply onReply)
+{
+    send({"MULTI"}, {});
+    for (nqRedisCommand& command : commands) {
+        send(std::move(command), [this](const nqRedisReply& reply) {
+            if (reply.isError() && mRefusal.empty())
+                mRefusal = reply.text();
+        });
+    }
+    send({"EXEC"}, [this, onReply = std::move(onReply)](const nqRedisReply& reply) {
+        std::string refusal = std::exchange(mRefusal, {});
+        redisReply why{};
+        why.type = REDIS_REPLY_ERROR;
+        why.str = refusal.data();
+        why.len = refusal.size();
+        onReply(refusal.empty() ? reply : nqRedisReply(&why));
+    });
+}
+
 nqRedisCommand
 nqRedisLink::script(nqScript script, std::initializer_list<std::string_view> keys) const
 {
-    nqRedisCommand command{"EVALSHA", mScriptNames[static_cast<std::size_t>(script)]};
-    command.add(std::uint64_t{keys.size()});
-    for (const std::string_view key : keys)
-        command.add(key);
-    return command;
+    return withKeys({"EVALSHA", mScriptNames[static_cast<std::size_t>(script)]}, keys);
+}
+
+nqRedisCommand
+nqRedisLink::scriptInFull(nqScript script, std::initializer_list<std::string_view> keys)
+{
+    return withKeys({"EVAL", textOf(script)}, keys);
 }
 
 void nqRedisLink::flush()
@@ -453,6 +487,7 @@ void nqRedisLink::close()
     mSocket.close();
     mReader.reset();
     mAwaited.clear();
+    mRefusal.clear();
     mPieces.clear();
     mSentOfFirst = 0;
     mUnsent = 0;

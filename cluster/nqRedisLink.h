@@ -72,8 +72,16 @@ public:
     /// Puts a command behind the others. Only when ready; flush() sends it.
     void send(nqRedisCommand&& command, OnReply onReply);
 
+    /// Puts commands behind the others that Redis carries out in one step, or refuses together.
+    /// The reply is an array of theirs, or an error.
+    void sendTogether(std::vector<nqRedisCommand>&& commands, OnReply onReply);
+
     /// Begins a command that runs a script; its keys and arguments follow.
     nqRedisCommand script(nqScript script, std::initializer_list<std::string_view> keys) const;
+
+    /// The same where other commands count on it: with its text, which Redis cannot have lost.
+    static nqRedisCommand
+    scriptInFull(nqScript script, std::initializer_list<std::string_view> keys);
 
     /// Hands as much to the kernel as it takes.
     void flush();
@@ -158,6 +166,7 @@ private:
     bool mIsWatchedToWrite = false;
     std::shared_ptr<redisReader> mReader;
     std::deque<OnReply> mAwaited;
+    std::string mRefusal; ///< of the first refused command of those that go together
     std::deque<nqRedisCommand::Piece> mPieces;
     std::size_t mSentOfFirst = 0; ///< bytes of the first piece
     std::size_t mUnsent = 0;

@@ -94,7 +94,8 @@ private:
     bool isSendingDue(TimePoint now) const;
     bool canSendFinished() const;
     void sendFinished();
-    void onFinished(std::vector<Finished>&& batch, const nqRedisReply& reply);
+    std::vector<nqRedisCommand> commandsToFinish(const std::vector<Finished>& batch) const;
+    void onFinished(std::vector<Finished>&& batch, const nqRedisReply& reply, bool wasAlone);
     void handBackDue(TimePoint now);
     void sendHandedBack();
     void launchAgain(TimePoint now);
@@ -139,7 +140,8 @@ private:
     TimePoint mFinishedSince; ///< the first of them
     std::deque<std::vector<Finished>> mInFlight;
     std::size_t mInFlightBytes = 0;
-    TimePoint mNextTry; ///< to send outcomes, after a refusal
+    TimePoint mNextTry;                ///< to send outcomes, after a refusal
+    bool mIsFinishingByScript = false; ///< once: Redis took nothing else
     std::vector<std::string> mToHandBack;
     std::deque<std::pair<TimePoint, std::string>> mToHandBackLater; ///< what this agent cannot run
     std::size_t mHandingBack = 0;                                   ///< without an answer
