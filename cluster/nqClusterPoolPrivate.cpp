@@ -36,10 +36,10 @@ constexpr std::size_t bytesOfOneBatch = std::size_t{512} << 10;
 constexpr std::size_t batchesInFlight = 16;
 constexpr std::size_t bytesInFlight = std::size_t{8} << 20;
 
-constexpr std::uint64_t fewestOutcomesRead = 1;
-constexpr std::uint64_t mostOutcomesRead = 512;
+constexpr std::size_t mostOutcomesRead = 512;
 constexpr std::size_t outcomeBytesAtOnce = std::size_t{4} << 20; // aimed at, by what came before
 constexpr std::size_t uncollectedBytes = std::size_t{64} << 20;  // beyond it, they stay in Redis
+constexpr std::uint64_t lookForRoom = 50;                        // ms
 constexpr std::size_t deletedAtOnce = 1000;
 
 State stateFor(Reason reason)
@@ -557,6 +557,7 @@ void nqClusterPoolPrivate::onDown(nqRedisLink& link)
     if (&link == &mReader) {
         mIsReading = false;
         mLastOutcome = "0";
+        mWaitingAfter.clear();
         return;
     }
     mIsOpen = false;
@@ -648,9 +649,16 @@ void nqClusterPoolPrivate::readOutcomes()
     if (mDelivery.uncollectedBytes() > uncollectedBytes && mJobs.empty() && !mIsDraining)
         return; // the host fetches first what the program before has left
     mIsReading = true;
-    const auto block = static_cast<std::uint64_t>(mCluster.stallTimeout.count() / 2);
+    auto block = static_cast<std::uint64_t>(mCluster.stallTimeout.count() / 2);
+    if (!mWaitingAfter.empty()) {
+        block = std::min(block, lookForRoom);
+        if (mDelivery.uncollectedBytes() <= uncollectedBytes || mIsDraining)
+            mLastOutcome = std::exchange(mWaitingAfter, {});
+    }
     nqRedisCommand command{"XREAD", "COUNT"};
-    command.add(mReadCount).add("BLOCK").add(std::max<std::uint64_t>(block, 1));
+    command.add(std::uint64_t{
+        std::clamp<std::size_t>(outcomeBytesAtOnce / mLikelySize, 1, mostOutcomesRead)});
+    command.add("BLOCK").add(std::max<std::uint64_t>(block, 1));
     command.add("STREAMS").add(mOutcomesKey).add(mLastOutcome);
     mReader.send(std::move(command), [this](const nqRedisReply& reply) {
         mIsReading = false;
@@ -661,24 +669,32 @@ void nqClusterPoolPrivate::readOutcomes()
     });
 }
 
-// How many come with the next read goes by how large these were.
+// How many come with the next read goes by how large these were: few when they were large a moment
+// ago, more with each read that brings small ones.
 void nqClusterPoolPrivate::onOutcomes(const nqRedisReply& reply)
 {
     const nqRedisReply entries = reply[0][1];
-    std::size_t bytes = 0;
+    std::size_t largest = 0;
     for (std::size_t i = 0; i < entries.size(); ++i) {
         nqOutcomeMessage message = nqOutcomeMessage::of(entries[i]);
-        mLastOutcome = message.entry;
-        bytes += message.outcome.bytes.size();
-        onOutcome(std::move(message));
+        largest = std::max(largest, message.outcome.bytes.size());
+        const std::string before = std::exchange(mLastOutcome, message.entry);
+        if (mustWait(message))
+            mWaitingAfter = mWaitingAfter.empty() ? before : mWaitingAfter;
+        else
+            onOutcome(std::move(message));
     }
-    if (entries.size() != 0) {
-        const std::uint64_t fitting =
-            outcomeBytesAtOnce / std::max<std::size_t>(bytes / entries.size(), 1);
-        mReadCount =
-            std::clamp(std::min(fitting, mReadCount * 2), fewestOutcomesRead, mostOutcomesRead);
-    }
+    if (entries.size() != 0)
+        mLikelySize = std::max<std::size_t>({largest, mLikelySize / 2, 1});
     readOutcomes();
+}
+
+/// Outcomes that the program before has left stay in Redis while there are many here that the host
+/// has not fetched. In drain(), nobody could.
+bool nqClusterPoolPrivate::mustWait(const nqOutcomeMessage& message) const
+{
+    return message.isReadable && message.outcome.id <= mBaseId && !mIsDraining &&
+           mDelivery.uncollectedBytes() > uncollectedBytes && mHeld.count(message.entry) == 0;
 }
 
 void nqClusterPoolPrivate::onOutcome(nqOutcomeMessage&& message)

@@ -126,6 +126,7 @@ private:
     // Outcomes.
     void readOutcomes();
     void onOutcomes(const nqRedisReply& reply);
+    bool mustWait(const nqOutcomeMessage& message) const;
     void onOutcome(nqOutcomeMessage&& message);
     bool readNewer(nqOutcomeMessage& message);
     void onLeftOutcome(nqOutcomeMessage&& message);
@@ -180,7 +181,8 @@ private:
     std::multimap<TimePoint, nqJobId> mDeadlines;
 
     std::string mLastOutcome = "0";
-    std::uint64_t mReadCount = 16;
+    std::string mWaitingAfter; ///< the entry before the first that waits in Redis; empty: none
+    std::size_t mLikelySize = std::size_t{256} << 10; ///< bytes of an outcome; at first with care
     std::unordered_set<std::string> mHeld; ///< entries that were read and are not deleted yet
     std::vector<std::string> mToDelete;
     std::deque<std::vector<std::string>> mDeleting; ///< without an answer

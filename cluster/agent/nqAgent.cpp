@@ -28,7 +28,8 @@ constexpr std::size_t bytesOfOneBatch = std::size_t{512} << 10;
 constexpr std::size_t bytesInFlight = std::size_t{8} << 20;
 constexpr std::size_t batchesInFlight = 16;
 constexpr std::size_t mostPrefetched = 1000;
-constexpr std::size_t auditedAtOnce = 200'000; // more than an agent ever holds
+constexpr std::size_t bytesPrefetched = std::size_t{16} << 20; // and of one read
+constexpr std::size_t auditedAtOnce = 200'000;                 // more than an agent ever holds
 
 constexpr std::chrono::milliseconds pauseAfterRefusal{250};
 constexpr std::chrono::milliseconds longestGathering{1};
@@ -199,9 +200,21 @@ void nqAgent::runPool()
     mPool.pump(Milliseconds(0));
 }
 
+/// Redis can be asked for a number of jobs only, so that is what the bound in bytes comes to.
+std::size_t nqAgent::fitting() const
+{
+    return bytesPrefetched / mLikelySize;
+}
+
+/// Few when they were large a moment ago, more with each read that brings small ones.
+void nqAgent::noteSizes(std::size_t largest)
+{
+    mLikelySize = std::max<std::size_t>({largest, mLikelySize / 2, 1});
+}
+
 std::size_t nqAgent::room() const
 {
-    const std::size_t most = mOptions.pool.workers + mPrefetch;
+    const std::size_t most = mOptions.pool.workers + std::min(mPrefetch, fitting());
     return most > mHeld.size() ? most - mHeld.size() : 0;
 }
 
@@ -212,12 +225,12 @@ void nqAgent::read()
     if (std::exchange(mIsAuditDue, false))
         audit();
     // Not one at a time, where many end in a moment; but no worker waits for a second one's end.
-    const std::size_t enough = std::max<std::size_t>(mPrefetch / 4, 1);
+    const std::size_t enough = std::max<std::size_t>(std::min(mPrefetch, fitting()) / 4, 1);
     if (mIsFull || mIsWithoutWorkers || room() < enough)
         return;
     mIsReading = true;
     nqRedisCommand command{"XREADGROUP", "GROUP", "agents", mName, "COUNT"};
-    command.add(std::uint64_t{room()}).add("BLOCK");
+    command.add(std::uint64_t{std::min(room(), std::max<std::size_t>(fitting(), 1))}).add("BLOCK");
     command.add(static_cast<std::uint64_t>(mRedis.stallTimeout.count() / 2));
     command.add("STREAMS").add(mKeys.jobs).add(">");
     mReader.send(std::move(command), [this, name = mName](const nqRedisReply& reply) {
@@ -248,8 +261,14 @@ void nqAgent::restoreQueue()
 void nqAgent::onJobs(const nqRedisReply& reply)
 {
     const nqRedisReply entries = reply[0][1];
-    for (std::size_t i = 0; i < entries.size(); ++i)
-        takeJob(nqJobMessage::of(entries[i]));
+    std::size_t largest = 0;
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        nqJobMessage job = nqJobMessage::of(entries[i]);
+        largest = std::max(largest, job.bytes.size());
+        takeJob(std::move(job));
+    }
+    if (entries.size() != 0)
+        noteSizes(largest);
 }
 
 void nqAgent::takeJob(nqJobMessage&& job)
@@ -322,6 +341,7 @@ void nqAgent::finish(const std::string& entry, nqOutcome&& outcome)
                           " MB that a queue carries";
     }
     ++(outcome.state == State::Done ? mCounts.done : mCounts.failed);
+    mLikelySize = std::max(mLikelySize, outcome.bytes.size()); // kept here until Redis has them
     Finished finished{entry, held.client, fieldsOf(outcome, held.id, held.attempt), nullptr};
     if (outcome.state == State::Done)
         finished.result = std::make_shared<std::vector<char>>(std::move(outcome.bytes));

@@ -108,6 +108,8 @@ private:
     void describe(TimePoint now);
     void say(const std::string& text);
     void sayOnChange(std::string& said, const std::string& text);
+    std::size_t fitting() const;
+    void noteSizes(std::size_t largest);
     std::size_t room() const;
     std::string refusalToTake() const;
     TimePoint nextDue(TimePoint now) const;
@@ -153,6 +155,8 @@ private:
     TimePoint mNextLaunch;
     Milliseconds mLaunchPause{1'000};
     std::size_t mPrefetch = 0;
+    std::size_t mLikelySize = std::size_t{4}
+                              << 20; ///< bytes of a job or result; at first with care
     TimePoint mNextLook;
     std::uint64_t mEndedAtLastLook = 0;
     std::string mSaidProblem;

@@ -96,7 +96,7 @@ public:
     int waitDescriptor();                                ///< see nqPool::waitDescriptor()
 
     /// See nqPool::next(). Outcomes that were left for this client come here too, with the ids that
-    /// the program before knows.
+    /// the program before knows. While 64 MiB of them are not fetched, the others wait in Redis.
     std::optional<nqOutcome>
     next(std::chrono::milliseconds timeout = std::chrono::milliseconds(-1));
 

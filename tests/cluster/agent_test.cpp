@@ -442,6 +442,28 @@ TEST_F(Agent, takesNoMoreThanItsWorkersAndWhatItMayHoldBesides)
     EXPECT_TRUE(pool->drain());
 }
 
+TEST_F(Agent, holdsOnlyWhatFitsIntoSixteenMegabytesBesidesWhatRuns)
+{
+    const auto pool = makePool();
+    for (const char* const name : {"one", "two"})
+        pool->submit(waiting(name));
+    for (int i = 0; i < 40; ++i)
+        pool->submit("echo " + std::string(1 << 20, 'a'));
+    ASSERT_TRUE(pumpUntil(*pool, [&] { return mRedis->ask({"XLEN", jobsKey}) == "42"; }));
+    const auto agent = startAgent("host7", {"--prefetch", "1000"});
+    const auto held = [&] { return mRedis->ask({"XPENDING", jobsKey, "agents"}); };
+    const auto sign = [&] { return mRedis->ask({"HGET", "nq:{tests}:agents", "host7"}); };
+    ASSERT_TRUE(pumpUntil(*pool, [&] { return held().substr(0, 3) == "17\n"; })) << held();
+    for (int i = 0; i < 2; ++i) { // it comes round between two signs of life
+        const std::string before = sign();
+        ASSERT_TRUE(pumpUntil(*pool, [&] { return sign() != before; }));
+    }
+    EXPECT_EQ(held().substr(0, 3), "17\n");
+    end("one");
+    end("two");
+    EXPECT_TRUE(pool->drain());
+}
+
 TEST_F(Agent, leavesJobsOfANewerVersionToOthersAndSaysSo)
 {
     const auto pool = makePool();

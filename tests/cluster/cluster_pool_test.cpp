@@ -430,6 +430,31 @@ TEST_F(ClusterPool, waitsWhileRedisHasNoMemoryAndSaysSo)
     EXPECT_EQ(pool->problem(), "");
 }
 
+TEST_F(ClusterPool, leavesOutcomesInRedisWhileTheHostHasManyThatItHasNotFetched)
+{
+    nqClusterOptions cluster;
+    cluster.client = "reports";
+    const std::string outcomes = "nq:{tests}:out:reports";
+    {
+        const auto before = makePool({}, cluster);
+        for (int i = 0; i < 8; ++i)
+            before->submit("large " + std::to_string(16 << 20));
+        ASSERT_TRUE(pumpUntil(*before, [&] { return mRedis->ask({"XLEN", jobsKey}) == "8"; }));
+    }
+    const auto agent = startAgent("agent");
+    const auto pool = makePool({}, cluster);
+    ASSERT_TRUE(pumpUntil(*pool, [&] { return mRedis->ask({"XLEN", outcomes}) == "8"; }));
+    bool isDone = false;
+    pool->submit("echo", [&isDone](const nqOutcome&) { isDone = true; });
+    EXPECT_TRUE(pumpUntil(*pool, [&] { return isDone; }));
+    EXPECT_NE(pool->statistics().takenUp, 0U); // more than 64 MiB are here
+    std::size_t fetched = 0;
+    while (const auto outcome = pool->next())
+        fetched += outcome->bytes.size();
+    EXPECT_EQ(fetched, std::size_t{8} * (16 << 20));
+    EXPECT_EQ(pool->statistics().outcomesDropped, 0U);
+}
+
 TEST_F(ClusterPool, dropsASecondOutcomeAndCountsIt)
 {
     const auto agent = startAgent("agent");
