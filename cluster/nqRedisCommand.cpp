@@ -1,5 +1,7 @@
 #include "cluster/nqRedisCommand.h"
 
+#include <array>
+#include <charconv>
 #include <utility>
 
 namespace nq {
@@ -8,11 +10,15 @@ namespace {
 
 constexpr std::size_t copiedUpTo = 4096; // bytes; less than what a piece of its own costs
 
+constexpr std::size_t usualSize = 512; // of a command's text, so that it need not grow
+
 void addHeader(std::string& text, char kind, std::size_t number)
 {
-    text += kind;
-    text += std::to_string(number);
-    text += "\r\n";
+    std::array<char, 24> header{kind};
+    char* const end = std::to_chars(&header[1], header.end() - 2, number).ptr;
+    end[0] = '\r';
+    end[1] = '\n';
+    text.append(header.data(), end + 2);
 }
 
 } // namespace
@@ -25,8 +31,10 @@ nqRedisCommand::nqRedisCommand(std::initializer_list<std::string_view> words)
 
 std::string& nqRedisCommand::tail()
 {
-    if (mPieces.empty() || mPieces.back().payload != nullptr)
+    if (mPieces.empty() || mPieces.back().payload != nullptr) {
         mPieces.emplace_back();
+        mPieces.back().text.reserve(mPieces.size() == 1 ? usualSize : 0);
+    }
     return mPieces.back().text;
 }
 
@@ -63,7 +71,7 @@ nqRedisCommand& nqRedisCommand::add(const nqSharedBytes& payload)
     return *this;
 }
 
-std::deque<nqRedisCommand::Piece> nqRedisCommand::take()
+std::vector<nqRedisCommand::Piece> nqRedisCommand::take()
 {
     std::string header;
     addHeader(header, '*', std::exchange(mWords, 0));

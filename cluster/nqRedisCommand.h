@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -30,7 +29,7 @@ public:
     nqRedisCommand& add(const nqSharedBytes& payload);
 
     /// The whole, with its header, to be sent one after the other.
-    std::deque<Piece> take();
+    std::vector<Piece> take();
 
     /// How many bytes it has, headers aside.
     std::size_t size() const;
@@ -40,7 +39,7 @@ private:
 
     std::size_t mWords = 0;
     std::size_t mSize = 0;
-    std::deque<Piece> mPieces;
+    std::vector<Piece> mPieces;
 };
 
 } // namespace nq
