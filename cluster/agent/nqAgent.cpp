@@ -195,9 +195,15 @@ void nqAgent::becomeLost()
     }
 }
 
+/// Short jobs that wait for workers end faster than Redis has anything to say: then nothing but the
+/// pool is looked at after each.
 void nqAgent::runPool()
 {
     mPool.pump(Milliseconds(0));
+    const TimePoint end = nqClusterClock::now() + longestGathering;
+    while (mPool.unfinishedCount() > mOptions.pool.workers && !mIsReading &&
+           mCommands.unsentBytes() == 0 && nqClusterClock::now() < end)
+        mPool.pump(longestGathering);
 }
 
 /// Redis can be asked for a number of jobs only, so that is what the bound in bytes comes to.
