@@ -1,16 +1,21 @@
 // What a cluster on one machine reaches, beside the bare commands of Redis with as many
-// connections. Prints one line for each figure. See README.md.
+// connections. Prints one line for each figure, with its ratio to that of the bare commands. See
+// README.md.
 //
 //   usage: cluster_bench [JOBS]
 #include "tests/cluster/redisServer.h"
 
 #include <nqClusterPool.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <hiredis/hiredis.h>
+#include <iomanip>
 #include <iostream>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <sys/wait.h>
@@ -24,6 +29,7 @@ using cluster::RedisServer;
 using Clock = std::chrono::steady_clock;
 
 constexpr int pipelined = 128;
+constexpr int rounds = 5;
 
 double secondsSince(Clock::time_point start)
 {
@@ -33,6 +39,38 @@ double secondsSince(Clock::time_point start)
 void show(const std::string& what, double value, const std::string& unit)
 {
     std::cout << what << ": " << value << ' ' << unit << std::endl;
+}
+
+double medianOf(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+struct Contestant {
+    std::string name;
+    std::function<double()> measure;
+    std::vector<double> figures;
+    std::vector<double> ratios; ///< to the first contestant in the same round
+};
+
+/// In turn, several times over, so that what else the machine does meets all of them. Shows the
+/// medians.
+void compare(const std::string& what, const std::string& unit, std::vector<Contestant> contestants)
+{
+    for (int round = 0; round < rounds; ++round) {
+        for (Contestant& each : contestants) {
+            each.figures.push_back(each.measure());
+            each.ratios.push_back(each.figures.back() / contestants.front().figures.back());
+        }
+    }
+    for (const Contestant& each : contestants) {
+        std::ostringstream ratio;
+        if (&each != &contestants.front())
+            ratio << ", " << std::setprecision(2) << medianOf(each.ratios) << " of "
+                  << contestants.front().name;
+        show(what + ", " + each.name, medianOf(each.figures), unit + ratio.str());
+    }
 }
 
 /// One blocking connection, with commands sent in batches.
@@ -177,10 +215,10 @@ std::unique_ptr<Program> startAgent(const RedisServer& server, const std::string
     return agent;
 }
 
-double clusterJobsPerSecond(int jobs, std::size_t size, int agents)
+double clusterJobsPerSecond(const RedisServer& server, int jobs, std::size_t size, int agents)
 {
-    const RedisServer server;
     std::vector<std::unique_ptr<Program>> programs;
+    programs.reserve(static_cast<std::size_t>(agents));
     for (int i = 0; i < agents; ++i)
         programs.push_back(startAgent(server, "agent" + std::to_string(i)));
     nq::nqClusterPool pool(server.url(), "bench");
@@ -194,6 +232,33 @@ double clusterJobsPerSecond(int jobs, std::size_t size, int agents)
     if (!pool.drain())
         throw std::runtime_error("a job was not done");
     return jobs / secondsSince(start);
+}
+
+double clusterJobsPerSecond(int jobs, std::size_t size, int agents)
+{
+    const RedisServer server;
+    return clusterJobsPerSecond(server, jobs, size, agents);
+}
+
+/// Of a server, by its own account.
+double processorSeconds(const RedisServer& server)
+{
+    const std::string answer = server.ask({"INFO", "cpu"});
+    double seconds = 0;
+    for (const std::string name : {"used_cpu_user:", "used_cpu_sys:"})
+        seconds += std::stod(answer.substr(answer.find(name) + name.size()));
+    return seconds;
+}
+
+void showProcessorTime(int jobs, std::size_t size)
+{
+    const RedisServer server;
+    const double before = processorSeconds(server);
+    clusterJobsPerSecond(server, jobs, size, 2);
+    show(
+        std::to_string(size) + " B, 2 agents, Redis's processor time",
+        (processorSeconds(server) - before) / jobs * 1e6,
+        "us a job");
 }
 
 /// What the workers of one machine reach without a queue before them.
@@ -243,13 +308,13 @@ void showGrowth(int queued)
     show(name + "run", secondsSince(running) / measured * 1e6, "us a job");
 }
 
-void showLatency(int times)
+double bareMicroseconds(int times)
 {
     const RedisServer server;
     Bare one(server);
     Bare two(server);
     one.ask({"XGROUP", "CREATE", "jobs", "g", "0", "MKSTREAM"});
-    auto start = Clock::now();
+    const auto start = Clock::now();
     std::string last = "0";
     for (int i = 0; i < times; ++i) {
         one.ask({"XADD", "jobs", "*", "b", "a"});
@@ -264,17 +329,22 @@ void showLatency(int times)
         const auto out = one.ask({"XREAD", "STREAMS", "out", last});
         last.assign(entryOf(*out, 0).element[0]->str, entryOf(*out, 0).element[0]->len);
     }
-    show("one job at a time, bare round trips", secondsSince(start) / times * 1e6, "us");
+    return secondsSince(start) / times * 1e6;
+}
+
+double clusterMicroseconds(int times)
+{
+    const RedisServer server;
     const auto agent = startAgent(server, "agent");
     nq::nqClusterPool pool(server.url(), "bench");
     pool.submit("echo");
     pool.next();
-    start = Clock::now();
+    const auto start = Clock::now();
     for (int i = 0; i < times; ++i) {
         pool.submit("echo");
         pool.next();
     }
-    show("one job at a time, cluster", secondsSince(start) / times * 1e6, "us");
+    return secondsSince(start) / times * 1e6;
 }
 
 } // namespace
@@ -282,18 +352,35 @@ void showLatency(int times)
 int main(int argc, char* argv[])
 try {
     const int jobs = argc > 1 ? std::atoi(argv[1]) : 50'000;
-    show("64 B, bare commands", bareJobsPerSecond(jobs, 64), "jobs/s");
-    show("64 B, nqPool with one worker", poolJobsPerSecond(jobs, 64), "jobs/s");
-    for (const int agents : {1, 2, 4})
-        show(
-            "64 B, cluster, agents with one worker: " + std::to_string(agents),
-            clusterJobsPerSecond(jobs, 64, agents),
-            "jobs/s");
+    compare(
+        "64 B",
+        "jobs/s",
+        {{"bare commands", [=] { return bareJobsPerSecond(jobs, 64); }, {}, {}},
+         {"nqPool with one worker", [=] { return poolJobsPerSecond(jobs, 64); }, {}, {}},
+         {"cluster, 1 agent with one worker",
+          [=] { return clusterJobsPerSecond(jobs, 64, 1); },
+          {},
+          {}},
+         {"cluster, 2 agents", [=] { return clusterJobsPerSecond(jobs, 64, 2); }, {}, {}},
+         {"cluster, 4 agents", [=] { return clusterJobsPerSecond(jobs, 64, 4); }, {}, {}}});
     const int large = std::max(jobs / 100, 10);
-    show("1 MiB, bare commands", bareJobsPerSecond(large, 1U << 20), "jobs/s");
-    show("1 MiB, nqPool with one worker", poolJobsPerSecond(large, 1U << 20), "jobs/s");
-    show("1 MiB, cluster, one agent", clusterJobsPerSecond(large, 1U << 20, 1), "jobs/s");
-    showLatency(std::max(jobs / 50, 10));
+    compare(
+        "1 MiB",
+        "jobs/s",
+        {{"bare commands", [=] { return bareJobsPerSecond(large, 1U << 20); }, {}, {}},
+         {"nqPool with one worker", [=] { return poolJobsPerSecond(large, 1U << 20); }, {}, {}},
+         {"cluster, 1 agent with one worker",
+          [=] { return clusterJobsPerSecond(large, 1U << 20, 1); },
+          {},
+          {}}});
+    const int times = std::max(jobs / 50, 10);
+    compare(
+        "one job at a time",
+        "us",
+        {{"bare round trips", [=] { return bareMicroseconds(times); }, {}, {}},
+         {"cluster", [=] { return clusterMicroseconds(times); }, {}, {}}});
+    showProcessorTime(jobs, 64);
+    showProcessorTime(large, 1U << 20);
     for (int queued = 1'000; queued <= 20 * jobs; queued *= 10)
         showGrowth(queued);
     return 0;

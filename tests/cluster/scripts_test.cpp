@@ -38,7 +38,7 @@ protected:
     /// A job that the agent has.
     std::string givenJob() const
     {
-        const std::string entry = addJob();
+        std::string entry = addJob();
         ask({"XREADGROUP", "GROUP", "agents", "host7", "STREAMS", mKeys.jobs, ">"});
         return entry;
     }
