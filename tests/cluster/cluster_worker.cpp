@@ -1,6 +1,7 @@
 // The worker of these tests: a job says what it does.
 //
 //   echo TEXT     gives TEXT back
+//   note FILE     adds a line to FILE
 //   wait FILE     says so by making FILE.started, and waits until FILE is there
 //   pause MS      takes that long
 //   variable NAME gives that of its environment
@@ -37,6 +38,10 @@ std::string work(std::string_view job)
     if (name == "wait") {
         waitFor(argument);
         return "waited";
+    }
+    if (name == "note") {
+        std::ofstream(argument, std::ios::app) << "run\n";
+        return "noted";
     }
     if (name == "pause") {
         ::poll(nullptr, 0, std::stoi(argument));

@@ -152,6 +152,48 @@ TEST(Options, takeAWorkerInsteadOfACommand)
     EXPECT_TRUE(options.command.empty());
 }
 
+TEST(Options, takeAQueueInsteadOfACommand)
+{
+    const Options options = parsed(
+        {"--redis", "unix:r", "--queue", "q", "--password-file", "p", "-j", "9000", ":::", "a"});
+    EXPECT_TRUE(options.hasCluster());
+    EXPECT_EQ(options.cluster.queue, "q");
+    EXPECT_EQ(options.cluster.passwordFile, "p");
+    EXPECT_EQ(options.jobs, 9000U);
+    EXPECT_FALSE(parsed({"echo"}).hasCluster());
+}
+
+TEST(Options, sayWhoDecidesWhatBesideAQueue)
+{
+    const auto refusal = [](std::vector<const char*> more) {
+        more.insert(more.begin(), {"--redis", "unix:r", "--queue", "q"});
+        return refusalOf(more);
+    };
+    EXPECT_NE(refusal({"echo"}).find("no command: what runs is the worker"), std::string::npos);
+    EXPECT_NE(refusal({"--worker", "w"}).find("do not go together"), std::string::npos);
+    EXPECT_NE(refusal({"--memory", "1G"}).find("--memory-cap"), std::string::npos);
+    EXPECT_NE(refusal({"--metrics", "m"}).find("their own --metrics"), std::string::npos);
+    for (const char* const option : {"--trace", "--timeline", "--status"})
+        EXPECT_NE(refusal({option, "f"}).find("nq-agent status"), std::string::npos) << option;
+    EXPECT_NE(refusal({"--shell"}), "taken");
+    EXPECT_NE(refusal({"--dry-run"}), "taken");
+    EXPECT_EQ(refusal({"--pipe", "--block", "65M"}), "--block takes 64M at most with --redis");
+    EXPECT_EQ(refusal({"--pipe", "--block", "64M"}), "taken");
+}
+
+TEST(Options, askForAllOfAQueue)
+{
+    EXPECT_EQ(refusalOf({"--redis", "unix:r"}), "--redis needs the --queue that the agents serve");
+    EXPECT_EQ(refusalOf({"--queue", "q", "echo"}), "--queue names a queue of a --redis");
+    EXPECT_EQ(refusalOf({"--password-file", "f", "echo"}), "--password-file is that of a --redis");
+}
+
+TEST(Options, allowMoreInAQueueThanCommandsAtATime)
+{
+    EXPECT_EQ(refusalOf({"-j", "4097", "echo"}), "--jobs takes 4096 at most; see nqrun --help");
+    EXPECT_EQ(parsed({"-j", "4096", "echo"}).jobs, 4096U);
+}
+
 TEST(Help, fitsAScreen)
 {
     const std::string_view help = helpText();

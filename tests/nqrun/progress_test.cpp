@@ -43,6 +43,16 @@ TEST(ProgressText, keepsTheCountsOnANarrowTerminal)
         progressText(aTally(), std::chrono::seconds(50), 100).find("photo"), std::string::npos);
 }
 
+TEST(ProgressText, saysHowManyAreInTheQueueOfACluster)
+{
+    Tally tally;
+    tally.done = 10;
+    tally.queued = 1000;
+    EXPECT_EQ(
+        progressText(tally, std::chrono::seconds(10), 0),
+        "10 done, 0 failed, 1000 in the queue, 1.0/s");
+}
+
 TEST(ProgressText, promisesNoEndThatItCannotKnow)
 {
     Tally tally = aTally();

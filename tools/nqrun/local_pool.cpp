@@ -41,7 +41,7 @@ public:
         mPool.expectJobs(jobs);
     }
 
-    std::size_t cancelWaiting(const std::vector<nq::nqJobId>& jobs) override
+    std::optional<std::size_t> cancelWaiting(const std::vector<nq::nqJobId>& jobs) override
     {
         std::vector<nq::nqJobId> running;
         for (const nq::nqPoolWorkerStatus& worker : mPool.workers()) {
@@ -55,7 +55,7 @@ public:
         return running.size();
     }
 
-    std::vector<nq::nqPoolWorkerStatus> workers() const override
+    std::optional<std::vector<nq::nqPoolWorkerStatus>> workers() const override
     {
         return mPool.workers();
     }

@@ -46,6 +46,9 @@ long runs
       --trace FILE       Perfetto, Chrome      --status FILE   see nqrun status
 workers of nqPool
       --worker PROGRAM   items are its jobs; results: lines, or --results DIR
+      --redis ADDRESS    items are jobs for the workers of each nq-agent at ...
+      --queue NAME       ... this queue, in which -j are at a time (1000)
+      --password-file F  of Redis; else NQ_REDIS_PASSWORD_FILE names it
   -h, --help             and --version
 exit status: 0 none failed, 1 to 100 so many, 101 more, 255 nqrun itself
 )";
@@ -99,7 +102,7 @@ void addOptions(CLI::App& app, Options& options, Texts& texts)
             return isPlain ? std::string() : shown(text) + " is no plain number";
         },
         "");
-    app.add_option("-j,--jobs", options.jobs)->check(CLI::Range(0u, 4096u))->check(digits);
+    app.add_option("-j,--jobs", options.jobs)->check(CLI::Range(0u, 100'000u))->check(digits);
     app.add_flag("-0,--null", texts.isNull);
     app.add_flag("--pipe", texts.isPipe);
     app.add_option("--block", texts.block);
@@ -122,6 +125,9 @@ void addOptions(CLI::App& app, Options& options, Texts& texts)
     app.add_flag("--resume-failed", options.resumesFailed);
     app.add_option("--shard", texts.shard);
     app.add_option("--worker", options.worker);
+    app.add_option("--redis", options.cluster.redis);
+    app.add_option("--queue", options.cluster.queue);
+    app.add_option("--password-file", options.cluster.passwordFile);
     app.add_option("--results", options.results);
     app.add_option("--metrics", options.metrics);
     app.add_option("--trace", options.trace);
@@ -211,6 +217,41 @@ void refuseSameFiles(const Options& options)
     }
 }
 
+// What agents decide, nqrun would ignore.
+void refuseBesideCluster(const Options& options)
+{
+    if (!options.hasCluster()) {
+        refuse(!options.cluster.queue.empty(), "--queue names a queue of a --redis");
+        refuse(!options.cluster.passwordFile.empty(), "--password-file is that of a --redis");
+        return;
+    }
+    refuse(options.cluster.queue.empty(), "--redis needs the --queue that the agents serve");
+    refuse(
+        !options.command.empty(),
+        "--redis takes items only, and no command: what runs is the worker that each nq-agent was "
+        "started with; give items after :::, in files after ::::, or on standard input");
+    refuse(
+        !options.worker.empty(),
+        "--redis and --worker do not go together: what runs is the worker that each nq-agent was "
+        "started with");
+    refuse(options.isShell, "--redis and --shell do not go together");
+    refuse(options.isDryRun, "--redis and --dry-run do not go together");
+    refuse(
+        options.limits.memory != 0,
+        "--memory is a limit of the agents with --redis: start them with --memory-cap");
+    refuse(
+        !options.metrics.empty(),
+        "--metrics is written by the agents with --redis: start them with their own --metrics");
+    refuse(
+        !options.trace.empty() || !options.timeline.empty() || !options.status.empty(),
+        "--trace, --timeline and --status show workers of this machine, and do not go together "
+        "with --redis; nq-agent status shows a queue");
+    refuse(
+        options.items.asBlocks && options.items.blockLines == 0 &&
+            options.items.blockBytes > std::size_t{64} << 20,
+        "--block takes 64M at most with --redis");
+}
+
 void checkTogether(const Options& options, const Texts& texts, const CLI::App& app)
 {
     for (const CLI::Option* const option : app.get_options()) {
@@ -220,15 +261,22 @@ void checkTogether(const Options& options, const Texts& texts, const CLI::App& a
             if (value.empty())
                 throw Error(option->get_name() + " has an empty value");
     }
+    refuseBesideCluster(options);
     const bool hasWorker = !options.worker.empty();
-    refuse(options.command.empty() && !hasWorker, "there is no command; see nqrun --help");
+    const bool takesJobs = hasWorker || options.hasCluster();
+    refuse(options.command.empty() && !takesJobs, "there is no command; see nqrun --help");
+    refuse(
+        options.jobs > 4096 && !options.hasCluster(),
+        "--jobs takes 4096 at most; see nqrun --help");
     refuse(
         !options.command.empty() && options.command.front().empty(),
         "the command has an empty name");
     refuse(!options.command.empty() && hasWorker, "--worker takes items only, and no command");
     refuse(hasWorker && options.isShell, "--worker and --shell do not go together");
     refuse(hasWorker && options.isDryRun, "--worker and --dry-run do not go together");
-    refuse(!hasWorker && !options.results.empty(), "--results is for the results of a --worker");
+    refuse(
+        !takesJobs && !options.results.empty(),
+        "--results is for the results of a --worker, or with --redis");
     refuse(
         !texts.isPipe && (!texts.block.empty() || texts.lines != 0),
         "--block and --lines say what --pipe is given");

@@ -54,7 +54,9 @@ progressText(const Tally& tally, std::chrono::duration<double> elapsed, std::siz
         line += " of " + std::to_string(std::llround(*tally.total));
 
     std::vector<std::string> parts; // in the order in which they matter
-    parts.push_back(std::to_string(tally.running) + " running");
+    parts.push_back(
+        tally.queued ? std::to_string(*tally.queued) + " in the queue"
+                     : std::to_string(tally.running) + " running");
     if (over != 0 && elapsed.count() > 0) {
         const double rate = static_cast<double>(over) / elapsed.count();
         const double left = tally.total.value_or(0) - static_cast<double>(over + tally.skipped);

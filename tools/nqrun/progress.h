@@ -14,8 +14,9 @@ struct Tally {
     std::uint64_t failed = 0;
     std::uint64_t skipped = 0; ///< logged by an earlier run
     std::size_t running = 0;
-    std::optional<double> total; ///< items in all, as far as it is known or can be estimated
-    std::string slowest;         ///< the item that runs for the longest time
+    std::optional<std::size_t> queued; ///< or running, where only both together are known
+    std::optional<double> total;       ///< items in all, as far as it is known or can be estimated
+    std::string slowest;               ///< the item that runs for the longest time
     std::chrono::duration<double> slowestTime{};
     bool isStopping = false;
 };

@@ -33,6 +33,8 @@ constexpr std::chrono::seconds keeperGrace{10};
 constexpr std::chrono::seconds orphanLimit{5};
 constexpr std::size_t lastWordsBytes = 2048;
 constexpr std::size_t mostWaiting = 100'000; // items whose output waits for an earlier one's
+constexpr std::size_t usuallyInQueue = 1000;
+constexpr std::size_t mostBytesInQueue = std::size_t{256} << 20; // they are in memory here as well
 
 unsigned workersOf(const Options& options)
 {
@@ -51,6 +53,11 @@ std::uint64_t raiseOpenFiles()
     return former;
 }
 
+std::chrono::milliseconds timeoutOf(const Options& options)
+{
+    return std::chrono::ceil<std::chrono::milliseconds>(options.limits.timeout);
+}
+
 nq::nqPoolOptions poolOptions(const Options& options)
 {
     nq::nqPoolOptions pool;
@@ -63,12 +70,38 @@ nq::nqPoolOptions poolOptions(const Options& options)
     if (!options.worker.empty()) {
         pool.worker = options.worker;
         pool.memoryCap = options.limits.memory;
-        pool.jobTimeout = std::chrono::ceil<std::chrono::milliseconds>(options.limits.timeout);
+        pool.jobTimeout = timeoutOf(options);
     } else if (options.limits.timeout.count() > 0) {
-        pool.jobTimeout =
-            std::chrono::ceil<std::chrono::milliseconds>(options.limits.timeout) + keeperGrace;
+        pool.jobTimeout = timeoutOf(options) + keeperGrace;
     }
     return pool;
+}
+
+// Of a pipe or a device nothing is kept that could be resumed.
+bool isKept(const std::string& joblog)
+{
+    struct stat about {};
+    return !joblog.empty() && (::stat(joblog.c_str(), &about) != 0 || S_ISREG(about.st_mode));
+}
+
+// The command that submits an item again, from its standard input.
+std::vector<std::string> submission(const Options& options, const Item& item)
+{
+    std::error_code problem;
+    const std::string program = std::filesystem::read_symlink("/proc/self/exe", problem).string();
+    std::vector<std::string> words = {
+        problem ? "nqrun" : program,
+        "--redis",
+        options.cluster.redis,
+        "--queue",
+        options.cluster.queue};
+    if (!options.cluster.passwordFile.empty())
+        words.insert(words.end(), {"--password-file", options.cluster.passwordFile});
+    if (item.text.empty())
+        words.insert(words.end(), {":::", ""});
+    else
+        words.insert(words.end(), {"--pipe", "--block", "64M"}); // all of it is one item
+    return words;
 }
 
 Joblog::Run joblogRun(const Options& options)
@@ -78,6 +111,10 @@ Joblog::Run joblogRun(const Options& options)
     if (!options.worker.empty())
         run.command = {options.worker};
     run.kind = !options.worker.empty() ? "worker" : options.isShell ? "shell" : "arguments";
+    if (options.hasCluster()) {
+        run.command = {options.cluster.queue};
+        run.kind = "queue";
+    }
     if (options.items.asBlocks)
         run.kind += options.items.blockLines != 0
                         ? ", blocks of " + std::to_string(options.items.blockLines) + " lines"
@@ -159,13 +196,19 @@ const char* wordFor(Reason reason)
     return "lost";
 }
 
-std::string fingerprint(std::string_view bytes)
+std::uint64_t hashOf(std::string_view bytes)
 {
     std::uint64_t hash = 0xcbf29ce484222325U; // FNV-1a
     for (const char byte : bytes)
         hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001b3U;
+    return hash;
+}
+
+std::string fingerprint(std::string_view bytes)
+{
     std::array<char, 24> text{};
-    std::snprintf(text.data(), text.size(), "%016llx", static_cast<unsigned long long>(hash));
+    std::snprintf(
+        text.data(), text.size(), "%016llx", static_cast<unsigned long long>(hashOf(bytes)));
     return text.data();
 }
 
@@ -208,11 +251,22 @@ Run::Run(const Options& options)
           [this] { mProgress.clear(); },
           [this](Finished&& finished) { onDelivered(std::move(finished)); })
 {
-    if (options.worker.empty()) {
+    if (!options.command.empty()) {
         mTemplate.emplace(options.command, options.isShell, options.items.asBlocks);
         const std::string program = mTemplate->program();
         if (!program.empty())
             mProgram = findProgram(program);
+    }
+    adoptOrphans(); // keepers whose worker was ended; without it they are init's
+    mLimits.openFiles = raiseOpenFiles();
+    const bool resumes = options.resumes || options.resumesFailed;
+    if (options.hasCluster()) {
+        if (isKept(options.joblog))
+            mSent.emplace(options.joblog + ".queue", resumes);
+        mPool = makeClusterPool(
+            options.cluster, mSent ? mSent->client() : std::string(), timeoutOf(options));
+    } else {
+        mPool = makeLocalPool(poolOptions(options));
     }
     if (!options.results.empty()) {
         std::error_code problem;
@@ -224,24 +278,30 @@ Run::Run(const Options& options)
     }
     if (!options.keepFailed.empty())
         mScripts.emplace(options.keepFailed);
-    adoptOrphans(); // keepers whose worker was ended; without it they are init's
-    mLimits.openFiles = raiseOpenFiles();
-    mPool = makeLocalPool(poolOptions(options));
     // Last, so that no log is made by a run that cannot begin.
     if (!options.joblog.empty())
-        mJoblog.emplace(
-            options.joblog,
-            options.joblogFormat,
-            joblogRun(options),
-            options.resumes || options.resumesFailed);
-    const unsigned workers = workersOf(options);
+        mJoblog.emplace(options.joblog, options.joblogFormat, joblogRun(options), resumes);
+    if (mSent)
+        mSent->begin();
+    mAwaitsLeft = mSent && resumes;
+    setRoom();
+}
+
+void Run::setRoom()
+{
+    const unsigned workers = workersOf(mOptions);
     mRoom = workers + workers / 2 + 2; // so that no worker waits for the next item
-    if (options.halt.when != Halt::When::Never)
+    if (mOptions.halt.when != Halt::When::Never)
         mRoom = workers; // or the next item would run before the end of this one is known
+    if (!mOptions.hasCluster())
+        return;
+    mRoom = mOptions.jobs != 0 ? mOptions.jobs : usuallyInQueue;
+    mRoomBytes = mostBytesInQueue;
 }
 
 Run::~Run()
 {
+    mPhase = Phase::Ending; // what still comes of jobs goes nowhere
     mPool.reset();
     awaitOrphans(mFormerChildren, orphanLimit);
 }
@@ -275,12 +335,17 @@ RunResult Run::run()
 
 void Run::loop()
 {
+    startItems(); // so that it is known whose outcomes are there already
+    takeUpOutcomes();
     for (;;) {
         startItems();
         if (mAttempts.empty() && (mPhase != Phase::Going || mHasAllItems))
             return;
         wait();
         mPool->pump(std::chrono::milliseconds(0));
+        takeUpOutcomes();
+        if (const std::optional<std::string> news = mPool->news())
+            mDelivery.say("nqrun: " + *news);
         obeySignals();
         if (mJoblog && mJoblog->syncDue() && Clock::now() >= *mJoblog->syncDue())
             sync();
@@ -306,8 +371,7 @@ void Run::sync()
 void Run::startItems()
 {
     mWaitsForItems = false;
-    while (mPhase == Phase::Going && !mHasAllItems && mAttempts.size() < mRoom &&
-           mDelivery.waiting() < mostWaiting) {
+    while (mPhase == Phase::Going && !mHasAllItems && hasRoom()) {
         Attempt attempt;
         switch (mItems.next(attempt.item)) {
         case Items::Next::End:
@@ -323,7 +387,59 @@ void Run::startItems()
         if (!mOptions.shard.holds(attempt.item.index) || isLogged(attempt.item))
             continue;
         attempt.ordinal = mStarted++;
-        start(std::move(attempt));
+        if (!takeUp(std::move(attempt)))
+            start(std::move(attempt));
+    }
+}
+
+bool Run::hasRoom() const
+{
+    return mAttempts.size() < mRoom && mDelivery.waiting() < mostWaiting &&
+           (mRoomBytes == 0 || mAttemptBytes < mRoomBytes);
+}
+
+// An item that a run before has sent, and whose outcome is still to come.
+bool Run::takeUp(Attempt&& attempt)
+{
+    const SentItems::Job* const sent = mSent ? mSent->left(attempt.item.index) : nullptr;
+    if (sent == nullptr)
+        return false;
+    if (sent->check != hashOf(attempt.item.text))
+        throw Error(
+            "the joblog " + shown(mOptions.joblog) + " is of other items: the item " +
+            std::to_string(attempt.item.index) + " that is still in the queue is not " +
+            nameOf(attempt.item));
+    auto early = mEarly.extract(sent->id);
+    if (early.empty() && !mAwaitsLeft)
+        return false;
+    attempt.job = sent->id;
+    attempt.number = sent->attempt;
+    const std::uint64_t serial = attempt.serial = ++mSerial;
+    place(std::move(attempt));
+    if (!early.empty())
+        onOutcome(serial, std::move(early.mapped()));
+    else
+        mTakenUp.emplace(sent->id, serial);
+    return true;
+}
+
+void Run::takeUpOutcomes()
+{
+    while (mAwaitsLeft && mPhase == Phase::Going) {
+        if (std::optional<nq::nqOutcome> outcome = mPool->nextLeft()) {
+            const auto known = mTakenUp.extract(outcome->id);
+            if (known.empty())
+                mEarly.emplace(outcome->id, std::move(*outcome));
+            else
+                onOutcome(known.mapped(), std::move(*outcome));
+            continue;
+        }
+        if (mPool->hasLeft())
+            return;
+        mAwaitsLeft = false;
+        // The queue has never had these, or has lost them.
+        for (const auto& [job, serial] : std::exchange(mTakenUp, {}))
+            start(takeOut(serial));
     }
 }
 
@@ -341,6 +457,8 @@ bool Run::isLogged(const Item& item)
             ": its item " + std::to_string(item.index) + " is not " + nameOf(item));
     if (state == Logged::Failed && mOptions.resumesFailed)
         return false;
+    if (mSent)
+        mSent->forget(item.index);
     ++mSkipped;
     return true;
 }
@@ -356,7 +474,9 @@ std::string Run::identityOf(const Item& item) const
 {
     if (mJoblog && mJoblog->format() == JoblogFormat::Parallel)
         return mTemplate ? onOneLine(mTemplate->arguments(item))
-                         : onOneLine({mOptions.worker, item.text});
+                         : onOneLine(
+                               {mOptions.hasCluster() ? mOptions.cluster.queue : mOptions.worker,
+                                item.text});
     if (mOptions.items.asBlocks)
         return std::to_string(item.text.size()) + " bytes " + fingerprint(item.text);
     return item.text;
@@ -385,12 +505,28 @@ void Run::start(Attempt&& attempt)
     } else {
         bytes = attempt.item.text;
     }
-    Attempt& placed = mAttempts.emplace(serial, std::move(attempt)).first->second;
+    Attempt& placed = place(std::move(attempt));
     placed.job = mPool->submit(bytes, jobOptions, [this, serial](nq::nqOutcome&& outcome) {
         onOutcome(serial, std::move(outcome));
     });
     if (placed.job == 0)
         throw Error("the pool takes no more commands");
+    if (mSent)
+        mSent->note(placed.item.index, {placed.job, placed.number, hashOf(placed.item.text)});
+}
+
+Run::Attempt& Run::place(Attempt&& attempt)
+{
+    mAttemptBytes += attempt.item.text.size();
+    const std::uint64_t serial = attempt.serial;
+    return mAttempts.emplace(serial, std::move(attempt)).first->second;
+}
+
+Run::Attempt Run::takeOut(std::uint64_t serial)
+{
+    Attempt attempt = std::move(mAttempts.extract(serial).mapped());
+    mAttemptBytes -= attempt.item.text.size();
+    return attempt;
 }
 
 void Run::wait()
@@ -402,6 +538,8 @@ void Run::wait()
     std::optional<Clock::time_point> due = mProgress.due();
     if (mJoblog && mJoblog->syncDue() && (!due || *mJoblog->syncDue() < *due))
         due = mJoblog->syncDue();
+    if (const auto news = mPool->newsDue(); news && (!due || *news < *due))
+        due = news;
     int limit = -1;
     if (due) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(*due - Clock::now());
@@ -412,11 +550,13 @@ void Run::wait()
 
 void Run::onOutcome(std::uint64_t serial, nq::nqOutcome&& outcome)
 {
-    auto node = mAttempts.extract(serial);
-    Attempt attempt = std::move(node.mapped());
-    if (mPhase == Phase::Ending || outcome.state == nq::nqOutcome::State::Cancelled) {
-        if (mPhase != Phase::Ending)
-            mDelivery.skip(attempt.ordinal);
+    Attempt attempt = takeOut(serial);
+    if (mPhase == Phase::Ending)
+        return;
+    if (outcome.state == nq::nqOutcome::State::Cancelled) {
+        mDelivery.skip(attempt.ordinal);
+        if (mSent)
+            mSent->forget(attempt.item.index);
         return; // not logged; the files of its slot are not used again
     }
     if (outcome.reason == Reason::NoWorker)
@@ -502,18 +642,24 @@ void Run::onDelivered(Finished&& finished)
     }
     if (mJoblog)
         mJoblog->write(finished);
+    if (mSent)
+        mSent->forget(finished.index);
 }
 
 void Run::keepScript(const Attempt& attempt, const Finished& finished) const
 {
     FailedCommand command;
-    command.isWorkersJob = !mTemplate;
+    command.isWorkersJob = !mOptions.worker.empty();
     command.hasInput = mTemplate && mOptions.items.asBlocks;
     command.input = attempt.item.text;
-    if (mTemplate)
+    if (mTemplate) {
         command.arguments = mTemplate->arguments(attempt.item);
-    else
+    } else if (mOptions.hasCluster()) {
+        command.arguments = submission(mOptions, attempt.item);
+        command.hasInput = !attempt.item.text.empty();
+    } else {
         command.arguments = {mOptions.worker};
+    }
     mScripts->write(finished, command);
 }
 
@@ -609,15 +755,17 @@ void Run::obeySignals()
 void Run::finish(const std::string& why)
 {
     mPhase = Phase::Finishing;
+    for (const auto& [job, serial] : std::exchange(mTakenUp, {})) // the next run takes them up
+        mDelivery.skip(takeOut(serial).ordinal);
     std::vector<nq::nqJobId> jobs;
     for (const auto& [serial, attempt] : mAttempts)
         jobs.push_back(attempt.job);
-    const std::size_t count = mPool->cancelWaiting(jobs);
+    const std::optional<std::size_t> count = mPool->cancelWaiting(jobs);
     if (count != 0 && !why.empty())
         mDelivery.say(
             "nqrun: " + why + ": nothing new is started; waiting for " +
-            countText(count, "running item") + " (Ctrl-C ends " + (count == 1 ? "it" : "them") +
-            " now)");
+            (count ? countText(*count, "running item") : "the items that agents have") +
+            " (Ctrl-C ends " + (count == 1 ? "it" : "them") + " now)");
 }
 
 void Run::end()
@@ -663,7 +811,11 @@ void Run::showProgress()
     tally.isStopping = mPhase != Phase::Going;
     if (const auto total = mItems.estimatedTotal())
         tally.total = *total / static_cast<double>(mOptions.shard.count);
-    for (const nq::nqPoolWorkerStatus& worker : mPool->workers()) {
+    using Workers = std::vector<nq::nqPoolWorkerStatus>;
+    const std::optional<Workers> workers = mPool->workers();
+    if (!workers)
+        tally.queued = mAttempts.size();
+    for (const nq::nqPoolWorkerStatus& worker : workers.value_or(Workers())) {
         if (worker.job == 0)
             continue;
         ++tally.running;

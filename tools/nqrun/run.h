@@ -10,6 +10,7 @@
 #include "tools/nqrun/options.h"
 #include "tools/nqrun/output_slots.h"
 #include "tools/nqrun/progress.h"
+#include "tools/nqrun/sent_items.h"
 
 #include <cstdint>
 #include <memory>
@@ -63,11 +64,17 @@ private:
         Ending     ///< none is, and those that run are ended
     };
 
+    void setRoom();
     void loop();
     void sync();
     void startItems();
+    bool hasRoom() const;
     bool isLogged(const Item& item);
     void start(Attempt&& attempt);
+    Attempt& place(Attempt&& attempt);
+    Attempt takeOut(std::uint64_t serial);
+    bool takeUp(Attempt&& attempt);
+    void takeUpOutcomes();
     void wait();
     void onOutcome(std::uint64_t serial, nq::nqOutcome&& outcome);
     void conclude(Attempt&& attempt, Finished&& finished, const nq::nqOutcome& outcome);
@@ -98,8 +105,10 @@ private:
     OutputSlots mSlots;
     Progress mProgress;
     Delivery mDelivery;
+    std::optional<SentItems> mSent; ///< for a queue and a joblog only
     std::unique_ptr<JobPool> mPool;
-    std::size_t mRoom = 0; ///< items that may be on their way at a time
+    std::size_t mRoom = 0;      ///< items that may be on their way at a time
+    std::size_t mRoomBytes = 0; ///< likewise; 0: no bound
 
     Phase mPhase = Phase::Going;
     RunResult mResult;
@@ -112,6 +121,10 @@ private:
     std::uint64_t mStarted = 0;
     std::uint64_t mSerial = 0;
     std::unordered_map<std::uint64_t, Attempt> mAttempts; ///< by serial
+    std::size_t mAttemptBytes = 0;                        ///< of their items
+    bool mAwaitsLeft = false; ///< outcomes of jobs that a run before has sent
+    std::unordered_map<nq::nqJobId, std::uint64_t> mTakenUp; ///< attempts as which it has sent them
+    std::unordered_map<nq::nqJobId, nq::nqOutcome> mEarly;   ///< of items that are not read yet
 };
 
 } // namespace nqrun
