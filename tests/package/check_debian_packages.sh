@@ -36,7 +36,7 @@ expect_depends() {
 }
 expect_depends libnqschedulerapi3.0 "libnqsystem3.0 (= $version)"
 expect_depends libnqpool0.1 "libnqschedulerapi3.0 (= $version), libnqsystem3.0 (= $version)"
-expect_depends nqrun "libnqpool0.1 (= $version)"
+expect_depends nqrun "libnqpool0.1 (= $version), libnqcluster0.1 (= $version)"
 for package in libnqcluster0.1 nq-agent; do
     expect_depends "$package" \
         "libnqschedulerapi3.0 (= $version), libnqsystem3.0 (= $version), libnqpool0.1 (= $version)"

@@ -11,7 +11,7 @@
 # cluster/: the system, its own folder, and the pool's public headers.
 # pool/include/: the standard library, include/ and its own folder. pool/: the system, its own folder,
 # and of the other libraries include/ and the header for loggers. tools/: the system, its own folder, and
-# the pool library's public headers.
+# the public headers of the pool library and of the cluster library.
 set -euo pipefail
 cd "$1"
 

@@ -26,7 +26,8 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/system/linux
                                                 ${PROJECT_BINARY_DIR}/cmake/library
-                                                ${PROJECT_BINARY_DIR}/pool)
+                                                ${PROJECT_BINARY_DIR}/pool
+                                                ${PROJECT_BINARY_DIR}/cluster)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_POST_BUILD_SCRIPTS ${CMAKE_CURRENT_SOURCE_DIR}/debian/ldconfig_trigger.cmake)
@@ -97,6 +98,9 @@ workers with nqSchedulerAPI and nqPool.")
 set(CPACK_DEBIAN_NQRUN_PACKAGE_NAME nqrun)
 set(CPACK_DEBIAN_NQRUN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_NQRUN_PACKAGE_DEPENDS "libnqpool${poolSoVersion} ${sameVersion}")
+if(TARGET nqCluster)
+    string(APPEND CPACK_DEBIAN_NQRUN_PACKAGE_DEPENDS ", libnqcluster${clusterSoVersion} ${sameVersion}")
+endif()
 set(CPACK_COMPONENT_NQRUN_DESCRIPTION
     "runs a command for each item over a supervised pool
 Like xargs and GNU parallel, with time-outs and memory caps that reach every
