@@ -148,13 +148,11 @@ class Items(Cluster):
     def test_that_run_are_ended_by_a_failure_with_halt_now(self):
         self.start_agent(WORKER, "--workers", "2")
         process = self.start(*self.at, "--halt", "now,fail=1", ":::", "wait go", "wait fail", "wait never")
-        self.wait_for("go.started")
-        self.wait_for("fail.started")
-        worker = int((self.folder / "fail.started").read_text())
-        os.kill(worker, signal.SIGKILL)
+        running = self.pids_in("go.started", 1)
+        os.kill(self.pids_in("fail.started", 1)[0], signal.SIGKILL)
         self.assertEqual(self.words_of(process).status, 1)
         self.assertEqual(self.jobs_in_queue(), ":0")
-        self.expect_gone([int((self.folder / "go.started").read_text())])
+        self.expect_gone(running)
 
     def test_that_are_too_large_are_an_error(self):
         self.start_agent(UPPER)
@@ -213,7 +211,7 @@ class Signals(Cluster):
         process.send_signal(signal.SIGINT)
         self.expect(self.words_of(process), -signal.SIGINT, b"")
         self.assertEqual(self.jobs_in_queue(), ":0")
-        self.expect_gone([int((self.folder / "go.started").read_text())])
+        self.expect_gone(self.pids_in("go.started", 1))
 
     def test_ends_a_run_without_agents_at_once(self):
         process = self.start(*self.at, ":::", "a", "b")

@@ -10,8 +10,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// What passes sooner, as a restart of Redis or of the only agent may, is not worth a line.
-constexpr std::chrono::seconds untilTold{1};
+// What passes sooner, as a restart of Redis may, is not worth a line. The pool looks for agents
+// once a second while it knows none.
+constexpr std::chrono::seconds untilTold{2};
 
 nq::nqPoolOptions poolOptions(std::chrono::milliseconds jobTimeout)
 {
