@@ -32,7 +32,7 @@ std::string work(std::string_view job)
 {
     const std::size_t blank = job.find(' ');
     const std::string_view name = job.substr(0, blank);
-    const std::string argument(blank == job.npos ? std::string_view() : job.substr(blank + 1));
+    std::string argument(blank == job.npos ? std::string_view() : job.substr(blank + 1));
     if (name == "echo")
         return argument;
     if (name == "wait") {

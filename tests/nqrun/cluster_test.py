@@ -188,7 +188,7 @@ class Signals(Cluster):
     def start_three(self):
         self.start_agent(WORKER)
         process = self.start(*self.at, "--joblog", "log", ":::", "wait go", "echo a", "echo b")
-        self.wait_for("go.started")
+        self.running = self.pids_in("go.started", 1)
         program.wait_until(lambda: self.jobs_in_queue() == ":3", "the jobs")
         return process
 
@@ -211,7 +211,7 @@ class Signals(Cluster):
         process.send_signal(signal.SIGINT)
         self.expect(self.words_of(process), -signal.SIGINT, b"")
         self.assertEqual(self.jobs_in_queue(), ":0")
-        self.expect_gone(self.pids_in("go.started", 1))
+        self.expect_gone(self.running)
 
     def test_ends_a_run_without_agents_at_once(self):
         process = self.start(*self.at, ":::", "a", "b")

@@ -46,9 +46,9 @@ long runs
       --trace FILE       Perfetto, Chrome      --status FILE   see nqrun status
 workers of nqPool
       --worker PROGRAM   items are its jobs; results: lines, or --results DIR
-      --redis ADDRESS    items are jobs for the workers of each nq-agent at ...
-      --queue NAME       ... this queue, in which -j are at a time (1000)
-      --password-file F  of Redis; else NQ_REDIS_PASSWORD_FILE names it
+      --redis ADDRESS    items are jobs for workers of nq-agents, in the ...
+      --queue NAME       ... queue of this name; -j: so many in it (1000)
+      --password-file F  of Redis; default: $NQ_REDIS_PASSWORD_FILE
   -h, --help             and --version
 exit status: 0 none failed, 1 to 100 so many, 101 more, 255 nqrun itself
 )";

@@ -387,7 +387,7 @@ void Run::startItems()
         if (!mOptions.shard.holds(attempt.item.index) || isLogged(attempt.item))
             continue;
         attempt.ordinal = mStarted++;
-        if (!takeUp(std::move(attempt)))
+        if (!takeUp(attempt))
             start(std::move(attempt));
     }
 }
@@ -398,8 +398,8 @@ bool Run::hasRoom() const
            (mRoomBytes == 0 || mAttemptBytes < mRoomBytes);
 }
 
-// An item that a run before has sent, and whose outcome is still to come.
-bool Run::takeUp(Attempt&& attempt)
+// Moves from an item that a run before has sent, and whose outcome is still to come.
+bool Run::takeUp(Attempt& attempt)
 {
     const SentItems::Job* const sent = mSent ? mSent->left(attempt.item.index) : nullptr;
     if (sent == nullptr)

@@ -73,7 +73,7 @@ private:
     void start(Attempt&& attempt);
     Attempt& place(Attempt&& attempt);
     Attempt takeOut(std::uint64_t serial);
-    bool takeUp(Attempt&& attempt);
+    bool takeUp(Attempt& attempt);
     void takeUpOutcomes();
     void wait();
     void onOutcome(std::uint64_t serial, nq::nqOutcome&& outcome);

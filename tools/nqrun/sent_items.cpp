@@ -110,7 +110,7 @@ void SentItems::begin()
             throw Error("the file " + shown(mPath) + " cannot be written: " + lastError());
     }
     mIsMade = true;
-    if (!mLeft.empty() || mSlotCount != 0)
+    if (mSlotCount != 0)
         return;
     const std::string line = padded(head + mClient + ' ');
     if (::pwrite(mFile.number(), line.data(), line.size(), 0) != ssize_t{lineBytes})
