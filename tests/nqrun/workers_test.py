@@ -30,7 +30,7 @@ class Workers(program.ProgramTest):
         self.assertEqual(files, {"000001": b"A", "000002": b"B"})
 
     def test_fail_as_their_jobs_do(self):
-        done = self.run_it("--worker", WORKER, "-j1", "--timeout", "0.5", "--joblog", "log", ":::", "throw", "crash", "hang", "fine")
+        done = self.run_it("--worker", WORKER, "-j1", "--timeout", "3", "--joblog", "log", ":::", "throw", "crash", "hang", "fine")
         self.assertEqual((done.status, done.out), (3, b"FINE\n"))
         self.assertIn("I do not like it", done.err)
         self.assertRegex(done.err, r"nqrun: crash: the worker was ended by SIGABRT .*; run it again under a debugger\n")
