@@ -64,6 +64,35 @@ TEST(CommandTemplate, quotesItemsOnlyForAShell)
     EXPECT_EQ(filled({"echo"}, "$x", true), (Words{"/bin/sh", "-c", "echo '$x'"}));
 }
 
+// Or its own quotes would end there, and `$(...)` in a file's name be run.
+TEST(CommandTemplate, refusesAnItemBetweenQuotesOfAShell)
+{
+    for (const char* const line :
+         {R"sh(echo "{}")sh",
+          R"sh(echo '{}')sh",
+          R"sh(echo \{})sh",
+          R"sh(echo "a $(b) {.}")sh",
+          R"sh(echo "$(echo "{/}")")sh",
+          R"sh(echo "`echo '{}'`")sh",
+          R"sh(sh -c 'cat {}')sh",
+          R"sh(echo it's)sh",
+          R"sh(echo "\"{}")sh",
+          "cat <<E\n{}\nE"})
+        EXPECT_THROW(CommandTemplate({line}, true, false), Error) << line;
+    for (const char* const line :
+         {R"sh(echo {}"x"{}'y'{})sh",
+          R"sh(x="$(basename {})"; echo "$x")sh",
+          R"sh(x="`basename {}`"; (echo {}))sh",
+          R"sh(echo "{#}" "\"" {})sh",
+          R"sh(echo 'it'\''s' {})sh",
+          R"sh(echo '\' {})sh",
+          R"sh(awk '{print "}"}' {})sh",
+          "cat <{} <<E\nx\nE"})
+        EXPECT_NO_THROW(CommandTemplate({line}, true, false)) << line;
+    EXPECT_NO_THROW(CommandTemplate({R"sh(echo "{}")sh"}, true, true)) << "blocks are no words";
+    EXPECT_NO_THROW(CommandTemplate({R"sh(echo "{}")sh"}, false, false)) << "no shell";
+}
+
 TEST(CommandTemplate, leavesBlocksOutOfTheArguments)
 {
     EXPECT_EQ(filled({"wc", "{}", "{#}"}, "lines\n", false, true), (Words{"wc", "{}", "7"}));

@@ -61,6 +61,70 @@ bool startsWith(std::string_view text, std::size_t position, std::string_view wh
     return text.compare(position, what.size(), what) == 0;
 }
 
+const Placeholder* placeholderAt(std::string_view text, std::size_t position)
+{
+    for (const Placeholder& placeholder : placeholders) {
+        if (startsWith(text, position, placeholder.name))
+            return &placeholder;
+    }
+    return nullptr;
+}
+
+// Reads a line as a shell does, as far as quotes go.
+class ShellLine {
+public:
+    explicit ShellLine(std::string_view line)
+        : mLine(line)
+    {
+    }
+
+    // Whether something stands between quotes, after a backslash or in a here-document: the quotes
+    // that protect an item would end there, and the item be read as code.
+    bool hasQuotedPlaceholder()
+    {
+        for (mAt = 0; mAt < mLine.size(); ++mAt) {
+            const bool isQuoted = isIn('\'') || isIn('"') || mIsHereDocument;
+            const std::size_t read = mLine[mAt] == '\\' && !isIn('\'') ? mAt + 1 : mAt;
+            if ((isQuoted || read != mAt) && placeholderAt(mLine, read) != nullptr)
+                return true;
+            if (read == mAt)
+                take(mLine[mAt]);
+            mAt = read;
+        }
+        return isIn('\'') || isIn('"'); // where the item would be added
+    }
+
+private:
+    bool isIn(char opening) const
+    {
+        return !mOpen.empty() && mOpen.back() == opening;
+    }
+
+    void take(char byte)
+    {
+        const bool isEnd =
+            isIn('\'') ? byte == '\'' : (byte != '(' && isIn(byte)) || (byte == ')' && isIn('('));
+        // What stands in parentheses is read anew, between quotes as well.
+        const bool isAnew = byte == '(' && (!isIn('"') || (mAt > 0 && mLine[mAt - 1] == '$'));
+        if (isEnd)
+            mOpen.pop_back();
+        else if (isIn('\''))
+            return;
+        else if (isAnew || byte == '"' || byte == '`' || (byte == '\'' && !isIn('"')))
+            mOpen += byte;
+        else if (startsWith(mLine, mAt, "<<") && !isIn('"'))
+            mHasHereDocument = true;
+        else if (byte == '\n')
+            mIsHereDocument = mHasHereDocument;
+    }
+
+    std::string_view mLine;
+    std::size_t mAt = 0;
+    std::string mOpen; // quotes, backticks and parentheses
+    bool mHasHereDocument = false;
+    bool mIsHereDocument = false;
+};
+
 std::string joined(const std::vector<std::string>& words)
 {
     std::string line;
@@ -89,6 +153,10 @@ CommandTemplate::CommandTemplate(std::vector<std::string> words, bool isShell, b
       mIsShell(isShell),
       mReadsBlocks(readsBlocks)
 {
+    if (mIsShell && !mReadsBlocks && ShellLine(joined(mWords)).hasQuotedPlaceholder())
+        throw Error(
+            "an item cannot stand between quotes of the line for the shell: --shell quotes it "
+            "itself; write x={} and then \"$x\" where you need that");
 }
 
 std::vector<std::string> CommandTemplate::arguments(const Item& item) const
@@ -126,11 +194,7 @@ std::string CommandTemplate::filled(const std::string& word, const Item& item, b
             isUsed = true;
             continue;
         }
-        const Placeholder* found = nullptr;
-        for (const Placeholder& placeholder : placeholders) {
-            if (!mReadsBlocks && startsWith(word, position, placeholder.name))
-                found = &placeholder;
-        }
+        const Placeholder* const found = mReadsBlocks ? nullptr : placeholderAt(word, position);
         if (found == nullptr) {
             text += word[position++];
             continue;

@@ -17,7 +17,7 @@ class CommandTemplate {
 public:
     /// `words` has at least one word. With `isShell` the words, joined by blanks, are a line for
     /// /bin/sh, and items in it are quoted. With `readsBlocks` items are no arguments, and only {#}
-    /// means something.
+    /// means something. Throws Error for a line in which quotes around an item would let it out.
     CommandTemplate(std::vector<std::string> words, bool isShell, bool readsBlocks);
 
     /// The program's name, as a rule a word of the command, comes first. Throws Error for an item
