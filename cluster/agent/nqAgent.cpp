@@ -347,6 +347,9 @@ void nqAgent::finish(const std::string& entry, nqOutcome&& outcome)
                           " MB that a queue carries";
     }
     ++(outcome.state == State::Done ? mCounts.done : mCounts.failed);
+    const std::uint64_t sinceLook = mCounts.done + mCounts.failed - mEndedAtLastLook;
+    if (!mOptions.prefetch && sinceLook > mPrefetch) // no need to wait for the look with that
+        mPrefetch = std::min<std::size_t>(sinceLook, mostPrefetched);
     mLikelySize = std::max(mLikelySize, outcome.bytes.size()); // kept here until Redis has them
     Finished finished{entry, held.client, fieldsOf(outcome, held.id, held.attempt), nullptr};
     if (outcome.state == State::Done)
