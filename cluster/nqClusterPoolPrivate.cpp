@@ -365,7 +365,8 @@ void nqClusterPoolPrivate::sendBatch()
     accept.add(mSession).add(mNumber).add(mNumber + batch.ids.size());
     accept.add(std::uint64_t{batch.ids.size()});
     std::vector<nqRedisCommand> commands;
-    commands.reserve(batch.ids.size() + 1);
+    commands.reserve(batch.ids.size() + 2);
+    commands.push_back({"HSET", mClientKey, "batch", std::to_string(mNumber + batch.ids.size())});
     for (const nqJobId id : batch.ids) {
         Job& job = mJobs.at(id);
         job.phase = Job::Phase::Sent;
@@ -391,7 +392,7 @@ void nqClusterPoolPrivate::sendBatch()
 
 void nqClusterPoolPrivate::onAccepted(const Batch& batch, const nqRedisReply& reply)
 {
-    const nqRedisReply verdict = reply.isError() ? reply : reply[batch.ids.size()];
+    const nqRedisReply verdict = reply.isError() ? reply : reply[batch.ids.size() + 1];
     if (verdict.isError()) {
         mReturned.insert(mReturned.end(), batch.ids.begin(), batch.ids.end());
         onRefusal(verdict);
@@ -401,7 +402,7 @@ void nqClusterPoolPrivate::onAccepted(const Batch& batch, const nqRedisReply& re
     }
     mRefusal.clear();
     for (std::size_t i = 0; i < batch.ids.size(); ++i)
-        accept(batch.ids[i], ++mAccepted, reply[i].text());
+        accept(batch.ids[i], ++mAccepted, reply[i + 1].text());
 }
 
 /// An outcome may be faster than this: then the job has ended, or is at its next attempt.

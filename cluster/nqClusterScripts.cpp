@@ -69,7 +69,9 @@ return {had[1] or '0', run, had[2] or '0', redis.call('XLEN', KEYS[3])}
 constexpr std::string_view accept = R"(
 -- KEYS: jobs, client, runs. ARGV: session, number of the last job before, of the last one of these,
 --   how many there are
-local had = redis.call('HMGET', KEYS[2], 'session', 'last', 'stream')
+local had = redis.call('HMGET', KEYS[2], 'session', 'last', 'stream', 'batch')
+if had[4] ~= ARGV[3] then return redis.error_reply('NQALONE there was no transaction') end
+redis.call('HDEL', KEYS[2], 'batch')
 local refusal
 if not had[1] then
     refusal = 'NQGONE the client is not known'
@@ -195,9 +197,9 @@ return {count, some}
 
 // Jobs have ended: each leaves the queue and its outcome arrives, unless somebody was faster. An
 // entry is in the queue for as long as it is its agent's. Outcomes that were added before this, in
-// the same transaction, stay or are taken out again.
+// the same transaction, which begins as that of accepted jobs, stay or are taken out again.
 constexpr std::string_view finish = R"(
--- KEYS: jobs, agents. ARGV: prefix, agent, how many jobs, their entries, then of each: client, where
+-- KEYS: jobs, agents, agent. ARGV: prefix, agent, how many jobs, their entries, then of each: client, where
 --   its outcome is ('added': there; 'given': here; 'failed': here, but for the job's own bytes), how
 --   many arguments follow, fields and values of the outcome
 local count = tonumber(ARGV[3])
@@ -216,6 +218,13 @@ for job = 1, count do
         rest[#rest + 1] = {job, client, {unpack(ARGV, i + 3, i + 2 + size)}, has and field(has[2], 'job')}
     end
     i = i + 3 + size
+end
+
+if next(added) then
+    if redis.call('HGET', KEYS[3], 'batch') ~= entry(1) then
+        return redis.error_reply('NQALONE there was no transaction')
+    end
+    redis.call('HDEL', KEYS[3], 'batch')
 end
 
 local taken, all = {}, known

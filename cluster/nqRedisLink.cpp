@@ -307,7 +307,10 @@ void nqRedisLink::enqueue(nqRedisCommand&& command, OnReply onReply)
 // the end of all.
 void nqRedisLink::sendTogether(std::vector<nqRedisCommand>&& commands, OnReply onReply)
 {
-    send({"MULTI"}, {});
+    send({"MULTI"}, [this](const nqRedisReply& reply) {
+        if (reply.isError()) // what follows may have been carried out, each by itself
+            drop("Redis answers: " + std::string(reply.text()));
+    });
     for (nqRedisCommand& command : commands) {
         send(std::move(command), [this](const nqRedisReply& reply) {
             if (reply.isError() && mRefusal.empty())

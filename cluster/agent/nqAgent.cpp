@@ -408,8 +408,10 @@ void nqAgent::sendFinished()
 std::vector<nqRedisCommand> nqAgent::commandsToFinish(const std::vector<Finished>& batch) const
 {
     std::vector<nqRedisCommand> commands;
-    commands.reserve(batch.size() + 1);
-    nqRedisCommand finish = mCommands.script(nqScript::Finish, {mKeys.jobs, mKeys.agents});
+    commands.reserve(batch.size() + 2);
+    const std::string description = mKeys.agent(mName);
+    nqRedisCommand finish =
+        mCommands.script(nqScript::Finish, {mKeys.jobs, mKeys.agents, description});
     finish.add(mKeys.prefix).add(mName).add(std::uint64_t{batch.size()});
     for (const Finished& finished : batch)
         finish.add(finished.entry);
@@ -423,6 +425,8 @@ std::vector<nqRedisCommand> nqAgent::commandsToFinish(const std::vector<Finished
         finish.add(finished.client);
         const bool hasResult = finished.result != nullptr;
         if (hasResult && !mIsFinishingByScript) {
+            if (commands.empty())
+                commands.push_back({"HSET", description, "batch", batch.front().entry});
             commands.push_back({"XADD", mKeys.outcomes(finished.client), "*"});
             addOutcome(commands.back(), finished);
             finish.add("added").add(std::uint64_t{0});
@@ -447,9 +451,8 @@ void nqAgent::onFinished(std::vector<Finished>&& batch, const nqRedisReply& repl
             return;
         }
         mNextTry = nqClusterClock::now() + pauseAfterRefusal;
-        if (verdict.isError("NOSCRIPT"))
-            mCommands
-                .restart(); // results that were added have arrived; their second ones are dropped
+        if (verdict.isError("NOSCRIPT")) // results that were added have arrived, and will twice
+            mCommands.restart();
         else if (!verdict.isError("NQLOST"))
             sayOnChange(mSaidProblem, "Redis refuses outcomes: " + std::string(verdict.text()));
         return;

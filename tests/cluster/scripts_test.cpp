@@ -48,7 +48,14 @@ protected:
         ask({"XADD", mOutcomes, "*", "id", id});
     }
 
+    /// In a transaction, which says so first.
     std::string accept(const std::string& before, const std::string& last) const
+    {
+        ask({"HSET", mKeys.client("reports"), "batch", last});
+        return acceptAlone(before, last);
+    }
+
+    std::string acceptAlone(const std::string& before, const std::string& last) const
     {
         return ask(
             {"EVAL",
@@ -66,12 +73,19 @@ protected:
     /// Both ended with a result that was added before.
     std::string finish(const std::string& first, const std::string& second) const
     {
+        ask({"HSET", mKeys.agent("host7"), "batch", first});
+        return finishAlone(first, second);
+    }
+
+    std::string finishAlone(const std::string& first, const std::string& second) const
+    {
         return ask(
             {"EVAL",
              textOf(nqScript::Finish),
-             "2",
+             "3",
              mKeys.jobs,
              mKeys.agents,
+             mKeys.agent("host7"),
              mKeys.prefix,
              "host7",
              "2",
@@ -158,6 +172,24 @@ TEST_F(Scripts, takeOutTheResultsOfALostAgent)
     EXPECT_EQ(finish(first, second), "NQLOST the agent was taken for lost");
     EXPECT_EQ(ask({"XLEN", mOutcomes}), "0");
     EXPECT_EQ(ask({"XLEN", mKeys.jobs}), "2");
+}
+
+TEST_F(Scripts, acceptNothingWhereTheBeginningOfATransactionWasRefused)
+{
+    ask({"HSET", mKeys.client("reports"), "session", "session", "last", "4"});
+    addJob();
+    EXPECT_EQ(acceptAlone("4", "5"), "NQALONE there was no transaction");
+    EXPECT_EQ(ask({"HGET", mKeys.client("reports"), "last"}), "4");
+}
+
+TEST_F(Scripts, endNothingWhereTheBeginningOfATransactionWasRefused)
+{
+    const std::string first = givenJob();
+    const std::string second = givenJob();
+    addOutcome("2");
+    EXPECT_EQ(finishAlone(first, second), "NQALONE there was no transaction");
+    EXPECT_EQ(ask({"XLEN", mKeys.jobs}), "2");
+    EXPECT_EQ(ask({"XPENDING", mKeys.jobs, "agents"}).substr(0, 2), "2\n");
 }
 
 } // namespace cluster
