@@ -2,9 +2,12 @@
 #include "tools/nqrun/io.h"
 #include "tools/nqrun/joblog.h"
 
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace nqrun {
@@ -191,7 +194,35 @@ TEST_P(JoblogTest, leavesOtherFilesAlone)
 TEST_P(JoblogTest, belongsToOneRunAtATime)
 {
     const Joblog log(path(), GetParam(), run(), false);
-    EXPECT_NE(refusal(run(), true).find("in use by another nqrun"), std::string::npos);
+    EXPECT_EXIT(
+        {
+            std::fputs(refusal(run(), true).c_str(), stderr);
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0),
+        "in use by another nqrun");
+}
+
+TEST_P(JoblogTest, isNotKeptByAProcessThatAKilledRunHadBegunToStart)
+{
+    int started[2];
+    ASSERT_EQ(::pipe(started), 0);
+    const pid_t killed = ::fork();
+    if (killed == 0) {
+        const Joblog log(path(), GetParam(), run(), false);
+        const pid_t child = ::fork();
+        if (child == 0)
+            ::pause();
+        ::write(started[1], &child, sizeof(child));
+        ::_exit(0);
+    }
+    pid_t child = 0;
+    EXPECT_EQ(::read(started[0], &child, sizeof(child)), ssize_t{sizeof(child)});
+    ::waitpid(killed, nullptr, 0);
+    EXPECT_EQ(refusal(run(), true), "");
+    ::kill(child, SIGKILL);
+    ::close(started[0]);
+    ::close(started[1]);
 }
 
 TEST_P(JoblogTest, isOnDiskATenthOfASecondAfterTheFirstLine)

@@ -116,4 +116,16 @@ void writeWhole(const std::string& path, std::string_view content, unsigned mode
     throw Error(path + " cannot be written: " + problem);
 }
 
+void lockFile(int descriptor, const std::string& name)
+{
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    whole.l_whence = SEEK_SET;
+    if (::fcntl(descriptor, F_SETLK, &whole) == 0)
+        return;
+    if (errno == EAGAIN || errno == EACCES)
+        throw Error(name + " is in use by another nqrun");
+    throw Error(name + " cannot be locked: " + lastError());
+}
+
 } // namespace nqrun

@@ -35,4 +35,8 @@ std::string temporaryFolder();
 /// not at all. Throws Error.
 void writeWhole(const std::string& path, std::string_view content, unsigned mode);
 
+/// Has a file, called `name`, for this process alone until it ends. Processes that it starts have
+/// no part in that, not even before they call exec(), unlike with flock(). Throws Error.
+void lockFile(int descriptor, const std::string& name);
+
 } // namespace nqrun

@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <nlohmann/json.hpp>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -236,9 +235,11 @@ Joblog::Joblog(std::string path, JoblogFormat format, const Run& run, bool resum
     if (!mFile.isOpen() || ::fstat(mFile.number(), &about) != 0)
         throw Error("the joblog " + name + " cannot be opened: " + lastError());
     mIsFile = S_ISREG(about.st_mode);
-    if (mIsFile && ::flock(mFile.number(), LOCK_EX | LOCK_NB) != 0)
-        throw Error("the joblog " + name + " is in use by another nqrun");
-    mSize = mIsFile ? static_cast<std::uint64_t>(about.st_size) : 0;
+    if (mIsFile) {
+        lockFile(mFile.number(), "the joblog " + name);
+        ::fstat(mFile.number(), &about); // it may have grown until then
+        mSize = static_cast<std::uint64_t>(about.st_size);
+    }
     if (mSize != 0 && !resume)
         throw Error(
             "the joblog " + name +

@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <random>
-#include <sys/file.h>
 
 // Lines of the same length: a head with the name, then a slot for each item that may be in the
 // queue at a time, which is written anew for the next one. The file stays small, and as no slot
@@ -61,8 +60,7 @@ void SentItems::open(int flags)
             return;
         throw Error("the file " + shown(mPath) + " cannot be opened: " + lastError());
     }
-    if (::flock(mFile.number(), LOCK_EX | LOCK_NB) != 0)
-        throw Error("the file " + shown(mPath) + " is in use by another nqrun");
+    lockFile(mFile.number(), "the file " + shown(mPath));
 }
 
 void SentItems::load()
