@@ -6,8 +6,9 @@ import program
 
 
 class Disk(program.ProgramTest):
-    def start_with_shim(self, *words, **options):
-        return self.start(*words, env=dict(os.environ, LD_PRELOAD=os.environ["SYNC_SHIM"], NQRUN_SYNCED=str(self.folder / "synced")), **options)
+    def start_with_shim(self, *words, unsynced="", **options):
+        shim = {"LD_PRELOAD": os.environ["SYNC_SHIM"], "NQRUN_SYNCED": str(self.folder / "synced"), "NQRUN_UNSYNCED": unsynced}
+        return self.start(*words, env=dict(os.environ, **shim), **options)
 
     def wait_for_syncs(self, count):
         path = self.folder / "synced"
@@ -34,6 +35,17 @@ class Disk(program.ProgramTest):
         self.assertEqual(self.wait_for_syncs(3), ["log", "kept", "log"])
         process.terminate()
         process.communicate(timeout=program.LIMIT_SECONDS)
+
+    def test_that_takes_a_file_no_further_ends_the_run(self):
+        for name, said in (("log", "the joblog log"), ("out", "standard output"), ("kept", "--results kept")):
+            with self.subTest(name), open(self.folder / "out", "wb") as out:
+                words = ["-j1", "--joblog", "log", "--worker", os.environ["UPPER_WORKER"]]
+                words += ["--results", "kept"] if name == "kept" else []
+                process = self.start_with_shim(*words, ":::", "first", unsynced=name, stdout=out)
+                _, err = process.communicate(timeout=program.LIMIT_SECONDS)
+                self.assertEqual(process.returncode, 255, err)
+                self.assertIn(f"nqrun: {said} cannot be put on disk: No space left on device\n".encode(), err)
+                (self.folder / "log").unlink()
 
 
 if __name__ == "__main__":

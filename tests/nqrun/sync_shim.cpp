@@ -1,6 +1,7 @@
 // Preloaded into nqrun: notes in the file NQRUN_SYNCED the name of each file that it puts on disk,
-// in the order in which it does.
+// in the order in which it does. The disk has no room for the one that NQRUN_UNSYNCED names.
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
 #include <string>
@@ -9,13 +10,19 @@
 
 namespace {
 
-void note(int file)
+/// Notes it, and returns what the system call did, or -1.
+int noted(int file, long result)
 {
     const std::string link = "/proc/self/fd/" + std::to_string(file);
     std::array<char, 4096> path{};
     const ssize_t size = ::readlink(link.c_str(), path.data(), path.size());
     std::string line(path.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
     line.erase(0, line.rfind('/') + 1);
+    const char* const failing = std::getenv("NQRUN_UNSYNCED");
+    if (failing != nullptr && line == failing) {
+        errno = ENOSPC;
+        return -1;
+    }
     line += '\n';
     const char* const name = std::getenv("NQRUN_SYNCED");
     const int notes =
@@ -23,20 +30,17 @@ void note(int file)
     if (notes < 0 || ::write(notes, line.data(), line.size()) < 0)
         std::abort();
     ::close(notes);
+    return static_cast<int>(result);
 }
 
 } // namespace
 
 extern "C" int fdatasync(int file)
 {
-    const long result = ::syscall(SYS_fdatasync, file);
-    note(file);
-    return static_cast<int>(result);
+    return noted(file, ::syscall(SYS_fdatasync, file));
 }
 
 extern "C" int syncfs(int file)
 {
-    const long result = ::syscall(SYS_syncfs, file);
-    note(file);
-    return static_cast<int>(result);
+    return noted(file, ::syscall(SYS_syncfs, file));
 }

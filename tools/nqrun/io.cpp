@@ -116,6 +116,12 @@ void writeWhole(const std::string& path, std::string_view content, unsigned mode
     throw Error(path + " cannot be written: " + problem);
 }
 
+void checkSync(int result, const std::string& name)
+{
+    if (result != 0 && (errno == EIO || errno == ENOSPC || errno == EDQUOT))
+        throw Error(name + " cannot be put on disk: " + lastError());
+}
+
 void lockFile(int descriptor, const std::string& name)
 {
     struct flock whole {};

@@ -35,6 +35,10 @@ std::string temporaryFolder();
 /// not at all. Throws Error.
 void writeWhole(const std::string& path, std::string_view content, unsigned mode);
 
+/// Throws Error, which calls the file `name`, for a `result` of fsync(), fdatasync() or syncfs()
+/// that says that the disk has not taken all. A file that cannot be synced at all is no error.
+void checkSync(int result, const std::string& name);
+
 /// Has a file, called `name`, for this process alone until it ends. Processes that it starts have
 /// no part in that, not even before they call exec(), unlike with flock(). Throws Error.
 void lockFile(int descriptor, const std::string& name);

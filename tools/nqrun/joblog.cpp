@@ -253,7 +253,8 @@ Joblog::Joblog(std::string path, JoblogFormat format, const Run& run, bool resum
 
 Joblog::~Joblog()
 {
-    sync();
+    if (mUnsyncedSince && mIsFile)
+        ::fdatasync(mFile.number());
 }
 
 void Joblog::load(const Run& run)
@@ -337,12 +338,10 @@ std::optional<Clock::time_point> Joblog::syncDue() const
     return *mUnsyncedSince + syncEvery;
 }
 
-// What cannot be made safe is as safe as on any file system that does not know how.
 void Joblog::sync()
 {
-    if (mUnsyncedSince && mIsFile)
-        ::fdatasync(mFile.number());
-    mUnsyncedSince.reset();
+    if (std::exchange(mUnsyncedSince, std::nullopt) && mIsFile)
+        checkSync(::fdatasync(mFile.number()), "the joblog " + shown(mPath));
 }
 
 } // namespace nqrun

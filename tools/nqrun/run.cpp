@@ -360,10 +360,10 @@ void Run::sync()
         return;
     struct stat about {};
     if (::fstat(STDOUT_FILENO, &about) == 0 && S_ISREG(about.st_mode))
-        ::fdatasync(STDOUT_FILENO);
+        checkSync(::fdatasync(STDOUT_FILENO), "standard output");
     if (!mOptions.results.empty()) {
         const Descriptor folder(::open(mOptions.results.c_str(), O_RDONLY | O_CLOEXEC));
-        ::syncfs(folder.number());
+        checkSync(::syncfs(folder.number()), "--results " + shown(mOptions.results));
     }
     mJoblog->sync();
 }
