@@ -259,6 +259,26 @@ class KilledRuns(Cluster):
         self.assertEqual(self.logged(), {"wait go": "done", "note a": "done", "crash": "signal"})
         self.assertEqual((self.folder / "a").read_text(), "run\n")
 
+    def test_keep_outcomes_of_items_that_the_next_run_is_killed_before_it_has_read(self):
+        self.start_agent(WORKER)
+        items = ["crash", "wait go", "note a", "note b"]
+        process = self.start(*self.at, "--joblog", "log", ":::", *items)
+        self.wait_for("go.started")
+        program.wait_until(lambda: "crash" in self.logged(), "the failure")
+        process.kill()
+        process.communicate()
+        self.write("go", "")
+        program.wait_until(lambda: self.jobs_in_queue() == ":0", "the end of the jobs")
+        process = self.start(*self.at, "--joblog", "log", "--resume-failed", stdin=subprocess.PIPE)
+        process.stdin.write(b"crash\n")
+        process.stdin.flush()
+        self.wait_for_line(process, "crash: ")  # its first item has run again
+        process.kill()
+        process.communicate()
+        self.expect(self.run_it(*self.at, "--joblog", "log", "--resume", "-k", ":::", *items), 0, b"waited\nnoted\nnoted\n")
+        self.assertEqual((self.folder / "a").read_text(), "run\n")
+        self.assertEqual((self.folder / "b").read_text(), "run\n")
+
     def test_are_sent_again_where_redis_has_lost_their_items(self):
         self.start_agent(WORKER)
         self.kill_one("echo a")

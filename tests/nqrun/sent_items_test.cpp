@@ -49,14 +49,29 @@ TEST_F(SentItemsTest, areLeftToTheNextRunWithTheirName)
         items->note(7, {0xffff'ffff'0000'0001, 3, 0xabc});
         client = items->client();
     }
-    const SentItems next(path(), true);
+    SentItems next(path(), true);
     EXPECT_EQ(next.client(), client);
-    const SentItems::Job* const job = next.left(7);
-    ASSERT_NE(job, nullptr);
+    EXPECT_FALSE(next.takeLeft(8));
+    const std::optional<SentItems::Job> job = next.takeLeft(7);
+    ASSERT_TRUE(job);
     EXPECT_EQ(job->id, 0xffff'ffff'0000'0001);
     EXPECT_EQ(job->attempt, 3U);
     EXPECT_EQ(job->check, 0xabcU);
-    EXPECT_EQ(next.left(8), nullptr);
+}
+
+TEST_F(SentItemsTest, areTakenOnceAndThenNoneIsLeft)
+{
+    {
+        const auto items = begun();
+        items->note(1, {1, 1, 0});
+        items->note(2, {2, 1, 0});
+    }
+    const auto next = begun(true);
+    EXPECT_TRUE(next->takeLeft(1));
+    EXPECT_FALSE(next->takeLeft(1));
+    EXPECT_TRUE(next->hasLeft());
+    next->forget(2);
+    EXPECT_FALSE(next->hasLeft());
 }
 
 TEST_F(SentItemsTest, areLeftAsTheirLastJob)
@@ -66,7 +81,7 @@ TEST_F(SentItemsTest, areLeftAsTheirLastJob)
         items->note(7, {1, 1, 0});
         items->note(7, {2, 2, 0});
     }
-    EXPECT_EQ(SentItems(path(), true).left(7)->id, 2U);
+    EXPECT_EQ(SentItems(path(), true).takeLeft(7)->id, 2U);
 }
 
 TEST_F(SentItemsTest, areForgottenOneByOne)
@@ -79,14 +94,14 @@ TEST_F(SentItemsTest, areForgottenOneByOne)
     }
     {
         const auto items = begun(true);
-        EXPECT_EQ(items->left(1), nullptr);
+        EXPECT_FALSE(items->takeLeft(1));
         items->note(3, {3, 1, 0});
         items->forget(2);
-        EXPECT_EQ(items->left(2), nullptr);
+        EXPECT_FALSE(items->takeLeft(2));
     }
-    const SentItems last(path(), true);
-    EXPECT_EQ(last.left(2), nullptr);
-    EXPECT_EQ(last.left(3)->id, 3U);
+    SentItems last(path(), true);
+    EXPECT_FALSE(last.takeLeft(2));
+    EXPECT_EQ(last.takeLeft(3)->id, 3U);
 }
 
 TEST_F(SentItemsTest, takeTheRoomOfThoseThatAreAtATime)

@@ -335,15 +335,14 @@ RunResult Run::run()
 
 void Run::loop()
 {
-    startItems(); // so that it is known whose outcomes are there already
-    takeUpOutcomes();
     for (;;) {
         startItems();
-        if (mAttempts.empty() && (mPhase != Phase::Going || mHasAllItems))
+        if (takeUpOutcomes())
+            startItems();
+        if (mAttempts.empty() && mTakenUp.empty() && (mPhase != Phase::Going || mHasAllItems))
             return;
         wait();
         mPool->pump(std::chrono::milliseconds(0));
-        takeUpOutcomes();
         if (const std::optional<std::string> news = mPool->news())
             mDelivery.say("nqrun: " + *news);
         obeySignals();
@@ -394,53 +393,51 @@ void Run::startItems()
 
 bool Run::hasRoom() const
 {
-    return mAttempts.size() < mRoom && mDelivery.waiting() < mostWaiting &&
+    // With -k the first of those that wait may be one that is taken up.
+    const bool mustReadOn = !mTakenUp.empty() && mSent->hasLeft();
+    return mAttempts.size() < mRoom && (mDelivery.waiting() < mostWaiting || mustReadOn) &&
            (mRoomBytes == 0 || mAttemptBytes < mRoomBytes);
 }
 
 // Moves from an item that a run before has sent, and whose outcome is still to come.
 bool Run::takeUp(Attempt& attempt)
 {
-    const SentItems::Job* const sent = mSent ? mSent->left(attempt.item.index) : nullptr;
-    if (sent == nullptr)
+    const std::optional<SentItems::Job> sent =
+        mSent ? mSent->takeLeft(attempt.item.index) : std::nullopt;
+    if (!sent)
         return false;
     if (sent->check != hashOf(attempt.item.text))
         throw Error(
             "the joblog " + shown(mOptions.joblog) + " is of other items: the item " +
             std::to_string(attempt.item.index) + " that is still in the queue is not " +
             nameOf(attempt.item));
-    auto early = mEarly.extract(sent->id);
-    if (early.empty() && !mAwaitsLeft)
+    if (!mAwaitsLeft)
         return false;
-    attempt.job = sent->id;
     attempt.number = sent->attempt;
-    const std::uint64_t serial = attempt.serial = ++mSerial;
-    place(std::move(attempt));
-    if (!early.empty())
-        onOutcome(serial, std::move(early.mapped()));
-    else
-        mTakenUp.emplace(sent->id, serial);
+    mTakenUp.emplace(sent->id, std::move(attempt));
     return true;
 }
 
-void Run::takeUpOutcomes()
+// The queue keeps an outcome only until it has been fetched: none is before all items have been
+// read that it may belong to. An unknown one is of an item that is logged already.
+bool Run::takeUpOutcomes()
 {
-    while (mAwaitsLeft && mPhase == Phase::Going) {
+    bool hasAny = false;
+    while (mAwaitsLeft && mPhase == Phase::Going && (mHasAllItems || !mSent->hasLeft())) {
         if (std::optional<nq::nqOutcome> outcome = mPool->nextLeft()) {
-            const auto known = mTakenUp.extract(outcome->id);
-            if (known.empty())
-                mEarly.emplace(outcome->id, std::move(*outcome));
-            else
-                onOutcome(known.mapped(), std::move(*outcome));
+            if (auto known = mTakenUp.extract(outcome->id))
+                onOutcome(std::move(known.mapped()), std::move(*outcome));
+            hasAny = true;
             continue;
         }
         if (mPool->hasLeft())
-            return;
+            break;
         mAwaitsLeft = false;
         // The queue has never had these, or has lost them.
-        for (const auto& [job, serial] : std::exchange(mTakenUp, {}))
-            start(takeOut(serial));
+        for (auto& [job, attempt] : std::exchange(mTakenUp, {}))
+            start(std::move(attempt));
     }
+    return hasAny;
 }
 
 bool Run::isLogged(const Item& item)
@@ -507,7 +504,7 @@ void Run::start(Attempt&& attempt)
     }
     Attempt& placed = place(std::move(attempt));
     placed.job = mPool->submit(bytes, jobOptions, [this, serial](nq::nqOutcome&& outcome) {
-        onOutcome(serial, std::move(outcome));
+        onOutcome(takeOut(serial), std::move(outcome));
     });
     if (placed.job == 0)
         throw Error("the pool takes no more commands");
@@ -548,9 +545,8 @@ void Run::wait()
     ::poll(sources.data(), sources.size(), limit); // whatever comes of it, the loop looks
 }
 
-void Run::onOutcome(std::uint64_t serial, nq::nqOutcome&& outcome)
+void Run::onOutcome(Attempt&& attempt, nq::nqOutcome&& outcome)
 {
-    Attempt attempt = takeOut(serial);
     if (mPhase == Phase::Ending)
         return;
     if (outcome.state == nq::nqOutcome::State::Cancelled) {
@@ -755,8 +751,8 @@ void Run::obeySignals()
 void Run::finish(const std::string& why)
 {
     mPhase = Phase::Finishing;
-    for (const auto& [job, serial] : std::exchange(mTakenUp, {})) // the next run takes them up
-        mDelivery.skip(takeOut(serial).ordinal);
+    for (const auto& [job, attempt] : std::exchange(mTakenUp, {})) // the next run takes them up
+        mDelivery.skip(attempt.ordinal);
     std::vector<nq::nqJobId> jobs;
     for (const auto& [serial, attempt] : mAttempts)
         jobs.push_back(attempt.job);
@@ -775,6 +771,7 @@ void Run::end()
     mPhase = Phase::Ending;
     mPool->stop();
     mAttempts.clear();
+    mTakenUp.clear();
 }
 
 void Run::summarize()
@@ -814,7 +811,7 @@ void Run::showProgress()
     using Workers = std::vector<nq::nqPoolWorkerStatus>;
     const std::optional<Workers> workers = mPool->workers();
     if (!workers)
-        tally.queued = mAttempts.size();
+        tally.queued = mAttempts.size() + mTakenUp.size();
     for (const nq::nqPoolWorkerStatus& worker : workers.value_or(Workers())) {
         if (worker.job == 0)
             continue;

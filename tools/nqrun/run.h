@@ -74,9 +74,9 @@ private:
     Attempt& place(Attempt&& attempt);
     Attempt takeOut(std::uint64_t serial);
     bool takeUp(Attempt& attempt);
-    void takeUpOutcomes();
+    bool takeUpOutcomes();
     void wait();
-    void onOutcome(std::uint64_t serial, nq::nqOutcome&& outcome);
+    void onOutcome(Attempt&& attempt, nq::nqOutcome&& outcome);
     void conclude(Attempt&& attempt, Finished&& finished, const nq::nqOutcome& outcome);
     void onDelivered(Finished&& finished);
     void keepScript(const Attempt& attempt, const Finished& finished) const;
@@ -123,8 +123,7 @@ private:
     std::unordered_map<std::uint64_t, Attempt> mAttempts; ///< by serial
     std::size_t mAttemptBytes = 0;                        ///< of their items
     bool mAwaitsLeft = false; ///< outcomes of jobs that a run before has sent
-    std::unordered_map<nq::nqJobId, std::uint64_t> mTakenUp; ///< attempts as which it has sent them
-    std::unordered_map<nq::nqJobId, nq::nqOutcome> mEarly;   ///< of items that are not read yet
+    std::unordered_map<nq::nqJobId, Attempt> mTakenUp; ///< what they are of
 };
 
 } // namespace nqrun

@@ -115,10 +115,10 @@ void SentItems::begin()
         throw Error("the file " + shown(mPath) + " cannot be written: " + lastError());
 }
 
-const SentItems::Job* SentItems::left(std::uint64_t index) const
+std::optional<SentItems::Job> SentItems::takeLeft(std::uint64_t index)
 {
-    const auto found = mLeft.find(index);
-    return found != mLeft.end() ? &found->second : nullptr;
+    const auto found = mLeft.extract(index);
+    return found ? std::optional(found.mapped()) : std::nullopt;
 }
 
 void SentItems::note(std::uint64_t index, const Job& job)

@@ -3,6 +3,7 @@
 #include "tools/nqrun/descriptor.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -40,8 +41,14 @@ public:
     /// Makes the file. Throws Error.
     void begin();
 
-    /// What the run before had sent, and not logged; null: nothing.
-    const Job* left(std::uint64_t index) const;
+    /// What the run before had sent, and not logged. Told once.
+    std::optional<Job> takeLeft(std::uint64_t index);
+
+    /// Whether there is more of it.
+    bool hasLeft() const
+    {
+        return !mLeft.empty();
+    }
 
     /// The item is sent as this job. Throws Error when that cannot be written.
     void note(std::uint64_t index, const Job& job);
