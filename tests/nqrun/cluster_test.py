@@ -279,6 +279,20 @@ class KilledRuns(Cluster):
         self.assertEqual((self.folder / "a").read_text(), "run\n")
         self.assertEqual((self.folder / "b").read_text(), "run\n")
 
+    def test_are_sent_again_where_they_had_taken_items_out_of_the_queue(self):
+        process = self.start(*self.at, "--joblog", "log", ":::", "echo a")
+        program.wait_until(lambda: self.jobs_in_queue() == ":1", "the job")
+        process.kill()
+        process.communicate()
+        name, _, job = (self.folder / "log.queue").read_text().split()[6:9]
+        # As a Ctrl-C does it right before the kill.
+        self.assertEqual(self.ask("XTRIM nq:{tests}:jobs MAXLEN 0"), ":1")
+        self.assertEqual(self.ask(f"HINCRBY nq:{{tests}}:client:{name} open -1"), ":0")
+        self.ask(f"XADD nq:{{tests}}:out:{name} * v 1 id {int(job, 16)} attempt 1 state cancelled reason cancelled")
+        self.start_agent(WORKER)
+        self.expect(self.run_it(*self.at, "--joblog", "log", "--resume", ":::", "echo a"), 0, b"a\n", "")
+        self.assertEqual(self.logged(), {"echo a": "done"})
+
     def test_are_sent_again_where_redis_has_lost_their_items(self):
         self.start_agent(WORKER)
         self.kill_one("echo a")

@@ -549,6 +549,11 @@ void Run::onOutcome(Attempt&& attempt, nq::nqOutcome&& outcome)
 {
     if (mPhase == Phase::Ending)
         return;
+    if (outcome.state == nq::nqOutcome::State::Cancelled && mPhase == Phase::Going) {
+        // The run before had taken it out of the queue when it was killed.
+        start(std::move(attempt));
+        return;
+    }
     if (outcome.state == nq::nqOutcome::State::Cancelled) {
         mDelivery.skip(attempt.ordinal);
         if (mSent)
