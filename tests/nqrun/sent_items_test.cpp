@@ -164,6 +164,15 @@ TEST_F(SentItemsTest, haveANameOfTheirOwn)
     EXPECT_NE(SentItems(path(), false).client(), SentItems(path(), false).client());
 }
 
+TEST_F(SentItemsTest, areNoneInAFileOfWhichAPowerLossHasLeftTheSize)
+{
+    writeWhole(path(), std::string(200, '\0'), 0600);
+    begun(true)->note(1, {1, 1, 0});
+    SentItems next(path(), true);
+    EXPECT_TRUE(next.takeLeft(1));
+    EXPECT_FALSE(next.hasLeft());
+}
+
 TEST_F(SentItemsTest, areNotReadFromAnythingElse)
 {
     writeWhole(path(), "hello\n", 0600);

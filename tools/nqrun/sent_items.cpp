@@ -69,8 +69,10 @@ void SentItems::load()
     if (!mFile.isOpen())
         return;
     const std::string first = readAt(mFile.number(), 0, lineBytes);
-    if (first.empty())
-        return; // the run before was killed before it had sent anything
+    // The run before was killed before it had sent anything, or lost what it had written there with
+    // the power, and only its size is on disk.
+    if (first.find_first_not_of('\0') == first.npos)
+        return;
     const std::string beginning(head);
     const std::size_t end = first.find(' ', beginning.size());
     if (first.size() != lineBytes || first.compare(0, beginning.size(), beginning) != 0 ||
@@ -102,14 +104,13 @@ void SentItems::load()
 
 void SentItems::begin()
 {
-    if (!mFile.isOpen()) {
+    if (!mFile.isOpen())
         open(O_CREAT);
-        if (::ftruncate(mFile.number(), 0) != 0)
-            throw Error("the file " + shown(mPath) + " cannot be written: " + lastError());
-    }
     mIsMade = true;
     if (mSlotCount != 0)
         return;
+    if (::ftruncate(mFile.number(), 0) != 0)
+        throw Error("the file " + shown(mPath) + " cannot be written: " + lastError());
     const std::string line = padded(head + mClient + ' ');
     if (::pwrite(mFile.number(), line.data(), line.size(), 0) != ssize_t{lineBytes})
         throw Error("the file " + shown(mPath) + " cannot be written: " + lastError());
