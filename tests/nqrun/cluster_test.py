@@ -141,6 +141,7 @@ class Items(Cluster):
     def test_leave_scripts_that_submit_them_again(self):
         self.start_agent(UPPER)
         self.run_it(*self.at, "-q", "--keep-failed", "kept", ":::", "throw")
+        self.assertIn('# How it failed: the worker\'s function threw "I do not like it"', (self.folder / "kept/000001.sh").read_text())
         again = subprocess.run([self.folder / "kept/000001.sh"], capture_output=True, check=False)
         self.assertEqual(again.returncode, 1)
         self.assertIn(b"I do not like it", again.stderr)

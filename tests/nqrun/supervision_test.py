@@ -159,7 +159,7 @@ class Failures(program.ProgramTest):
     def test_say_in_the_script_what_has_happened(self):
         self.run_it("--keep-failed", "kept", "sh", "-c", "echo my last words >&2; exit 9", ":::", "a\nrm -rf x")
         text = (self.folder / "kept/000001.sh").read_text()
-        self.assertIn("# Runs item 1 again: a\\nrm -rf x\n# It has exited with status 9.\n", text)
+        self.assertIn("# Runs item 1 again: a\\nrm -rf x\n# How it failed: exited with status 9.\n", text)
         self.assertIn("#   my last words\n", text)
 
 

@@ -54,8 +54,8 @@ void FailureScripts::write(const Finished& finished, const FailedCommand& comman
     if (command.hasInput || command.isWorkersJob)
         writeWhole(inputPath, command.input, 0600);
     std::string script = "#!/bin/sh\n# Runs item " + std::to_string(finished.index) +
-                         " again: " + shown(finished.name, 200) + "\n# It has " +
-                         shown(finished.failure) + ".\n";
+                         " again: " + shown(finished.name, 200) +
+                         "\n# How it failed: " + shown(finished.failure) + ".\n";
     if (!finished.lastWords.empty())
         script += "# The last that it wrote to standard error:\n" + asComments(finished.lastWords);
     std::error_code problem;
