@@ -267,6 +267,21 @@ TEST_P(JsonJoblogTest, isRefusedForAnotherCommandLine)
 
 INSTANTIATE_TEST_SUITE_P(Format, JsonJoblogTest, testing::Values(JoblogFormat::Json));
 
+TEST(JoblogLine, ofAFailureIsNeverThatOfSuccessWithTheColumnsOfParallel)
+{
+    for (const char* const outcome : {"exit", "signal", "exception", "timeout", "lost"}) {
+        Finished finished;
+        finished.outcome = outcome;
+        EXPECT_EQ(
+            joblogLine(finished, JoblogFormat::Parallel).find("\t0\t0\t0\t0\t"), std::string::npos)
+            << outcome;
+    }
+    Finished done;
+    done.isDone = true;
+    done.outcome = "done";
+    EXPECT_NE(joblogLine(done, JoblogFormat::Parallel).find("\t0\t0\t0\t0\t"), std::string::npos);
+}
+
 TEST(JoblogLine, hasTheColumnsOfParallel)
 {
     Finished finished;

@@ -98,10 +98,13 @@ std::string parallelLine(const Finished& finished)
     // As the other writes them: an ended command has no exit status.
     const bool isEnded =
         finished.outcome == "timeout" || finished.outcome == "memory" || finished.outcome == "lost";
+    // One that has failed must not look like one that is done, as a worker's job may that has
+    // neither.
     const int status = isEnded                ? -1
                        : finished.isDone      ? 0
                        : finished.signal != 0 ? 0
-                                              : finished.status;
+                       : finished.status != 0 ? finished.status
+                                              : 1;
     std::array<char, 160> numbers{};
     std::snprintf(
         numbers.data(),
@@ -111,7 +114,7 @@ std::string parallelLine(const Finished& finished)
         seconds(finished.startedAt),
         seconds(finished.ran),
         static_cast<unsigned long long>(finished.outputBytes),
-        finished.outcome == "exception" ? 1 : status,
+        status,
         isEnded ? 9 : finished.signal);
     return numbers.data() + finished.identity;
 }
