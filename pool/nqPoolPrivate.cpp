@@ -352,10 +352,7 @@ void nqPoolPrivate::feed(TimePoint now)
             return;
         std::optional<nqPoolJob> job = mQueue.pop(now);
         ++mRunning;
-        if (job->attemptNumber() > 1)
-            ++mCounts.retried;
-        if (mObserver != nullptr)
-            mObserver->onGiven(slot->number(), *job);
+        noteGiven(slot->number(), *job);
         slot->run(std::move(*job));
     }
 }
@@ -373,13 +370,20 @@ nqPoolSlot* nqPoolPrivate::findIdle(TimePoint now)
     return nullptr;
 }
 
+void nqPoolPrivate::noteGiven(std::size_t worker, const nqPoolJob& job)
+{
+    if (job.attemptNumber() > 1)
+        ++mCounts.retried;
+    if (mObserver != nullptr)
+        mObserver->onGiven(worker, job);
+}
+
 void nqPoolPrivate::runInProcess(TimePoint now)
 {
     std::optional<nqPoolJob> job = mQueue.pop(now);
     if (!job)
         return;
-    if (mObserver != nullptr)
-        mObserver->onGiven(1, *job);
+    noteGiven(1, *job);
     std::vector<char> result;
     const auto failure = failureOf([&] {
         const InCallback inside(mIsInCallback); // the function may know the pool

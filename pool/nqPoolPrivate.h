@@ -79,6 +79,7 @@ private:
     void enforceLimits(TimePoint now);
     void startWorkers(TimePoint now);
     void feed(TimePoint now);
+    void noteGiven(std::size_t worker, const nqPoolJob& job);
     void runInProcess(TimePoint now);
     void giveUpOnWaitingJobs();
     void endBusyWorkers();

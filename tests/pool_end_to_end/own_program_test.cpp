@@ -432,6 +432,18 @@ TEST_F(OwnProgram, reportsAReasonInTheHostItself)
     EXPECT_EQ(outcome.text(), job);
 }
 
+TEST_F(OwnProgram, countsFurtherAttemptsInTheHostItself)
+{
+    nqPoolOptions options;
+    options.inProcess = true;
+    options.retry.attempts = 3;
+    options.retry.reasons = {Reason::Crashed};
+    options.retry.pause = std::chrono::milliseconds(1);
+    nqPool pool(options);
+    outcomeOf(pool, report(Reason::Crashed));
+    EXPECT_EQ(pool.statistics().retried, 2U);
+}
+
 TEST_F(WorkerProgram, takesTwoLines)
 {
     nqPool pool(oneWorker(twoLineWorker));
