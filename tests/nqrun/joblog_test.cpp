@@ -217,7 +217,7 @@ TEST_P(JoblogTest, isNotKeptByAProcessThatAKilledRunHadBegunToStart)
         ::_exit(0);
     }
     pid_t child = 0;
-    EXPECT_EQ(::read(started[0], &child, sizeof(child)), ssize_t{sizeof(child)});
+    ASSERT_EQ(::read(started[0], &child, sizeof(child)), ssize_t{sizeof(child)});
     ::waitpid(killed, nullptr, 0);
     EXPECT_EQ(refusal(run(), true), "");
     ::kill(child, SIGKILL);
