@@ -171,11 +171,13 @@ return 1
 
 // An agent lives, and looks at others. If each looked at all, the cost would grow with the square
 // of their number; so among many it is told of a few at random, and again of those that it asks
-// for.
+// for. Its value ends with a word of its own: with a later one of its name, it would hand back what
+// the other runs, and the other what it runs, without an end.
 constexpr std::string_view beat = R"(
 -- KEYS: agents, agent. ARGV: agent, its value, how long its description is kept, '1' to be told of
 --   all, how many others it asks for, these, then the description
-if redis.call('HEXISTS', KEYS[1], ARGV[1]) == 0 then
+local function life(value) return value and string.match(value, '%S*$') end
+if life(redis.call('HGET', KEYS[1], ARGV[1])) ~= life(ARGV[2]) then
     return redis.error_reply('NQLOST the agent was taken for lost')
 end
 redis.call('HSET', KEYS[1], ARGV[1], ARGV[2])

@@ -183,7 +183,8 @@ void nqAgent::hearNews()
 /// has to.
 void nqAgent::becomeLost()
 {
-    say("was cut off for longer than its lease, so that others have its jobs now");
+    say("was cut off for longer than its lease, or another agent has come with its name, so that "
+        "others have its jobs now");
     ++mCounts.leasesLost;
     mCounts.dropped += mFinished.size();
     mFinished.clear();

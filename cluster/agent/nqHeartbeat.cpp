@@ -58,6 +58,7 @@ nqHeartbeat::nqHeartbeat(const Settings& settings)
       mCommands(settings.redis, mWait, *this),
       mOrders(settings.redis, mWait, *this),
       mName(settings.name),
+      mWord(uniqueToken()),
       mCameRound(nqClusterClock::now())
 {
     mWait.watch(mEndDescriptor.get(), mWaker, false);
@@ -158,7 +159,7 @@ void nqHeartbeat::join()
     nqRedisCommand command =
         mCommands.script(nqScript::Join, {mKeys.jobs, mKeys.agents, mKeys.runs});
     command.add(mKeys.prefix).add(mName);
-    command.add(nqSignsOfLife::valueOf(mSettings.lease, mBeats)).add(uniqueToken());
+    command.add(value()).add(uniqueToken());
     mCommands.send(std::move(command), [this](const nqRedisReply& reply) {
         if (reply.isError()) {
             mCommands.drop("Redis answers: " + std::string(reply.text()));
@@ -169,6 +170,11 @@ void nqHeartbeat::join()
         mOrders.restart(); // those of its name
         tell();
     });
+}
+
+std::string nqHeartbeat::value() const
+{
+    return nqSignsOfLife::valueOf(mSettings.lease, mBeats) + ' ' + mWord;
 }
 
 bool nqHeartbeat::isHung(TimePoint now)
@@ -183,7 +189,8 @@ void nqHeartbeat::beat(TimePoint now)
     if (isHung(now))
         return;
     nqRedisCommand command = mCommands.script(nqScript::Beat, {mKeys.agents, mKeys.agent(mName)});
-    command.add(mName).add(nqSignsOfLife::valueOf(mSettings.lease, ++mBeats));
+    ++mBeats;
+    command.add(mName).add(value());
     command.add(static_cast<std::uint64_t>(descriptionKept.count()));
     const std::vector<std::string> suspects = mSigns.suspects();
     command.add(mSigns.isAnyoneLate() ? "1" : "0").add(std::uint64_t{suspects.size()});

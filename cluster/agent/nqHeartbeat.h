@@ -78,6 +78,7 @@ private:
     void onMemory(const nqRedisReply& reply);
     void readOrders();
     void tell();
+    std::string value() const;
     bool isHung(TimePoint now);
 
     const Settings mSettings;
@@ -91,6 +92,7 @@ private:
     nqRedisLink mCommands;
     nqRedisLink mOrders;
     std::string mName;
+    const std::string mWord; ///< tells it from another one of its name
     std::string mLastOrder = "0";
     unsigned mLives = 1; ///< with each, the name is another
     bool mIsJoined = false;

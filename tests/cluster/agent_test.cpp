@@ -570,6 +570,25 @@ TEST_F(Agent, countsWhatAKilledOneOfItsNameHadAsLost)
     EXPECT_EQ(outcome.message, "agent host7 was lost, and is started anew");
 }
 
+TEST_F(Agent, givesWayToALaterOneOfItsNameAndGoesOnUnderAnother)
+{
+    const auto first = startAgent("host7", {"--workers", "1", "--prefetch", "0"});
+    const auto pool = makePool();
+    pool->submit(waiting("long"));
+    ASSERT_TRUE(runs(*pool, "long"));
+    const auto second = startAgent("host7", {"--workers", "1", "--prefetch", "0"});
+    EXPECT_EQ(nextOf(*pool).reason, Reason::Lost);
+    EXPECT_TRUE(first->says("another agent has come with its name"));
+    pool->submit(waiting("one"));
+    pool->submit(waiting("other"));
+    EXPECT_TRUE(runs(*pool, "one"));
+    EXPECT_TRUE(runs(*pool, "other"));
+    end("one");
+    end("other");
+    EXPECT_EQ(nextOf(*pool).text(), "waited");
+    EXPECT_EQ(nextOf(*pool).text(), "waited");
+}
+
 TEST_F(Agent, keepsItsPasswordAndItsConnectionsFromItsWorkers)
 {
     startRedis({"--requirepass", "secret"});
