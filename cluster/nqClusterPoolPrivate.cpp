@@ -409,8 +409,10 @@ void nqClusterPoolPrivate::onAccepted(const Batch& batch, const nqRedisReply& re
 void nqClusterPoolPrivate::accept(nqJobId id, std::uint64_t number, std::string_view entry)
 {
     const auto found = mJobs.find(id);
-    if (found == mJobs.end()) { // its deadline has passed meanwhile
-        withdraw(id, std::string(entry), 0, false, "-");
+    // Its deadline has passed meanwhile, or its outcome was faster: then, and where many jobs were
+    // sent again, it is not there, and to look for each would keep Redis from all else.
+    if (found == mJobs.end()) {
+        withdraw(id, std::string(entry), 0, false, "");
         return;
     }
     Job& job = found->second;
@@ -451,7 +453,8 @@ void nqClusterPoolPrivate::sendWithdrawals()
     }
 }
 
-/// An entry that is not there has ended, or waits again as another one: that one is looked for.
+/// An entry that is not there has ended, or waits again as another one: that one is looked for,
+/// unless `from` is empty.
 void nqClusterPoolPrivate::withdraw(
     nqJobId id,
     const std::string& entry,

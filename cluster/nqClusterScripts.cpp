@@ -107,7 +107,8 @@ return redis.call('HGETALL', KEYS[3])
 
 // Takes a job out of the cluster, whether it waits or runs. That it was cancelled may be its
 // outcome, which then arrives as any other; somebody who has given up the job wants none. An empty
-// entry: looks for it, some entries in each call, and says where to look on.
+// entry: looks for it, some entries in each call, and says where to look on. One that is not there
+// is looked for only where that is told.
 constexpr std::string_view withdraw = R"(
 -- KEYS: jobs, client. ARGV: prefix, client, id, attempt, entry or '', where to look,
 --   '1' to have an outcome, how long outcomes are kept, '1' to leave it to an agent that has it
@@ -130,7 +131,7 @@ end
 if entry == '' then return {0, after} end
 local owner = redis.call('XPENDING', KEYS[1], 'agents', entry, entry, 1)
 if owner[1] and ARGV[9] == '1' then return {2, ''} end
-if redis.call('XDEL', KEYS[1], entry) == 0 then return {0, ARGV[5] ~= '' and '-' or ''} end
+if redis.call('XDEL', KEYS[1], entry) == 0 then return {0, ARGV[5] ~= '' and ARGV[6] or ''} end
 if redis.call('EXISTS', KEYS[2]) == 1 then redis.call('HINCRBY', KEYS[2], 'open', -1) end
 if owner[1] then
     redis.call('XACK', KEYS[1], 'agents', entry)

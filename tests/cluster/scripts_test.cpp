@@ -99,6 +99,26 @@ protected:
              "0"});
     }
 
+    /// The job of addJob().
+    std::string withdraw(const std::string& entry, const std::string& from) const
+    {
+        return ask(
+            {"EVAL",
+             textOf(nqScript::Withdraw),
+             "2",
+             mKeys.jobs,
+             mKeys.client("reports"),
+             mKeys.prefix,
+             "reports",
+             "1",
+             "1",
+             entry,
+             from,
+             "0",
+             "1000",
+             "0"});
+    }
+
     std::optional<RedisServer> mRedis;
     const nq::nqClusterKeys mKeys{"tests"};
     const std::string mOutcomes = mKeys.outcomes("reports");
@@ -172,6 +192,17 @@ TEST_F(Scripts, takeOutTheResultsOfALostAgent)
     EXPECT_EQ(finish(first, second), "NQLOST the agent was taken for lost");
     EXPECT_EQ(ask({"XLEN", mOutcomes}), "0");
     EXPECT_EQ(ask({"XLEN", mKeys.jobs}), "2");
+}
+
+TEST_F(Scripts, lookForAJobThatIsNotThereOnlyWhereTheyAreTold)
+{
+    const std::string gone = addJob();
+    ask({"XDEL", mKeys.jobs, gone});
+    EXPECT_EQ(withdraw(gone, ""), "0\n\n");
+    EXPECT_EQ(withdraw(gone, "-"), "0\n-\n");
+    addJob();
+    EXPECT_EQ(withdraw("", "-"), "1\n\n");
+    EXPECT_EQ(ask({"XLEN", mKeys.jobs}), "0");
 }
 
 TEST_F(Scripts, acceptNothingWhereTheBeginningOfATransactionWasRefused)
