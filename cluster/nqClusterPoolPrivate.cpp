@@ -470,7 +470,9 @@ void nqClusterPoolPrivate::withdraw(
     command.add(onlyIfWaiting ? "1" : "0");
     mCommands.send(std::move(command), [=](const nqRedisReply& reply) {
         const std::string_view goOn = reply[1].text();
-        if (reply[0].number() == 0 && !goOn.empty()) {
+        if (reply.isError()) { // the next connection asks again for all that is cancelled
+            mCommands.drop("Redis answers: " + std::string(reply.text()));
+        } else if (reply[0].number() == 0 && !goOn.empty()) {
             withdraw(id, {}, attempt, isOutcomeWanted, std::string(goOn), onlyIfWaiting);
         } else if (reply[0].number() == 2) {
             const auto found = mJobs.find(id);

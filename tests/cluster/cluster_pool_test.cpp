@@ -185,6 +185,21 @@ TEST_F(ClusterPool, cancelsAJobThatRunsAndFreesItsWorker)
     EXPECT_EQ(nextOf(*pool).text(), "next");
 }
 
+TEST_F(ClusterPool, cancelsAJobWhenRedisTakesCommandsAgain)
+{
+    const auto pool = makePool();
+    const nqJobId id = pool->submit("echo");
+    ASSERT_TRUE(pumpUntil(*pool, [&] { return mRedis->ask({"XLEN", jobsKey}) == "1"; }));
+    mRedis->ask({"CONFIG", "SET", "min-replicas-to-write", "1"});
+    EXPECT_TRUE(pool->cancel(id));
+    ASSERT_TRUE(
+        pumpUntil(*pool, [&] { return pool->problem().find("NOREPLICAS") != std::string::npos; }));
+    mRedis->ask({"CONFIG", "SET", "min-replicas-to-write", "0"});
+    const nqOutcome outcome = nextOf(*pool);
+    EXPECT_EQ(outcome.id, id);
+    EXPECT_EQ(outcome.reason, Reason::Cancelled);
+}
+
 TEST_F(ClusterPool, cancelsAJobThatHasBeenHandedBack)
 {
     const auto pool = makePool();
