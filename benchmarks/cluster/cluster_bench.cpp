@@ -3,6 +3,7 @@
 // README.md.
 //
 //   usage: cluster_bench [JOBS]
+#include "cluster/nqClusterScripts.h"
 #include "tests/cluster/redisServer.h"
 
 #include <nqClusterPool.h>
@@ -261,6 +262,33 @@ void showProcessorTime(int jobs, std::size_t size)
         "us a job");
 }
 
+/// What Redis does for one beat of an agent, with so many others that live.
+void showBeats(int agents)
+{
+    constexpr int beats = 5'000;
+    const RedisServer server;
+    Bare redis(server);
+    for (int i = 0; i < agents; ++i)
+        redis.ask({"HSET", "nq:{bench}:agents", "host" + std::to_string(i), "10000 1 life"});
+    const std::string script = redis.ask({"SCRIPT", "LOAD", textOf(nq::nqScript::Beat)})->str;
+    const double before = processorSeconds(server);
+    for (int i = 0; i < beats; ++i) {
+        const std::string name = "host" + std::to_string(i % agents);
+        std::vector<std::string> beat{"EVALSHA", script, "2", "nq:{bench}:agents"};
+        beat.insert(
+            beat.end(), {"nq:{bench}:agent:" + name, name, "10000 " + std::to_string(i) + " life"});
+        beat.insert(beat.end(), {"60000", "0", "4", "host0", "host1", "host2", "host3"});
+        beat.insert(beat.end(), {"workers", "8", "held", "8"});
+        if (redis.ask(beat)->type == REDIS_REPLY_ERROR)
+            throw std::runtime_error("a beat was refused");
+        redis.ask({"INFO", "memory"});
+    }
+    show(
+        std::to_string(agents) + " agents, Redis's processor time",
+        (processorSeconds(server) - before) / beats * 1e6,
+        "us a beat");
+}
+
 /// What the workers of one machine reach without a queue before them.
 double poolJobsPerSecond(int jobs, std::size_t size)
 {
@@ -381,6 +409,8 @@ try {
          {"cluster", [=] { return clusterMicroseconds(times); }, {}, {}}});
     showProcessorTime(jobs, 64);
     showProcessorTime(large, 1U << 20);
+    for (const int agents : {10, 100, 1'000})
+        showBeats(agents);
     for (int queued = 1'000; queued <= 20 * jobs; queued *= 10)
         showGrowth(queued);
     return 0;
