@@ -182,7 +182,7 @@ nqJobId nqClusterPoolPrivate::submit(
     const std::size_t size = bytes.size();
     if (size > nqLargestPayload)
         throw nqPoolError(
-            "A job of " + std::to_string(size >> 20) + " MB is larger than the " +
+            "A job of " + std::to_string(size) + " bytes is larger than the " +
             std::to_string(nqLargestPayload >> 20) +
             " MB that a queue carries; put its data where all agents can read it, and submit where "
             "that is");

@@ -343,8 +343,8 @@ void nqAgent::finish(const std::string& entry, nqOutcome&& outcome)
     if (outcome.state == State::Done && outcome.bytes.size() > nqLargestPayload) {
         outcome.state = State::Failed;
         outcome.reason = Reason::ResultLost;
-        outcome.message = "its " + std::to_string(outcome.bytes.size() >> 20) +
-                          " MB are more than the " + std::to_string(nqLargestPayload >> 20) +
+        outcome.message = "its " + std::to_string(outcome.bytes.size()) +
+                          " bytes are more than the " + std::to_string(nqLargestPayload >> 20) +
                           " MB that a queue carries";
     }
     ++(outcome.state == State::Done ? mCounts.done : mCounts.failed);

@@ -90,7 +90,7 @@ TEST_F(ClusterPool, failsAJobWhoseResultNoQueueCarries)
     pool->submit("large " + std::to_string((64U << 20) + 1));
     const nqOutcome outcome = nextOf(*pool);
     EXPECT_EQ(outcome.reason, Reason::ResultLost);
-    EXPECT_EQ(outcome.message, "its 64 MB are more than the 64 MB that a queue carries");
+    EXPECT_EQ(outcome.message, "its 67108865 bytes are more than the 64 MB that a queue carries");
 }
 
 TEST_F(ClusterPool, handsBackAFailedJobWithItsBytesAndWhatIsKnown)
